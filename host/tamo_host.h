@@ -1,0 +1,118 @@
+/* The workstation host's own operations: what a program needs there beyond the platform libraries.
+ *
+ * 1. Results are 0 for success and a TAMO_HOST_ code for failure, unless an operation says otherwise;
+ *    each failure also leaves a record in the process's log file, or on standard error before one is
+ *    open, that says what to do.
+ * 2. Nothing here exists on a terminal: keep its use to a program's main loop and tools.
+ * 3. Files and sockets lie below the device root: the directory that TAMO_DEVICE_ROOT names when a
+ *    process first needs it, else "tamo" in the user's data directory. It is created private, and one
+ *    that other users may enter is refused. */
+#pragma once
+#include <stdint.h>
+
+#include "tamo_om_config_client.h"
+#include "tamo_os_msg.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+enum {
+    TAMO_HOST_OK = 0,
+    TAMO_HOST_INVALID = 1,    /* a null or out-of-range argument */
+    TAMO_HOST_NO_ROOT = 2,    /* the device root cannot be used */
+    TAMO_HOST_IN_USE = 3,     /* the queue name is served by a live process */
+    TAMO_HOST_TIMEOUT = 4,    /* nothing came in time */
+    TAMO_HOST_NO_RECEIVER = 5, /* nobody serves the queue name */
+    TAMO_HOST_QUEUE_FULL = 6, /* the receiver does not keep up */
+    TAMO_HOST_GONE = 7,       /* the other side ended or gave up */
+    TAMO_HOST_REFUSED = 8,    /* the other side may not, or cannot, take this message */
+    TAMO_HOST_TOO_LARGE = 9,  /* more than a message carries */
+    TAMO_HOST_NO_MEMORY = 10,
+    TAMO_HOST_SYSTEM = 11 /* a system call failed; the record says which */
+};
+
+/* ---- receiving messages ---- */
+
+/* A named queue that this process serves. */
+typedef struct TamoHostQueue TamoHostQueue;
+
+/* Begins to serve a queue name of 1 to 15 characters (letters, digits, '.', '_', '-'). Refused with
+ * TAMO_HOST_IN_USE while a live process serves it; what a dead one left is taken over. */
+uint32_t TamoHostMsgOpen(const char *name, TamoHostQueue **queue);
+
+/* A descriptor that polls readable when TamoHostMsgReceive has something to do. It stays the
+ * queue's. */
+int TamoHostMsgDescriptor(const TamoHostQueue *queue);
+
+/* Waits up to `timeoutMs` (0: does not wait, negative: for ever) for the next message and hands it
+ * out, for ConfCommMsgProcess and then TamoHostMsgFree. TAMO_HOST_TIMEOUT when none came. Senders
+ * are served in turn. One thread at a time receives from a queue; the messages may be processed and
+ * freed on other threads.
+ *
+ *     OsMsgHeader *message;
+ *     while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
+ *         ConfCommMsgProcess(message);
+ *         TamoHostMsgFree(message);
+ *     }
+ */
+uint32_t TamoHostMsgReceive(TamoHostQueue *queue, OsMsgHeader **message, int32_t timeoutMs);
+
+/* Releases a received message, null allowed. A sender that still waits for its response fails at
+ * once; a result buffer that no response took along is released. */
+void TamoHostMsgFree(OsMsgHeader *message);
+
+/* Ends serving the name; senders that wait fail at once. Messages handed out stay valid until they
+ * are freed. Null is ignored. */
+void TamoHostMsgClose(TamoHostQueue *queue);
+
+/* What is known of one queue name. */
+typedef struct TamoHostQueueInfo {
+    char name[16];
+    uint32_t ownerPid;   /* 0 when nobody serves it any more */
+    uint64_t received;   /* messages taken out since it was opened */
+    uint64_t depth;      /* messages sent and not yet taken out */
+    uint64_t depthBytes; /* bytes of their bodies */
+} TamoHostQueueInfo;
+
+/* Calls `visit` for every queue name below the device root, in order of name, until it returns other
+ * than 0; that value is returned. */
+uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, void *context),
+                           void *context);
+
+/* ---- configuration service ---- */
+
+/* Calls `visit` for every stored key that matches the shell pattern `glob` (null: all), in order of
+ * key, as of one moment, until it returns other than 0; that value is returned. */
+uint32_t TamoHostConfigList(const char *glob,
+                            uint32_t (*visit)(const char *key, const char *value, void *context),
+                            void *context);
+
+/* ---- key management ---- */
+
+/* Decrypts what TamoOmKeymEncrypt made for the same owner into `out` and terminates it;
+ * `*outLength` holds the buffer's size before and the text's length after. TAMO_HOST_REFUSED when the
+ * text is not genuine. */
+uint32_t TamoHostKeymDecrypt(const char *ownerName, const char *encrypted, char *out,
+                             uint32_t *outLength);
+
+/* ---- memory ---- */
+
+/* Blocks that one statement took and that were not released yet. */
+typedef struct TamoHostMemSite {
+    char file[48];
+    uint32_t line;
+    uint64_t blocks, bytes;
+} TamoHostMemSite;
+
+/* Calls `visit` for every site with outstanding blocks of process `pid` (0: this one), largest
+ * first. TAMO_HOST_NO_RECEIVER when no such process uses the memory layer below this device root. */
+uint32_t TamoHostMemReport(uint32_t pid,
+                           uint32_t (*visit)(const TamoHostMemSite *site, void *context),
+                           void *context);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
