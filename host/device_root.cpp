@@ -343,6 +343,7 @@ int rootDirectory(const char *name) {
 }
 
 bool nativePath(const char *devicePath, char *buffer, size_t size) {
+    errno = EINVAL;
     if (devicePath == nullptr || buffer == nullptr || deviceRoot() == nullptr) {
         return false;
     }
@@ -351,9 +352,11 @@ bool nativePath(const char *devicePath, char *buffer, size_t size) {
     if (fault != nullptr) {
         hostRecord(kWarning, kUnit, __LINE__, "the device path %.200s is %s: it is refused",
                    devicePath, fault);
+        errno = EINVAL;
         return false;
     }
     int length = snprintf(buffer, size, "%s%s", rootPath, relative);
+    errno = ENAMETOOLONG;
     return length >= 0 && static_cast<size_t>(length) < size;
 }
 
