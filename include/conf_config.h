@@ -1,12 +1,12 @@
 /* Configuration: bound variables, key/value lists and single values of the configuration service.
  *
- * 1. The configuration service keeps one text per dotted key ("Conf.SIPCallParam.sipPwd"), at most 127
- *    characters of key and 1023 of value.
- * 2. A process binds its own variables to keys once, inside ConfConfigInit; the index of bound items is
- *    sorted by name and ignores letter case.
+ * 1. The configuration service keeps one text per dotted key ("Conf.SIPCallParam.sipPwd"), at most
+ * 127 characters of key and 1023 of value.
+ * 2. A process binds its own variables to keys once, inside ConfConfigInit; the index of bound
+ * items is sorted by name and ignores letter case.
  * 3. Results are 0 for success and -1 for failure, unless a function says otherwise.
- * 4. The index has no lock: bind before any other use, and call ConfConfigDeInit after the last one.
- *    Everything else may run on any thread. Item callbacks run on the service client's thread.
+ * 4. The index has no lock: bind before any other use, and call ConfConfigDeInit after the last
+ * one. Everything else may run on any thread. Item callbacks run on the service client's thread.
  *
  *     static int32_t port;
  *     static void changed(const ConfConfigListItem *items, uint32_t count) { ... }
@@ -43,17 +43,17 @@ typedef struct ConfConfigListItem {
     char value[1024];
 } ConfConfigListItem;
 
-/* Told of changed values: `count` items (at most 255 in a call) in the order of the report, valid only
- * during the call. */
+/* Told of changed values: `count` items (at most 255 in a call) in the order of the report, valid
+ * only during the call. */
 typedef void (*ConfConfigItemCallback)(const ConfConfigListItem *items, uint32_t count);
 
 /* Binds the caller's items with ConfConfigBind; run by ConfConfigInit. */
 typedef void (*ConfConfigRegisterFn)(void);
 
-/* Connects to the configuration service as module `moduleName` of the process `ownerName`, makes the
- * index and runs `registerFn`, which binds the items. A refused connection is recorded and the index
- * works on without it. -1 for a null argument or without memory. Called again it begins a new index
- * and forgets the old one's items. Reads no values yet. */
+/* Connects to the configuration service as module `moduleName` of the process `ownerName`, makes
+ * the index and runs `registerFn`, which binds the items. A refused connection is recorded and the
+ * index works on without it. -1 for a null argument or without memory. Called again it begins a new
+ * index and forgets the old one's items. Reads no values yet. */
 int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
                        const char *moduleName);
 
@@ -63,43 +63,43 @@ int32_t ConfConfigReInit(void);
 /* Disconnects the module "Conf"; always 0. The index stays. */
 int32_t ConfConfigUnInit(void);
 
-/* Releases the index with all its bindings. 0 when there was none, else the platform's result of the
- * release. The connection stays. */
+/* Releases the index with all its bindings. 0 when there was none, else the platform's result of
+ * the release. The connection stays. */
 int32_t ConfConfigDeInit(void);
 
-/* Binds a variable to the key `name` (copied): `value` points to storage of `size` bytes that stays the
- * caller's and outlives the index; `callback` may be null. A name that is bound already, in any letter
- * case, gets the new binding and keeps its spelling. Nothing happens without an index or for a null
- * name; a name of more than 127 characters is refused with a record. */
+/* Binds a variable to the key `name` (copied): `value` points to storage of `size` bytes that stays
+ * the caller's and outlives the index; `callback` may be null. A name that is bound already, in any
+ * letter case, gets the new binding and keeps its spelling. Nothing happens without an index or for
+ * a null name; a name of more than 127 characters is refused with a record. */
 void ConfConfigBind(const char *name, int32_t type, void *value, uint32_t size,
                     ConfConfigItemCallback callback);
 
-/* The handler of change reports: hands the changed values (message id 65536) to the callbacks of the
- * items bound to them, each callback once per 255 of its items, in the order of the report. Bound
- * variables are not written. ConfConfigInit registers it; it needs no other caller. */
+/* The handler of change reports: hands the changed values (message id 65536) to the callbacks of
+ * the items bound to them, each callback once per 255 of its items, in the order of the report.
+ * Bound variables are not written. ConfConfigInit registers it; it needs no other caller. */
 void ConfConfigClientCallBack(uint32_t msgId, uint32_t reserved1, uint32_t reserved2,
                               const ConfConfigChangeList *changes);
 
-/* A message handler: reads the values of the keys listed in the body of the message block `block` of
- * `blockSize` bytes (at most 500 ConfConfigListItem records, block->itemCount of them) in one operation
- * and hangs the list of keys and values on block->resultList, which then belongs to the block's owner.
- * 0, 0xFFFFFFFF (an invalid block, no memory), or the service's result when it refused, for instance
- * because it has no value for one of the keys. `reserved` is not used. */
+/* A message handler: reads the values of the keys listed in the body of the message block `block`
+ * of `blockSize` bytes (at most 500 ConfConfigListItem records, block->itemCount of them) in one
+ * operation and hangs the list of keys and values on block->resultList, which then belongs to the
+ * block's owner. 0, 0xFFFFFFFF (an invalid block, no memory), or the service's result when it
+ * refused, for instance because it has no value for one of the keys. `reserved` is not used. */
 uint32_t ConfConfigGetConfConfig(uint32_t reserved, void *block, uint32_t blockSize);
 
 /* A message handler: stores the keys and values of the block's body in one operation. The values of
  * "Conf.SIPCallParam.sipPwd" and "Conf.H323CallParam.gkPwd" are stored encrypted and wiped from the
  * block. 0, 0xFFFFFFFF (an invalid block), 1 (a value could not be encrypted; nothing is stored) or
- * CONF_COMM_ERR_MSG_INVALID (the service refused). `size` is the block's size as the message carried
- * it; 0 takes the block at its word. */
+ * CONF_COMM_ERR_MSG_INVALID (the service refused). `size` is the block's size as the message
+ * carried it; 0 takes the block at its word. */
 uint32_t ConfConfigSetConfConfig(uint32_t reserved, void *block, uint32_t size);
 
-/* The service's value of a key as an integer, as ConfGetAtoi reads it; 1, with a record, when there is
- * none or it is no number. */
+/* The service's value of a key as an integer, as ConfGetAtoi reads it; 1, with a record, when there
+ * is none or it is no number. */
 int32_t ConfConfigGetIntValue(const char *key);
 
-/* Stores the service's value of a key in `out`: decimal, "0x" hexadecimal or "0" octal, up to the first
- * character that does not fit; 0 without digits. Returns 0, or 1 when it cannot be read. */
+/* Stores the service's value of a key in `out`: decimal, "0x" hexadecimal or "0" octal, up to the
+ * first character that does not fit; 0 without digits. Returns 0, or 1 when it cannot be read. */
 int32_t ConfConfigGetUint64Value(const char *key, uint64_t *out);
 
 /* Stores a number under a key. Returns 0, or 1 on failure. */
@@ -111,8 +111,10 @@ int32_t GetEnableEofb(void);
 /* The security setting "Conf.SIPCallParam.PreventAttack"; 1 when the service has no such number. */
 int32_t GetSipPreventAttack(void);
 
-/* Stores the two settings, 0 to 255. Return 0, or 1 on failure. */
+/* Stores "Conf.SecurityParam.enableEofb", 0 to 255. Returns 0, or 1 on failure. */
 int32_t SetEnableEofb(uint8_t flag);
+
+/* Stores "Conf.SIPCallParam.PreventAttack", 0 to 255. Returns 0, or 1 on failure. */
 int32_t SetSipPreventAttack(uint8_t flag);
 
 #pragma GCC visibility pop

@@ -27,8 +27,8 @@ int32_t KIRU_StriCmp(const char *a, const char *b);
 int32_t KIRU_StrToInt32(const char *text, int32_t *value);
 
 /* The UTF-8 form of a NUL-terminated text of 16-bit units, surrogate pairs joined and lone
- * surrogates replaced by U+FFFD. The result is released with OSMemTypeFreeMon; null when there is no
- * memory or the text is null. */
+ * surrogates replaced by U+FFFD. The result is released with OSMemTypeFreeMon; null when there is
+ * no memory or the text is null. */
 char *MOX_UnicodeToUtf8(const uint16_t *wideText);
 
 #pragma GCC visibility pop

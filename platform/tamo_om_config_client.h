@@ -2,8 +2,8 @@
  *
  * 1. The service keeps one text per key, for all processes of the device, and keeps it when they
  *    end. Results are 0 for success.
- * 2. Records have fixed layouts. Key and value texts are NUL-terminated in their buffers; the client
- *    sets the lengths beside them and refuses a text that does not fit or is not terminated.
+ * 2. Records have fixed layouts. Key and value texts are NUL-terminated in their buffers; the
+ * client sets the lengths beside them and refuses a text that does not fit or is not terminated.
  * 3. A call on several records is one transaction: all or nothing, in one round trip. What a write
  *    stored survives the end of any process and of the device once the call has returned 0.
  * 4. Reading and writing work from any thread, also for a process that has not connected; only
@@ -68,8 +68,8 @@ int32_t TamoOmConfigUnInit(const char *moduleName);
  * part cleared. */
 int32_t TamoOmConfigcopyStr2Key(ConfConfigOmRecord *record, const char *key);
 
-/* Puts a value text and its length into a value part; `text` may be the value part's own text, whose
- * length is then set. A too long text is refused and the value part cleared. */
+/* Puts a value text and its length into a value part; `text` may be the value part's own text,
+ * whose length is then set. A too long text is refused and the value part cleared. */
 int32_t TamoOmConfigcopyStr2Val(ConfConfigOmVal *value, const char *text);
 
 /* Puts a number into a value part as decimal text. */

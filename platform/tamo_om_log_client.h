@@ -1,6 +1,7 @@
 /* libtamo_om_log_client: the log service of the platform.
  *
- * 1. A process initialises the client once, creates its log file once and then writes records to it.
+ * 1. A process initialises the client once, creates its log file once and then writes records to
+ * it.
  * 2. Results are 0 for success and another value for failure, unless an operation says otherwise.
  * 3. Records may be written from any thread at any time, also before a file was created: the client
  *    then takes the file id 0 and may drop the record or keep it elsewhere.

@@ -44,10 +44,10 @@ int32_t OsRemove(const char *path);
 /* Opens a stream, as fopen does; closed with fclose. */
 FILE *OsFopen(const char *path, const char *mode);
 
-/* Turns a device path into one that the C library, OpenSSL and TinyXML-2 can open. Returns `buffer`,
- * or null when the path leads out of the device or does not fit `size`; PATH_MAX bytes always
- * suffice for a device path of 511 characters. Only a workstation has this operation: callers
- * declare it weak and use the path as it is where it is absent. */
+/* Turns a device path into one that the C library, OpenSSL and TinyXML-2 can open. Returns
+ * `buffer`, or null when the path leads out of the device or does not fit `size`; PATH_MAX bytes
+ * always suffice for a device path of 511 characters. Only a workstation has this operation:
+ * callers declare it weak and use the path as it is where it is absent. */
 const char *OsFileNativePath(const char *devicePath, char *buffer, size_t size);
 
 #pragma GCC visibility pop

@@ -9,7 +9,9 @@
  * 5. A message of id 2 carries a message block behind the body's header. The result buffer that a
  *    handler hangs on that block crosses with the response: the waiting sender gets a block of its
  *    own from libtamo_os_mem, the receiver's block is released by the layer once the response went
- *    out, and by nobody else. When the response does not go out, the receiver keeps it. */
+ *    out, and by nobody else. When the response does not go out, the receiver keeps it; where the
+ *    response's data is longer than the request's, the sender can take neither, and no buffer
+ * crosses. */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
