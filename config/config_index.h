@@ -1,0 +1,20 @@
+/* The index of bound configuration items, as the other files of the unit see it. */
+#pragma once
+
+#include <cstdint>
+
+#include "include/conf_config.h"
+
+/* One bound item. */
+struct ConfConfigIndexEntry {
+    char name[128];
+    int32_t type;
+    void *value; /* the application's storage */
+    uint32_t size;
+    uint8_t localOnly; /* never exchanged with the configuration service */
+    ConfConfigItemCallback callback;
+};
+
+/* The entry of a name in any letter case; where there is none, a new empty one when `create` is
+ * set, else null. Valid until the next insertion. */
+ConfConfigIndexEntry *ConfConfigAddIndex(const char *name, bool create);
