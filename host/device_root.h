@@ -2,8 +2,7 @@
  *
  *     data/ system/lib64/   what device paths name
  *     config/ keys/ log/    the stores of the services
- *     run/                  sockets, locks and shared counters of live processes
- */
+ *     run/                  sockets, locks and shared counters of live processes */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>

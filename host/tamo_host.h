@@ -1,12 +1,12 @@
 /* The workstation host's own operations: what a program needs there beyond the platform libraries.
  *
- * 1. Results are 0 for success and a TAMO_HOST_ code for failure, unless an operation says otherwise;
- *    each failure also leaves a record in the process's log file, or on standard error before one is
- *    open, that says what to do.
+ * 1. Results are 0 for success and a TAMO_HOST_ code for failure, unless an operation says
+ *    otherwise; each failure also leaves a record in the process's log file, or on standard error
+ *    before one is open, that says what to do.
  * 2. Nothing here exists on a terminal: keep its use to a program's main loop and tools.
  * 3. Files and sockets lie below the device root: the directory that TAMO_DEVICE_ROOT names when a
- *    process first needs it, else "tamo" in the user's data directory. It is created private, and one
- *    that other users may enter is refused. */
+ *    process first needs it, else "tamo" in the user's data directory. It is created private, and
+ *    one that other users may enter is refused. */
 #pragma once
 #include <stdint.h>
 
@@ -20,15 +20,15 @@ extern "C" {
 
 enum {
     TAMO_HOST_OK = 0,
-    TAMO_HOST_INVALID = 1,    /* a null or out-of-range argument */
-    TAMO_HOST_NO_ROOT = 2,    /* the device root cannot be used */
-    TAMO_HOST_IN_USE = 3,     /* the queue name is served by a live process */
-    TAMO_HOST_TIMEOUT = 4,    /* nothing came in time */
+    TAMO_HOST_INVALID = 1,     /* a null or out-of-range argument */
+    TAMO_HOST_NO_ROOT = 2,     /* the device root cannot be used */
+    TAMO_HOST_IN_USE = 3,      /* the queue name is served by a live process */
+    TAMO_HOST_TIMEOUT = 4,     /* nothing came in time */
     TAMO_HOST_NO_RECEIVER = 5, /* nobody serves the queue name */
-    TAMO_HOST_QUEUE_FULL = 6, /* the receiver does not keep up */
-    TAMO_HOST_GONE = 7,       /* the other side ended or gave up */
-    TAMO_HOST_REFUSED = 8,    /* the other side may not, or cannot, take this message */
-    TAMO_HOST_TOO_LARGE = 9,  /* more than a message carries */
+    TAMO_HOST_QUEUE_FULL = 6,  /* the receiver does not keep up */
+    TAMO_HOST_GONE = 7,        /* the other side ended or gave up */
+    TAMO_HOST_REFUSED = 8,     /* the other side may not, or cannot, take this message */
+    TAMO_HOST_TOO_LARGE = 9,   /* more than a message carries */
     TAMO_HOST_NO_MEMORY = 10,
     TAMO_HOST_SYSTEM = 11 /* a system call failed; the record says which */
 };
@@ -55,8 +55,7 @@ int TamoHostMsgDescriptor(const TamoHostQueue *queue);
  *     while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
  *         ConfCommMsgProcess(message);
  *         TamoHostMsgFree(message);
- *     }
- */
+ *     } */
 uint32_t TamoHostMsgReceive(TamoHostQueue *queue, OsMsgHeader **message, int32_t timeoutMs);
 
 /* Releases a received message, null allowed. A sender that still waits for its response fails at
@@ -76,8 +75,8 @@ typedef struct TamoHostQueueInfo {
     uint64_t depthBytes; /* bytes of their bodies */
 } TamoHostQueueInfo;
 
-/* Calls `visit` for every queue name below the device root, in order of name, until it returns other
- * than 0; that value is returned. */
+/* Calls `visit` for every queue name below the device root, in order of name, until it returns
+ * other than 0; that value is returned. */
 uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, void *context),
                            void *context);
 
@@ -92,8 +91,8 @@ uint32_t TamoHostConfigList(const char *glob,
 /* ---- key management ---- */
 
 /* Decrypts what TamoOmKeymEncrypt made for the same owner into `out` and terminates it;
- * `*outLength` holds the buffer's size before and the text's length after. TAMO_HOST_REFUSED when the
- * text is not genuine. */
+ * `*outLength` holds the buffer's size before and the text's length after. TAMO_HOST_REFUSED when
+ * the text is not genuine. */
 uint32_t TamoHostKeymDecrypt(const char *ownerName, const char *encrypted, char *out,
                              uint32_t *outLength);
 
@@ -107,7 +106,8 @@ typedef struct TamoHostMemSite {
 } TamoHostMemSite;
 
 /* Calls `visit` for every site with outstanding blocks of process `pid` (0: this one), largest
- * first. TAMO_HOST_NO_RECEIVER when no such process uses the memory layer below this device root. */
+ * first. TAMO_HOST_NO_RECEIVER when no such process uses the memory layer below this device root.
+ */
 uint32_t TamoHostMemReport(uint32_t pid,
                            uint32_t (*visit)(const TamoHostMemSite *site, void *context),
                            void *context);

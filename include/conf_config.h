@@ -1,20 +1,19 @@
 /* Configuration: bound variables, key/value lists and single values of the configuration service.
  *
  * 1. The configuration service keeps one text per dotted key ("Conf.SIPCallParam.sipPwd"), at most
- * 127 characters of key and 1023 of value.
+ *    127 characters of key and 1023 of value.
  * 2. A process binds its own variables to keys once, inside ConfConfigInit; the index of bound
- * items is sorted by name and ignores letter case.
+ *    items is sorted by name and ignores letter case.
  * 3. Results are 0 for success and -1 for failure, unless a function says otherwise.
  * 4. The index has no lock: bind before any other use, and call ConfConfigDeInit after the last
- * one. Everything else may run on any thread. Item callbacks run on the service client's thread.
+ *    one. Everything else may run on any thread. Item callbacks run on the service client's thread.
  *
  *     static int32_t port;
  *     static void changed(const ConfConfigListItem *items, uint32_t count) { ... }
  *     static void bindItems(void) {
  *         ConfConfigBind("Conf.SIPCallParam.port", CONF_VALUE_INT, &port, sizeof(port), changed);
  *     }
- *     ConfConfigInit(bindItems, "TamoUIConf", "Conf");
- */
+ *     ConfConfigInit(bindItems, "TamoUIConf", "Conf"); */
 #pragma once
 #include <stdint.h>
 

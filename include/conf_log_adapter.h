@@ -1,9 +1,9 @@
 /* Logging: the one log call of the library and of the modules around it.
  *
  * 1. A record has a level; it is written when its level is at most the process's filter, which
- * starts at 3 (CONF_LOG_INFO). A suppressed record costs one comparison and formats nothing.
+ *    starts at 3 (CONF_LOG_INFO). A suppressed record costs one comparison and formats nothing.
  * 2. A record goes to "Conference.log" through the platform's log client. Nothing is masked here:
- * mask sensitive values before you log them.
+ *    mask sensitive values before you log them.
  * 3. Writing allocates nothing and reports nothing; a record that cannot be formatted in 511
  *    characters is dropped whole, never cut.
  * 4. Any thread may log at any time. ConfLogInit, ConfLogUnInit and SetLogLevel are for the hosting
@@ -11,8 +11,7 @@
  *
  *     ConfLogInit();
  *     ConfLogPrintf(CONF_LOG_INFO, __func__, "my_unit", __LINE__, "joined with %u sites", sites);
- *     ConfLogUnInit();
- */
+ *     ConfLogUnInit(); */
 #pragma once
 #include <stdint.h>
 

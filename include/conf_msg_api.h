@@ -2,18 +2,19 @@
  *
  * 1. A message asks another process to run a function of code that both sides load: it carries the
  *    function's address, a 32-bit parameter and a block of data. The receiver's message loop passes
- * each message to ConfCommMsgProcess, which runs the function there.
+ *    each message to ConfCommMsgProcess, which runs the function there.
  * 2. A synchronous send waits for the response, copies the data back and returns the handler's
- * result, or CONF_COMM_ERR_FAILED. An asynchronous send returns 0 once the message is queued.
+ *    result, or CONF_COMM_ERR_FAILED. An asynchronous send returns 0 once the message is queued.
  * 3. A receiver's name has at most 15 characters.
  * 4. Any thread may send. Handlers run on the thread that calls ConfCommMsgProcess; the
- * notification callback runs on the notifying thread.
+ *    notification callback runs on the notifying thread.
  * 5. Failures leave an error record that names the receiver and the platform's code.
  *
- *     MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(items, count *
- * sizeof(items[0])); block->itemCount = count; uint32_t result =
- * ConfCommMsgSynSendImplHaveResp("Conference", ConfConfigGetConfConfig, 0, block,
- *                                                      GetMeetingServerMsgBlockSize(block), 3000);
+ *     uint32_t size = count * sizeof(ConfConfigListItem);
+ *     MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(items, size);
+ *     block->itemCount = count;
+ *     uint32_t result = ConfCommMsgSynSendImplHaveResp(
+ *         "Conference", ConfConfigGetConfConfig, 0, block, GetMeetingServerMsgBlockSize(block), 3000);
  *     ... read block->resultList, release it and the block with OSMemTypeFreeMon ...
  */
 #pragma once

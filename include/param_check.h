@@ -5,8 +5,7 @@
  * 3. No state: any thread may call.
  *
  *     if (ConfParamCheckValidIp(text) != 0)
- *         return refuse("not an address");
- */
+ *         return refuse("not an address"); */
 #pragma once
 #include <stdint.h>
 

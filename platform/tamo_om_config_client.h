@@ -3,7 +3,7 @@
  * 1. The service keeps one text per key, for all processes of the device, and keeps it when they
  *    end. Results are 0 for success.
  * 2. Records have fixed layouts. Key and value texts are NUL-terminated in their buffers; the
- * client sets the lengths beside them and refuses a text that does not fit or is not terminated.
+ *    client sets the lengths beside them and refuses a text that does not fit or is not terminated.
  * 3. A call on several records is one transaction: all or nothing, in one round trip. What a write
  *    stored survives the end of any process and of the device once the call has returned 0.
  * 4. Reading and writing work from any thread, also for a process that has not connected; only

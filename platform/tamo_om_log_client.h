@@ -1,7 +1,7 @@
 /* libtamo_om_log_client: the log service of the platform.
  *
  * 1. A process initialises the client once, creates its log file once and then writes records to
- * it.
+ *    it.
  * 2. Results are 0 for success and another value for failure, unless an operation says otherwise.
  * 3. Records may be written from any thread at any time, also before a file was created: the client
  *    then takes the file id 0 and may drop the record or keep it elsewhere.
@@ -34,10 +34,10 @@ int32_t TamoOmLogClientUnInit(void);
  * stays as it was. The client copies `param`. A file that exists is continued. */
 int32_t TamoOmLogCreateLog(const OmLogCreateParam *param, uint16_t *logFileId);
 
-/* Writes one record: a printf-style `format` with its arguments, at `level` (1 error, 2 warning,
- * 3 info, 4 debug), from `line` of the unit `fileName`, whose length modulo 256 is
- * `fileNameLength`. The record is in the file when the call returns 0. Must not allocate, and must
- * not call back into its caller. */
+/* Writes one record: a printf-style `format` with its arguments, at `level` (1 error, 2 warning, 3
+ * info, 4 debug), from `line` of the unit `fileName`, whose length modulo 256 is `fileNameLength`.
+ * The record is in the file when the call returns 0. Must not allocate, and must not call back into
+ * its caller. */
 int32_t TamoOmLogModuleLogRecord(uint8_t level, uint16_t logFileId, const char *fileName,
                                  uint8_t fileNameLength, int32_t line, const char *format, ...)
 #if defined(__GNUC__)

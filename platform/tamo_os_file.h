@@ -3,8 +3,7 @@
  * 1. A device path is absolute in the device's own layout ("/data/certfile/CA/"), with '/' or '\'
  *    as separator, also mixed. The layer knows where the device's files really are; a path that
  *    would lead out of them is refused.
- * 2. Results are 0 for success and another value for failure, or a pointer that is null on
- *    failure.
+ * 2. Results are 0 for success and another value for failure, or a pointer that is null on failure.
  * 3. Any thread may call; one directory walk belongs to one thread at a time. */
 #pragma once
 #include <stddef.h>

@@ -13,10 +13,10 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Takes a zero-filled block of `size` bytes, aligned for any type; null when there is no memory.
- * A `size` of 0 yields a block that may be released but not written to. `a`, `b` and `c` select
- * pools on some devices; the library passes 0. `file` is a text that outlives the call; the layer
- * copies what it keeps. */
+/* Takes a zero-filled block of `size` bytes, aligned for any type; null when there is no memory. A
+ * `size` of 0 yields a block that may be released but not written to. `a`, `b` and `c` select pools
+ * on some devices; the library passes 0. `file` is a text that outlives the call; the layer copies
+ * what it keeps. */
 void *OsMemMallocSetCharMon(size_t size, uint32_t a, uint32_t b, uint32_t c, uint32_t line,
                             const char *file);
 

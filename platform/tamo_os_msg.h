@@ -11,7 +11,7 @@
  *    own from libtamo_os_mem, the receiver's block is released by the layer once the response went
  *    out, and by nobody else. When the response does not go out, the receiver keeps it; where the
  *    response's data is longer than the request's, the sender can take neither, and no buffer
- * crosses. */
+ *    crosses. */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -46,8 +46,8 @@ uint32_t OsMsgSynSend(OsMsgHeader *header, OsMsgHeader **response, uint32_t time
 uint32_t OsMsgSynRespFree(OsMsgHeader *response);
 
 /* Queues a message and returns without waiting, also when it cannot be queued: with no receiver, or
- * a receiver whose queue is full, it fails. Messages of one thread to one receiver arrive in
- * order. */
+ * a receiver whose queue is full, it fails. Messages of one thread to one receiver arrive in order.
+ */
 uint32_t OsMsgAsynSend(OsMsgHeader *header);
 
 /* Answers the waiting sender of a received message with `bodyLength` bytes of `body`, once. Fails
