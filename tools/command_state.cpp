@@ -1,14 +1,13 @@
 /* tamoctl mem and queues: what the processes below the device root hold right now. */
-#include <algorithm>
-#include <cerrno>
+#include <charconv>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
+#include <cstring>
 #include <fstream>
+#include <set>
 
 #include "output.h"
 #include "tamo_host.h"
+#include "tamo_os_file.h"
 #include "tamoctl.h"
 
 namespace tamoctl {
@@ -39,14 +38,31 @@ uint32_t collectSite(const TamoHostMemSite *site, void *sites) {
     return 0;
 }
 
-uint32_t parsePid(const Command &command, const char *text) {
-    char *end = nullptr;
-    errno = 0;
-    const unsigned long pid = strtoul(text, &end, 10);
-    if (text[0] < '1' || text[0] > '9' || *end != 0 || errno != 0 || pid > INT_MAX) {
-        failUsage(command, "'%s' is no process id", text);
+/* The process id that a text is, 0 when it is none. */
+uint32_t pidOf(const char *text) {
+    uint32_t pid = 0;
+    const char *end = text + strlen(text);
+    const auto [parsed, error] = std::from_chars(text, end, pid);
+    return parsed == end && error == std::errc() && pid <= INT_MAX ? pid : 0;
+}
+
+/* The living processes that have a table of blocks (run/mem.PID), in order of their ids. */
+std::set<uint32_t> processesWithTable() {
+    constexpr std::string_view kPrefix = "mem.";
+    std::set<uint32_t> pids;
+    OsDir *directory = OsOpenDir("/run");
+    while (const OsDirEntry *entry = directory == nullptr ? nullptr : OsReadDir(directory)) {
+        const std::string_view name = entry->name;
+        if (!name.starts_with(kPrefix)) {
+            continue;
+        }
+        const uint32_t pid = pidOf(entry->name + kPrefix.size());
+        if (pid != 0 && !processName(pid).empty()) {
+            pids.insert(pid);
+        }
     }
-    return static_cast<uint32_t>(pid);
+    OsCloseDir(directory);
+    return pids;
 }
 
 void printSites(const std::vector<TamoHostMemSite> &sites, const MemTotals &totals) {
@@ -55,7 +71,9 @@ void printSites(const std::vector<TamoHostMemSite> &sites, const MemTotals &tota
         table.add({site.file, std::to_string(site.line), std::to_string(site.blocks),
                    std::to_string(site.bytes)});
     }
-    table.add({"total", "", std::to_string(totals.blocks), std::to_string(totals.bytes)});
+    if (onTerminal()) {
+        table.add({"total", "", std::to_string(totals.blocks), std::to_string(totals.bytes)});
+    }
     table.print();
 }
 
@@ -80,13 +98,13 @@ void printSitesAsJson(uint32_t pid, const std::vector<TamoHostMemSite> &sites,
 
 int showProcess(const Command &command, uint32_t pid, bool asJson) {
     std::vector<TamoHostMemSite> sites;
-    const uint32_t result = TamoHostMemReport(pid, collectSite, &sites);
-    if (result == TAMO_HOST_NO_RECEIVER) {
+    if (!processesWithTable().contains(pid)) {
         fail(command,
              "process %u has no blocks to show below this device root: 'tamoctl mem' lists those "
              "that have",
              pid);
     }
+    const uint32_t result = TamoHostMemReport(pid, collectSite, &sites);
     if (result != TAMO_HOST_OK) {
         failHost(command, "cannot read the table of blocks", result);
     }
@@ -102,23 +120,10 @@ int showProcess(const Command &command, uint32_t pid, bool asJson) {
     return kSuccess;
 }
 
-/* The processes that may have a table of blocks, in order of their ids. */
-std::vector<uint32_t> runningProcesses() {
-    std::vector<uint32_t> pids;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") == std::string::npos) {
-            pids.push_back(static_cast<uint32_t>(std::stoul(name)));
-        }
-    }
-    std::sort(pids.begin(), pids.end());
-    return pids;
-}
-
 void listProcesses(bool asJson) {
     Table table({{"PID", true}, {"PROCESS", false}, {"BLOCKS", true}, {"BYTES", true}});
     const Json json(cJSON_CreateArray());
-    for (const uint32_t pid : runningProcesses()) {
+    for (const uint32_t pid : processesWithTable()) {
         MemTotals totals;
         if (TamoHostMemReport(pid, addToTotals, &totals) != TAMO_HOST_OK) {
             continue;
@@ -145,13 +150,16 @@ int runMem(const Command &command, int argc, char **argv) {
     if (line.operands().size() > 1) {
         failUsage(command, "one process at a time");
     }
-    const uint32_t pid = line.operands().empty() ? 0 : parsePid(command, line.operands()[0]);
     requireRoot(command);
-    if (pid != 0) {
-        return showProcess(command, pid, asJson);
+    if (line.operands().empty()) {
+        listProcesses(asJson);
+        return kSuccess;
     }
-    listProcesses(asJson);
-    return kSuccess;
+    const uint32_t pid = pidOf(line.operands()[0]);
+    if (pid == 0) {
+        failUsage(command, "'%s' is no process id", line.operands()[0]);
+    }
+    return showProcess(command, pid, asJson);
 }
 
 /* ---- queues ---- */
