@@ -97,7 +97,7 @@ MeetingServerMsgBlock *GenerateMeetingServerMsgBlock(const void *body, uint32_t 
         const int error =
             memcpy_s(block->body, static_cast<size_t>(size) - kBlockHead, body, bodyLength);
         if (error != 0) {
-            CONF_LOG(CONF_LOG_ERROR, "secure func failed, err = %d!\n", error);
+            CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
             return nullptr;
         }
     }

@@ -1,0 +1,165 @@
+/* Logging: what reaches the platform's log client, record by record. */
+#include "include/conf_log_adapter.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "tests/support/forwarding_platform.h"
+
+namespace {
+
+using std::string;
+
+class ConfLog : public platform::PlatformTest {
+  protected:
+    void TearDown() override {
+        SetLogLevel(CONF_LOG_INFO);
+        PlatformTest::TearDown();
+    }
+
+    static string textOf(size_t i) { return platform::records().at(i).text; }
+    static size_t count() { return platform::records().size(); }
+};
+
+TEST_F(ConfLog, RecordCarriesFunctionUnitAndLine) {
+    ConfLogPrintf(1, "ConfCommMsgProcess", "conf_msg_api", 230, "Null ptr.");
+    const auto records = platform::records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].level, 1);
+    EXPECT_EQ(records[0].logFileId, GetConfLogFileId());
+    EXPECT_EQ(records[0].unit, "conf_msg_api");
+    EXPECT_EQ(records[0].line, 230);
+    EXPECT_EQ(records[0].text, "[ConfCommMsgProcess]Null ptr.");
+}
+
+TEST_F(ConfLog, FilterDecidesByLevelAndRefusesLevelsAboveDebug) {
+    EXPECT_EQ(GetLogLevel(), CONF_LOG_INFO);
+    ConfLogPrintf(4, "f", "u", 1, "hidden");
+    EXPECT_EQ(platform::callCount("TamoOmLogModuleLogRecord"), 0u);
+    EXPECT_EQ(SetLogLevel(5), -1);
+    EXPECT_EQ(GetLogLevel(), CONF_LOG_INFO);
+    EXPECT_EQ(SetLogLevel(4), 0);
+    ConfLogPrintf(4, "f", "u", 1, "shown");
+    EXPECT_EQ(count(), 1u);
+    EXPECT_EQ(SetLogLevel(0), 0);
+    ConfLogPrintf(1, "f", "u", 1, "silenced");
+    ConfLogPrintfStr(1, "f", "u", 1, string(700, 'x').c_str());
+    EXPECT_EQ(count(), 1u);
+}
+
+TEST_F(ConfLog, RecordThatDoesNotFitIsDroppedWhole) {
+    ConfLogPrintf(1, "f", "u", 1, "%s", string(508, 'x').c_str());
+    ASSERT_EQ(count(), 1u);
+    EXPECT_EQ(textOf(0).size(), 511u);
+    ConfLogPrintf(1, "f", "u", 1, "%s", string(509, 'x').c_str());
+    ConfLogPrintf(1, string(509, 'f').c_str(), "u", 1, "x");
+    ConfLogPrintf(1, string(600, 'f').c_str(), "u", 1, "x");
+    EXPECT_EQ(count(), 1u);
+}
+
+TEST_F(ConfLog, NullTextsWriteNothing) {
+    const char *volatile absent = nullptr;
+    ConfLogPrintf(1, "f", nullptr, 1, "x");
+    ConfLogPrintf(1, "f", "u", 1, absent);
+    ConfLogPrintfStr(1, "f", "u", 1, nullptr);
+    ConfLogPrintfStr(1, "f", nullptr, 1, "text");
+    ConfLogPrintfStr(1, "f", "u", 1, "");
+    EXPECT_EQ(count(), 0u);
+}
+
+TEST_F(ConfLog, LongTextIsCutAfterLineFeedsAndReadsOn) {
+    const string plain(700, 'a');
+    ConfLogPrintfStr(1, "fn", "u", 1, plain.c_str());
+    ASSERT_EQ(count(), 2u);
+    EXPECT_EQ(textOf(0), "[fn]" + string(352, 'a'));
+    EXPECT_EQ(textOf(1), string(348, 'a'));
+
+    platform::clearRecords();
+    string lines(700, 'b');
+    lines[100] = '\n';
+    ConfLogPrintfStr(1, "fn", "u", 1, lines.c_str());
+    ASSERT_EQ(count(), 3u);
+    EXPECT_EQ(textOf(0), "[fn]" + lines.substr(0, 101));
+    EXPECT_EQ(textOf(1).size(), 352u);
+    EXPECT_EQ(textOf(2).size(), 247u);
+
+    platform::clearRecords();
+    ConfLogPrintfStr(1, "fn", "u", 1, string(352, 'c').c_str());
+    EXPECT_EQ(count(), 1u);
+}
+
+TEST_F(ConfLog, SegmentsOfALongBufferAndItsRemainder) {
+    const string text(399, 's');
+    ConfLogSegmentPrint("/some/where/unit.cpp", 7, 1, text.c_str(), 399);
+    ASSERT_EQ(count(), 1u);
+    EXPECT_EQ(textOf(0), "[ConfLogSegmentPrint][unit.cpp : 7] \n" + text);
+
+    platform::clearRecords();
+    const string longer = string(256, '1') + string(256, '2') + "rest";
+    ConfLogSegmentPrint("unit.cpp", 8, 1, longer.data(), 516);
+    ASSERT_EQ(count(), 3u);
+    EXPECT_EQ(textOf(1), "[ConfLogSegmentPrint][unit.cpp : 8] \n" + string(256, '2'));
+    EXPECT_EQ(textOf(2), "[ConfLogSegmentPrint][unit.cpp : 8] \nrest");
+
+    platform::clearRecords();
+    ConfLogSegmentPrint("unit.cpp", 8, 1, longer.data(), 512);
+    EXPECT_EQ(count(), 2u);
+}
+
+TEST_F(ConfLog, SegmentThatCannotBeCopiedGoesOnWithTheRemainder) {
+    const string text(516, 'x');
+    platform::failCall("memcpy_s", 1);
+    ConfLogSegmentPrint("u.c", 9, 1, text.data(), 516);
+    ASSERT_EQ(count(), 2u);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_log_adapter", "] [u.c : 9] secure func fail,ret:"));
+    EXPECT_EQ(textOf(1), "[ConfLogSegmentPrint][u.c : 9] \nxxxx");
+
+    platform::clearRecords();
+    platform::failCall("memset_s", 3);
+    ConfLogSegmentPrint("u.c", 9, 1, text.data(), 516);
+    ASSERT_EQ(count(), 3u);
+    EXPECT_EQ(textOf(2).back(), ' ');
+    EXPECT_NE(textOf(2).find("][u.c : 9] secure func fail,ret:"), string::npos);
+}
+
+TEST_F(ConfLog, SegmentPrintRefusesMissingArguments) {
+    ConfLogSegmentPrint(nullptr, 12, 1, "x", 1);
+    ConfLogSegmentPrint("u.c", 12, 1, nullptr, 1);
+    ConfLogSegmentPrint("u.c", 12, 1, "x", 0);
+    ASSERT_EQ(count(), 3u);
+    EXPECT_EQ(textOf(2), "[ConfLogSegmentPrint][12] param is null");
+}
+
+TEST_F(ConfLog, InitReturnsTheFirstFailingStep) {
+    OmLogCreateParam seen = {};
+    platform::override(TamoOmLogClientInit, [](const char *mode, uint32_t flag) {
+        return strcmp(mode, "C") == 0 && flag == 1 ? 0 : 99;
+    });
+    platform::override(TamoOmLogCreateLog, [&](const OmLogCreateParam *param, uint16_t *id) {
+        seen = *param;
+        *id = 17;
+        return 0;
+    });
+    platform::failCall("strcpy_s", 1);
+    EXPECT_NE(ConfLogInit(), 0);
+    EXPECT_EQ(platform::callCount("TamoOmLogCreateLog"), 0u);
+    EXPECT_EQ(ConfLogInit(), 0);
+    EXPECT_EQ(GetConfLogFileId(), 17u);
+    EXPECT_EQ(seen.recordSize, 512u);
+    EXPECT_EQ(seen.fileCount, 9u);
+    EXPECT_EQ(seen.fileSize, 0xA00000u);
+    char name[32] = "Conference.log";
+    EXPECT_EQ(memcmp(seen.name, name, sizeof(name)), 0);
+
+    platform::override(TamoOmLogCreateLog, [](const OmLogCreateParam *, uint16_t *) { return 5; });
+    EXPECT_EQ(ConfLogInit(), 5);
+    platform::override(TamoOmLogClientInit, [](const char *, uint32_t) { return 77; });
+    EXPECT_EQ(ConfLogInit(), 77);
+    EXPECT_EQ(ConfLogUnInit(), 0);
+    EXPECT_EQ(platform::callCount("TamoOmLogClientUnInit"), 1u);
+    EXPECT_EQ(GetConfLogFileId(), 17u);
+}
+
+}  // namespace

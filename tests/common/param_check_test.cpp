@@ -1,0 +1,109 @@
+/* Checks and conversions of texts, on good, hostile and missing ones. */
+#include "include/param_check.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/forwarding_platform.h"
+
+namespace {
+
+using std::string;
+
+class ParamCheck : public platform::PlatformTest {};
+
+TEST_F(ParamCheck, AllowedCharactersAreAllPrintableButFour) {
+    for (int c = 1; c < 256; c++) {
+        const string text(1, static_cast<char>(c));
+        const bool printable = c >= ' ' && c <= '~';
+        const bool allowed = printable && c != '"' && c != '[' && c != '\\' && c != ']';
+        EXPECT_EQ(ConfParamCheckContainValidChar(text.c_str(), 0), allowed ? 0u : 1u) << c;
+        EXPECT_EQ(ConfParamCheckContainValidChar(text.c_str(), 9), isdigit(c) ? 0u : 1u) << c;
+    }
+    EXPECT_EQ(ConfParamCheckContainValidChar("a-b_c.d:e", 0), 0u);
+    EXPECT_EQ(ConfParamCheckContainValidChar("12a", 1), 1u);
+    EXPECT_EQ(ConfParamCheckContainValidChar("", 0), 1u);
+    EXPECT_EQ(ConfParamCheckContainValidChar(nullptr, 0), 1u);
+}
+
+TEST_F(ParamCheck, AddressesOfBothFamilies) {
+    for (const char *good : {"192.168.1.10", "fe80::1"}) {
+        EXPECT_EQ(ConfParamCheckValidIp(good), 0u) << good;
+    }
+    for (const char *bad : {"192.168.1.256", "", "fe80::1%eth0", "1.2.3", " 1.2.3.4"}) {
+        EXPECT_EQ(ConfParamCheckValidIp(bad), 1u) << bad;
+        EXPECT_EQ(ConfParamCheckIpType(bad), -1) << bad;
+    }
+    EXPECT_EQ(ConfParamCheckIpType("10.0.0.1"), 2);
+    platform::override(MOX_Socket_Get_AF_INET6, [] { return 4711; });
+    EXPECT_EQ(ConfParamCheckIpType("::1"), 4711);
+    EXPECT_EQ(ConfParamCheckValidIp(nullptr), 1u);
+    EXPECT_EQ(ConfParamCheckIpType(nullptr), -1);
+    EXPECT_TRUE(platform::records().empty());
+}
+
+TEST_F(ParamCheck, CharactersAreCountedWhereTheyStart) {
+    const string text = "ab\xE2\x82\xAC";
+    EXPECT_EQ(ConfParamGetCharNum(text.data(), 5), 3u);
+    EXPECT_EQ(ConfParamGetCharNum(text.data(), 3), 3u);
+    EXPECT_EQ(ConfParamGetCharNum(text.data(), 0), 0u);
+    const string odd("\x00\xC3\xA4\x80\xF0\xEF", 6);
+    EXPECT_EQ(ConfParamGetCharNum(odd.data(), 6), 5u);
+    EXPECT_EQ(ConfParamGetCharNum(nullptr, 5), 0u);
+}
+
+TEST_F(ParamCheck, WholeTextIsANumberOrTheDefault) {
+    const struct {
+        const char *text;
+        int32_t number;
+    } cases[] = {{"0x1F", 31},
+                 {"0X1f", 31},
+                 {"010", 8},
+                 {" 42", 42},
+                 {"-7", -7},
+                 {"-2147483648", INT32_MIN},
+                 {"2147483647", INT32_MAX}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(ConfGetAtoi(c.text, 5), c.number) << c.text;
+    }
+    EXPECT_TRUE(platform::records().empty());
+    for (const char *bad : {"42 ", "", "abc", "2147483648", "-2147483649", "08", "0x",
+                            "99999999999999999999", static_cast<const char *>(nullptr)}) {
+        platform::clearRecords();
+        EXPECT_EQ(ConfGetAtoi(bad, -5), -5);
+        ASSERT_EQ(platform::records().size(), 1u);
+        EXPECT_EQ(platform::records()[0].text, "[ConfGetAtoi]strtol failed. defaultValue:-5");
+    }
+}
+
+TEST_F(ParamCheck, TrimRemovesWhiteSpaceAtBothEnds) {
+    char text[] = "\tab c\r\n\v";
+    ConfTrim(text);
+    EXPECT_STREQ(text, "ab c");
+    string longest(65535, ' ');
+    longest[40000] = 'x';
+    ConfTrim(longest.data());
+    EXPECT_STREQ(longest.c_str(), "x");
+    EXPECT_TRUE(platform::records().empty());
+
+    char blanks[] = "   ";
+    ConfTrim(blanks);
+    EXPECT_STREQ(blanks, "");
+    EXPECT_TRUE(platform::hasRecord(1, "param_check", "[ConfTrimRight]Invalid param."));
+    platform::clearRecords();
+    ConfTrim(nullptr);
+    EXPECT_TRUE(platform::hasRecord(1, "param_check", "[ConfTrim]Invalid param."));
+    string tooLong(65536, ' ');
+    ConfTrim(tooLong.data());
+    EXPECT_EQ(tooLong, string(65536, ' '));
+}
+
+TEST_F(ParamCheck, TrimReportsARefusedMove) {
+    char text[] = " a";
+    platform::failCall("memmove_s", 1);
+    ConfTrim(text);
+    EXPECT_TRUE(platform::hasRecord(1, "param_check", "[ConfTrimLeft]secure func failed, err = "));
+}
+
+}  // namespace

@@ -1,0 +1,192 @@
+/* The item index and the life cycle of the configuration subsystem, seen through change reports: a
+ * bound item's callback tells that it is found. */
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "include/conf_config.h"
+#include "tests/support/forwarding_platform.h"
+
+namespace {
+
+using std::string;
+
+std::vector<string> told; /* the keys that callbacks were told of */
+
+void tell(const ConfConfigListItem *items, uint32_t count) {
+    for (uint32_t i = 0; i < count; i++) {
+        told.emplace_back(items[i].key);
+    }
+}
+
+/* Reports a change of a key as the service's client would. */
+bool isBound(const string &key) {
+    ConfConfigOmVal value = {};
+    ConfConfigChangeItem item = {};
+    memcpy(item.key.text, key.data(), key.size());
+    item.key.length = static_cast<uint8_t>(key.size());
+    item.value = &value;
+    const ConfConfigChangeList list = {1, &item};
+    told.clear();
+    ConfConfigClientCallBack(0x10000, 0, 0, &list);
+    return told == std::vector<string>{key};
+}
+
+int value;
+
+void bind(const string &name, int32_t type = CONF_VALUE_INT,
+          ConfConfigItemCallback callback = tell) {
+    ConfConfigBind(name.c_str(), type, &value, sizeof(value), callback);
+}
+
+void bindNothing() {}
+
+class ConfigIndex : public platform::PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        platform::override(TamoOmConfigInit,
+                           [](uint32_t, const char *, const char *) { return 0; });
+        platform::override(TamoOmConfigNotifyCallback,
+                           [](ConfConfigChangeHandler, const char *) { return 0; });
+        platform::override(TamoOmConfigUnInit, [](const char *) { return 0; });
+    }
+    void TearDown() override {
+        ConfConfigDeInit();
+        PlatformTest::TearDown();
+    }
+};
+
+TEST_F(ConfigIndex, NamesAreFoundInAnyLetterCaseAndOverwritten) {
+    ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
+    bind("Conf.A.b", CONF_VALUE_INT, nullptr);
+    EXPECT_FALSE(isBound("Conf.A.b")) << "an item without a callback is told nothing";
+    bind("conf.a.B");
+    EXPECT_TRUE(isBound("Conf.A.b"));
+    EXPECT_TRUE(isBound("CONF.A.B"));
+    EXPECT_FALSE(isBound("Conf.A"));
+    EXPECT_FALSE(isBound("Conf.A.b.c"));
+    bind("Conf.A.b", CONF_VALUE_DATA);
+    EXPECT_FALSE(isBound("Conf.A.b")) << "a local item takes no part";
+    bind("Conf.A.b", CONF_VALUE_STR);
+    EXPECT_TRUE(isBound("Conf.A.b"));
+    ConfConfigBind(nullptr, CONF_VALUE_INT, &value, 4, tell);
+    EXPECT_TRUE(platform::records().empty());
+}
+
+TEST_F(ConfigIndex, GrowsByTwoHundredAndKeepsEveryItem) {
+    ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
+    const auto name = [](int i) { return "Key." + std::to_string(i * 7919 % 1000); };
+    for (int i = 0; i < 701; i++) {
+        bind(name(i));
+    }
+    EXPECT_EQ(platform::callCount("OsMemMallocSetCharMon"), 1u + 3u);
+    for (int i = 0; i < 701; i++) {
+        ASSERT_TRUE(isBound(name(i))) << i;
+    }
+    EXPECT_FALSE(isBound(name(701)));
+}
+
+TEST_F(ConfigIndex, NamesOfUpTo127CharactersAreBound) {
+    ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
+    bind(string(127, 'x'));
+    EXPECT_TRUE(isBound(string(127, 'x')));
+    bind(string(128, 'y'));
+    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
+                                    "[ConfConfigAddIndex]conf secure func failed, err = "));
+    EXPECT_TRUE(isBound(string(127, 'x')));
+    EXPECT_FALSE(isBound(string(127, 'y')));
+}
+
+TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
+    ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
+    for (int i = 0; i < 300; i++) {
+        bind("Key." + std::to_string(i));
+    }
+    const struct {
+        const char *operation, *record;
+    } failures[] = {
+        {"OsMemMallocSetCharMon", "[ConfConfigAddIndex]ConfConfigAddIndex malloc error \n"},
+        {"memcpy_s", "[ConfConfigAddIndex]memcpy error = "}};
+    for (const auto &failure : failures) {
+        platform::clearRecords();
+        platform::failCall(failure.operation, 1);
+        bind("Key.");
+        EXPECT_TRUE(platform::hasRecord(1, "conf_config", failure.record));
+        EXPECT_TRUE(platform::hasRecord(
+            1, "conf_config", "ConfConfigAddIndex fail g_itemNum == g_itemCache Key. 0\n"));
+        EXPECT_FALSE(isBound("Key."));
+    }
+    platform::clearRecords();
+    platform::failCall("memset_s", 1);
+    bind("Key.");
+    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
+                                    "[ConfConfigInsertIndex]conf secure func failed, err = "));
+    EXPECT_FALSE(isBound("Key."));
+    for (int i = 0; i < 300; i++) {
+        EXPECT_TRUE(isBound("Key." + std::to_string(i)));
+    }
+}
+
+TEST_F(ConfigIndex, BindingWithoutAnIndexChangesNothing) {
+    bind("Conf.A");
+    EXPECT_FALSE(isBound("Conf.A"));
+    ASSERT_EQ(ConfConfigInit([] { bind("Conf.A"); }, "TamoUIConf", "Conf"), 0);
+    EXPECT_TRUE(isBound("Conf.A"));
+    ASSERT_EQ(ConfConfigInit([] { bind("Conf.B"); }, "TamoUIConf", "Conf"), 0);
+    EXPECT_FALSE(isBound("Conf.A")) << "a second start begins anew";
+    EXPECT_TRUE(isBound("Conf.B"));
+    EXPECT_EQ(ConfConfigDeInit(), 0);
+    bind("Conf.B");
+    EXPECT_FALSE(isBound("Conf.B"));
+    EXPECT_EQ(ConfConfigDeInit(), 0);
+}
+
+TEST_F(ConfigIndex, InitRefusesMissingArgumentsAndMemory) {
+    EXPECT_EQ(ConfConfigInit(nullptr, "o", "m"), -1);
+    EXPECT_EQ(ConfConfigInit(bindNothing, nullptr, "m"), -1);
+    EXPECT_EQ(ConfConfigInit(bindNothing, "o", nullptr), -1);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
+                                    "[ConfConfigInit]ConfConfigInit invalue param, null pointer!"));
+    EXPECT_EQ(platform::callCount("TamoOmConfigInit"), 0u);
+    platform::failCall("OsMemMallocSetCharMon", 1);
+    EXPECT_EQ(ConfConfigInit([] { FAIL() << "nothing to bind to"; }, "o", "m"), -1);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_config", "ConfConfigInit Malloc fail"));
+    EXPECT_EQ(platform::callCount("TamoOmConfigNotifyCallback"), 1u);
+}
+
+TEST_F(ConfigIndex, ConnectionIsTheServicesAndItsRefusalIsSurvived) {
+    std::vector<string> steps;
+    platform::override(TamoOmConfigInit, [&](uint32_t zero, const char *owner, const char *module) {
+        steps.push_back("connect " + std::to_string(zero) + owner + module);
+        return 3;
+    });
+    platform::override(TamoOmConfigNotifyCallback,
+                       [&](ConfConfigChangeHandler handler, const char *module) {
+                           EXPECT_EQ(handler, ConfConfigClientCallBack);
+                           steps.push_back(string("notify ") + module);
+                           return 0;
+                       });
+    platform::override(TamoOmConfigUnInit, [&](const char *module) {
+        steps.push_back(string("leave ") + module);
+        return 9;
+    });
+    EXPECT_EQ(ConfConfigInit([] { bind("Conf.A"); }, "Me", "Mine"), 0);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_config", "[ConfConfigInit]TamoOmConfigInit failed"));
+    EXPECT_EQ(ConfConfigReInit(), 0);
+    EXPECT_TRUE(platform::hasRecord(3, "conf_config", "[ConfConfigReInit]ConfConfigReInit."));
+    EXPECT_TRUE(platform::hasRecord(1, "conf_config", "[ConfConfigReInit]ConfInitOmConfig failed"));
+    EXPECT_EQ(ConfConfigUnInit(), 0);
+    EXPECT_TRUE(platform::hasRecord(3, "conf_config", "[ConfConfigUnInit]ConfConfigUnInit."));
+    EXPECT_EQ(steps, (std::vector<string>{"connect 0MeMine", "notify Mine",
+                                          "connect 0TamoUIConfConf", "notify Conf", "leave Conf"}));
+    EXPECT_TRUE(isBound("Conf.A"));
+    platform::failCall("OSMemTypeFreeMon", 1);
+    EXPECT_NE(ConfConfigDeInit(), 0) << "the release's own result";
+    EXPECT_TRUE(platform::hasRecord(3, "conf_config", "[ConfConfigDeInit]ConfConfigDeInit"));
+    allowOutstandingBlocks();
+}
+
+}  // namespace

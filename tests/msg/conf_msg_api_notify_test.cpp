@@ -1,0 +1,166 @@
+/* Notifications and message blocks. */
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "include/conf_msg_api.h"
+#include "msg/message_format.h"
+#include "tests/support/forwarding_platform.h"
+
+namespace {
+
+constexpr uint32_t kPacket = 4194140;
+constexpr uint32_t kLimit = 33554432;
+
+struct Call {
+    uint32_t id;
+    const void *data;
+    uint32_t length, result;
+};
+std::vector<Call> calls;
+MultiPackHeader header;
+
+uint32_t remember(uint32_t id, const void *data, uint32_t length, uint32_t result) {
+    if (length == sizeof(header) && data != nullptr) {
+        memcpy(&header, data, sizeof(header));
+    }
+    calls.push_back({id, data, length, result});
+    return 40 + result;
+}
+
+uint32_t replaceItself(uint32_t id, const void *data, uint32_t length, uint32_t result) {
+    ConfRegisterNotifyFunc(remember);
+    return remember(id, data, length, result);
+}
+
+class Notify : public platform::PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        calls.clear();
+    }
+};
+
+/* The first test of the program that needs no callback: none can be removed again. */
+TEST_F(Notify, CallbackGetsWhatIsNotified) {
+    EXPECT_EQ(ConfCommSendNotifyToApp(1, "x", 1), 1u) << "nobody is registered";
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(1, "x", 1), 0u);
+    ConfRegisterNotifyFunc(remember);
+    ConfRegisterNotifyFunc(nullptr);
+    EXPECT_EQ(ConfCommSendNotifyToApp(5, "xy", 2), 40u);
+    EXPECT_EQ(ConfCommSendNotifyAndResultToApp(6, nullptr, 9, 2), 42u);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].id, 6u);
+    EXPECT_EQ(calls[1].length, 9u);
+    EXPECT_EQ(platform::callCount("OsMutexLock"), platform::callCount("OsMutexUnLock"));
+}
+
+TEST_F(Notify, LargeBlockGoesInPacketsBehindAHeader) {
+    ConfRegisterNotifyFunc(remember);
+    const std::vector<char> data(kLimit + 1);
+    const struct {
+        uint32_t length, count, calls, last;
+    } cases[] = {
+        {1, 1, 2, 1}, {kPacket, 1, 2, kPacket}, {kPacket + 1, 2, 3, 1}, {kLimit, 9, 10, 1312}};
+    for (const auto &c : cases) {
+        calls.clear();
+        EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, data.data(), c.length), 0u);
+        ASSERT_EQ(calls.size(), c.calls) << c.length;
+        EXPECT_EQ(calls[0].length, 12u);
+        EXPECT_EQ(header.magic, 74565u);
+        EXPECT_EQ(header.packetCount, c.count);
+        EXPECT_EQ(header.totalLength, c.length);
+        for (uint32_t i = 1; i < c.calls; i++) {
+            EXPECT_EQ(calls[i].data, data.data() + (i - 1) * kPacket);
+        }
+        EXPECT_EQ(calls.back().length, c.last);
+    }
+    EXPECT_TRUE(platform::hasRecord(3, "conf_msg_api",
+                                    "[ConfCommSendMultiPackNotifyToApp]MultiPackNotify,pktnum:9, "
+                                    "len:33554432"));
+    EXPECT_TRUE(platform::hasRecord(3, "conf_msg_api", "MultiPackNotify Over"));
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, data.data(), kLimit + 1), 1u);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_msg_api", "dataLen error .33554433"));
+}
+
+TEST_F(Notify, NullDataIsToldOnceAndSendsNoPacket) {
+    ConfRegisterNotifyFunc(remember);
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, nullptr, 0), 1u);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_msg_api", "dataLen error .0"));
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, nullptr, 5000), 1u);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].data, nullptr);
+    EXPECT_EQ(calls[1].length, 5000u);
+    EXPECT_EQ(platform::callCount("OsMutexLock"), 0u);
+}
+
+TEST_F(Notify, RegistrationDuringPacketsTakesEffectAtTheNext) {
+    ConfRegisterNotifyFunc(replaceItself);
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, "abc", 3), 0u);
+    EXPECT_EQ(calls.size(), 2u);
+    EXPECT_EQ(ConfCommSendNotifyToApp(1, "x", 1), 40u);
+    EXPECT_EQ(calls.size(), 3u);
+}
+
+TEST_F(Notify, PacketsOfTwoThreadsDoNotMix) {
+    ConfRegisterNotifyFunc(remember);
+    const std::vector<char> data(kPacket * 2);
+    const auto send = [&](uint32_t id) {
+        for (int i = 0; i < 50; i++) {
+            ConfCommSendMultiPackNotifyToApp(id, data.data(), kPacket * 2);
+        }
+    };
+    std::thread other(send, 1);
+    send(2);
+    other.join();
+    ASSERT_EQ(calls.size(), 300u);
+    for (size_t i = 0; i < calls.size(); i++) {
+        EXPECT_EQ(calls[i].id, calls[i - i % 3].id);
+    }
+}
+
+TEST_F(Notify, BlockHasItsBodyAndRoomForFourBytes) {
+    const std::vector<char> body(1152, 'b');
+    MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(body.data(), 1152);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(GetMeetingServerMsgBlockSize(block), 1235u);
+    EXPECT_EQ(memcmp(reinterpret_cast<char *>(block) + 80, body.data(), 1152), 0);
+    EXPECT_EQ(block->itemCount, 0u);
+    EXPECT_EQ(block->resultList, nullptr);
+    block->bodyLength = UINT32_MAX - 10;
+    EXPECT_EQ(GetMeetingServerMsgBlockSize(block), UINT32_MAX) << "a size that wrapped would lie";
+    OSMemTypeFreeMon(block, 0, 0, 1, "test");
+
+    block = GenerateMeetingServerMsgBlock(nullptr, 0);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(GetMeetingServerMsgBlockSize(block), 84u);
+    const std::vector<char> zeros(84);
+    EXPECT_EQ(memcmp(block, zeros.data(), 84), 0);
+    OSMemTypeFreeMon(block, 0, 0, 1, "test");
+
+    block = GenerateMeetingServerMsgBlock(nullptr, 10);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(block->bodyLength, 10u);
+    OSMemTypeFreeMon(block, 0, 0, 1, "test");
+}
+
+TEST_F(Notify, BlockFailuresAreRecorded) {
+    for (const char *operation : {"OsMemMallocSetCharMon", "memcpy_s"}) {
+        platform::forEachFailure(
+            operation, [] {}, [] { return GenerateMeetingServerMsgBlock("body", 4); },
+            [](uint64_t, MeetingServerMsgBlock *block) {
+                EXPECT_EQ(block, nullptr);
+                EXPECT_EQ(platform::records().size(), 1u);
+            },
+            [](MeetingServerMsgBlock *block) { OSMemTypeFreeMon(block, 0, 0, 1, "test"); });
+    }
+    EXPECT_EQ(GenerateMeetingServerMsgBlock(nullptr, UINT32_MAX), nullptr);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_msg_api", "[GenerateMeetingServerMsgBlock]Null ptr."));
+    EXPECT_EQ(GetMeetingServerMsgBlockSize(nullptr), 0u);
+    EXPECT_TRUE(
+        platform::hasRecord(1, "conf_msg_api", "[GetMeetingServerMsgBlockSize]msg is nullptr!"));
+}
+
+}  // namespace
