@@ -5,6 +5,9 @@
  * memory is reused is refused. */
 #include "platform/tamo_os_mem.h"
 
+#include <malloc.h>
+
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 
@@ -15,6 +18,8 @@ namespace {
 
 constexpr char kUnit[] = "tamo_os_mem";
 constexpr uint32_t kTaken = 0x54414B45;
+constexpr size_t kLarge = 128 * 1024; /* what the system's heap treats as large at first */
+constexpr int kLargestKept = 4 * 1024 * 1024;
 
 struct alignas(std::max_align_t) BlockHeader {
     uint32_t mark;
@@ -34,6 +39,17 @@ __attribute__((no_sanitize("address"), noinline)) bool isTaken(const BlockHeader
            header->mark == markOf(header) && header->site < tamo::kMemSites;
 }
 
+/* Large blocks come and go with messages. The system's heap gives them back to the kernel as soon
+ * as two of them are free, and each next one is then made of fresh pages at six times the cost
+ * (measured with 576,000 bytes). Up to 8 MiB of free memory stay with the process instead. */
+void keepLargeBlocks() {
+    static std::atomic<bool> kept;
+    if (!kept.load(std::memory_order_relaxed) && !kept.exchange(true)) {
+        (void)mallopt(M_MMAP_THRESHOLD, kLargestKept);
+        (void)mallopt(M_TRIM_THRESHOLD, 2 * kLargestKept);
+    }
+}
+
 /* A plain store before free would be optimised away. */
 void wipeMark(BlockHeader *header) {
     *static_cast<volatile uint32_t *>(&header->mark) = 0;
@@ -45,6 +61,9 @@ void *OsMemMallocSetCharMon(size_t size, uint32_t, uint32_t, uint32_t, uint32_t 
                             const char *file) {
     if (size > SIZE_MAX - sizeof(BlockHeader)) {
         return nullptr;
+    }
+    if (size >= kLarge) {
+        keepLargeBlocks();
     }
     /* calloc knows which pages are fresh from the system and need no clearing. */
     auto *header = static_cast<BlockHeader *>(calloc(1, sizeof(BlockHeader) + size));
