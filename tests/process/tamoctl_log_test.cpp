@@ -1,0 +1,95 @@
+/* tamoctl log: the end of a log, its levels, and following it while its writers rotate it. */
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "platform/tamo_om_log_client.h"
+#include "tests/process/program.h"
+
+namespace {
+
+/* A log of its own with small files. */
+class TamoctlLog : public testing::Test {
+  protected:
+    void SetUp() override {
+        OmLogCreateParam param = {200, 50, 2000, {}};
+        snprintf(param.name, sizeof(param.name), "%s",
+                 testing::UnitTest::GetInstance()->current_test_info()->name());
+        name_ = param.name;
+        ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
+        ASSERT_EQ(TamoOmLogCreateLog(&param, &id_), 0);
+    }
+    void TearDown() override { TamoOmLogClientUnInit(); }
+
+    void write(uint8_t level, const char *text) {
+        ASSERT_EQ(TamoOmLogModuleLogRecord(level, id_, "unit", 4, 1, "%s", text), 0);
+    }
+    void writeNumbered(int first, int last) {
+        for (int i = first; i <= last; i++) {
+            write(3, ("record " + std::to_string(i) + ".").c_str());
+        }
+    }
+
+    std::string name_;
+    uint16_t id_ = 0;
+};
+
+TEST_F(TamoctlLog, tailReaches) {
+    writeNumbered(1, 100);
+    const Outcome outcome = tamoctl({"log", "-n", "60", name_});
+    EXPECT_EQ(lineCount(outcome.output), 60U) << "across rotated files";
+    EXPECT_NE(outcome.output.find("record 41."), std::string::npos);
+    EXPECT_EQ(outcome.output.find("record 40."), std::string::npos);
+    EXPECT_LT(outcome.output.find("record 41."), outcome.output.find("record 100."));
+    EXPECT_EQ(tamoctl({"log", "no.such.log"}).code, 1);
+}
+
+TEST_F(TamoctlLog, levels) {
+    write(1, "an error");
+    write(2, "a warning");
+    write(3, "some information");
+    EXPECT_EQ(lineCount(tamoctl({"log", "--level", "warning", name_}).output), 2U);
+    EXPECT_NE(tamoctl({"log", "-n", "1", "--level", "error", name_}).output.find("an error"),
+              std::string::npos);
+
+    const std::string red = "\x1b[1;31mERROR\x1b[0m";
+    const auto shows = [&](const Words &options, bool onTerminal) {
+        Words words = {"log", name_};
+        words.insert(words.end(), options.begin(), options.end());
+        return tamoctl(words, onTerminal).output.find(red) != std::string::npos;
+    };
+    EXPECT_FALSE(shows({}, false));
+    EXPECT_TRUE(shows({"--color=always"}, false));
+    EXPECT_FALSE(shows({"--color=never"}, true));
+    setenv("TERM", "xterm", 1);
+    EXPECT_TRUE(shows({}, true));
+    setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(shows({}, true));
+    unsetenv("NO_COLOR");
+}
+
+TEST_F(TamoctlLog, followsAcrossRotations) {
+    write(3, "begin");
+    Program follower({TAMOCTL, "log", "-n", "1", "--follow", name_});
+    ASSERT_NE(follower.line().find("begin"), std::string::npos);
+    for (int round = 0; round < 3; round++) {
+        writeNumbered(round * 100, round * 100 + 99);
+        for (int i = round * 100; i < round * 100 + 100; i++) {
+            ASSERT_NE(follower.line().find("record " + std::to_string(i) + "."), std::string::npos);
+        }
+    }
+    follower.closeOutput();
+    EXPECT_EQ(follower.finish().code, 0) << "it ends with its reader, without another record";
+}
+
+TEST_F(TamoctlLog, followWaitsForAFileThatIsNotThere) {
+    Program follower({TAMOCTL, "log", "--follow", "later.log"});
+    OmLogCreateParam param = {200, 2, 100000, "later.log"};
+    uint16_t id = 0;
+    ASSERT_EQ(TamoOmLogCreateLog(&param, &id), 0);
+    ASSERT_EQ(TamoOmLogModuleLogRecord(3, id, "unit", 4, 1, "%s", "at last"), 0);
+    EXPECT_NE(follower.line().find("at last"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+/* The command line tool, run as its users run it: with its output in a pipe, and on a terminal. */
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "host/tamo_host.h"
+#include "include/conf_msg_api.h"
+#include "platform/tamo_os_mem.h"
+#include "tests/process/program.h"
+#include "tests/support/child_process.h"
+
+namespace {
+
+using Json = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
+
+/* Parses JSON output; null when it is none. */
+Json parse(const Outcome &outcome) {
+    return Json(cJSON_Parse(outcome.output.c_str()), cJSON_Delete);
+}
+
+const cJSON *entryWith(const cJSON *array, const char *member, const std::string &text) {
+    const cJSON *entry = nullptr;
+    cJSON_ArrayForEach(entry, array) {
+        const char *value = cJSON_GetStringValue(cJSON_GetObjectItem(entry, member));
+        if (value != nullptr && value == text) {
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+double numberOf(const cJSON *object, const char *member) {
+    return cJSON_GetNumberValue(cJSON_GetObjectItem(object, member));
+}
+
+/* ---- get, set, list ---- */
+
+TEST(TamoctlConfig, getPrintsWhatSetStored) {
+    EXPECT_EQ(tamoctl({"set", "Ctl.A", "first", "Ctl.B", "-5"}).code, 0);
+    const Outcome got = tamoctl({"get", "Ctl.B", "Ctl.A"});
+    EXPECT_EQ(got.code, 0);
+    EXPECT_EQ(got.output, "-5\nfirst\n");
+
+    const Outcome missing = tamoctl({"get", "Ctl.A", "Ctl.None", "Ctl.*"});
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.output, "first\n");
+    EXPECT_EQ(lineCount(missing.errors), 1U) << missing.errors;
+    EXPECT_NE(missing.errors.find("Ctl.None"), std::string::npos);
+}
+
+TEST(TamoctlConfig, setStoresAllOrNothing) {
+    const Outcome outcome = tamoctl({"set", "Ctl.Half", "1", std::string(128, 'k'), "2"});
+    EXPECT_EQ(outcome.code, 2);
+    EXPECT_EQ(tamoctl({"get", "Ctl.Half"}).code, 1);
+    EXPECT_EQ(tamoctl({"set", "Ctl.Half", std::string(1024, 'v')}).code, 2);
+    EXPECT_EQ(tamoctl({"set", "Ctl.Full", std::string(1023, 'v')}).code, 0);
+    EXPECT_EQ(tamoctl({"get", "Ctl.Full"}).output, std::string(1023, 'v') + "\n");
+}
+
+TEST(TamoctlConfig, listMatchesAPatternAndPrintsAlignedOnATerminalOnly) {
+    ASSERT_EQ(
+        tamoctl({"set", "Ctl.List.long", "tab\tline\nescape\x1b[2J", "Ctl.List.x", "z\xC3\xBC"})
+            .code,
+        0);
+    EXPECT_EQ(tamoctl({"list", "Ctl.List.*"}).output,
+              "Ctl.List.long\ttab\\tline\\nescape\\x1b[2J\nCtl.List.x\tz\xC3\xBC\n");
+    EXPECT_EQ(tamoctl({"list", "Ctl.List.*"}, true).output,
+              "KEY            VALUE\r\n"
+              "Ctl.List.long  tab\\tline\\nescape\\x1b[2J\r\n"
+              "Ctl.List.x     z\xC3\xBC\r\n");
+    EXPECT_EQ(tamoctl({"get", "Ctl.List.long"}).output, "tab\tline\nescape\x1b[2J\n");
+    EXPECT_EQ(tamoctl({"get", "Ctl.List.long"}, true).output, "tab\\tline\\nescape\\x1b[2J\r\n");
+    const Outcome none = tamoctl({"list", "Nothing.*"});
+    EXPECT_EQ(none.code, 1);
+    EXPECT_EQ(lineCount(none.errors), 1U);
+}
+
+TEST(TamoctlConfig, jsonHoldsAnyValue) {
+    ASSERT_EQ(tamoctl({"set", "Ctl.Json", "\"quoted\"\n\x01 broken \xFF utf"}).code, 0);
+    for (const char *command : {"get", "list"}) {
+        const Json json = parse(tamoctl({command, "--json", "Ctl.Json"}));
+        ASSERT_NE(json, nullptr);
+        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(json.get(), "Ctl.Json")),
+                     "\"quoted\"\n\x01 broken \xEF\xBF\xBD utf");
+    }
+}
+
+/* ---- usage ---- */
+
+TEST(TamoctlUsage, wrongUseIsOneLineAndCode2) {
+    for (const Words &words :
+         {Words{}, Words{"frobnicate"}, Words{"--bad", "list"}, Words{"get"}, Words{"set", "Ctl.A"},
+          Words{"list", "--jsn"}, Words{"list", "-x"}, Words{"mem", "-7x"}, Words{"mem", "12x"},
+          Words{"log", "-n", "many"}, Words{"log", "-n"}, Words{"log", "--level", "loud"},
+          Words{"log", "--color", "pink"}, Words{"log", "../keys/x"}, Words{"queues", "x"}}) {
+        const Outcome outcome = tamoctl(words);
+        EXPECT_EQ(outcome.code, 2) << testing::PrintToString(words);
+        EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
+        EXPECT_NE(outcome.errors.find("--help"), std::string::npos) << outcome.errors;
+        EXPECT_EQ(outcome.output, "");
+    }
+}
+
+TEST(TamoctlUsage, everyCommandHasHelpWithExamples) {
+    EXPECT_EQ(tamoctl({"--version"}).output.rfind("tamoctl ", 0), 0U);
+    EXPECT_NE(tamoctl({"--help"}).output.find("Exit status"), std::string::npos);
+    for (const char *command : {"get", "set", "list", "log", "mem", "queues"}) {
+        const Outcome help = tamoctl({command, "--help"});
+        EXPECT_EQ(help.code, 0);
+        EXPECT_NE(help.output.find(std::string("  tamoctl ") + command), std::string::npos);
+    }
+}
+
+TEST(TamoctlUsage, theRootOptionIsTheRootAndMustExistToBeRead) {
+    const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".other";
+    EXPECT_EQ(tamoctl({"--root", root, "list"}).code, 1);
+    EXPECT_NE(access(root.c_str(), F_OK), 0) << "looking creates nothing";
+    EXPECT_EQ(tamoctl({"--root", root, "set", "Ctl.Elsewhere", "1"}).code, 0);
+    EXPECT_EQ(tamoctl({"get", "--root", root, "Ctl.Elsewhere"}).output, "1\n");
+    EXPECT_EQ(tamoctl({"get", "Ctl.Elsewhere"}).code, 1);
+    EXPECT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
+}
+
+TEST(TamoctlUsage, outputThatCannotBeWrittenIsAFailure) {
+    const Outcome outcome = Program({"sh", "-c", "'" TAMOCTL "' --help >/dev/full"}).finish();
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.errors.find("No space left"), std::string::npos);
+}
+
+/* ---- mem and queues ---- */
+
+TEST(TamoctlMem, showsWhoHoldsWhat) {
+    const std::string pid = std::to_string(getpid());
+    void *blocks[] = {OsMemMallocSetCharMon(100, 0, 0, 0, 4711, "mem_probe"),
+                      OsMemMallocSetCharMon(200, 0, 0, 0, 4711, "mem_probe")};
+    const Outcome outcome = tamoctl({"mem", pid});
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_NE(outcome.output.find("mem_probe\t4711\t2\t300\n"), std::string::npos)
+        << outcome.output;
+    EXPECT_NE(tamoctl({"mem"}).output.find(pid + "\ttamoctl_test"), std::string::npos);
+
+    const Json json = parse(tamoctl({"mem", "--json", pid}));
+    EXPECT_EQ(numberOf(json.get(), "pid"), getpid());
+    const cJSON *sites = cJSON_GetObjectItem(json.get(), "sites");
+    EXPECT_EQ(numberOf(entryWith(sites, "file", "mem_probe"), "bytes"), 300);
+    for (void *block : blocks) {
+        OSMemTypeFreeMon(block, 0, 0, __LINE__, "test");
+    }
+    EXPECT_EQ(tamoctl({"mem", pid}).output.find("mem_probe"), std::string::npos);
+
+    const Outcome none = tamoctl({"mem", "1"});
+    EXPECT_EQ(none.code, 1);
+    EXPECT_EQ(lineCount(none.errors), 1U) << none.errors;
+}
+
+uint32_t neverRun(uint32_t, void *, uint32_t) {
+    return 0;
+}
+
+const support::ChildRole queueOwner("queueOwner", [](const support::ChildArguments &arguments) {
+    TamoHostQueue *queue = nullptr;
+    support::tellParent(TamoHostMsgOpen(arguments[0].c_str(), &queue) == 0 ? "open" : "failed");
+    support::hearParent();
+    return 0;
+});
+
+TEST(TamoctlQueues, showsDepthAndOwnerAndMarksTheDead) {
+    TamoHostQueue *queue = nullptr;
+    ASSERT_EQ(TamoHostMsgOpen("ctl.waiting", &queue), TAMO_HOST_OK);
+    for (int i = 0; i < 3; i++) {
+        ASSERT_EQ(ConfCommMsgAsynSend("ctl.waiting", neverRun, 0, "0123456789", 10), 0U);
+    }
+    support::ChildProcess owner("queueOwner", {"ctl.dead"});
+    ASSERT_EQ(owner.hear(), "open");
+    owner.kill();
+
+    const Json json = parse(tamoctl({"queues", "--json"}));
+    const cJSON *waiting = entryWith(json.get(), "name", "ctl.waiting");
+    EXPECT_EQ(numberOf(waiting, "pid"), getpid());
+    EXPECT_EQ(numberOf(waiting, "depth"), 3);
+    EXPECT_EQ(numberOf(waiting, "bytes"), 3 * (sizeof(void *) == 8 ? 34 : 26));
+    EXPECT_TRUE(
+        cJSON_IsFalse(cJSON_GetObjectItem(entryWith(json.get(), "name", "ctl.dead"), "alive")));
+    const std::string plain = tamoctl({"queues"}).output;
+    EXPECT_NE(plain.find("ctl.dead\t-\t(dead)\t"), std::string::npos) << plain;
+    EXPECT_NE(plain.find("ctl.waiting\t" + std::to_string(getpid()) + "\ttamoctl_test\t3\t"),
+              std::string::npos)
+        << plain;
+    TamoHostMsgClose(queue);
+}
+
+/* ---- completion ---- */
+
+/* What completing the last word offers, one a line. */
+std::string completed(const std::string &words) {
+    const std::string script =
+        "PATH='" TAMOCTL_DIRECTORY "':$PATH; . '" TAMOCTL_COMPLETION "'; COMP_WORDS=(" + words +
+        "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tamoctl; "
+        "printf '%s\\n' \"${COMPREPLY[@]}\"";
+    return Program({"bash", "-c", script}).finish().output;
+}
+
+TEST(TamoctlCompletion, offersCommandsOptionsKeysAndProcesses) {
+    ASSERT_EQ(tamoctl({"set", "Complete.a", "1", "Complete.b", "2"}).code, 0);
+    EXPECT_EQ(completed("tamoctl l"), "list\nlog\n");
+    EXPECT_EQ(completed("tamoctl log --l"), "--lines\n--level\n");
+    EXPECT_EQ(completed("tamoctl log --level w"), "warning\n");
+    EXPECT_EQ(completed("tamoctl get Complete.a Comp"), "Complete.a\nComplete.b\n");
+    EXPECT_EQ(completed("tamoctl set Complete.a ''"), "\n") << "no values";
+    void *block = OsMemMallocSetCharMon(1, 0, 0, 0, __LINE__, "test");
+    EXPECT_NE(completed("tamoctl mem ''").find(std::to_string(getpid()) + "\n"), std::string::npos);
+    OSMemTypeFreeMon(block, 0, 0, __LINE__, "test");
+}
+
+TEST(TamoctlCompletion, runsNothingThatStandsInAKey) {
+    const std::string victim = std::string(getenv("TAMO_DEVICE_ROOT")) + "/completion-ran";
+    ASSERT_EQ(tamoctl({"set", "Evil.$(touch " + victim + ")", "1"}).code, 0);
+    EXPECT_NE(completed("tamoctl get Evil"), "\n");
+    EXPECT_NE(access(victim.c_str(), F_OK), 0);
+}
+
+}  // namespace
