@@ -1,0 +1,291 @@
+/* Receiving messages.
+ *
+ * All connections of a queue are polled by one epoll descriptor, one event at a time: the kernel
+ * puts a connection that still has something behind the others, so senders are served in turn. A
+ * connection that brought an asynchronous message is asked a few times more without polling, which
+ * is what makes a burst cheap; one that brought a synchronous message cannot have another. */
+#include "message_queue.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <new>
+
+#include "host_record.h"
+#include "message_deadline.h"
+#include "message_wire.h"
+
+namespace {
+
+using tamo::Arrival;
+using tamo::Descriptor;
+using tamo::hostRecord;
+using tamo::Message;
+using tamo::PacketHead;
+using tamo::Peer;
+
+constexpr const char *kUnit = "tamo_os_msg";
+constexpr uint32_t kBurst = 16;
+
+bool senderWaits(const PacketHead &head) {
+    return head.kind == tamo::kMessage && (head.flags & tamo::kSenderWaits) != 0;
+}
+
+/* Refuses one message: its sender learns it at once. */
+void refuse(const TamoHostQueue &queue, const Peer &peer, const PacketHead &head, uint32_t reason,
+            const char *why) {
+    hostRecord(tamo::kWarning, kUnit, __LINE__, "a message of process %d to %s was refused: %s",
+               static_cast<int>(peer.identity.pid), queue.name, why);
+    if (senderWaits(head)) {
+        tamo::sendRefusal(peer.socket.get(), head.serial, reason);
+    }
+}
+
+/* Refuses a sender that does not keep to the format. Whether it waits, and for what, cannot be known
+ * of one that is of another version. */
+void refuseSender(TamoHostQueue *queue, Peer *peer, uint32_t serial, const char *why) {
+    hostRecord(tamo::kWarning, kUnit, __LINE__, "the connection of process %d to %s was closed: %s",
+               static_cast<int>(peer->identity.pid), queue->name, why);
+    tamo::sendRefusal(peer->socket.get(), serial, TAMO_HOST_REFUSED);
+    tamo::dropPeer(queue, peer);
+}
+
+/* Goes on with the connection that replaces `peer`'s. */
+void takeSuccessor(TamoHostQueue *queue, Peer *peer, Descriptor socket) {
+    int domain = 0;
+    int type = 0;
+    socklen_t size = sizeof(int);
+    tamo::PeerIdentity sender;
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
+        getsockopt(socket.get(), SOL_SOCKET, SO_TYPE, &type, &size) != 0 || domain != AF_UNIX ||
+        type != SOCK_SEQPACKET || !tamo::identifyPeer(socket.get(), &sender)) {
+        refuseSender(queue, peer, 0, "its new connection is none");
+        return;
+    }
+    (void)tamo::addPeer(queue, std::move(socket), sender);
+    tamo::dropPeer(queue, peer);
+}
+
+/* Puts this process's own address of the handler into a body, and takes out what only the sender
+ * could use. False when the handler is not here. */
+bool translateBody(TamoHostQueue *queue, const Message &message) {
+    const PacketHead &head = message.packet;
+    if (!tamo::hasHandler(head.msgId) || head.bodyLength == 0) {
+        return true;
+    }
+    void *body = message.header.body;
+    if (head.bodyLength < sizeof(tamo::BodyHead)) {
+        memset(body, 0, std::min<size_t>(head.bodyLength, sizeof(void *)));
+        return true;
+    }
+    const void *handler = nullptr;
+    if (head.buildIdLength > 0) {
+        tamo::CodePlace place = {};
+        place.offset = head.handlerOffset;
+        place.buildIdLength = head.buildIdLength;
+        memcpy(place.buildId, head.buildId, sizeof(place.buildId));
+        handler = tamo::codeAtPlace(place, &queue->modules);
+        if (handler == nullptr) {
+            return false;
+        }
+    }
+    tamo::writeHandler(body, handler);
+    if (tamo::hasBlock(head.msgId, head.bodyLength)) {
+        tamo::writeList(body, {nullptr, 0});
+    }
+    return true;
+}
+
+void recordMissingHandler(const TamoHostQueue &queue, const PacketHead &head) {
+    char buildId[2 * tamo::kMaxBuildId + 1] = {};
+    for (unsigned i = 0; i < head.buildIdLength; ++i) {
+        (void)snprintf(buildId + 2 * i, 3, "%02x", head.buildId[i]);
+    }
+    hostRecord(tamo::kError, kUnit, __LINE__,
+               "a message to %s names a handler at %#llx of the module with build id %s, which is "
+               "no code of a module loaded here: load the same build of it, and link both programs "
+               "position-independent",
+               queue.name, static_cast<unsigned long long>(head.handlerOffset), buildId);
+}
+
+void countReceived(const TamoHostQueue &queue, const PacketHead &head) {
+    /* The owner alone writes these: no locked instruction is needed. */
+    tamo::QueueStatus &status = *queue.status.get();
+    status.received.store(status.received.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+    status.receivedBytes.store(
+        status.receivedBytes.load(std::memory_order_relaxed) + head.bodyLength,
+        std::memory_order_relaxed);
+}
+
+/* Makes a message of a packet; true when it can be handed out. */
+bool acceptPacket(TamoHostQueue *queue, Peer *peer, Message *message, Descriptor *file) {
+    const PacketHead &head = message->packet;
+    const char *fault = tamo::faultOfPacket(*message, file->isOpen());
+    if (fault == nullptr && head.kind == tamo::kSuccessor) {
+        takeSuccessor(queue, peer, std::move(*file));
+        return false;
+    }
+    if (fault == nullptr &&
+        (head.kind != tamo::kMessage || strcmp(head.receiver, queue->name) != 0)) {
+        fault = "it is none for this queue";
+    }
+    if (fault != nullptr) {
+        refuseSender(queue, peer, head.serial, fault);
+        return false;
+    }
+    countReceived(*queue, head);
+    fault = tamo::takeBody(message, *file);
+    if (fault != nullptr) {
+        refuse(*queue, *peer, head, TAMO_HOST_REFUSED, fault);
+        return false;
+    }
+    if (!translateBody(queue, *message)) {
+        recordMissingHandler(*queue, head);
+        if (senderWaits(head)) {
+            tamo::sendRefusal(peer->socket.get(), head.serial, TAMO_HOST_REFUSED);
+        }
+        tamo::forgetBody(message);
+        return false;
+    }
+    if (senderWaits(head)) {
+        queue->burst = 0;
+        tamo::holdPeer(peer);
+        message->peer = peer;
+        message->waiting.store(true, std::memory_order_relaxed);
+    }
+    return true;
+}
+
+/* Asks the current connection. True when `message` can be handed out. */
+bool receiveFromCurrent(TamoHostQueue *queue, Message *message) {
+    Peer *peer = queue->current;
+    --queue->burst;
+    Descriptor file;
+    const Arrival arrival = tamo::receivePacket(peer->socket.get(), message, &file, MSG_DONTWAIT);
+    switch (arrival) {
+        case Arrival::kPacket:
+            return acceptPacket(queue, peer, message, &file);
+        case Arrival::kNothing:
+            queue->burst = 0;
+            return false;
+        case Arrival::kInterrupted:
+            ++queue->burst;
+            return false;
+        case Arrival::kEnd:
+            tamo::dropPeer(queue, peer);
+            return false;
+        case Arrival::kLost:
+            countReceived(*queue, message->packet);
+            refuse(*queue, *peer, message->packet, TAMO_HOST_SYSTEM,
+                   "this process has no more descriptors, see ulimit -n");
+            return false;
+        case Arrival::kForeign:
+            refuseSender(queue, peer, 0, "it is no packet of this library");
+            return false;
+    }
+    return false;
+}
+
+/* Polls until some connection is current. */
+uint32_t pollPeers(TamoHostQueue *queue, int timeoutMs) {
+    epoll_event event = {};
+    const int count = epoll_wait(queue->poller.get(), &event, 1, timeoutMs);
+    if (count < 0 && errno != EINTR) {
+        hostRecord(tamo::kError, kUnit, __LINE__, "nothing can be received from %s: %s",
+                   queue->name, strerror(errno));
+        return TAMO_HOST_SYSTEM;
+    }
+    if (count <= 0) {
+        return TAMO_HOST_TIMEOUT;
+    }
+    if (event.data.ptr == &queue->listener) {
+        tamo::acceptPeers(queue);
+    } else if (event.data.ptr == &queue->acceptPause) {
+        tamo::resumeAccepting(queue);
+    } else {
+        queue->current = static_cast<Peer *>(event.data.ptr);
+        queue->burst = kBurst;
+    }
+    return TAMO_HOST_OK;
+}
+
+/* The next message, as soon as there is one. */
+uint32_t receiveWithin(TamoHostQueue *queue, Message *message, int32_t timeoutMs) {
+    tamo::Deadline deadline(timeoutMs > 0 ? static_cast<uint32_t>(timeoutMs) : 0);
+    for (;;) {
+        while (queue->burst > 0) {
+            if (receiveFromCurrent(queue, message)) {
+                return TAMO_HOST_OK;
+            }
+        }
+        const int wait = timeoutMs < 0 ? -1 : static_cast<int>(deadline.remaining());
+        const uint32_t result = pollPeers(queue, wait);
+        deadline.waited();
+        if (result == TAMO_HOST_SYSTEM || (result == TAMO_HOST_TIMEOUT && wait == 0)) {
+            return result;
+        }
+    }
+}
+
+}  // namespace
+
+uint32_t TamoHostMsgOpen(const char *name, TamoHostQueue **queue) {
+    if (name == nullptr || queue == nullptr) {
+        hostRecord(tamo::kWarning, kUnit, __LINE__, "a queue without name or place was opened");
+        return TAMO_HOST_INVALID;
+    }
+    auto *opened = new (std::nothrow) TamoHostQueue;
+    if (opened == nullptr) {
+        hostRecord(tamo::kError, kUnit, __LINE__, "no memory for the queue %s", name);
+        return TAMO_HOST_NO_MEMORY;
+    }
+    uint32_t result = TAMO_HOST_INVALID;
+    if (tamo::copyQueueName(name, opened->name)) {
+        result = tamo::openQueue(opened);
+    } else {
+        hostRecord(tamo::kWarning, kUnit, __LINE__,
+                   "a queue's name is 1 to 15 letters, digits, '.', '_' or '-', not \"%s\"", name);
+    }
+    if (result != TAMO_HOST_OK) {
+        TamoHostMsgClose(opened);
+        return result;
+    }
+    *queue = opened;
+    return TAMO_HOST_OK;
+}
+
+int TamoHostMsgDescriptor(const TamoHostQueue *queue) {
+    return queue != nullptr ? queue->poller.get() : -1;
+}
+
+uint32_t TamoHostMsgReceive(TamoHostQueue *queue, OsMsgHeader **message, int32_t timeoutMs) {
+    if (queue == nullptr || message == nullptr || !queue->poller.isOpen()) {
+        hostRecord(tamo::kWarning, kUnit, __LINE__,
+                   "nothing can be received: there is no queue, or it was opened before a fork");
+        return TAMO_HOST_INVALID;
+    }
+    Message *received = tamo::takeMessage();
+    if (received == nullptr) {
+        hostRecord(tamo::kError, kUnit, __LINE__, "no memory for a message to %s", queue->name);
+        return TAMO_HOST_NO_MEMORY;
+    }
+    const uint32_t result = receiveWithin(queue, received, timeoutMs);
+    if (result == TAMO_HOST_OK) {
+        *message = &received->header;
+    } else {
+        tamo::giveMessageBack(received);
+    }
+    return result;
+}
+
+void TamoHostMsgClose(TamoHostQueue *queue) {
+    if (queue != nullptr) {
+        tamo::closeQueue(queue);
+        delete queue;
+    }
+}
