@@ -1,0 +1,46 @@
+#!/bin/bash
+# Installs the build, moves the installed tree, and builds and runs a small consumer in C and in C++
+# against it, once with the CMake package and once with pkg-config.
+# usage: install_test.sh BUILD_DIR C_COMPILER CXX_COMPILER
+set -euo pipefail
+
+build=$1 cc=$2 cxx=$3
+source=$(cd "$(dirname "$0")" && pwd)
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+export TAMO_DEVICE_ROOT=$scratch/root
+unset DESTDIR
+
+fail() {
+    echo "install_test: $*" >&2
+    exit 1
+}
+
+run() {
+    [ "$("$@")" = "consumer: ok" ] || fail "$1 did not do its work"
+    readelf -n "$1" | grep -q 'Build ID' || fail "$1 has no build id: its handlers cannot travel"
+}
+
+cmake --install "$build" --prefix "$scratch/first" >/dev/null
+prefix=$scratch/moved
+mv "$scratch/first" "$prefix"
+grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of installation"
+
+[ -f "$prefix/share/bash-completion/completions/tamoctl" ] || fail "no completion for tamoctl"
+"$prefix/bin/tamoctl" --help >/dev/null || fail "the installed tamoctl does not run"
+
+cmake -S "$source/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+cmake --build "$scratch/cmake" >/dev/null
+run "$scratch/cmake/consumer_c"
+run "$scratch/cmake/consumer_cpp"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name conference_common.pc)")
+export PKG_CONFIG_PATH
+read -ra flags <<<"$(pkg-config --cflags --libs conference_common tamo_host)"
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir conference_common)
+export LD_LIBRARY_PATH
+"$cc" -std=c11 "$source/consumer/consumer.c" "${flags[@]}" -o "$scratch/consumer_c"
+"$cxx" -std=c++20 "$source/consumer/consumer.cpp" "${flags[@]}" -o "$scratch/consumer_cpp"
+run "$scratch/consumer_c"
+run "$scratch/consumer_cpp"
