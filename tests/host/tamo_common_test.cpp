@@ -1,0 +1,134 @@
+/* Text and address services. */
+#include "platform/tamo_common.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <string>
+
+#include "platform/tamo_os_lock.h"
+#include "platform/tamo_os_mem.h"
+#include "platform/tamo_socket.h"
+
+namespace {
+
+TEST(TextServices, NullTextIsEmptyHoldsNothingAndSortsFirst) {
+    EXPECT_EQ(KIRU_StrLen(nullptr), 0u);
+    EXPECT_EQ(KIRU_StrLen("abc"), 3u);
+    EXPECT_STREQ(KIRU_StrStr("abcbc", "bc"), "bcbc");
+    EXPECT_EQ(KIRU_StrStr("abc", "x"), nullptr);
+    EXPECT_EQ(KIRU_StrStr(nullptr, "x"), nullptr);
+    EXPECT_EQ(KIRU_StrStr("abc", nullptr), nullptr);
+    for (auto compare : {KIRU_StrCmp, KIRU_StriCmp}) {
+        EXPECT_LT(compare(nullptr, ""), 0);
+        EXPECT_GT(compare("", nullptr), 0);
+        EXPECT_EQ(compare(nullptr, nullptr), 0);
+        EXPECT_EQ(compare("ab", "ab"), 0);
+        EXPECT_LT(compare("ab", "abc"), 0);
+        EXPECT_LT(compare("z", "\xC3\xA9"), 0) << "bytes are unsigned";
+    }
+    EXPECT_NE(KIRU_StrCmp("Name", "nAME"), 0);
+    EXPECT_EQ(KIRU_StriCmp("Name", "nAME"), 0);
+    EXPECT_LT(KIRU_StriCmp("_", "A"), 0) << "letters compare as lower case";
+    EXPECT_NE(KIRU_StriCmp("\xC3\x89", "\xC3\xA9"), 0) << "ASCII letters only";
+}
+
+TEST(TextServices, NumberIsTheWholeTextWithinRange) {
+    const struct {
+        const char *text;
+        bool isNumber;
+        int32_t value;
+    } cases[] = {
+        {"0", true, 0},
+        {"-0", true, 0},
+        {" \t+42", true, 42},
+        {"010", true, 10},
+        {"2147483647", true, INT32_MAX},
+        {"-2147483648", true, INT32_MIN},
+        {"2147483648", false, 0},
+        {"-2147483649", false, 0},
+        {"99999999999999999999999", false, 0},
+        {"", false, 0},
+        {"-", false, 0},
+        {"+ 1", false, 0},
+        {"--1", false, 0},
+        {"1 ", false, 0},
+        {"0x10", false, 0},
+        {"1.5", false, 0},
+        {nullptr, false, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text == nullptr ? "null" : c.text);
+        int32_t value = 77;
+        EXPECT_EQ(KIRU_StrToInt32(c.text, &value) == 0, c.isNumber);
+        EXPECT_EQ(value, c.isNumber ? c.value : 77);
+    }
+    EXPECT_NE(KIRU_StrToInt32("1", nullptr), 0);
+}
+
+std::string utf8(const char16_t *text) {
+    char *converted = MOX_UnicodeToUtf8(reinterpret_cast<const uint16_t *>(text));
+    const std::string result = converted;
+    EXPECT_EQ(OSMemTypeFreeMon(converted, 0, 0, __LINE__, "tamo_common_test"), 0u);
+    return result;
+}
+
+TEST(TextServices, WideTextBecomesUtf8) {
+    EXPECT_EQ(utf8(u""), "");
+    EXPECT_EQ(utf8(u"\u007F\u0080\u07FF\u0800\uFFFF"),
+              "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF");
+    EXPECT_EQ(utf8(u"a\U00010000\U0010FFFFz"), "a\xF0\x90\x80\x80\xF4\x8F\xBF\xBFz");
+    const std::string replaced = "\xEF\xBF\xBD";
+    const char16_t lone[] = {0xDC00, 'a', 0xD800, 'b', 0xD800, 0xD800, 0xDC00, 0xD8FF, 0};
+    EXPECT_EQ(utf8(lone),
+              replaced + "a" + replaced + "b" + replaced + "\xF0\x90\x80\x80" + replaced);
+    EXPECT_EQ(MOX_UnicodeToUtf8(nullptr), nullptr);
+}
+
+TEST(AddressTexts, FamiliesAreTheDevicesNumbers) {
+    uint8_t binary[16];
+    memset(binary, 0xEE, sizeof(binary));
+    EXPECT_EQ(KIRU_Inet_Pton(2, "192.168.1.10", binary), 1);
+    const uint8_t four[5] = {192, 168, 1, 10, 0xEE};
+    EXPECT_EQ(memcmp(binary, four, sizeof(four)), 0);
+    EXPECT_EQ(KIRU_Inet_Pton(23, "fe80::1", binary), 1);
+    EXPECT_EQ(binary[0] << 8 | binary[15], 0xFE01);
+
+    for (const char *text : {"192.168.1.256", "1.2.3", "", "1.2.3.4 ", "fe80::1"}) {
+        EXPECT_EQ(KIRU_Inet_Pton(2, text, binary), 0) << text;
+    }
+    EXPECT_EQ(KIRU_Inet_Pton(23, "1.2.3.4", binary), 0);
+    EXPECT_EQ(KIRU_Inet_Pton(23, nullptr, binary), 0);
+    EXPECT_EQ(KIRU_Inet_Pton(AF_INET6, "fe80::1", binary), -1);
+    EXPECT_EQ(KIRU_Inet_Pton(2, "1.2.3.4", nullptr), -1);
+    EXPECT_EQ(MOX_Socket_Get_AF_INET6(), AF_INET6);
+}
+
+TEST(AddressTexts, NumberIsInNetworkByteOrder) {
+    const uint8_t expected[4] = {1, 2, 3, 4};
+    const uint32_t number = KIRU_InetAddr("1.2.3.4");
+    EXPECT_EQ(memcmp(&number, expected, sizeof(number)), 0);
+    EXPECT_EQ(KIRU_InetAddr("1.2.3"), 0xFFFFFFFFu);
+    EXPECT_EQ(KIRU_InetAddr(nullptr), 0xFFFFFFFFu);
+}
+
+OsMutex zeroed;
+
+TEST(Mutex, ZeroedStorageAndInitialisedStorageLock) {
+    OsMutex made;
+    memset(&made, 0xEE, sizeof(made));
+    ASSERT_EQ(OsMutexInit(&made, nullptr), 0u);
+    for (OsMutex *mutex : {&zeroed, &made}) {
+        EXPECT_EQ(OsMutexLock(mutex), 0u);
+        EXPECT_NE(OsMutexDestroy(mutex), 0u) << "it is locked";
+        EXPECT_EQ(OsMutexUnLock(mutex), 0u);
+        EXPECT_EQ(OsMutexDestroy(mutex), 0u);
+    }
+    EXPECT_NE(OsMutexInit(nullptr, nullptr), 0u);
+    EXPECT_NE(OsMutexLock(nullptr), 0u);
+    EXPECT_NE(OsMutexUnLock(nullptr), 0u);
+    EXPECT_NE(OsMutexDestroy(nullptr), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,303 @@
+/* Monitored memory, and the account of it that processes show each other. */
+#include "platform/tamo_os_mem.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/tamo_host.h"
+#include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kFile[] = "tamo_os_mem_test";
+
+void *take(size_t size, uint32_t line, const char *file = kFile) {
+    return OsMemMallocSetCharMon(size, 0, 0, 0, line, file);
+}
+
+uint32_t give(void *block) {
+    return OSMemTypeFreeMon(block, 0, 0, __LINE__, kFile);
+}
+
+using Sites = std::vector<TamoHostMemSite>;
+
+Sites sitesOf(uint32_t pid) {
+    Sites sites;
+    EXPECT_EQ(TamoHostMemReport(
+                  pid,
+                  [](const TamoHostMemSite *site, void *context) {
+                      static_cast<Sites *>(context)->push_back(*site);
+                      return 0u;
+                  },
+                  &sites),
+              0u);
+    return sites;
+}
+
+/* "blocks/bytes" of one statement. */
+std::string account(uint32_t pid, uint32_t line, const std::string &file = kFile) {
+    for (const TamoHostMemSite &site : sitesOf(pid)) {
+        if (site.line == line && site.file == file) {
+            return std::to_string(site.blocks) + "/" + std::to_string(site.bytes);
+        }
+    }
+    return "none";
+}
+
+uint32_t stopAtOnce(const TamoHostMemSite *, void *) {
+    return 7;
+}
+
+fs::path tableOf(pid_t pid) {
+    return fs::path(support::scratchRoot()) / "run" / ("mem." + std::to_string(pid));
+}
+
+std::string contents(const fs::path &path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(Memory, BlocksAreZeroedAlignedAndReusable) {
+    for (int round = 0; round < 3; ++round) {
+        std::vector<char *> blocks;
+        for (size_t size : {0, 1, 17, 4096, 576000, 5000000}) {
+            auto *block = static_cast<char *>(take(size, 1));
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t), 0u);
+            EXPECT_TRUE(std::all_of(block, block + size, [](char c) { return c == 0; })) << size;
+            std::fill(block, block + size, 'x');
+            blocks.push_back(block);
+        }
+        for (char *block : blocks) {
+            EXPECT_EQ(give(block), 0u);
+        }
+    }
+    EXPECT_EQ(account(0, 1), "none");
+}
+
+TEST(Memory, ImpossibleSizesAndNullAreRefused) {
+    for (size_t size : {SIZE_MAX, SIZE_MAX - 15, SIZE_MAX - 16, SIZE_MAX / 2}) {
+        EXPECT_EQ(take(size, 2), nullptr);
+    }
+    EXPECT_EQ(account(0, 2), "none");
+    testing::internal::CaptureStderr();
+    EXPECT_NE(give(nullptr), 0u);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(Memory, SecondReleaseAndForeignPointerAreRefusedWithARecord) {
+    void *other = take(100, 3);
+    void *block = take(100, 3);
+    alignas(std::max_align_t) char foreign[64] = {};
+    EXPECT_EQ(give(block), 0u);
+    for (void *wrong :
+         {block, static_cast<void *>(foreign + 32), static_cast<void *>(foreign + 33)}) {
+        testing::internal::CaptureStderr();
+        EXPECT_NE(OSMemTypeFreeMon(wrong, 0, 0, 4711, "culprit"), 0u);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("culprit:4711"), std::string::npos);
+    }
+    EXPECT_EQ(account(0, 3), "1/100");
+    EXPECT_EQ(give(other), 0u);
+}
+
+TEST(Account, TellsStatementsApartByTheEndOfTheirFileNames) {
+    const std::string path = std::string(60, 'd') + "/one/conf_msg_api";
+    char reused[] = "first_unit";
+    std::vector<void *> blocks = {take(10, 20),
+                                  take(30, 20),
+                                  take(5, 21),
+                                  take(1, 20, "tamo_os_mem_tesT"),
+                                  take(2, 20, path.c_str()),
+                                  take(3, 20, reused),
+                                  take(4, 20, nullptr)};
+    reused[0] = 'F';
+    blocks.push_back(take(6, 20, reused));
+    EXPECT_EQ(account(0, 20), "2/40");
+    EXPECT_EQ(account(0, 21), "1/5");
+    EXPECT_EQ(account(0, 20, "tamo_os_mem_tesT"), "1/1");
+    EXPECT_EQ(account(0, 20, path.substr(path.size() - 39)), "1/2");
+    EXPECT_EQ(account(0, 20, "first_unit"), "1/3");
+    EXPECT_EQ(account(0, 20, "First_unit"), "1/6");
+    const Sites sites = sitesOf(0);
+    EXPECT_EQ(sites.size(), 7u);
+    EXPECT_TRUE(std::is_sorted(sites.begin(), sites.end(),
+                               [](const auto &a, const auto &b) { return a.bytes > b.bytes; }));
+    for (void *block : blocks) {
+        EXPECT_EQ(give(block), 0u);
+    }
+    EXPECT_TRUE(sitesOf(0).empty());
+}
+
+/* In a process of its own, as the account stays full. The exit code names the failure. */
+const support::ChildRole crowd("crowd", [](const support::ChildArguments &) {
+    std::vector<void *> blocks;
+    for (uint32_t line = 1; line <= 5000; ++line) {
+        blocks.push_back(take(1, line, "many"));
+    }
+    uint64_t counted = 0;
+    for (const TamoHostMemSite &site : sitesOf(0)) {
+        counted += site.blocks;
+    }
+    if (counted != blocks.size() || account(0, 0, "(other)") == "none") {
+        return 1;
+    }
+    std::for_each(blocks.begin(), blocks.end(), give);
+    return sitesOf(0).empty() ? 0 : 2;
+});
+
+TEST(Account, KeepsCountWithMoreStatementsThanItHasRoomFor) {
+    support::ChildProcess child("crowd");
+    EXPECT_EQ(child.wait(), support::exited(0));
+}
+
+TEST(Account, CountsThreadsThatMeetAtNewStatements) {
+    constexpr uint32_t kThreads = 4;
+    constexpr uint32_t kLines = 200;
+    std::vector<std::vector<void *>> kept(kThreads);
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&kept, t] {
+            for (uint32_t line = 1; line <= kLines; ++line) {
+                kept[t].push_back(take(8, line, "threads"));
+                give(take(64, line, "threads"));
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    for (uint32_t line = 1; line <= kLines; ++line) {
+        ASSERT_EQ(account(0, line, "threads"), "4/32");
+    }
+    for (const auto &blocks : kept) {
+        std::for_each(blocks.begin(), blocks.end(), give);
+    }
+    EXPECT_TRUE(sitesOf(0).empty());
+}
+
+/* Takes blocks, and ends as it is told. */
+const support::ChildRole holder("holder", [](const support::ChildArguments &) {
+    void *block = take(1000, 30, "holder");
+    void *second = take(24, 31, "holder");
+    support::tellParent("ready");
+    support::hearParent();
+    give(second);
+    support::tellParent("released");
+    support::hearParent();
+    give(block);
+    return 0;
+});
+
+TEST(Account, IsReadByAnotherProcessWhileItsProcessLives) {
+    support::ChildProcess child("holder");
+    ASSERT_EQ(child.hear(), "ready");
+    const auto pid = static_cast<uint32_t>(child.pid());
+    EXPECT_EQ(account(pid, 30, "holder"), "1/1000");
+    EXPECT_EQ(account(pid, 31, "holder"), "1/24");
+    EXPECT_EQ(TamoHostMemReport(pid, stopAtOnce, nullptr), 7u);
+    child.tell("release");
+    ASSERT_EQ(child.hear(), "released");
+    EXPECT_EQ(account(pid, 31, "holder"), "none");
+    child.tell("end");
+    EXPECT_EQ(child.wait(), support::exited(0));
+    EXPECT_FALSE(fs::exists(tableOf(child.pid())));
+    EXPECT_EQ(TamoHostMemReport(pid, stopAtOnce, nullptr), uint32_t{TAMO_HOST_NO_RECEIVER});
+    EXPECT_EQ(TamoHostMemReport(pid, nullptr, nullptr), uint32_t{TAMO_HOST_INVALID});
+}
+
+TEST(Account, OfAKilledProcessIsNoLongerShownAndRemovedByTheNext) {
+    support::ChildProcess killed("holder");
+    ASSERT_EQ(killed.hear(), "ready");
+    const pid_t pid = killed.pid();
+    killed.kill();
+    EXPECT_EQ(TamoHostMemReport(static_cast<uint32_t>(pid), stopAtOnce, nullptr),
+              uint32_t{TAMO_HOST_NO_RECEIVER});
+    EXPECT_TRUE(fs::exists(tableOf(pid)));
+    support::ChildProcess next("holder");
+    ASSERT_EQ(next.hear(), "ready");
+    EXPECT_FALSE(fs::exists(tableOf(pid)));
+    EXPECT_TRUE(fs::exists(tableOf(next.pid())));
+}
+
+TEST(Account, AForkHasACopyOfItsOwn) {
+    void *block = take(10, 40);
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        give(block);
+        void *own = take(3, 41);
+        const bool right = account(0, 40) == "none" && account(0, 41) == "1/3" &&
+                           account(static_cast<uint32_t>(getppid()), 40) == "1/10";
+        give(own);
+        exit(right ? 0 : 1); /* removes its file, and no other */
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(fs::exists(tableOf(child)));
+    EXPECT_TRUE(fs::exists(tableOf(getpid())));
+    EXPECT_EQ(account(0, 40), "1/10");
+    EXPECT_EQ(account(0, 41), "none");
+    give(block);
+}
+
+TEST(Account, WorksOnWhenItsFileIsDeleted) {
+    void *block = take(10, 50);
+    fs::remove(tableOf(getpid()));
+    void *second = take(10, 50);
+    EXPECT_EQ(account(0, 50), "2/20");
+    give(block);
+    give(second);
+}
+
+void *outstanding[2]; /* no leak for others than the account */
+
+/* Its standard error becomes the file that it is given. */
+const support::ChildRole leaker("leaker", [](const support::ChildArguments &arguments) {
+    if (freopen(arguments.at(0).c_str(), "w", stderr) == nullptr) {
+        return 1;
+    }
+    if (arguments.size() > 1) {
+        setenv("TAMO_DEVICE_ROOT", arguments[1].c_str(), 1);
+    }
+    setenv("TAMO_MEM_REPORT", "1", 1);
+    give(take(7, 60, "leaker"));
+    outstanding[0] = take(300, 61, "leaker");
+    outstanding[1] = take(200, 61, "leaker");
+    return 0;
+});
+
+TEST(Account, IsPrintedAtTheEndOnRequest) {
+    const support::ScratchDirectory directory;
+    const std::string output = directory.path() + "/stderr";
+    support::ChildProcess child("leaker", {output});
+    EXPECT_EQ(child.wait(), support::exited(0));
+    EXPECT_NE(contents(output).find("leaker:61: 2 blocks, 500 bytes"), std::string::npos)
+        << contents(output);
+    EXPECT_EQ(contents(output).find("leaker:60"), std::string::npos);
+}
+
+TEST(Account, IsPrivateWithoutAUsableDeviceRoot) {
+    const support::ScratchDirectory directory;
+    const std::string output = directory.path() + "/stderr";
+    support::ChildProcess child("leaker", {output, "/dev/null/root"});
+    EXPECT_EQ(child.wait(), support::exited(0));
+    EXPECT_NE(contents(output).find("leaker:61: 2 blocks, 500 bytes"), std::string::npos)
+        << contents(output);
+}
+
+}  // namespace
