@@ -32,17 +32,11 @@ constexpr const char *kUnit = "conference";
 
 char serverAddress[256];
 
-/* The configuration service calls this, on its own thread, when any process changed the value. */
-void serverAddressChanged(const ConfConfigListItem *items, uint32_t count) {
-    for (uint32_t i = 0; i < count; i++) {
-        printf("[conference]     told of a change: %s = %s\n", items[i].key, items[i].value);
-    }
-}
-
-/* ConfConfigInit runs this once: here a process binds its variables to their keys. */
+/* ConfConfigInit runs this once: here a process binds its variables to their keys. Each could have a
+ * callback that is told of changes; this one has none. */
 void bindItems() {
     ConfConfigBind("Conf.SIPCallParam.sipServerAddr", CONF_VALUE_STR, serverAddress,
-                   sizeof(serverAddress), serverAddressChanged);
+                   sizeof(serverAddress), nullptr);
 }
 
 /* ---- first values ---- */

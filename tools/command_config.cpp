@@ -69,7 +69,7 @@ int runGet(const Command &command, int argc, char **argv) {
     const bool asJson = line.readJson();
     std::span<char *> keys = line.operands();
     if (keys.empty()) {
-        failUsage(command, "which key?");
+        failUsage(command, "a key is missing");
     }
     requireRoot(command);
 

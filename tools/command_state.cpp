@@ -14,10 +14,18 @@ namespace tamoctl {
 
 namespace {
 
+/* The program's name as its log records have it; empty when there is no such process. The kernel's own
+ * name for it ends after 15 characters, but every process has one. */
 std::string processName(uint32_t pid) {
+    const std::string directory = "/proc/" + std::to_string(pid);
     std::string name;
-    std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
-    std::getline(file, name);
+    std::ifstream words(directory + "/cmdline");
+    std::getline(words, name, '\0');
+    name.erase(0, name.rfind('/') + 1);
+    if (name.empty()) {
+        std::ifstream file(directory + "/comm");
+        std::getline(file, name);
+    }
     return name;
 }
 
