@@ -36,8 +36,8 @@ bool isBound(const string &key) {
 
 int value;
 
-void bind(const string &name, int32_t type = CONF_VALUE_INT,
-          ConfConfigItemCallback callback = tell) {
+void bindKey(const string &name, int32_t type = CONF_VALUE_INT,
+             ConfConfigItemCallback callback = tell) {
     ConfConfigBind(name.c_str(), type, &value, sizeof(value), callback);
 }
 
@@ -61,16 +61,16 @@ class ConfigIndex : public platform::PlatformTest {
 
 TEST_F(ConfigIndex, NamesAreFoundInAnyLetterCaseAndOverwritten) {
     ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
-    bind("Conf.A.b", CONF_VALUE_INT, nullptr);
+    bindKey("Conf.A.b", CONF_VALUE_INT, nullptr);
     EXPECT_FALSE(isBound("Conf.A.b")) << "an item without a callback is told nothing";
-    bind("conf.a.B");
+    bindKey("conf.a.B");
     EXPECT_TRUE(isBound("Conf.A.b"));
     EXPECT_TRUE(isBound("CONF.A.B"));
     EXPECT_FALSE(isBound("Conf.A"));
     EXPECT_FALSE(isBound("Conf.A.b.c"));
-    bind("Conf.A.b", CONF_VALUE_DATA);
+    bindKey("Conf.A.b", CONF_VALUE_DATA);
     EXPECT_FALSE(isBound("Conf.A.b")) << "a local item takes no part";
-    bind("Conf.A.b", CONF_VALUE_STR);
+    bindKey("Conf.A.b", CONF_VALUE_STR);
     EXPECT_TRUE(isBound("Conf.A.b"));
     ConfConfigBind(nullptr, CONF_VALUE_INT, &value, 4, tell);
     EXPECT_TRUE(platform::records().empty());
@@ -80,7 +80,7 @@ TEST_F(ConfigIndex, GrowsByTwoHundredAndKeepsEveryItem) {
     ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
     const auto name = [](int i) { return "Key." + std::to_string(i * 7919 % 1000); };
     for (int i = 0; i < 701; i++) {
-        bind(name(i));
+        bindKey(name(i));
     }
     EXPECT_EQ(platform::callCount("OsMemMallocSetCharMon"), 1u + 3u);
     for (int i = 0; i < 701; i++) {
@@ -91,9 +91,9 @@ TEST_F(ConfigIndex, GrowsByTwoHundredAndKeepsEveryItem) {
 
 TEST_F(ConfigIndex, NamesOfUpTo127CharactersAreBound) {
     ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
-    bind(string(127, 'x'));
+    bindKey(string(127, 'x'));
     EXPECT_TRUE(isBound(string(127, 'x')));
-    bind(string(128, 'y'));
+    bindKey(string(128, 'y'));
     EXPECT_TRUE(platform::hasRecord(1, "conf_config",
                                     "[ConfConfigAddIndex]conf secure func failed, err = "));
     EXPECT_TRUE(isBound(string(127, 'x')));
@@ -103,7 +103,7 @@ TEST_F(ConfigIndex, NamesOfUpTo127CharactersAreBound) {
 TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
     ASSERT_EQ(ConfConfigInit(bindNothing, "TamoUIConf", "Conf"), 0);
     for (int i = 0; i < 300; i++) {
-        bind("Key." + std::to_string(i));
+        bindKey("Key." + std::to_string(i));
     }
     const struct {
         const char *operation, *record;
@@ -113,7 +113,7 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
     for (const auto &failure : failures) {
         platform::clearRecords();
         platform::failCall(failure.operation, 1);
-        bind("Key.");
+        bindKey("Key.");
         EXPECT_TRUE(platform::hasRecord(1, "conf_config", failure.record));
         EXPECT_TRUE(platform::hasRecord(
             1, "conf_config", "ConfConfigAddIndex fail g_itemNum == g_itemCache Key. 0\n"));
@@ -121,7 +121,7 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
     }
     platform::clearRecords();
     platform::failCall("memset_s", 1);
-    bind("Key.");
+    bindKey("Key.");
     EXPECT_TRUE(platform::hasRecord(1, "conf_config",
                                     "[ConfConfigInsertIndex]conf secure func failed, err = "));
     EXPECT_FALSE(isBound("Key."));
@@ -131,15 +131,15 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
 }
 
 TEST_F(ConfigIndex, BindingWithoutAnIndexChangesNothing) {
-    bind("Conf.A");
+    bindKey("Conf.A");
     EXPECT_FALSE(isBound("Conf.A"));
-    ASSERT_EQ(ConfConfigInit([] { bind("Conf.A"); }, "TamoUIConf", "Conf"), 0);
+    ASSERT_EQ(ConfConfigInit([] { bindKey("Conf.A"); }, "TamoUIConf", "Conf"), 0);
     EXPECT_TRUE(isBound("Conf.A"));
-    ASSERT_EQ(ConfConfigInit([] { bind("Conf.B"); }, "TamoUIConf", "Conf"), 0);
+    ASSERT_EQ(ConfConfigInit([] { bindKey("Conf.B"); }, "TamoUIConf", "Conf"), 0);
     EXPECT_FALSE(isBound("Conf.A")) << "a second start begins anew";
     EXPECT_TRUE(isBound("Conf.B"));
     EXPECT_EQ(ConfConfigDeInit(), 0);
-    bind("Conf.B");
+    bindKey("Conf.B");
     EXPECT_FALSE(isBound("Conf.B"));
     EXPECT_EQ(ConfConfigDeInit(), 0);
 }
@@ -173,7 +173,7 @@ TEST_F(ConfigIndex, ConnectionIsTheServicesAndItsRefusalIsSurvived) {
         steps.push_back(string("leave ") + module);
         return 9;
     });
-    EXPECT_EQ(ConfConfigInit([] { bind("Conf.A"); }, "Me", "Mine"), 0);
+    EXPECT_EQ(ConfConfigInit([] { bindKey("Conf.A"); }, "Me", "Mine"), 0);
     EXPECT_TRUE(platform::hasRecord(1, "conf_config", "[ConfConfigInit]TamoOmConfigInit failed"));
     EXPECT_EQ(ConfConfigReInit(), 0);
     EXPECT_TRUE(platform::hasRecord(3, "conf_config", "[ConfConfigReInit]ConfConfigReInit."));

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "include/conf_config.h"
@@ -18,10 +21,13 @@ using std::string;
 constexpr uint32_t kFailed = 0xFFFFFFFF;
 constexpr char kPassword[] = "Conf.SIPCallParam.sipPwd";
 
+using Item = std::pair<string, string>;
+
 /* A message block in a buffer of exactly its size, so that a sanitizer sees every byte read too far. */
 class Block {
   public:
-    explicit Block(const std::vector<std::pair<string, string>> &items) {
+    Block(std::initializer_list<Item> items) : Block(std::vector<Item>(items)) {}
+    explicit Block(const std::vector<Item> &items) {
         const auto bodyLength = static_cast<uint32_t>(items.size() * sizeof(ConfConfigListItem));
         bytes_.reset(new char[bodyLength + 83]());
         get()->bodyLength = bodyLength;
@@ -54,7 +60,7 @@ class Block {
 class ConfigLists : public platform::PlatformTest {};
 
 TEST_F(ConfigLists, ValuesAreWrittenAndReadInOneOperationEach) {
-    Block values({{"List.a", "1"}, {"List.b", ""}, {"List.c", string(1023, 'c')}});
+    Block values{{"List.a", "1"}, {"List.b", ""}, {"List.c", string(1023, 'c')}};
     EXPECT_EQ(values.write(), 0u);
     EXPECT_EQ(platform::callCount("TamoOmConfigStringMset"), 1u);
     EXPECT_TRUE(hasRecord(3, "conf_config",
@@ -62,7 +68,7 @@ TEST_F(ConfigLists, ValuesAreWrittenAndReadInOneOperationEach) {
     EXPECT_TRUE(hasRecord(1, "conf_config", "ConfConfigSetConfConfig key= List.a.\n"));
     EXPECT_TRUE(hasRecord(1, "conf_config", "ConfConfigSetConfConfig val= 1.\n"));
 
-    Block keys({{"List.c", "old"}, {"List.a", ""}, {"List.b", "x"}});
+    Block keys{{"List.c", "old"}, {"List.a", ""}, {"List.b", "x"}};
     EXPECT_EQ(keys.read(), 0u);
     EXPECT_EQ(platform::callCount("TamoOmConfigStringMget"), 1u);
     EXPECT_EQ(keys.get()->resultSize, 3 * 1152u);
@@ -73,21 +79,21 @@ TEST_F(ConfigLists, ValuesAreWrittenAndReadInOneOperationEach) {
 }
 
 TEST_F(ConfigLists, FewerOfCountAndBodyAreHandled) {
-    Block two({{"Few.a", "1"}, {"Few.b", "2"}});
+    Block two{{"Few.a", "1"}, {"Few.b", "2"}};
     two.get()->itemCount = 3;
     EXPECT_EQ(two.write(), 0u);
     EXPECT_EQ(two.read(), 0u);
     EXPECT_EQ(two.get()->resultSize, 2 * 1152u);
-    Block three({{"Few.a", ""}, {"Few.b", ""}, {"Few.missing", ""}});
+    Block three{{"Few.a", ""}, {"Few.b", ""}, {"Few.missing", ""}};
     three.get()->itemCount = 2;
     EXPECT_EQ(three.read(), 0u);
     EXPECT_EQ(three.get()->resultSize, 2 * 1152u);
     three.get()->itemCount = 3;
-    Block missing({{"Few.missing", ""}});
+    Block missing{{"Few.missing", ""}};
     EXPECT_NE(missing.read(), 0u);
     EXPECT_TRUE(hasRecord(1, "conf_config", "[CONFIG_DEVM]Get iconCfg: failed ret = "));
     EXPECT_EQ(missing.get()->resultList, nullptr);
-    Block none({{"Few.a", ""}});
+    Block none{{"Few.a", ""}};
     none.get()->itemCount = 0;
     EXPECT_EQ(none.read(), 0u);
     EXPECT_EQ(none.get()->resultSize, 0u);
@@ -95,7 +101,7 @@ TEST_F(ConfigLists, FewerOfCountAndBodyAreHandled) {
 }
 
 TEST_F(ConfigLists, FiveHundredItemsAndNoMore) {
-    std::vector<std::pair<string, string>> items;
+    std::vector<Item> items;
     for (int i = 0; i < 501; i++) {
         items.push_back({"Many." + std::to_string(i), std::to_string(i)});
     }
@@ -114,7 +120,7 @@ TEST_F(ConfigLists, FiveHundredItemsAndNoMore) {
 }
 
 TEST_F(ConfigLists, PasswordsAreStoredEncryptedAndWiped) {
-    Block list({{kPassword, "secret-word"}, {"Conf.SIPCallParam.sipServerAddr", "10.0.0.1"}});
+    Block list{{kPassword, "secret-word"}, {"Conf.SIPCallParam.sipServerAddr", "10.0.0.1"}};
     EXPECT_EQ(list.write(), 0u);
     const std::vector<char> zeros(1024);
     EXPECT_EQ(memcmp(list.item(0).value, zeros.data(), 1024), 0);
@@ -132,7 +138,7 @@ TEST_F(ConfigLists, PasswordsAreStoredEncryptedAndWiped) {
 }
 
 TEST_F(ConfigLists, FailedEncryptionStoresNothing) {
-    Block list({{"Enc.other", "1"}, {"Conf.H323CallParam.gkPwd", "secret"}});
+    Block list{{"Enc.other", "1"}, {"Conf.H323CallParam.gkPwd", "secret"}};
     platform::failCall("TamoOmKeymEncrypt", 1);
     EXPECT_EQ(list.write(), 1u);
     EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigSetConfConfig]condition false."));
@@ -145,7 +151,7 @@ TEST_F(ConfigLists, FailedEncryptionStoresNothing) {
 TEST_F(ConfigLists, LyingBlocksAreRefusedBeforeTheirBodyIsRead) {
     EXPECT_EQ(ConfConfigGetConfConfig(0, nullptr, 84), kFailed);
     EXPECT_EQ(ConfConfigSetConfConfig(0, nullptr, 84), kFailed);
-    Block list({{"Lie.a", "1"}});
+    Block list{{"Lie.a", "1"}};
     const uint32_t size = list.size();
     for (uint32_t bodyLength : {0u, 1153u, UINT32_MAX, UINT32_MAX - 83}) {
         list.get()->bodyLength = bodyLength;
@@ -163,9 +169,9 @@ TEST_F(ConfigLists, LyingBlocksAreRefusedBeforeTheirBodyIsRead) {
 }
 
 TEST_F(ConfigLists, UnterminatedTextsEndInTheirFields) {
-    Block list({{string(128, 'k'), string(1024, 'v')}, {string(127, 'k'), "second"}});
+    Block list{{string(128, 'k'), string(1024, 'v')}, {string(127, 'k'), "second"}};
     EXPECT_EQ(list.write(), 0u);
-    Block key({{string(127, 'k'), ""}});
+    Block key{{string(127, 'k'), ""}};
     EXPECT_EQ(key.read(), 0u);
     EXPECT_STREQ(key.result(0).value, "second");
     EXPECT_EQ(list.read(), 0u);
@@ -174,7 +180,7 @@ TEST_F(ConfigLists, UnterminatedTextsEndInTheirFields) {
 }
 
 TEST_F(ConfigLists, EveryFailedStepOfAReadIsReported) {
-    Block values({{"Step.a", "1"}, {"Step.b", "2"}});
+    Block values{{"Step.a", "1"}, {"Step.b", "2"}};
     ASSERT_EQ(values.write(), 0u);
     const auto read = [&] { return values.read(); };
     const auto drop = [&](auto) {
