@@ -1,0 +1,170 @@
+/* The exported boundary as a plain C program uses it: each function once. A second thread serves the
+ * queue that the first one sends to. */
+#include <conf_config.h>
+#include <conf_log_adapter.h>
+#include <conf_msg_api.h>
+#include <param_check.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <tamo_host.h>
+#include <tamo_os_mem.h>
+
+/* The number of the line that failed is the result. */
+#define CHECK(condition)     \
+    do {                     \
+        if (!(condition)) {  \
+            return __LINE__; \
+        }                    \
+    } while (0)
+
+#define KEY "Conf.Boundary.number"
+#define QUEUE "Boundary"
+#define MESSAGES 3
+#define TIMEOUT 20000
+
+static int checkLog(void) {
+    CHECK(ConfLogInit() == 0);
+    (void)GetConfLogFileId();
+    CHECK(SetLogLevel(5) != 0);
+    CHECK(SetLogLevel(CONF_LOG_DEBUG) == 0);
+    CHECK(GetLogLevel() == CONF_LOG_DEBUG);
+    ConfLogPrintf(CONF_LOG_DEBUG, __func__, "boundary_c", __LINE__, "%s %d", "number", 1);
+    ConfLogPrintfStr(CONF_LOG_INFO, __func__, "boundary_c", __LINE__, "a text");
+    ConfLogSegmentPrint(__FILE__, __LINE__, CONF_LOG_INFO, "bytes", 5);
+    return 0;
+}
+
+static int checkTexts(void) {
+    char text[] = " trimmed ";
+    CHECK(ConfParamCheckContainValidChar("0123", 1) == 0);
+    CHECK(ConfParamCheckValidIp("fe80::1") == 0);
+    CHECK(ConfParamCheckIpType("10.1.2.3") == 2);
+    CHECK(ConfParamGetCharNum("\xc3\xa4o", 3) == 2);
+    CHECK(ConfGetAtoi("0x10", -1) == 16);
+    ConfTrim(text);
+    CHECK(strcmp(text, "trimmed") == 0);
+    return 0;
+}
+
+static int32_t boundNumber;
+
+static void bindItems(void) {
+    ConfConfigBind(KEY, CONF_VALUE_INT, &boundNumber, sizeof(boundNumber), NULL);
+}
+
+static int checkConfig(void) {
+    uint64_t number = 0;
+    CHECK(ConfConfigInit(bindItems, "Boundary", "Conf") == 0);
+    CHECK(ConfConfigReInit() == 0);
+    CHECK(ConfConfigSetUint64Value(KEY, 4711) == 0);
+    CHECK(ConfConfigGetUint64Value(KEY, &number) == 0 && number == 4711);
+    CHECK(ConfConfigGetIntValue(KEY) == 4711);
+    CHECK(SetEnableEofb(0) == 0 && GetEnableEofb() == 0);
+    CHECK(SetSipPreventAttack(0) == 0 && GetSipPreventAttack() == 0);
+    ConfConfigClientCallBack(65536, 0, 0, NULL);
+    return 0;
+}
+
+static uint32_t notifications;
+
+static uint32_t count(uint32_t notifyId, const void *data, uint32_t dataLength, uint32_t result) {
+    (void)data;
+    notifications += notifyId + dataLength + result;
+    return 9;
+}
+
+static int checkNotifications(void) {
+    ConfRegisterNotifyFunc(count);
+    CHECK(ConfCommSendNotifyToApp(1, "x", 1) == 9);
+    CHECK(ConfCommSendNotifyAndResultToApp(1, "x", 1, 5) == 9);
+    CHECK(notifications == 9);
+    CHECK(ConfCommSendMultiPackNotifyToApp(1, "four", 4) == 0);
+    CHECK(notifications > 9);
+    return 0;
+}
+
+/* A handler: doubles the number that came. */
+static uint32_t twice(uint32_t param, void *data, uint32_t dataLength) {
+    uint32_t number;
+    if (dataLength == sizeof(number)) {
+        memcpy(&number, data, sizeof(number));
+        number *= 2;
+        memcpy(data, &number, sizeof(number));
+    }
+    return param;
+}
+
+static void *serve(void *context) {
+    TamoHostQueue *queue = context;
+    OsMsgHeader *message;
+    for (int i = 0; i < MESSAGES; ++i) {
+        if (TamoHostMsgReceive(queue, &message, TIMEOUT) == TAMO_HOST_OK) {
+            ConfCommMsgProcess(message);
+            TamoHostMsgFree(message);
+        }
+    }
+    return NULL;
+}
+
+/* A list request: one key, whose value comes back in a list of its own. */
+static int requestList(void) {
+    ConfConfigListItem item = {KEY, ""};
+    MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(&item, sizeof(item));
+    CHECK(block != NULL);
+    block->itemCount = 1;
+    const uint32_t size = GetMeetingServerMsgBlockSize(block);
+    CHECK(size == sizeof(item) + 83);
+    strcpy(((ConfConfigListItem *)(void *)block->body)->value, "4712");
+    CHECK(ConfConfigSetConfConfig(0, block, size) == 0);
+    CHECK(ConfCommMsgSynSendImplHaveResp(QUEUE, ConfConfigGetConfConfig, 0, block, size, TIMEOUT) ==
+          0);
+    const ConfConfigListItem *list = block->resultList;
+    CHECK(list != NULL && strcmp(list->value, "4712") == 0);
+    CHECK(OSMemTypeFreeMon(block->resultList, 0, 0, __LINE__, "boundary_c") == 0);
+    CHECK(OSMemTypeFreeMon(block, 0, 0, __LINE__, "boundary_c") == 0);
+    return 0;
+}
+
+static int sendMessages(void) {
+    uint32_t number = 21;
+    CHECK(ConfCommMsgCheckPermission());
+    CHECK(ConfCommMsgAsynSend(QUEUE, twice, 0, &number, sizeof(number)) == 0);
+    CHECK(ConfCommMsgSynSend(QUEUE, twice, 5, &number, sizeof(number)) == 5);
+    CHECK(number == 42);
+    CHECK(ConfCommMsgSynSendImpl("Nobody", twice, 5, &number, sizeof(number), 1) ==
+          CONF_COMM_ERR_FAILED);
+    return requestList();
+}
+
+static int checkMessages(void) {
+    TamoHostQueue *queue;
+    pthread_t server;
+    CHECK(ConfCommMsgProcess(NULL) != 0);
+    CHECK(TamoHostMsgOpen(QUEUE, &queue) == TAMO_HOST_OK);
+    CHECK(pthread_create(&server, NULL, serve, queue) == 0);
+    const int result = sendMessages();
+    pthread_join(server, NULL);
+    TamoHostMsgClose(queue);
+    return result;
+}
+
+static int end(void) {
+    CHECK(ConfConfigDeInit() == 0);
+    CHECK(ConfConfigUnInit() == 0);
+    CHECK(ConfLogUnInit() == 0);
+    return 0;
+}
+
+/* 0, or the line of the first check that failed. */
+int boundaryFromC(void) {
+    static int (*const parts[])(void) = {checkLog,           checkTexts,    checkConfig,
+                                         checkNotifications, checkMessages, end};
+    for (size_t i = 0; i < sizeof(parts) / sizeof(parts[0]); ++i) {
+        const int line = parts[i]();
+        if (line != 0) {
+            return line;
+        }
+    }
+    return 0;
+}

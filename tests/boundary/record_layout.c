@@ -1,0 +1,2 @@
+/* The assertions of record_layout.h in C11. */
+#include "tests/boundary/record_layout.h"
