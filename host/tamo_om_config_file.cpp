@@ -27,7 +27,7 @@
 namespace tamo {
 namespace {
 
-constexpr const char *kUnit = "tamo_om_config_store";
+constexpr const char *kUnit = "tamo_om_config_file";
 constexpr const char *kFile = "config.db";
 constexpr const char *kFreshFile = "config.db.new";
 constexpr const char *kCompanions[] = {"-wal", "-shm", "-journal"};
@@ -185,7 +185,9 @@ int askNumber(sqlite3 *database, const char *question, int *number) {
 }
 
 Verdict judge(int result) {
-    return isDamage(result) ? Verdict::damaged : Verdict::failed;
+    return result == SQLITE_NOTADB ? Verdict::foreign
+           : isDamage(result)      ? Verdict::damaged
+                                   : Verdict::failed;
 }
 
 Verdict checkStructure(sqlite3 *database, const char *check, int *result) {
@@ -205,7 +207,7 @@ Verdict examine(sqlite3 *database, int64_t bytes, bool suspect, int *result) {
     char mode[16] = "";
     if ((*result = askNumber(database, "PRAGMA application_id", &application)) != SQLITE_OK ||
         (*result = askNumber(database, "PRAGMA user_version", &version)) != SQLITE_OK) {
-        return *result == SQLITE_NOTADB ? Verdict::foreign : judge(*result);
+        return judge(*result);
     }
     if (application != kApplicationId || version < 1) {
         return Verdict::foreign;

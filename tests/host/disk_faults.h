@@ -1,0 +1,13 @@
+/* A disk that fills up and counts its flushes, for whatever this test program has linked. */
+#pragma once
+#include <atomic>
+
+namespace support {
+
+/* While set, writing to a regular file fails for want of space. */
+extern std::atomic<bool> diskFull;
+
+/* Flushes of files since the program began. */
+extern std::atomic<int> flushes;
+
+}  // namespace support

@@ -1,0 +1,238 @@
+/* The configuration store between processes: what survives a kill, who waits for whom, who begins a
+ * fresh store when several find the old one damaged, and a start on a full disk. */
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tamo_host.h"
+#include "tests/host/disk_faults.h"
+#include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint32_t kBatch = 24;
+
+ConfConfigOmRecord record(const std::string &key, const std::string &value) {
+    ConfConfigOmRecord made = {};
+    TamoOmConfigcopyStr2Key(&made, key.c_str());
+    TamoOmConfigcopyStr2Val(&made.value, value.c_str());
+    return made;
+}
+
+int32_t set(const std::string &key, const std::string &value) {
+    return TamoOmConfigStringSet(record(key, value));
+}
+
+std::string get(const std::string &key) {
+    ConfConfigOmRecord asked = record(key, "");
+    int32_t code = TamoOmConfigStringGet(&asked);
+    return code == 0 ? asked.value.text : "failed: " + std::to_string(code);
+}
+
+/* A batch is a number under many keys, made long enough that the log is carried over now and then. */
+std::vector<ConfConfigOmRecord> batch(int number) {
+    std::string value = std::to_string(number);
+    value.resize(1000, ' ');
+    std::vector<ConfConfigOmRecord> records;
+    for (uint32_t at = 0; at < kBatch; at++) {
+        records.push_back(record("batch.key" + std::to_string(at), value));
+    }
+    return records;
+}
+
+/* The number of the stored batch, -1 when it is not of one piece. */
+int storedBatch() {
+    std::vector<ConfConfigOmRecord> records = batch(0);
+    if (TamoOmConfigStringMget(records.data(), kBatch) != 0) {
+        return -1;
+    }
+    for (const ConfConfigOmRecord &one : records) {
+        if (strcmp(one.value.text, records[0].value.text) != 0) {
+            return -1;
+        }
+    }
+    return atoi(records[0].value.text);
+}
+
+fs::path configFile() {
+    return fs::path(support::scratchRoot()) / "config/config.db";
+}
+
+/* A connection that holds what the client's own never hold for long. */
+struct Holder {
+    explicit Holder(const char *statements) {
+        EXPECT_EQ(SQLITE_OK, sqlite3_open(configFile().c_str(), &database));
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, statements, nullptr, nullptr, nullptr));
+    }
+    ~Holder() { sqlite3_close(database); }
+    Holder(const Holder &) = delete;
+    Holder &operator=(const Holder &) = delete;
+
+    sqlite3 *database = nullptr;
+};
+
+const support::ChildRole writerRole("writer", [](const support::ChildArguments &arguments) {
+    for (int number = atoi(arguments[0].c_str());; number++) {
+        if (TamoOmConfigStringMset(batch(number).data(), kBatch) != 0) {
+            return 1;
+        }
+        support::tellParent(std::to_string(number));
+    }
+});
+
+const support::ChildRole holderRole("holder", [](const support::ChildArguments &arguments) {
+    Holder holder(arguments[0].c_str());
+    support::tellParent("holds");
+    support::hearParent();
+    return 0;
+});
+
+const support::ChildRole settingRole("setting", [](const support::ChildArguments &arguments) {
+    support::tellParent("ready");
+    support::hearParent();
+    return set(arguments[0], arguments[1]) == 0 && get(arguments[0]) == arguments[1] ? 0 : 1;
+});
+
+const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArguments &) {
+    support::diskFull = true;
+    bool held =
+        get("a") == "1" && get("b") == "failed: 12" && set("a", "2") != 0 && get("a") == "1";
+    support::diskFull = false;
+    return held && set("a", "3") == 0 && get("a") == "3" ? 0 : 1;
+});
+
+/* Ends once it has forked: the fork lives on without it, for as long as the parent wants. */
+const support::ChildRole forkingRole("forking", [](const support::ChildArguments &) {
+    if (set("fork", "parent") != 0 || get("fork") != "parent") {
+        return 1;
+    }
+    if (fork() != 0) {
+        return 0;
+    }
+    bool used = set("fork", "child") == 0 && get("fork") == "child";
+    support::tellParent(used ? "used" : "failed");
+    support::hearParent();
+    used = get("other") == "other" && set("fork", "child again") == 0;
+    support::tellParent(used ? "used again" : "failed");
+    return 0;
+});
+
+TEST(ConfigStoreProcesses, KilledWriterLosesNothingAcknowledgedAndLeavesNothingHalf) {
+    std::minstd_rand random(20240711);
+    auto below = [&random](unsigned limit) { return static_cast<unsigned>(random()) % limit; };
+    int expected = 0;
+    for (int round = 0; round < 30; round++) {
+        support::ChildProcess child("writer", {std::to_string(expected + 1)});
+        int acknowledged = expected;
+        for (unsigned batches = below(12); batches > 0 && !HasFailure(); batches--) {
+            acknowledged = atoi(child.hear().c_str());
+        }
+        usleep(below(3000));
+        child.signal(SIGKILL);
+        for (std::string line = child.hear(); !line.empty(); line = child.hear()) {
+            acknowledged = atoi(line.c_str());
+        }
+        ASSERT_EQ(support::killed(SIGKILL), child.wait());
+        if (acknowledged == 0) {
+            continue;
+        }
+        int stored = storedBatch();
+        ASSERT_GE(stored, acknowledged);
+        ASSERT_LE(stored, acknowledged + 1);
+        expected = stored;
+    }
+    EXPECT_GT(expected, 30);
+}
+
+TEST(ConfigStoreProcesses, WriterAndReaderDoNotWaitForEachOther) {
+    ASSERT_EQ(0, set("a", "1"));
+    support::ChildProcess reader("holder", {"BEGIN; SELECT count(*) FROM setting"});
+    ASSERT_EQ("holds", reader.hear());
+    EXPECT_EQ(0, set("a", "2"));
+    EXPECT_EQ("2", get("a"));
+
+    support::ChildProcess writer("holder", {"BEGIN IMMEDIATE; DELETE FROM setting"});
+    ASSERT_EQ("holds", writer.hear());
+    EXPECT_EQ("2", get("a"));
+    auto waiting = std::async(std::launch::async, [] { return set("a", "3"); });
+    EXPECT_EQ("2", get("a")) << "a writer of this process that waits holds up no reader";
+    EXPECT_NE(std::future_status::ready, waiting.wait_for(std::chrono::seconds(0)));
+    writer.hangUp();
+    EXPECT_EQ(0, waiting.get());
+    EXPECT_EQ("3", get("a"));
+    reader.hangUp();
+    EXPECT_EQ(support::exited(0), reader.wait());
+}
+
+TEST(ConfigStoreProcesses, ThoseWhoFindADamagedStoreTogetherBeginOneFreshStore) {
+    fs::create_directories(configFile().parent_path());
+    for (int round = 0; round < 5; round++) {
+        for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
+            fs::remove_all(entry.path());
+        }
+        std::ofstream(configFile()) << std::string(20000, 'x');
+        std::vector<std::unique_ptr<support::ChildProcess>> children;
+        for (int at = 0; at < 6; at++) {
+            std::string number = std::to_string(at);
+            children.push_back(std::make_unique<support::ChildProcess>(
+                "setting", support::ChildArguments{"key" + number, number}));
+            ASSERT_EQ("ready", children.back()->hear());
+        }
+        for (auto &child : children) {
+            child->tell("go");
+        }
+        for (size_t at = 0; at < children.size(); at++) {
+            EXPECT_EQ(support::exited(0), children[at]->wait());
+            EXPECT_EQ(std::to_string(at), get("key" + std::to_string(at)));
+        }
+        int kept = 0;
+        for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
+            kept += entry.path().filename().string().find(".damaged-") != std::string::npos;
+        }
+        EXPECT_EQ(1, kept);
+    }
+}
+
+TEST(ConfigStoreProcesses, FullDiskLeavesTheStoreReadableToAStartingProcess) {
+    {
+        support::ChildProcess child("setting", {"a", "1"});
+        ASSERT_EQ("ready", child.hear());
+        child.tell("go");
+        ASSERT_EQ(support::exited(0), child.wait());
+    }
+    support::ChildProcess child("fullDisk");
+    EXPECT_EQ(support::exited(0), child.wait());
+    EXPECT_EQ("3", get("a"));
+}
+
+TEST(ConfigStoreProcesses, ForkHasConnectionsOfItsOwn) {
+    support::ChildProcess child("forking");
+    ASSERT_EQ("used", child.hear());
+    ASSERT_EQ(support::exited(0), child.wait());
+    {
+        /* Cleans up when it closes as the last one: it must not take itself for that. */
+        support::ChildProcess other("holder", {"INSERT INTO setting VALUES ('other', 'other')"});
+        ASSERT_EQ("holds", other.hear());
+        other.hangUp();
+        ASSERT_EQ(support::exited(0), other.wait());
+    }
+    child.tell("go on");
+    EXPECT_EQ("used again", child.hear());
+    EXPECT_EQ("child again", get("fork"));
+    EXPECT_EQ("other", get("other"));
+}
+
+}  // namespace
