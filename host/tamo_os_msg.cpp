@@ -25,7 +25,7 @@ using tamo::Packet;
 
 constexpr const char *kUnit = "tamo_os_msg";
 /* Bytes of bodies that asynchronous senders may heap up at one receiver. */
-constexpr uint64_t kQueueLimit = (64U << 20) + tamo::kMaxBody;
+constexpr uint64_t kQueueLimit = 3ULL * tamo::kMaxBody;
 
 uint32_t checkMessage(const OsMsgHeader *header) {
     if (header == nullptr || (header->body == nullptr && header->bodyLength > 0)) {

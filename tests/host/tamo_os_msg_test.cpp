@@ -1,0 +1,495 @@
+/* Messages between threads of one process: what crosses, what fails at once, and that nothing is
+ * left behind. tests/process/message_process_test.cpp has what needs processes. */
+#include "platform/tamo_os_msg.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <numeric>
+
+#include "platform/tamo_os_mem.h"
+#include "tests/host/counted_memory.h"
+#include "tests/host/message_parties.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/open_descriptors.h"
+
+using namespace parties;
+
+namespace {
+
+constexpr const char *kQueue = "conference";
+constexpr uint32_t kLargest = kHead + kMaxData;
+constexpr uint32_t kLargestList = 33554432;
+
+/* Blocks, and descriptors beyond those that stay, fail a test. */
+class Messages : public testing::Test {
+  protected:
+    void SetUp() override {
+        /* What stays open: the directory, and connections of this thread. */
+        { Server server(kQueue); }
+        before_ = counted::outstanding();
+    }
+    void TearDown() override { EXPECT_EQ(counted::outstanding(), before_); }
+
+  private:
+    int64_t before_ = 0;
+};
+
+uint32_t increment(uint32_t param, void *data, uint32_t dataLength) {
+    auto *bytes = static_cast<uint8_t *>(data);
+    for (uint32_t i = 0; i < dataLength; ++i) {
+        ++bytes[i];
+    }
+    return param + 1;
+}
+
+/* Hangs a list of `param` bytes on its block. */
+uint32_t answerWithList(uint32_t param, void *data, uint32_t) {
+    void *list = OsMemMallocSetCharMon(param, 0, 0, 0, __LINE__, "test");
+    const Bytes bytes = pattern(param, 9);
+    std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t *>(list));
+    hangList(data, list, param);
+    return 7;
+}
+
+void releaseList(void *list) {
+    EXPECT_EQ(OSMemTypeFreeMon(list, 0, 0, __LINE__, "test"), 0U);
+}
+
+double secondsOf(const std::function<void()> &action) {
+    const auto begin = std::chrono::steady_clock::now();
+    action();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+/* Sends in a thread of its own; its result and response are looked at afterwards. */
+std::future<uint32_t> sendInThread(Bytes body, uint32_t msgId = 1) {
+    return std::async(std::launch::async, [body = std::move(body), msgId] {
+        return Exchange(kQueue, body, msgId).result;
+    });
+}
+
+TEST_F(Messages, ASynchronousMessageRunsItsHandlerAndBringsBackResultAndData) {
+    Queue queue(kQueue);
+    Bytes body = bodyOf(increment, 41, {1, 2, 255});
+    auto sent = std::async(std::launch::async, [&] {
+        const Exchange exchange(kQueue, body);
+        EXPECT_EQ(exchange.result, TAMO_HOST_OK);
+        EXPECT_EQ(headOf(exchange.response).handler, increment);
+        EXPECT_EQ(headOf(exchange.response).result, 42U);
+        EXPECT_EQ(Bytes(dataOf(exchange.response), dataOf(exchange.response) + 3),
+                  (Bytes{2, 3, 0}));
+        EXPECT_EQ(exchange.response->bodyLength, kHead + 3);
+        EXPECT_EQ(exchange.response->msgId, 1U);
+    });
+    OsMsgHeader *message = queue.next();
+    OsMsgHeader expected = {};
+    expected.syncFlag = 1;
+    expected.msgId = 1;
+    std::strcpy(expected.sender, "TamoUIConf");
+    std::strcpy(expected.receiver, kQueue);
+    expected.bodyLength = kHead + 3;
+    expected.body = message->body;
+    EXPECT_EQ(std::memcmp(message, &expected, sizeof(expected)), 0) << "unnamed words are zero";
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(message->body) % alignof(std::max_align_t), 0U);
+    serve(message);
+    sent.wait();
+    EXPECT_EQ(headOf(message).handler, increment) << "the sender's own body is not written to";
+}
+
+TEST_F(Messages, BodiesOfEverySizeCrossBothWays) {
+    const Server server(kQueue);
+    for (uint32_t size : {0U, 1U, 4U, 4096U, 32767U - kHead, 32768U - kHead, 32769U - kHead, 65536U,
+                          1000000U, kMaxData}) {
+        const Bytes data = pattern(size);
+        const Exchange exchange(kQueue, bodyOf(increment, size, data));
+        ASSERT_EQ(exchange.result, TAMO_HOST_OK) << size;
+        ASSERT_EQ(exchange.response->bodyLength, kHead + size);
+        const uint8_t *returned = dataOf(exchange.response);
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), returned, [](uint8_t a, uint8_t b) {
+            return uint8_t(a + 1) == b;
+        })) << size;
+    }
+    EXPECT_EQ(Exchange(kQueue, Bytes(kLargest + 1)).result, TAMO_HOST_TOO_LARGE);
+    EXPECT_EQ(sendAsync(kQueue, Bytes(kLargest + 1)), TAMO_HOST_TOO_LARGE);
+}
+
+TEST_F(Messages, AResultListCrossesAndBothSidesReleaseTheirOwn) {
+    const Server server(kQueue);
+    for (uint32_t size : {0U, 1U, 1152U, 32000U, 40000U, kLargestList}) {
+        const Exchange exchange(kQueue, bodyOf(answerWithList, size, Bytes(kBlock)), 2);
+        ASSERT_EQ(exchange.result, TAMO_HOST_OK) << size;
+        ASSERT_EQ(listSizeOf(exchange.response), size);
+        ASSERT_NE(listOf(exchange.response), nullptr);
+        const auto *list = static_cast<const uint8_t *>(listOf(exchange.response));
+        EXPECT_EQ(Bytes(list, list + size), pattern(size, 9));
+        releaseList(listOf(exchange.response));
+    }
+    /* One byte more cannot cross: the receiver keeps it, and here frees it with the message. */
+    EXPECT_EQ(Exchange(kQueue, bodyOf(answerWithList, kLargestList + 1, Bytes(kBlock)), 2).result,
+              TAMO_HOST_GONE);
+}
+
+TEST_F(Messages, AListThatTheRequesterCannotTakeIsNotMadeForIt) {
+    Queue queue(kQueue);
+    for (uint32_t claimed : {kBlock + 1, 79U}) { /* longer than sent; shorter than a block */
+        auto sent = std::async(std::launch::async, [] {
+            const Exchange exchange(kQueue, bodyOf(doNothing, 0, Bytes(kBlock)), 2);
+            EXPECT_EQ(exchange.result, TAMO_HOST_OK);
+            EXPECT_EQ(listOf(exchange.response), nullptr);
+            EXPECT_EQ(listSizeOf(exchange.response), 0U);
+        });
+        OsMsgHeader *message = queue.next();
+        answerWithList(100, dataOf(message), kBlock);
+        Bytes longer(static_cast<uint8_t *>(message->body), dataOf(message) + kBlock);
+        longer.resize(kHead + kBlock + 100);
+        std::memcpy(longer.data() + offsetof(BodyHead, dataLength), &claimed, sizeof(claimed));
+        EXPECT_EQ(OsMsgSynSendResp(message, longer.data(), kHead + kBlock + 100), 0U);
+        TamoHostMsgFree(message);
+        sent.wait();
+    }
+}
+
+TEST_F(Messages, ASenderWithoutMemoryForTheListFailsAndGoesOn) {
+    Queue queue(kQueue);
+    auto sent = sendInThread(bodyOf(doNothing, 0, Bytes(kBlock)), 2);
+    OsMsgHeader *message = queue.next();
+    answerWithList(100, dataOf(message), kBlock);
+    counted::failNext();
+    EXPECT_EQ(OsMsgSynSendResp(message, message->body, message->bodyLength), 0U);
+    EXPECT_EQ(listOf(message), nullptr);
+    TamoHostMsgFree(message);
+    EXPECT_EQ(sent.get(), TAMO_HOST_NO_MEMORY);
+}
+
+TEST_F(Messages, ARequestBringsNoAddressOfItsSender) {
+    Queue queue(kQueue);
+    Bytes block(kBlock);
+    hangList(block.data(), block.data(), 84);
+    ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, block), 2), 0U);
+    ASSERT_EQ(sendAsync(kQueue, bodyOf(nullptr, 3, {1}), 1), 0U);
+    Bytes shortBody = bodyOf(doNothing, 0, {});
+    shortBody.pop_back();
+    ASSERT_EQ(sendAsync(kQueue, shortBody), 0U);
+    ASSERT_EQ(sendAsync(kQueue, {}, 1), 0U);
+    ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 5, {2}), 3), 0U);
+
+    OsMsgHeader *message = queue.next();
+    EXPECT_EQ(listOf(message), nullptr);
+    EXPECT_EQ(listSizeOf(message), 0U);
+    TamoHostMsgFree(message);
+    message = queue.next();
+    EXPECT_EQ(headOf(message).handler, nullptr);
+    EXPECT_EQ(headOf(message).param, 3U);
+    TamoHostMsgFree(message);
+    message = queue.next();
+    EXPECT_EQ(message->bodyLength, kHead - 1);
+    const Bytes zero(sizeof(void *));
+    EXPECT_EQ(std::memcmp(message->body, zero.data(), zero.size()), 0);
+    TamoHostMsgFree(message);
+    message = queue.next();
+    EXPECT_EQ(message->bodyLength, 0U);
+    EXPECT_EQ(message->body, nullptr);
+    TamoHostMsgFree(message);
+    message = queue.next(); /* what the layer does not know crosses as it is */
+    EXPECT_EQ(message->msgId, 3U);
+    EXPECT_EQ(std::memcmp(message->body, bodyOf(doNothing, 5, {2}).data(), kHead + 1), 0);
+    TamoHostMsgFree(message);
+}
+
+TEST_F(Messages, ALateResponseFailsAndLeavesItsListToTheReceiver) {
+    Queue queue(kQueue);
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, Bytes(kBlock)), 2, 20).result,
+              TAMO_HOST_TIMEOUT);
+    OsMsgHeader *message = queue.next();
+    answerWithList(100, dataOf(message), kBlock);
+    EXPECT_EQ(OsMsgSynSendResp(message, message->body, message->bodyLength), TAMO_HOST_GONE);
+    ASSERT_NE(listOf(message), nullptr);
+    releaseList(listOf(message));
+    hangList(dataOf(message), nullptr, 0);
+    TamoHostMsgFree(message);
+    /* Without the library's release, freeing the message does it. */
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, Bytes(kBlock)), 2, 0).result,
+              TAMO_HOST_TIMEOUT);
+    message = queue.next();
+    answerWithList(100, dataOf(message), kBlock);
+    TamoHostMsgFree(message);
+}
+
+TEST_F(Messages, MessagesStayInOrderAlsoAfterAGivenUpOne) {
+    Queue queue(kQueue);
+    uint32_t count = 0;
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 20; ++i) {
+            ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, count++, {})), 0U);
+        }
+        EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, count++, {}), 1, 1).result, TAMO_HOST_TIMEOUT);
+    }
+    for (uint32_t expected = 0; expected < count; ++expected) {
+        OsMsgHeader *message = queue.next();
+        ASSERT_EQ(headOf(message).param, expected);
+        TamoHostMsgFree(message);
+    }
+    auto sent = std::async(std::launch::async, [&queue] { serve(queue.next()); });
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+}
+
+TEST_F(Messages, AMessageIsAnsweredOnceAndADroppedOneFailsItsSenderAtOnce) {
+    Queue queue(kQueue);
+    auto sent = sendInThread(bodyOf(doNothing, 0, {}));
+    TamoHostMsgFree(queue.next());
+    EXPECT_EQ(sent.get(), TAMO_HOST_GONE);
+
+    sent = sendInThread(bodyOf(doNothing, 0, {}));
+    OsMsgHeader *message = queue.next();
+    EXPECT_EQ(OsMsgSynSendResp(message, message->body, kLargest + 1), TAMO_HOST_TOO_LARGE);
+    EXPECT_EQ(OsMsgSynSendResp(message, nullptr, 4), TAMO_HOST_INVALID);
+    EXPECT_EQ(OsMsgSynSendResp(message, message->body, message->bodyLength), 0U);
+    EXPECT_EQ(OsMsgSynSendResp(message, message->body, message->bodyLength), TAMO_HOST_INVALID);
+    TamoHostMsgFree(message);
+    EXPECT_EQ(sent.get(), TAMO_HOST_OK);
+
+    ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), 0U);
+    message = queue.next();
+    EXPECT_EQ(message->syncFlag, 0U);
+    EXPECT_EQ(OsMsgSynSendResp(message, message->body, message->bodyLength), TAMO_HOST_INVALID);
+    TamoHostMsgFree(message);
+}
+
+TEST_F(Messages, ClosingFailsWhoWaitsUnreadAndLeavesWhatWasHandedOut) {
+    Queue queue(kQueue);
+    auto handedOut = sendInThread(bodyOf(increment, 1, {1}));
+    OsMsgHeader *message = queue.next();
+    auto unread = sendInThread(bodyOf(doNothing, 0, {}));
+    while (queueInfo(kQueue).depth == 0) {
+        std::this_thread::yield();
+    }
+    queue.close();
+    EXPECT_EQ(unread.get(), TAMO_HOST_GONE);
+    serve(message);
+    EXPECT_EQ(handedOut.get(), TAMO_HOST_OK);
+    EXPECT_EQ(queueInfo(kQueue).name[0], '\0') << "a closed queue leaves no trace";
+}
+
+TEST_F(Messages, WithoutAReceiverAnAsynchronousSendFailsAndASynchronousOneWaits) {
+    EXPECT_EQ(sendAsync("nobody", bodyOf(doNothing, 0, {})), TAMO_HOST_NO_RECEIVER);
+    EXPECT_EQ(Exchange("nobody", bodyOf(doNothing, 0, {}), 1, 0).result, TAMO_HOST_NO_RECEIVER);
+    EXPECT_GE(secondsOf([] {
+                  EXPECT_EQ(Exchange("nobody", bodyOf(doNothing, 0, {}), 1, 30).result,
+                            TAMO_HOST_NO_RECEIVER);
+              }),
+              0.030);
+    auto sent = sendInThread(bodyOf(doNothing, 0, {}));
+    const Server server(kQueue); /* most often after the send began */
+    EXPECT_EQ(sent.get(), TAMO_HOST_OK);
+}
+
+TEST_F(Messages, AFullQueueRefusesAsynchronousMessagesAtOnceAndTakesThemAgain) {
+    Queue queue(kQueue);
+    uint32_t sent = 0;
+    while (sendAsync(kQueue, bodyOf(doNothing, sent, Bytes(64))) == TAMO_HOST_OK) {
+        ASSERT_LT(++sent, 100000U);
+    }
+    EXPECT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), TAMO_HOST_QUEUE_FULL);
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, 10).result, TAMO_HOST_QUEUE_FULL);
+    EXPECT_EQ(queueInfo(kQueue).depth, sent);
+    EXPECT_EQ(queueInfo(kQueue).depthBytes, sent * (kHead + 64));
+    for (uint32_t i = 0; i < sent; ++i) {
+        OsMsgHeader *message = queue.next();
+        ASSERT_EQ(headOf(message).param, i);
+        TamoHostMsgFree(message);
+    }
+    EXPECT_EQ(queueInfo(kQueue).depth, 0U);
+    EXPECT_EQ(queueInfo(kQueue).received, sent);
+    /* Large ones do not fill the socket, and are limited all the same. */
+    const Bytes large = bodyOf(doNothing, 0, Bytes(kMaxData));
+    sent = 0;
+    while (sendAsync(kQueue, large) == TAMO_HOST_OK) {
+        ASSERT_LT(++sent, 10U);
+    }
+    EXPECT_EQ(sent, 3U);
+    TamoHostMsgFree(queue.next());
+    EXPECT_EQ(sendAsync(kQueue, large), TAMO_HOST_OK);
+}
+
+TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
+    Queue queue("a.b_c-D9");
+    TamoHostQueue *second = nullptr;
+    EXPECT_EQ(TamoHostMsgOpen("a.b_c-D9", &second), TAMO_HOST_IN_USE);
+    EXPECT_EQ(second, nullptr);
+    for (const char *name : {"", "sixteen_letters_", "a/b", "..x/", "a b", "a\n"}) {
+        EXPECT_EQ(TamoHostMsgOpen(name, &second), TAMO_HOST_INVALID) << name;
+        EXPECT_EQ(sendAsync(name, {}), TAMO_HOST_INVALID) << name;
+    }
+    EXPECT_EQ(TamoHostMsgOpen(nullptr, &second), TAMO_HOST_INVALID);
+    EXPECT_EQ(TamoHostMsgOpen("x", nullptr), TAMO_HOST_INVALID);
+    queue.close();
+    EXPECT_EQ(TamoHostMsgOpen("a.b_c-D9", &second), TAMO_HOST_OK);
+    TamoHostMsgClose(second);
+}
+
+TEST_F(Messages, NullArgumentsAreRefused) {
+    OsMsgHeader header = {};
+    OsMsgHeader *message = nullptr;
+    EXPECT_EQ(OsMsgSynSend(nullptr, &message, 1), TAMO_HOST_INVALID);
+    EXPECT_EQ(OsMsgSynSend(&header, nullptr, 1), TAMO_HOST_INVALID);
+    EXPECT_EQ(OsMsgAsynSend(nullptr), TAMO_HOST_INVALID);
+    header.bodyLength = 1;
+    EXPECT_EQ(OsMsgAsynSend(&header), TAMO_HOST_INVALID);
+    EXPECT_EQ(OsMsgSynSendResp(nullptr, nullptr, 0), TAMO_HOST_INVALID);
+    EXPECT_EQ(OsMsgSynRespFree(nullptr), TAMO_HOST_OK);
+    EXPECT_EQ(TamoHostMsgReceive(nullptr, &message, 0), TAMO_HOST_INVALID);
+    EXPECT_EQ(TamoHostMsgDescriptor(nullptr), -1);
+    EXPECT_EQ(TamoHostMsgQueues(nullptr, nullptr), TAMO_HOST_INVALID);
+    TamoHostMsgFree(nullptr);
+    TamoHostMsgClose(nullptr);
+}
+
+TEST_F(Messages, QueuesAreListedInOrderOfName) {
+    const Queue b("list-b"), a("list"), c("list.c");
+    std::vector<std::string> names;
+    const auto collect = [](const TamoHostQueueInfo *queue, void *context) -> uint32_t {
+        EXPECT_EQ(queue->ownerPid, static_cast<uint32_t>(getpid()));
+        static_cast<std::vector<std::string> *>(context)->push_back(queue->name);
+        return std::strcmp(queue->name, "list.c") == 0 ? 5 : 0;
+    };
+    EXPECT_EQ(TamoHostMsgQueues(collect, &names), 5U);
+    EXPECT_EQ(names, (std::vector<std::string>{"list", "list-b", "list.c"}));
+}
+
+TEST_F(Messages, AKeptConnectionFindsTheQueueAgainAfterItWasReopened) {
+    for (int i = 0; i < 3; ++i) {
+        const Server server(kQueue);
+        EXPECT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), TAMO_HOST_OK);
+        EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+    }
+}
+
+TEST_F(Messages, TheDescriptorPollsReadableExactlyWhenSomethingCanBeReceived) {
+    Queue queue(kQueue);
+    pollfd entry = {TamoHostMsgDescriptor(queue.get()), POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, 0), 0);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), 0U);
+    }
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(poll(&entry, 1, static_cast<int>(patienceMs())), 1);
+        TamoHostMsgFree(queue.next());
+    }
+    EXPECT_TRUE(queue.isEmpty());
+    EXPECT_EQ(poll(&entry, 1, 0), 0);
+    EXPECT_GE(secondsOf([&] {
+                  OsMsgHeader *message = nullptr;
+                  EXPECT_EQ(TamoHostMsgReceive(queue.get(), &message, 20), TAMO_HOST_TIMEOUT);
+              }),
+              0.020);
+}
+
+TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
+    const Server server(kQueue);
+    const auto send = [](uint32_t seed) {
+        for (uint32_t i = 0; i < 200; ++i) {
+            const uint32_t param = seed * 1000 + i;
+            const Exchange exchange(kQueue, bodyOf(increment, param, pattern(i * 331, 3)));
+            ASSERT_EQ(exchange.result, TAMO_HOST_OK);
+            ASSERT_EQ(headOf(exchange.response).result, param + 1);
+        }
+    };
+    std::vector<std::thread> threads;
+    for (uint32_t i = 0; i < 8; ++i) {
+        threads.emplace_back(send, i);
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(Messages, ThreadsThatEndLeaveTheirConnectionsToThoseThatFollow) {
+    const Server server(kQueue);
+    const auto send = [] { EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, 0U); };
+    std::thread(send).join();
+    const support::DescriptorCheck check;
+    for (int i = 0; i < 20; ++i) {
+        std::thread(send).join();
+    }
+}
+
+TEST_F(Messages, SendersAreServedInTurn) {
+    Queue queue(kQueue);
+    std::atomic<bool> ended{false};
+    std::vector<std::thread> flood;
+    for (int i = 0; i < 3; ++i) {
+        flood.emplace_back([&ended] {
+            while (!ended) {
+                sendAsync(kQueue, bodyOf(doNothing, 0, Bytes(64)));
+            }
+        });
+    }
+    while (queueInfo(kQueue).depth < 300) {
+        std::this_thread::yield();
+    }
+    ASSERT_EQ(
+        std::async(std::launch::async, [] { return sendAsync(kQueue, bodyOf(doNothing, 1, {})); })
+            .get(),
+        TAMO_HOST_OK);
+    uint32_t before = 0;
+    for (bool found = false; !found; ++before) {
+        OsMsgHeader *message = queue.next();
+        found = headOf(message).param == 1;
+        TamoHostMsgFree(message);
+        ASSERT_LT(before, 100U) << "a modest sender waits for a flood";
+    }
+    ended = true;
+    for (std::thread &thread : flood) {
+        thread.join();
+    }
+}
+
+TEST_F(Messages, ALoopOfSendingAndReceivingAllocatesNothing) {
+    Queue queue(kQueue);
+    Bytes body = bodyOf(doNothing, 0, Bytes(64));
+    OsMsgHeader header = headerOf(kQueue, body);
+    ASSERT_EQ(OsMsgAsynSend(&header), 0U);
+    TamoHostMsgFree(queue.next());
+    const support::AllocationCount allocations;
+    for (int i = 0; i < 50; ++i) {
+        OsMsgAsynSend(&header);
+        OsMsgHeader *message = nullptr;
+        TamoHostMsgReceive(queue.get(), &message, -1);
+        TamoHostMsgFree(message);
+    }
+    EXPECT_EQ(allocations.taken(), 0U);
+
+    const Server server("other");
+    std::thread([&body] {
+        OsMsgHeader synchronous = headerOf("other", body);
+        OsMsgHeader *response = nullptr;
+        ASSERT_EQ(OsMsgSynSend(&synchronous, &response, 1000), 0U);
+        OsMsgSynRespFree(response);
+        const support::AllocationCount inThread;
+        for (int i = 0; i < 50; ++i) {
+            OsMsgSynSend(&synchronous, &response, 1000);
+            OsMsgSynRespFree(response);
+        }
+        EXPECT_EQ(inThread.taken(), 0U);
+    }).join();
+}
+
+TEST_F(Messages, WhatIsNoCodeIsNotAHandler) {
+    Queue queue(kQueue);
+    static int data = 0;
+    int local = 0;
+    for (void *address : {static_cast<void *>(&data), static_cast<void *>(&local),
+                          reinterpret_cast<void *>(uintptr_t{16})}) {
+        auto handler = reinterpret_cast<Handler>(address);
+        EXPECT_EQ(sendAsync(kQueue, bodyOf(handler, 0, {})), TAMO_HOST_REFUSED);
+        EXPECT_EQ(Exchange(kQueue, bodyOf(handler, 0, {})).result, TAMO_HOST_REFUSED);
+    }
+    EXPECT_TRUE(queue.isEmpty());
+}
+
+}  // namespace
