@@ -5,25 +5,29 @@
 #include <conf_msg_api.h>
 #include <param_check.h>
 #include <pthread.h>
+#include <stdbool.h>
 #include <stdlib.h>
 #include <string.h>
 #include <tamo_host.h>
 #include <tamo_os_mem.h>
 
-/* The number of the line that failed is the result. */
-#define CHECK(condition)     \
-    do {                     \
-        if (!(condition)) {  \
-            return __LINE__; \
-        }                    \
-    } while (0)
+/* The line of the first check that failed; 0 as long as none has. */
+static int failedLine;
+
+static void check(bool passed, int line) {
+    if (!passed && failedLine == 0) {
+        failedLine = line;
+    }
+}
+
+#define CHECK(condition) check(condition, __LINE__)
 
 #define KEY "Conf.Boundary.number"
 #define QUEUE "Boundary"
 #define MESSAGES 3
 #define TIMEOUT 20000
 
-static int checkLog(void) {
+static void checkLog(void) {
     CHECK(ConfLogInit() == 0);
     (void)GetConfLogFileId();
     CHECK(SetLogLevel(5) != 0);
@@ -32,10 +36,9 @@ static int checkLog(void) {
     ConfLogPrintf(CONF_LOG_DEBUG, __func__, "boundary_c", __LINE__, "%s %d", "number", 1);
     ConfLogPrintfStr(CONF_LOG_INFO, __func__, "boundary_c", __LINE__, "a text");
     ConfLogSegmentPrint(__FILE__, __LINE__, CONF_LOG_INFO, "bytes", 5);
-    return 0;
 }
 
-static int checkTexts(void) {
+static void checkTexts(void) {
     char text[] = " trimmed ";
     CHECK(ConfParamCheckContainValidChar("0123", 1) == 0);
     CHECK(ConfParamCheckValidIp("fe80::1") == 0);
@@ -44,7 +47,6 @@ static int checkTexts(void) {
     CHECK(ConfGetAtoi("0x10", -1) == 16);
     ConfTrim(text);
     CHECK(strcmp(text, "trimmed") == 0);
-    return 0;
 }
 
 static int32_t boundNumber;
@@ -53,7 +55,7 @@ static void bindItems(void) {
     ConfConfigBind(KEY, CONF_VALUE_INT, &boundNumber, sizeof(boundNumber), NULL);
 }
 
-static int checkConfig(void) {
+static void checkConfig(void) {
     uint64_t number = 0;
     CHECK(ConfConfigInit(bindItems, "Boundary", "Conf") == 0);
     CHECK(ConfConfigReInit() == 0);
@@ -63,7 +65,6 @@ static int checkConfig(void) {
     CHECK(SetEnableEofb(0) == 0 && GetEnableEofb() == 0);
     CHECK(SetSipPreventAttack(0) == 0 && GetSipPreventAttack() == 0);
     ConfConfigClientCallBack(65536, 0, 0, NULL);
-    return 0;
 }
 
 static uint32_t notifications;
@@ -74,14 +75,13 @@ static uint32_t count(uint32_t notifyId, const void *data, uint32_t dataLength, 
     return 9;
 }
 
-static int checkNotifications(void) {
+static void checkNotifications(void) {
     ConfRegisterNotifyFunc(count);
     CHECK(ConfCommSendNotifyToApp(1, "x", 1) == 9);
     CHECK(ConfCommSendNotifyAndResultToApp(1, "x", 1, 5) == 9);
     CHECK(notifications == 9);
     CHECK(ConfCommSendMultiPackNotifyToApp(1, "four", 4) == 0);
     CHECK(notifications > 9);
-    return 0;
 }
 
 /* A handler: doubles the number that came. */
@@ -108,14 +108,15 @@ static void *serve(void *context) {
 }
 
 /* A list request: one key, whose value comes back in a list of its own. */
-static int requestList(void) {
-    ConfConfigListItem item = {KEY, ""};
+static void requestList(void) {
+    ConfConfigListItem item = {KEY, "4712"};
     MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(&item, sizeof(item));
-    CHECK(block != NULL);
-    block->itemCount = 1;
     const uint32_t size = GetMeetingServerMsgBlockSize(block);
     CHECK(size == sizeof(item) + 83);
-    strcpy(((ConfConfigListItem *)(void *)block->body)->value, "4712");
+    if (block == NULL) {
+        return;
+    }
+    block->itemCount = 1;
     CHECK(ConfConfigSetConfConfig(0, block, size) == 0);
     CHECK(ConfCommMsgSynSendImplHaveResp(QUEUE, ConfConfigGetConfConfig, 0, block, size, TIMEOUT) ==
           0);
@@ -123,10 +124,9 @@ static int requestList(void) {
     CHECK(list != NULL && strcmp(list->value, "4712") == 0);
     CHECK(OSMemTypeFreeMon(block->resultList, 0, 0, __LINE__, "boundary_c") == 0);
     CHECK(OSMemTypeFreeMon(block, 0, 0, __LINE__, "boundary_c") == 0);
-    return 0;
 }
 
-static int sendMessages(void) {
+static void sendMessages(void) {
     uint32_t number = 21;
     CHECK(ConfCommMsgCheckPermission());
     CHECK(ConfCommMsgAsynSend(QUEUE, twice, 0, &number, sizeof(number)) == 0);
@@ -134,37 +134,35 @@ static int sendMessages(void) {
     CHECK(number == 42);
     CHECK(ConfCommMsgSynSendImpl("Nobody", twice, 5, &number, sizeof(number), 1) ==
           CONF_COMM_ERR_FAILED);
-    return requestList();
+    requestList();
 }
 
-static int checkMessages(void) {
-    TamoHostQueue *queue;
+static void checkMessages(void) {
+    TamoHostQueue *queue = NULL;
     pthread_t server;
     CHECK(ConfCommMsgProcess(NULL) != 0);
     CHECK(TamoHostMsgOpen(QUEUE, &queue) == TAMO_HOST_OK);
-    CHECK(pthread_create(&server, NULL, serve, queue) == 0);
-    const int result = sendMessages();
+    if (queue == NULL || pthread_create(&server, NULL, serve, queue) != 0) {
+        return;
+    }
+    sendMessages();
     pthread_join(server, NULL);
     TamoHostMsgClose(queue);
-    return result;
 }
 
-static int end(void) {
+static void end(void) {
     CHECK(ConfConfigDeInit() == 0);
     CHECK(ConfConfigUnInit() == 0);
     CHECK(ConfLogUnInit() == 0);
-    return 0;
 }
 
 /* 0, or the line of the first check that failed. */
 int boundaryFromC(void) {
-    static int (*const parts[])(void) = {checkLog,           checkTexts,    checkConfig,
-                                         checkNotifications, checkMessages, end};
-    for (size_t i = 0; i < sizeof(parts) / sizeof(parts[0]); ++i) {
-        const int line = parts[i]();
-        if (line != 0) {
-            return line;
-        }
-    }
-    return 0;
+    checkLog();
+    checkTexts();
+    checkConfig();
+    checkNotifications();
+    checkMessages();
+    end();
+    return failedLine;
 }
