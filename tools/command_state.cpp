@@ -159,6 +159,7 @@ int runMem(const Command &command, int argc, char **argv) {
         failUsage(command, "one process at a time");
     }
     requireRoot(command);
+    rootPath(command, "/run");  // or else there is no root to look into
     if (line.operands().empty()) {
         listProcesses(asJson);
         return kSuccess;

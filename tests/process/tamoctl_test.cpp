@@ -2,6 +2,7 @@
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -123,6 +124,21 @@ TEST(TamoctlUsage, theRootOptionIsTheRootAndMustExistToBeRead) {
     EXPECT_EQ(tamoctl({"get", "--root", root, "Ctl.Elsewhere"}).output, "1\n");
     EXPECT_EQ(tamoctl({"get", "Ctl.Elsewhere"}).code, 1);
     EXPECT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
+}
+
+TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
+    const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".open";
+    ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(root.c_str(), 0755), 0);
+    for (const Words &words : {Words{"get", "Ctl.A"}, Words{"set", "Ctl.A", "1"}, Words{"list"},
+                               Words{"log"}, Words{"log", "-f"}, Words{"mem"}, Words{"queues"}}) {
+        Words all = {"--root", root};
+        all.insert(all.end(), words.begin(), words.end());
+        const Outcome outcome = tamoctl(all);
+        EXPECT_EQ(outcome.code, 1) << words[0];
+        EXPECT_NE(outcome.errors.find("chmod 700"), std::string::npos) << outcome.errors;
+    }
+    EXPECT_EQ(rmdir(root.c_str()), 0) << "nothing was made in it";
 }
 
 TEST(TamoctlUsage, outputThatCannotBeWrittenIsAFailure) {
