@@ -34,7 +34,9 @@ struct QueueStatus {
     std::atomic<uint64_t> receivedBytes;
 };
 static_assert(sizeof(QueueStatus) == 192 && offsetof(QueueStatus, received) == 128);
-static_assert(std::atomic<uint64_t>::is_always_lock_free, "the counts are shared by processes");
+/* Shared by processes, so they must need no lock; with 32-bit pointers aligned words of this size do
+ * not, though is_always_lock_free speaks of unaligned ones and says otherwise there. */
+static_assert(alignof(std::atomic<uint64_t>) == sizeof(uint64_t));
 
 /* The names of a queue's files below run/. */
 struct QueueFileName {
