@@ -15,27 +15,23 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
 
 #include "device_root.h"
 #include "host_record.h"
 #include "tamo_host.h"
+#include "tamo_om_config_directory.h"
 
 namespace tamo {
 namespace {
 
 constexpr const char *kUnit = "tamo_om_config_file";
-constexpr const char *kFile = "config.db";
-constexpr const char *kFreshFile = "config.db.new";
-constexpr const char *kCompanions[] = {"-wal", "-shm", "-journal"};
 /* SQLite's own limit, less the longest companion's name. */
 constexpr size_t kLongestPath = 500;
 constexpr int kBusyMs = 10000;
-/* Up to this size every opening checks the structure of the whole file: it takes a millisecond. */
-constexpr int64_t kCheckedBytes = 1 << 20;
+/* Up to this size (256 KiB) every opening checks the structure of the whole file, which takes less
+ * than a millisecond; damage to a larger one is found when it is met. */
+constexpr int kCheckedPages = 64;
 
 constexpr int kApplicationId = 0x54434F4E;
 /* Raised with every change of the tables. */
@@ -50,87 +46,12 @@ constexpr const char *kSchema =
 
 enum class Verdict { good, damaged, foreign, newer, failed };
 
-class OpenersTurn {
-  public:
-    explicit OpenersTurn(int directory)
-        : descriptor(openat(directory, "config.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0600)) {
-        int result = descriptor < 0 ? -1 : 0;
-        while (result == 0 && (result = flock(descriptor, LOCK_EX)) != 0 && errno == EINTR) {
-            result = 0;
-        }
-        taken = result == 0;
-    }
-    ~OpenersTurn() {
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
-    }
-    OpenersTurn(const OpenersTurn &) = delete;
-    OpenersTurn &operator=(const OpenersTurn &) = delete;
-
-    bool taken;
-
-  private:
-    const int descriptor;
-};
-
-uint32_t systemFailure(const char *what, int line) {
-    const char *advice = errno == ENOSPC || errno == EDQUOT ? ": free space below it" : "";
-    hostRecord(kError, kUnit, line, "%s in %s/config failed: %s%s", what, deviceRoot(),
-               strerror(errno), advice);
-    return TAMO_HOST_SYSTEM;
-}
-
 bool isDiskFull(sqlite3 *database, int result) {
     int primary = result & 0xFF;
     int system = database == nullptr ? 0 : sqlite3_system_errno(database);
     return primary == SQLITE_FULL || result == SQLITE_IOERR_SHMSIZE ||
            ((primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN) &&
             (system == ENOSPC || system == EDQUOT));
-}
-
-void companionName(char *buffer, size_t size, const char *file, const char *companion) {
-    (void)snprintf(buffer, size, "%s%s", file, companion);
-}
-
-bool exists(int directory, const char *name) {
-    struct stat status;
-    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
-/* Finds a name that nothing in the directory has. */
-void nameAside(int directory, char *name, size_t size) {
-    char when[32];
-    struct tm parts;
-    time_t now = time(nullptr);
-    (void)strftime(when, sizeof(when), "%Y%m%dT%H%M%SZ", gmtime_r(&now, &parts));
-    (void)snprintf(name, size, "%s.damaged-%s", kFile, when);
-    for (int number = 2; exists(directory, name); number++) {
-        (void)snprintf(name, size, "%s.damaged-%s-%d", kFile, when, number);
-    }
-}
-
-/* The log goes along, or it would be taken for the log of the next store. */
-uint32_t moveAside(int directory, const char *why) {
-    char name[64];
-    nameAside(directory, name, sizeof(name));
-    if (renameat(directory, kFile, directory, name) != 0 && errno != ENOENT) {
-        return systemFailure("moving the damaged configuration store aside", __LINE__);
-    }
-    for (const char *companion : kCompanions) {
-        char from[80];
-        char to[80];
-        companionName(from, sizeof(from), kFile, companion);
-        companionName(to, sizeof(to), name, companion);
-        if (renameat(directory, from, directory, to) != 0 && errno != ENOENT) {
-            return systemFailure("moving the damaged configuration store's log aside", __LINE__);
-        }
-    }
-    hostRecord(kError, kUnit, __LINE__,
-               "the configuration store %s/config/%s is %s: it is kept as %s and a fresh store is "
-               "begun; to go back to it, end all processes and rename it when it is repaired",
-               deviceRoot(), kFile, why, name);
-    return TAMO_HOST_OK;
 }
 
 /* A name that SQLite takes as a URI, for the sake of its parameter. */
@@ -201,12 +122,14 @@ Verdict checkStructure(sqlite3 *database, const char *check, int *result) {
     return hasTable && strcmp(answer, "ok") == 0 ? Verdict::good : Verdict::damaged;
 }
 
-Verdict examine(sqlite3 *database, int64_t bytes, bool suspect, int *result) {
+Verdict examine(sqlite3 *database, bool suspect, int *result) {
     int application = 0;
     int version = 0;
+    int pages = 0;
     char mode[16] = "";
     if ((*result = askNumber(database, "PRAGMA application_id", &application)) != SQLITE_OK ||
-        (*result = askNumber(database, "PRAGMA user_version", &version)) != SQLITE_OK) {
+        (*result = askNumber(database, "PRAGMA user_version", &version)) != SQLITE_OK ||
+        (*result = askNumber(database, "PRAGMA page_count", &pages)) != SQLITE_OK) {
         return judge(*result);
     }
     if (application != kApplicationId || version < 1) {
@@ -216,7 +139,7 @@ Verdict examine(sqlite3 *database, int64_t bytes, bool suspect, int *result) {
         return Verdict::newer;
     }
     const char *check = suspect                  ? "PRAGMA integrity_check(1)"
-                        : bytes <= kCheckedBytes ? "PRAGMA quick_check(1)"
+                        : pages <= kCheckedPages ? "PRAGMA quick_check(1)"
                                                  : "SELECT 'ok' FROM sqlite_schema";
     Verdict verdict = checkStructure(database, check, result);
     if (verdict == Verdict::good &&
@@ -226,31 +149,10 @@ Verdict examine(sqlite3 *database, int64_t bytes, bool suspect, int *result) {
     return verdict;
 }
 
-uint32_t syncDirectory(int directory) {
-    int above = openat(directory, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    bool synced = above >= 0 && fsync(directory) == 0 && fsync(above) == 0;
-    int error = errno;
-    if (above >= 0) {
-        close(above);
-    }
-    errno = error;
-    return synced ? uint32_t{TAMO_HOST_OK}
-                  : systemFailure("keeping the fresh configuration store", __LINE__);
-}
-
-void removeUnfinished(int directory) {
-    (void)unlinkat(directory, kFreshFile, 0);
-    for (const char *companion : kCompanions) {
-        char name[80];
-        companionName(name, sizeof(name), kFreshFile, companion);
-        (void)unlinkat(directory, name, 0);
-    }
-}
-
 uint32_t beginStore(int directory, const char *path) {
     char fresh[kLongestPath + 8];
-    companionName(fresh, sizeof(fresh), path, ".new");
-    removeUnfinished(directory);
+    (void)snprintf(fresh, sizeof(fresh), "%s.new", path);
+    removeUnfinishedConfig(directory);
     ConfigFile file;
     int result = openDatabase(fresh, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &file.database);
     if (result == SQLITE_OK) {
@@ -260,53 +162,48 @@ uint32_t beginStore(int directory, const char *path) {
         uint32_t code =
             configFileFailure(file.database, result, "beginning the configuration store", __LINE__);
         closeConfigFile(&file);
-        removeUnfinished(directory);
+        removeUnfinishedConfig(directory);
         return code;
     }
     closeConfigFile(&file);
-    if (renameat(directory, kFreshFile, directory, kFile) != 0) {
-        return systemFailure("beginning the configuration store", __LINE__);
-    }
-    return syncDirectory(directory);
+    return nameFreshConfig(directory);
 }
 
 /* Makes sure that a file is there that may be a store; SQLite takes an empty one for a new one. */
-uint32_t prepareFile(int directory, const char *path, int64_t *bytes) {
+uint32_t prepareFile(int directory, const char *path) {
     struct stat status;
-    int result = fstatat(directory, kFile, &status, AT_SYMLINK_NOFOLLOW);
+    int result = fstatat(directory, kConfigFile, &status, AT_SYMLINK_NOFOLLOW);
     if (result != 0 && errno != ENOENT) {
-        return systemFailure("looking for the configuration store", __LINE__);
+        return configDirectoryFailure("looking for the configuration store", __LINE__);
     }
     uint32_t code = TAMO_HOST_OK;
     if (result == 0 && (!S_ISREG(status.st_mode) || status.st_size == 0)) {
-        code = moveAside(directory, S_ISREG(status.st_mode) ? "empty" : "not a regular file");
+        code = moveConfigAside(directory, S_ISREG(status.st_mode) ? "empty" : "not a regular file");
         result = -1;
-    } else if (result != 0 && exists(directory, "config.db-wal")) {
-        code = moveAside(directory, "gone and has left its log");
+    } else if (result != 0 && configDirectoryHas(directory, "config.db-wal")) {
+        code = moveConfigAside(directory, "gone and has left its log");
     }
-    *bytes = result == 0 ? int64_t{status.st_size} : 0;
     return code != TAMO_HOST_OK || result == 0 ? code : beginStore(directory, path);
 }
 
-Verdict openAndExamine(const char *name, int64_t bytes, bool suspect, ConfigFile *file,
-                       int *result) {
+Verdict openAndExamine(const char *name, bool suspect, ConfigFile *file, int *result) {
     *result = openDatabase(name, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, &file->database);
     if (*result != SQLITE_OK) {
         return judge(*result);
     }
     sqlite3_db_config(file->database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    return examine(file->database, bytes, suspect, result);
+    return examine(file->database, suspect, result);
 }
 
-uint32_t openPrepared(const char *path, int64_t bytes, bool forWriting, bool suspect,
-                      ConfigFile *file, Verdict *verdict) {
+uint32_t openPrepared(const char *path, bool forWriting, bool suspect, ConfigFile *file,
+                      Verdict *verdict) {
     int result = SQLITE_OK;
-    *verdict = openAndExamine(path, bytes, suspect, file, &result);
+    *verdict = openAndExamine(path, suspect, file, &result);
     if (*verdict == Verdict::failed && !forWriting && isDiskFull(file->database, result)) {
         char uri[3 * kLongestPath + 32];
         closeConfigFile(file);
         if (indexlessName(path, uri, sizeof(uri))) {
-            *verdict = openAndExamine(uri, bytes, suspect, file, &result);
+            *verdict = openAndExamine(uri, suspect, file, &result);
             file->ownIndex = true;
         }
     }
@@ -372,7 +269,8 @@ uint32_t openConfigFile(bool forWriting, bool suspect, ConfigFile *file) {
         return TAMO_HOST_NO_ROOT;
     }
     char path[kLongestPath];
-    if (snprintf(path, sizeof(path), "%s/config/%s", deviceRoot(), kFile) >= int{sizeof(path)}) {
+    if (snprintf(path, sizeof(path), "%s/config/%s", deviceRoot(), kConfigFile) >=
+        int{sizeof(path)}) {
         hostRecord(kError, kUnit, __LINE__,
                    "the path of the configuration store in %s/config is too long for SQLite: set "
                    "TAMO_DEVICE_ROOT to a path of at most %zu characters",
@@ -380,21 +278,21 @@ uint32_t openConfigFile(bool forWriting, bool suspect, ConfigFile *file) {
         return TAMO_HOST_NO_ROOT;
     }
     OpenersTurn turn(directory);
-    if (!turn.taken) {
-        return systemFailure("locking config.lock", __LINE__);
+    if (!turn.taken()) {
+        return configDirectoryFailure("locking config.lock", __LINE__);
     }
     /* The second round meets a fresh store. */
     for (int round = 0; round < 2; round++) {
-        int64_t bytes = 0;
         Verdict verdict = Verdict::failed;
-        uint32_t code = prepareFile(directory, path, &bytes);
+        uint32_t code = prepareFile(directory, path);
         if (code == TAMO_HOST_OK) {
-            code = openPrepared(path, bytes, forWriting, suspect, file, &verdict);
+            code = openPrepared(path, forWriting, suspect, file, &verdict);
         }
         if (code != TAMO_HOST_OK || verdict == Verdict::good) {
             return code;
         }
-        code = moveAside(directory, verdict == Verdict::foreign ? "not one of ours" : "damaged");
+        code =
+            moveConfigAside(directory, verdict == Verdict::foreign ? "not one of ours" : "damaged");
         if (code != TAMO_HOST_OK) {
             return code;
         }

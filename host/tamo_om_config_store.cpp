@@ -15,7 +15,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <atomic>
 #include <mutex>
 
 #include "host_record.h"
@@ -29,23 +28,41 @@ constexpr const char *kUnit = "tamo_om_config_store";
 /* One for a file that was replaced, one for a file found damaged, one for the fresh one. */
 constexpr int kAttempts = 3;
 
+constexpr const char *kReadOne = "SELECT 0, value FROM setting WHERE key = ?1";
+/* Several keys by one statement: running a statement costs as much as finding a key. */
+constexpr size_t kGroup = 8;
+constexpr const char *kReadGroup =
+    "SELECT 0, value FROM setting WHERE key = ?1 UNION ALL "
+    "SELECT 1, value FROM setting WHERE key = ?2 UNION ALL "
+    "SELECT 2, value FROM setting WHERE key = ?3 UNION ALL "
+    "SELECT 3, value FROM setting WHERE key = ?4 UNION ALL "
+    "SELECT 4, value FROM setting WHERE key = ?5 UNION ALL "
+    "SELECT 5, value FROM setting WHERE key = ?6 UNION ALL "
+    "SELECT 6, value FROM setting WHERE key = ?7 UNION ALL "
+    "SELECT 7, value FROM setting WHERE key = ?8";
+/* A value that is stored already is not written, and costs no flush when it comes alone. */
+constexpr const char *kWriteOne =
+    "INSERT INTO setting (key, value) VALUES (?1, ?2) "
+    "ON CONFLICT (key) DO UPDATE SET value = excluded.value WHERE value <> excluded.value";
+
 struct Connection {
     const bool forWriting;
     std::mutex lock;
     ConfigFile file;
     sqlite3_stmt *begin;
-    sqlite3_stmt *access;
     sqlite3_stmt *commit;
     sqlite3_stmt *rollback;
+    sqlite3_stmt *one;
+    sqlite3_stmt *group; /* the reader's */
 };
 
 /* Not closed at exit, where other threads may still use them. */
-Connection reader = {false, {}, {}, nullptr, nullptr, nullptr, nullptr};
-Connection writer = {true, {}, {}, nullptr, nullptr, nullptr, nullptr};
+Connection reader = {false, {}, {}, nullptr, nullptr, nullptr, nullptr, nullptr};
+Connection writer = {true, {}, {}, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 void disconnect(Connection *connection) {
-    for (sqlite3_stmt **statement :
-         {&connection->begin, &connection->access, &connection->commit, &connection->rollback}) {
+    for (sqlite3_stmt **statement : {&connection->begin, &connection->commit, &connection->rollback,
+                                     &connection->one, &connection->group}) {
         sqlite3_finalize(*statement);
         *statement = nullptr;
     }
@@ -64,8 +81,23 @@ void afterFork() {
     writer.lock.unlock();
 }
 
-int prepare(sqlite3 *database, const char *text, sqlite3_stmt **statement) {
-    return sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr);
+int prepareAll(Connection *connection) {
+    const struct {
+        const char *text;
+        sqlite3_stmt **statement;
+    } all[] = {{connection->forWriting ? "BEGIN IMMEDIATE" : "BEGIN", &connection->begin},
+               {"COMMIT", &connection->commit},
+               {"ROLLBACK", &connection->rollback},
+               {connection->forWriting ? kWriteOne : kReadOne, &connection->one},
+               {connection->forWriting ? "" : kReadGroup, &connection->group}};
+    int result = SQLITE_OK;
+    for (const auto &[text, statement] : all) {
+        if (result == SQLITE_OK) {
+            result = sqlite3_prepare_v3(connection->file.database, text, -1,
+                                        SQLITE_PREPARE_PERSISTENT, statement, nullptr);
+        }
+    }
+    return result;
 }
 
 uint32_t connect(Connection *connection, bool suspect) {
@@ -75,19 +107,10 @@ uint32_t connect(Connection *connection, bool suspect) {
     if (code != TAMO_HOST_OK) {
         return code;
     }
-    const char *access = connection->forWriting
-                             ? "INSERT INTO setting (key, value) VALUES (?1, ?2) "
-                               "ON CONFLICT (key) DO UPDATE SET value = excluded.value "
-                               "WHERE value <> excluded.value"
-                             : "SELECT value FROM setting WHERE key = ?1";
-    sqlite3 *database = connection->file.database;
-    int result =
-        prepare(database, connection->forWriting ? "BEGIN IMMEDIATE" : "BEGIN", &connection->begin);
-    result = result == SQLITE_OK ? prepare(database, access, &connection->access) : result;
-    result = result == SQLITE_OK ? prepare(database, "COMMIT", &connection->commit) : result;
-    result = result == SQLITE_OK ? prepare(database, "ROLLBACK", &connection->rollback) : result;
+    int result = prepareAll(connection);
     if (result != SQLITE_OK) {
-        code = configFileFailure(database, result, "preparing the configuration store", __LINE__);
+        code = configFileFailure(connection->file.database, result,
+                                 "preparing the configuration store", __LINE__);
         disconnect(connection);
     }
     return code;
@@ -144,68 +167,83 @@ void clearValue(ConfConfigOmVal *value) {
     memset(value, 0, sizeof(*value));
 }
 
-/* Copies the found text; only a foreign hand can have stored one that does not fit. */
+/* Copies the found text; only a foreign hand can have stored one that does not fit. Asked for as a
+ * blob, the text is not copied once more to be terminated. */
 bool takeValue(sqlite3_stmt *row, ConfConfigOmVal *value) {
-    const unsigned char *text = sqlite3_column_text(row, 0);
-    size_t length = static_cast<size_t>(sqlite3_column_bytes(row, 0));
-    if (text == nullptr || length >= sizeof(value->text)) {
-        clearValue(value);
+    const void *text = sqlite3_column_blob(row, 1);
+    size_t length = static_cast<size_t>(sqlite3_column_bytes(row, 1));
+    if (length >= sizeof(value->text)) {
         return false;
     }
-    memcpy(value->text, text, length + 1);
+    if (length != 0) {
+        memcpy(value->text, text, length);
+    }
+    value->text[length] = '\0';
     value->length = static_cast<uint32_t>(length);
     return true;
 }
 
-/* Reads one record; `missing` is what it lacks, else stays as it is. */
-int readRecord(sqlite3_stmt *access, ConfConfigOmRecord *record, uint32_t *missing) {
-    size_t length = strnlen(record->key.text, sizeof(record->key.text));
-    if (length == 0 || length == sizeof(record->key.text)) {
-        clearValue(&record->value);
-        *missing = TAMO_HOST_INVALID;
-        return SQLITE_OK;
+/* Binds a record's key; false for a text that is no key, and binds what no key equals. */
+bool bindKey(sqlite3_stmt *statement, int place, const ConfConfigOmRecord &record) {
+    size_t length = strnlen(record.key.text, sizeof(record.key.text));
+    if (length == 0 || length == sizeof(record.key.text)) {
+        sqlite3_bind_null(statement, place);
+        return false;
     }
-    sqlite3_bind_text(access, 1, record->key.text, static_cast<int>(length), SQLITE_STATIC);
-    int result = sqlite3_step(access);
-    if (result == SQLITE_ROW) {
-        if (!takeValue(access, &record->value)) {
-            *missing = TAMO_HOST_TOO_LARGE;
-        }
-    } else {
-        clearValue(&record->value);
-        if (result == SQLITE_DONE && *missing == TAMO_HOST_OK) {
-            *missing = TAMO_HOST_NOT_FOUND;
+    sqlite3_bind_text(statement, place, record.key.text, static_cast<int>(length), SQLITE_STATIC);
+    return true;
+}
+
+/* Reads `count` records by a statement with as many places; a first reason why a value part could
+ * not be filled goes to `missing`. */
+int readGroup(sqlite3_stmt *statement, ConfConfigOmRecord *records, size_t count,
+              uint32_t *missing) {
+    uint32_t lacks[kGroup];
+    for (size_t at = 0; at < count; at++) {
+        bool isKey = bindKey(statement, static_cast<int>(at) + 1, records[at]);
+        lacks[at] = isKey ? TAMO_HOST_NOT_FOUND : TAMO_HOST_INVALID;
+    }
+    int result = SQLITE_OK;
+    while ((result = sqlite3_step(statement)) == SQLITE_ROW) {
+        size_t at = static_cast<size_t>(sqlite3_column_int(statement, 0));
+        bool taken = takeValue(statement, &records[at].value);
+        lacks[at] = taken ? TAMO_HOST_OK : TAMO_HOST_TOO_LARGE;
+    }
+    sqlite3_reset(statement);
+    for (size_t at = 0; at < count; at++) {
+        if (lacks[at] != TAMO_HOST_OK) {
+            clearValue(&records[at].value);
+            *missing = *missing == TAMO_HOST_OK ? lacks[at] : *missing;
         }
     }
-    sqlite3_reset(access);
-    return result == SQLITE_ROW || result == SQLITE_DONE ? SQLITE_OK : result;
+    return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
 int readRecords(Connection *connection, ConfConfigOmRecord *records, size_t count,
                 uint32_t *missing) {
     *missing = TAMO_HOST_OK;
     if (count == 1) {
-        return readRecord(connection->access, records, missing);
+        return readGroup(connection->one, records, 1, missing);
     }
     int result = run(connection->begin);
-    for (size_t at = 0; at < count && result == SQLITE_OK; at++) {
-        result = readRecord(connection->access, &records[at], missing);
+    size_t at = 0;
+    for (; at + kGroup <= count && result == SQLITE_OK; at += kGroup) {
+        result = readGroup(connection->group, records + at, kGroup, missing);
+    }
+    for (; at < count && result == SQLITE_OK; at++) {
+        result = readGroup(connection->one, records + at, 1, missing);
     }
     return finish(connection, result);
 }
 
 int writeRecords(Connection *connection, const ConfConfigOmRecord *records, size_t count) {
-    sqlite3_stmt *access = connection->access;
     int result = run(connection->begin);
     for (size_t at = 0; at < count && result == SQLITE_OK; at++) {
-        const ConfConfigOmRecord &record = records[at];
-        sqlite3_bind_text(access, 1, record.key.text,
-                          static_cast<int>(strnlen(record.key.text, sizeof(record.key.text))),
-                          SQLITE_STATIC);
-        sqlite3_bind_text(access, 2, record.value.text,
-                          static_cast<int>(strnlen(record.value.text, sizeof(record.value.text))),
-                          SQLITE_STATIC);
-        result = run(access);
+        const ConfConfigOmVal &value = records[at].value;
+        size_t length = strnlen(value.text, sizeof(value.text));
+        (void)bindKey(connection->one, 1, records[at]);
+        sqlite3_bind_text(connection->one, 2, value.text, static_cast<int>(length), SQLITE_STATIC);
+        result = run(connection->one);
     }
     return finish(connection, result);
 }

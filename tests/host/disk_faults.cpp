@@ -6,6 +6,7 @@
 #include <stdint.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 namespace support {
 std::atomic<bool> diskFull = false;
@@ -21,7 +22,8 @@ Function *next(const char *name) {
 
 bool refuses(int file) {
     struct stat status;
-    if (!support::diskFull || fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!support::diskFull || file <= STDERR_FILENO || fstat(file, &status) != 0 ||
+        !S_ISREG(status.st_mode)) {
         return false;
     }
     errno = ENOSPC;

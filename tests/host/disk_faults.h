@@ -4,7 +4,8 @@
 
 namespace support {
 
-/* While set, writing to a regular file fails for want of space. */
+/* While set, writing to a regular file fails for want of space; what the program says still comes
+ * out, also where it goes to a file. */
 extern std::atomic<bool> diskFull;
 
 /* Flushes of files since the program began. */

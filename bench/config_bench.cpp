@@ -1,0 +1,252 @@
+/* The configuration service beside bare SQLite on the same work and with the same settings: a list of
+ * 500 keys read in one transaction, and 50 records written in one.
+ *
+ * The rows take turns in rounds. The bare rows have a connection of
+ * their own with prepared statements, and copy each value into the record. */
+#include <sqlite3.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "include/conf_config.h"
+#include "include/conf_msg_api.h"
+#include "tamo_host.h"
+#include "tamo_os_mem.h"
+
+namespace {
+
+constexpr uint32_t kReadKeys = 500;
+constexpr uint32_t kWrittenKeys = 50;
+constexpr size_t kRounds = 120;
+
+struct Row {
+    const char *name;
+    std::function<void()> run;
+    std::vector<double> microseconds;
+};
+
+void check(bool good, const char *what) {
+    if (!good) {
+        fprintf(stderr, "%s failed\n", what);
+        exit(1);
+    }
+}
+
+double percentile(std::vector<double> values, double part) {
+    std::sort(values.begin(), values.end());
+    return values[static_cast<size_t>(part * static_cast<double>(values.size() - 1))];
+}
+
+/* A round gives each row some runs, the first of which only warms up. Each begins with another row, so
+ * that none always follows the same one. */
+void measure(std::vector<Row> &rows, size_t runs) {
+    for (size_t round = 0; round < kRounds; round++) {
+        for (size_t turn = 0; turn < rows.size(); turn++) {
+            Row &row = rows[(round + turn) % rows.size()];
+            row.run();
+            for (size_t run = 0; run < runs; run++) {
+                auto start = std::chrono::steady_clock::now();
+                row.run();
+                std::chrono::duration<double, std::micro> took =
+                    std::chrono::steady_clock::now() - start;
+                row.microseconds.push_back(took.count());
+            }
+        }
+    }
+}
+
+/* The median of the rounds' ratios, which a change of the processor's speed does not reach. */
+double ratio(const Row &row, const Row &bare, size_t runs) {
+    std::vector<double> ratios;
+    for (size_t at = 0; at < row.microseconds.size(); at += runs) {
+        auto median = [&](const Row &of) {
+            auto first = of.microseconds.begin() + static_cast<ptrdiff_t>(at);
+            return percentile({first, first + static_cast<ptrdiff_t>(runs)}, 0.5);
+        };
+        ratios.push_back(median(row) / median(bare));
+    }
+    return percentile(ratios, 0.5);
+}
+
+void compare(const char *title, std::vector<Row> rows, size_t runs) {
+    measure(rows, runs);
+    printf("%s\n  %-40s %10s %10s %8s\n", title, "", "median us", "p99 us", "ratio");
+    for (const Row &row : rows) {
+        printf("  %-40s %10.1f %10.1f %8.2f\n", row.name, percentile(row.microseconds, 0.5),
+               percentile(row.microseconds, 0.99), ratio(row, rows[0], runs));
+    }
+}
+
+std::vector<ConfConfigOmRecord> makeRecords(uint32_t count) {
+    std::vector<ConfConfigOmRecord> records(count);
+    for (uint32_t at = 0; at < count; at++) {
+        std::string key = "Conf.SIPCallParam.parameter" + std::to_string(at * 7919 % count);
+        std::string value = "sip:terminal" + std::to_string(at) + "@conference.example.com;tls";
+        TamoOmConfigcopyStr2Key(&records[at], key.c_str());
+        TamoOmConfigcopyStr2Val(&records[at].value, value.c_str());
+    }
+    return records;
+}
+
+/* Another value than the last, of the same length. */
+void changeValues(std::vector<ConfConfigOmRecord> &records) {
+    for (ConfConfigOmRecord &record : records) {
+        char &letter = record.value.text[4];
+        letter = letter == 'z' ? 'a' : static_cast<char>(letter + 1);
+    }
+}
+
+/* What a program without the service would write. */
+class BareStore {
+  public:
+    explicit BareStore(const std::string &path) {
+        check(sqlite3_open_v2(path.c_str(), &database,
+                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                              nullptr) == SQLITE_OK &&
+                  sqlite3_exec(database,
+                               "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+                               "CREATE TABLE IF NOT EXISTS setting (key TEXT PRIMARY KEY, "
+                               "value TEXT NOT NULL) WITHOUT ROWID",
+                               nullptr, nullptr, nullptr) == SQLITE_OK,
+              "opening the bare store");
+        begin = prepare("BEGIN");
+        beginWrite = prepare("BEGIN IMMEDIATE");
+        commit = prepare("COMMIT");
+        select = prepare("SELECT value FROM setting WHERE key = ?1");
+        insert = prepare(
+            "INSERT INTO setting (key, value) VALUES (?1, ?2) "
+            "ON CONFLICT (key) DO UPDATE SET value = excluded.value");
+    }
+    ~BareStore() {
+        for (sqlite3_stmt *statement : {begin, beginWrite, commit, select, insert}) {
+            sqlite3_finalize(statement);
+        }
+        sqlite3_close(database);
+    }
+    BareStore(const BareStore &) = delete;
+    BareStore &operator=(const BareStore &) = delete;
+
+    void read(std::vector<ConfConfigOmRecord> &records) {
+        run(begin);
+        for (ConfConfigOmRecord &record : records) {
+            bindKey(select, record);
+            check(sqlite3_step(select) == SQLITE_ROW, "bare read");
+            int length = sqlite3_column_bytes(select, 0);
+            memcpy(record.value.text, sqlite3_column_text(select, 0),
+                   static_cast<size_t>(length) + 1);
+            record.value.length = static_cast<uint32_t>(length);
+            sqlite3_reset(select);
+        }
+        run(commit);
+    }
+
+    void write(const std::vector<ConfConfigOmRecord> &records) {
+        run(beginWrite);
+        for (const ConfConfigOmRecord &record : records) {
+            bindKey(insert, record);
+            sqlite3_bind_text(insert, 2, record.value.text, static_cast<int>(record.value.length),
+                              SQLITE_STATIC);
+            run(insert);
+        }
+        run(commit);
+    }
+
+  private:
+    sqlite3_stmt *prepare(const char *text) {
+        sqlite3_stmt *statement = nullptr;
+        check(sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement,
+                                 nullptr) == SQLITE_OK,
+              text);
+        return statement;
+    }
+    static void bindKey(sqlite3_stmt *statement, const ConfConfigOmRecord &record) {
+        sqlite3_bind_text(statement, 1, record.key.text, record.key.length, SQLITE_STATIC);
+    }
+    static void run(sqlite3_stmt *statement) {
+        check(sqlite3_step(statement) == SQLITE_DONE, "bare statement");
+        sqlite3_reset(statement);
+    }
+
+    sqlite3 *database = nullptr;
+    sqlite3_stmt *begin, *beginWrite, *commit, *select, *insert;
+};
+
+MeetingServerMsgBlock *makeBlock(const std::vector<ConfConfigOmRecord> &records) {
+    std::vector<ConfConfigListItem> items(records.size());
+    for (size_t at = 0; at < records.size(); at++) {
+        memcpy(items[at].key, records[at].key.text, sizeof(items[at].key));
+    }
+    MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(
+        items.data(), static_cast<uint32_t>(items.size() * sizeof(items[0])));
+    check(block != nullptr, "making a message block");
+    block->itemCount = static_cast<uint32_t>(items.size());
+    return block;
+}
+
+void readAsBlock(MeetingServerMsgBlock *block) {
+    check(ConfConfigGetConfConfig(0, block, GetMeetingServerMsgBlockSize(block)) == 0,
+          "ConfConfigGetConfConfig");
+    OSMemTypeFreeMon(block->resultList, 0, 0, __LINE__, "config_bench");
+    block->resultList = nullptr;
+}
+
+void measureReading(const std::string &root) {
+    auto records = makeRecords(kReadKeys);
+    check(TamoOmConfigStringMset(records.data(), kReadKeys) == 0, "TamoOmConfigStringMset");
+    BareStore bare(root + "/config/config.db");
+    MeetingServerMsgBlock *block = makeBlock(records);
+    std::vector<Row> rows = {
+        {"bare prepared reads, one transaction", [&] { bare.read(records); }, {}},
+        {"TamoOmConfigStringMget",
+         [&] { check(TamoOmConfigStringMget(records.data(), kReadKeys) == 0, "Mget"); },
+         {}},
+        {"ConfConfigGetConfConfig", [&] { readAsBlock(block); }, {}}};
+    compare("500 keys read (wanted: at most 1.20)", rows, 10);
+    OSMemTypeFreeMon(block, 0, 0, __LINE__, "config_bench");
+
+    std::vector<ConfConfigOmRecord> one(records.begin(), records.begin() + 1);
+    std::vector<Row> single = {
+        {"bare prepared read", [&] { bare.read(one); }, {}},
+        {"TamoOmConfigStringGet", [&] { check(TamoOmConfigStringGet(&one[0]) == 0, "Get"); }, {}}};
+    compare("One key read", single, 200);
+}
+
+/* Two files: a write to the other's would empty each connection's cache. */
+void measureWriting(const std::string &root) {
+    BareStore bare(root + "/bare.db");
+    bare.write(makeRecords(kReadKeys));
+    auto records = makeRecords(kReadKeys);
+    records.resize(kWrittenKeys);
+    auto bareWrite = [&] {
+        changeValues(records);
+        bare.write(records);
+    };
+    auto clientWrite = [&] {
+        changeValues(records);
+        check(TamoOmConfigStringMset(records.data(), kWrittenKeys) == 0, "TamoOmConfigStringMset");
+    };
+    std::vector<Row> rows = {{"bare transaction, one flush", bareWrite, {}},
+                             {"TamoOmConfigStringMset", clientWrite, {}}};
+    compare("50 records written (wanted: at most 1.20)", rows, 10);
+}
+
+}  // namespace
+
+int main() {
+    const char *temporary = getenv("TMPDIR");
+    std::string root =
+        std::string(temporary == nullptr ? "/tmp" : temporary) + "/config_bench.XXXXXX";
+    check(mkdtemp(root.data()) != nullptr, "making a device root");
+    setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
+    measureReading(root);
+    measureWriting(root);
+    std::filesystem::remove_all(root);
+    return 0;
+}
