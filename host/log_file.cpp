@@ -1,4 +1,4 @@
-/* Log files: see log_file.h. */
+/* Log files: see log_file.h. Here is what their writers do. */
 #include "log_file.h"
 
 #include <errno.h>
@@ -6,23 +6,18 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "device_root.h"
+#include "log_counters.h"
 
 namespace tamo {
 namespace {
 
-constexpr uint32_t kMagic = 0x4C4F4731; /* "LOG1" */
-constexpr size_t kCountersSize = 4096;
 constexpr uint32_t kCheckInterval = 100;       /* milliseconds */
 constexpr uint32_t kComplaintInterval = 10000; /* milliseconds */
-constexpr mode_t kMode = 0600;
 constexpr int kOpenFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-
-static_assert(sizeof(LogCounters) == 16);
 
 /* One thread of this process opens or rotates at a time. Record locks tell processes apart only. */
 pthread_mutex_t fileLock = PTHREAD_MUTEX_INITIALIZER;
@@ -45,18 +40,6 @@ __attribute__((constructor)) void watchForks() {
                          [] { pthread_mutex_unlock(&fileLock); });
 }
 
-uint32_t generationOf(uint64_t place) {
-    return static_cast<uint32_t>(place >> 32);
-}
-
-uint32_t bytesOf(uint64_t place) {
-    return static_cast<uint32_t>(place);
-}
-
-uint64_t makePlace(uint32_t generation, uint64_t bytes) {
-    return static_cast<uint64_t>(generation) << 32 | (bytes < INT32_MAX ? bytes : INT32_MAX);
-}
-
 /* True for one thread when `interval` passed since it last was. The clock may be set back and the
  * milliseconds wrap around: either only makes it true too early. */
 bool isTime(std::atomic<uint32_t> *last, uint32_t interval, uint32_t now) {
@@ -76,14 +59,16 @@ NumberedName numbered(const LogFile &file, uint32_t number) {
 
 /* To standard error, since the log is what fails; seldom, since it will fail for every record. */
 void complain(LogFile *file, uint32_t now, const char *what, int error) {
+    const bool stillWritten = strcmp(what, "rotated") == 0;
     if (!isTime(&file->lastComplaint, kComplaintInterval, now)) {
         return;
     }
     char text[512];
     (void)snprintf(text, sizeof(text),
-                   "log/%s below the device root cannot be %s (%s): make room on its disk and see "
-                   "that the directory is yours to write; records are lost until then",
-                   file->name, what, strerror(error));
+                   "log/%s below the device root cannot be %s (%s): see that its disk has room and "
+                   "that its directory is yours to write; until then %s",
+                   file->name, what, strerror(error),
+                   stillWritten ? "the file grows on" : "records are lost");
     LogLine line;
     composeLogLine(&line, LogOrigin{1, "tamo_om_log_client", __LINE__}, text, sizeof(text));
     (void)!write(STDERR_FILENO, line.text, line.length);
@@ -91,89 +76,6 @@ void complain(LogFile *file, uint32_t now, const char *what, int error) {
 
 bool isSameFile(const LogFile &file, const struct stat &status) {
     return status.st_dev == file.device && status.st_ino == file.inode;
-}
-
-uint64_t currentSize(const LogFile &file) {
-    struct stat status = {};
-    const int result = fstatat(rootDirectory("log"), file.name, &status, AT_SYMLINK_NOFOLLOW);
-    return result == 0 ? static_cast<uint64_t>(status.st_size) : 0;
-}
-
-/* ---- the counters ---- */
-
-/* New counters begin with another generation than this process's: it cannot know whether the file
- * that it has open is still the current one. */
-void useCounters(LogFile *file, LogCounters *counters) {
-    if (counters->magic.load(std::memory_order_acquire) != kMagic) {
-        counters->place.store(makePlace(file->generation.load() + 1, currentSize(*file)));
-        counters->torn.store(0);
-        counters->magic.store(kMagic, std::memory_order_release);
-    }
-    file->counters.store(counters, std::memory_order_release);
-}
-
-/* The space is taken at once: a full disk must not show as a bus error later. An earlier mapping
- * stays, since another thread may be counting in it; that is one page each time that somebody
- * deletes the file. */
-void mapCounters(LogFile *file) {
-    void *memory = MAP_FAILED;
-    if (posix_fallocate(file->countersFile, 0, kCountersSize) == 0) {
-        memory =
-            mmap(nullptr, kCountersSize, PROT_READ | PROT_WRITE, MAP_SHARED, file->countersFile, 0);
-    }
-    useCounters(file,
-                memory == MAP_FAILED ? &file->privateCounters : static_cast<LogCounters *>(memory));
-}
-
-bool waitForLock(int descriptor) {
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    int result = 0;
-    do {
-        result = fcntl(descriptor, F_SETLKW, &lock);
-    } while (result != 0 && errno == EINTR);
-    return result == 0;
-}
-
-void unlockCounters(LogFile *file) {
-    struct flock lock = {};
-    lock.l_type = F_UNLCK;
-    lock.l_whence = SEEK_SET;
-    (void)fcntl(file->countersFile, F_SETLK, &lock);
-}
-
-void dropCounters(LogFile *file) {
-    close(file->countersFile);
-    file->countersFile = -1;
-}
-
-/* Locks the counters' file that has the name now: one that was deleted keeps nobody out. */
-bool lockCounters(LogFile *file) {
-    char name[kLogNameMax + 8];
-    (void)snprintf(name, sizeof(name), "log.%s", file->name);
-    const int directory = rootDirectory("run");
-    for (;;) {
-        const bool opened = file->countersFile < 0;
-        if (opened) {
-            file->countersFile =
-                openat(directory, name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kMode);
-        }
-        if (file->countersFile < 0 || !waitForLock(file->countersFile)) {
-            return false;
-        }
-        struct stat mine = {};
-        struct stat named = {};
-        if (fstat(file->countersFile, &mine) == 0 &&
-            fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino) {
-            if (opened || file->counters.load() == &file->privateCounters) {
-                mapCounters(file);
-            }
-            return true;
-        }
-        dropCounters(file);
-    }
 }
 
 /* ---- opening and rotating, with both locks held ---- */
@@ -203,7 +105,7 @@ bool takeDescriptor(LogFile *file, int opened) {
 }
 
 bool openCurrent(LogFile *file) {
-    const int opened = openat(rootDirectory("log"), file->name, kOpenFlags, kMode);
+    const int opened = openat(rootDirectory("log"), file->name, kOpenFlags, kLogFileMode);
     return opened >= 0 && takeDescriptor(file, opened);
 }
 
@@ -212,28 +114,48 @@ void setPlace(LogFile *file, uint32_t generation, uint64_t bytes) {
     file->generation.store(generation);
 }
 
-/* The new file is made first: when there is no room for one, the old files stay as they are. */
+/* Moves a file to a free name. A file system that cannot tell whether it is free just moves. */
+bool moveFile(int directory, const char *from, const char *to) {
+    return renameat2(directory, from, directory, to, RENAME_NOREPLACE) == 0 ||
+           ((errno == EINVAL || errno == ENOSYS) && renameat(directory, from, directory, to) == 0);
+}
+
+/* Makes the current file's name free by moving each file to the next number, up to the first free
+ * one (a process that was killed here left one in between) or the last, whose file is dropped. No
+ * other file is ever replaced, even if somebody deletes the lock while it is held. */
+bool moveUp(const LogFile &file, int directory) {
+    const uint32_t last = file.limits.fileCount.load() - 1;
+    uint32_t number = 1;
+    while (number <= last &&
+           faccessat(directory, numbered(file, number).text, F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+        number++;
+    }
+    if (number > last) {
+        (void)unlinkat(directory, numbered(file, last).text, 0);
+        number = last;
+    }
+    for (; number > 0; number--) {
+        if (!moveFile(directory, numbered(file, number - 1).text, numbered(file, number).text) &&
+            errno != ENOENT) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Without room for a new file, the one that is open stays the current one. */
 bool rotate(LogFile *file) {
     const int directory = rootDirectory("log");
-    char fresh[kLogNameMax + 8];
-    (void)snprintf(fresh, sizeof(fresh), "%s.new", file->name);
-    (void)unlinkat(directory, fresh, 0);
-    const int opened = openat(directory, fresh, kOpenFlags | O_EXCL, kMode);
-    if (opened < 0) {
+    if (!moveUp(*file, directory)) {
         return false;
     }
-    for (uint32_t number = file->limits.fileCount.load() - 1; number > 0; number--) {
-        (void)renameat(directory, numbered(*file, number - 1).text, directory,
-                       numbered(*file, number).text);
+    if (openCurrent(file)) {
+        return true;
     }
-    if (renameat(directory, fresh, directory, file->name) != 0) {
-        const int error = errno;
-        close(opened);
-        (void)unlinkat(directory, fresh, 0);
-        errno = error;
-        return false;
-    }
-    return takeDescriptor(file, opened);
+    const int error = errno;
+    (void)moveFile(directory, numbered(*file, 1).text, file->name);
+    errno = error;
+    return false;
 }
 
 /* ---- what writers do now and then ---- */
@@ -246,7 +168,7 @@ bool isFull(const LogFile &file, uint64_t place, size_t length) {
  * takes the record all the same. */
 bool advance(LogFile *file, size_t length, uint32_t now) {
     const Locked locked;
-    if (!lockCounters(file)) {
+    if (!lockLogCounters(file)) {
         complain(file, now, "locked", errno);
         return false;
     }
@@ -265,7 +187,7 @@ bool advance(LogFile *file, size_t length, uint32_t now) {
     if (!done) {
         complain(file, now, "rotated", errno);
     }
-    unlockCounters(file);
+    unlockLogCounters(file);
     return done;
 }
 
@@ -283,7 +205,7 @@ void check(LogFile *file, uint32_t now) {
         counters.st_nlink != 0) {
         return;
     }
-    if (!lockCounters(file)) {
+    if (!lockLogCounters(file)) {
         complain(file, now, "locked", errno);
         return;
     }
@@ -294,9 +216,9 @@ void check(LogFile *file, uint32_t now) {
     } else if (rotated) {
         file->generation.store(generation);
     } else {
-        setPlace(file, generation + 1, currentSize(*file));
+        setPlace(file, generation + 1, currentLogSize(*file));
     }
-    unlockCounters(file);
+    unlockLogCounters(file);
 }
 
 /* Takes `length` bytes of the current file. Gives the place that the writer has there. */
@@ -330,15 +252,16 @@ void returnBytes(LogFile *file, uint64_t taken, size_t length) {
 
 bool openLogFile(LogFile *file) {
     const Locked locked;
-    if (rootDirectory("log") < 0 || !lockCounters(file)) {
+    if (rootDirectory("log") < 0 || !lockLogCounters(file)) {
         return false;
     }
     const bool opened = openCurrent(file);
     if (opened) {
-        setPlace(file, generationOf(file->counters.load()->place.load()), currentSize(*file));
+        file->lastComplaint.store(0);
+        setPlace(file, generationOf(file->counters.load()->place.load()), currentLogSize(*file));
     }
     const int error = errno;
-    unlockCounters(file);
+    unlockLogCounters(file);
     errno = error;
     return opened;
 }

@@ -1,0 +1,525 @@
+/* The log client of one process: lines, limits, and what happens when a file cannot be had. Several
+ * processes at once are in tests/process/log_process_test.cpp. */
+#include "platform/tamo_om_log_client.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <iconv.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "include/conf_log_adapter.h"
+#include "platform/tamo_os_mem.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/deadline.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+/* What still fits on the disk, in bytes of regular files; negative: everything. */
+std::atomic<long> diskRoom{-1};
+std::atomic<bool> refuseNewFiles{false};
+
+int openUnlessRefused(int directory, const char *name, int flags, mode_t mode) {
+    if (refuseNewFiles && (flags & O_CREAT) != 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_openat, directory, name, flags, mode));
+}
+
+}  // namespace
+
+/* Exported by the program, so that what the platform calls arrives here; by the C library's names
+ * with and without large file offsets. */
+extern "C" {
+int faultyOpen(int directory, const char *name, int flags, mode_t mode) __asm__("openat");
+int faultyOpenLarge(int directory, const char *name, int flags, mode_t mode) __asm__("openat64");
+}
+
+int faultyOpen(int directory, const char *name, int flags, mode_t mode) {
+    return openUnlessRefused(directory, name, flags, mode);
+}
+
+int faultyOpenLarge(int directory, const char *name, int flags, mode_t mode) {
+    return openUnlessRefused(directory, name, flags | O_LARGEFILE, mode);
+}
+
+extern "C" ssize_t write(int file, const void *data, size_t size) {
+    struct stat status = {};
+    if (diskRoom >= 0 && file != STDERR_FILENO && fstat(file, &status) == 0 &&
+        S_ISREG(status.st_mode)) {
+        size = std::min(size, static_cast<size_t>(diskRoom.load()));
+        diskRoom -= static_cast<long>(size);
+        if (size == 0) {
+            errno = ENOSPC;
+            return -1;
+        }
+    }
+    return syscall(SYS_write, file, data, size);
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kName[] = "Test.log";
+
+OmLogCreateParam limits(uint32_t recordSize = 512, uint32_t fileCount = 9,
+                        uint32_t fileSize = 10 * 1024 * 1024) {
+    OmLogCreateParam param = {recordSize, fileCount, fileSize, {}};
+    strcpy(param.name, kName);
+    return param;
+}
+
+uint16_t create(const OmLogCreateParam &param = limits()) {
+    uint16_t id = 0;
+    EXPECT_EQ(TamoOmLogCreateLog(&param, &id), 0);
+    return id;
+}
+
+int32_t record(uint16_t id, const std::string &text, uint8_t level = 3) {
+    return TamoOmLogModuleLogRecord(level, id, "unit", 4, 7, "%s", text.c_str());
+}
+
+fs::path root() {
+    return support::scratchRoot();
+}
+
+fs::path logFile(uint32_t number = 0) {
+    return root() / "log" / (kName + (number == 0 ? "" : "." + std::to_string(number)));
+}
+
+std::vector<std::string> lines(const fs::path &path = logFile()) {
+    std::ifstream file(path);
+    const std::string all{std::istreambuf_iterator<char>(file), {}};
+    std::vector<std::string> found;
+    size_t start = 0;
+    for (size_t end = 0; (end = all.find('\n', start)) != std::string::npos; start = end + 1) {
+        found.push_back(all.substr(start, end - start));
+    }
+    EXPECT_EQ(start, all.size()) << "the last line has no end";
+    return found;
+}
+
+/* The texts of the records in a file. */
+std::vector<std::string> texts(const fs::path &path = logFile()) {
+    std::vector<std::string> found;
+    for (const std::string &line : lines(path)) {
+        const size_t unit = line.find(" unit:7 ");
+        found.push_back(unit == std::string::npos ? "?" + line : line.substr(unit + 8));
+    }
+    return found;
+}
+
+template <typename Call>
+std::string standardErrorOf(Call call) {
+    testing::internal::CaptureStderr();
+    call();
+    return testing::internal::GetCapturedStderr();
+}
+
+/* Calls until the result is true; for what the client notices after a while. */
+template <typename Call>
+bool soon(Call call) {
+    const auto end = std::chrono::steady_clock::now() + support::patience();
+    while (!call()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+class LogClient : public testing::Test {
+  protected:
+    void SetUp() override {
+        fs::remove_all(root() / "log" / kName);
+        ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
+        for (const auto &entry : fs::directory_iterator(root() / "log")) {
+            fs::remove_all(entry);
+        }
+    }
+    void TearDown() override {
+        diskRoom = -1;
+        refuseNewFiles = false;
+        EXPECT_EQ(TamoOmLogClientUnInit(), 0);
+    }
+};
+
+TEST_F(LogClient, LineHoldsTimeLevelProcessThreadUnitAndText) {
+    const uint16_t id = create();
+    const time_t before = time(nullptr);
+    const char *names[] = {"ERROR  ", "WARNING ", "INFO   ", "DEBUG  "};
+    for (uint8_t level = 1; level <= 4; ++level) {
+        ASSERT_EQ(
+            TamoOmLogModuleLogRecord(level, id, "conf_msg_api", 12, -230, "[%s]%d%%", "Run", 5), 0);
+    }
+    const std::vector<std::string> found = lines();
+    ASSERT_EQ(found.size(), 4u);
+    for (size_t i = 0; i < found.size(); ++i) {
+        const std::string process = std::to_string(getpid()) + "/" + std::to_string(gettid());
+        EXPECT_EQ(found[i].substr(27), std::string(names[i]) + program_invocation_short_name + "[" +
+                                           process + "] conf_msg_api:-230 [Run]5%");
+        EXPECT_TRUE(std::regex_match(found[i].substr(0, 27),
+                                     std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )")))
+            << found[i];
+        tm local = {};
+        strptime(found[i].c_str(), "%Y-%m-%d %H:%M:%S", &local);
+        local.tm_isdst = -1;
+        const time_t written = mktime(&local);
+        EXPECT_GE(written, before);
+        EXPECT_LE(written, time(nullptr));
+    }
+    struct stat status = {};
+    ASSERT_EQ(stat(logFile().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+/* Undoes the escapes of a text that held no backslash. */
+std::string unescape(const std::string &text) {
+    std::string plain;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            plain += text[i];
+        } else if (text[++i] == 'n') {
+            plain += '\n';
+        } else {
+            plain += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        }
+    }
+    return plain;
+}
+
+/* The characters of a line; a 0 stands for the first fault. */
+std::u32string characters(std::string line) {
+    const iconv_t converter = iconv_open("UTF-32LE", "UTF-8");
+    std::u32string wide(line.size(), U'\0');
+    char *in = line.data();
+    char *out = reinterpret_cast<char *>(wide.data());
+    size_t inLeft = line.size();
+    size_t outLeft = wide.size() * sizeof(char32_t);
+    const size_t result = iconv(converter, &in, &inLeft, &out, &outLeft);
+    iconv_close(converter);
+    wide.resize(wide.size() - outLeft / sizeof(char32_t));
+    return result == static_cast<size_t>(-1) ? wide + U'\0' : wide;
+}
+
+bool mayForge(char32_t c) {
+    return c < U' ' || (c >= 0x7F && c < 0xA0) || c == 0x2028 || c == 0x2029;
+}
+
+TEST_F(LogClient, NoTextLooksLikeAnotherRecord) {
+    const uint16_t id = create();
+    const std::vector<std::pair<std::string, std::string>> known = {
+        {"end\n", "end"},
+        {"end\n\n", "end\\n"},
+        {"a\n2026-01-01 ERROR  x[1/1]", "a\\n2026-01-01 ERROR  x[1/1]"},
+        {"\r\x1b[2K\t\x7f", "\\x0d\\x1b[2K\\x09\\x7f"},
+        {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80", "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"},
+        {"\xC2\x85\xE2\x80\xA8", "\\xc2\\x85\\xe2\\x80\\xa8"},
+        {"\xC0\xAF\xED\xA0\x80\xF4\x90\x80\x80\xE0\x9F\xBF\xF0\x8F\xBF\xBF\xE2\x82",
+         "\\xc0\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80\\xe0\\x9f\\xbf\\xf0\\x8f\\xbf\\xbf\\xe2\\x8"
+         "2"},
+        {"C:\\new", "C:\\new"},
+        {"", ""},
+    };
+    for (const auto &[text, line] : known) {
+        EXPECT_EQ(record(id, text), 0);
+        EXPECT_EQ(texts().back(), line);
+    }
+    EXPECT_EQ(TamoOmLogModuleLogRecord(3, id, "a\nb", 3, 1, "%s", "x"), 0);
+    EXPECT_NE(lines().back().find(" a\\nb:1 x"), std::string::npos);
+
+    /* Bytes that begin, continue and break characters, between plain ones. */
+    const std::string bytes =
+        "\n\r\x01\x7f\x80\x85\x8f\x90\x9f\xa0\xa8\xbf\xc1\xc2\xe0\xe2\xed\xf0\xf4\xff"
+        "abcdefghijklmnop";
+    std::mt19937 random(1);
+    std::vector<std::string> inputs;
+    for (size_t i = 0; i < 3000; ++i) {
+        std::string text(1 + random() % 24, '\0');
+        std::generate(text.begin(), text.end(), [&] { return bytes[random() % bytes.size()]; });
+        inputs.push_back(text);
+        ASSERT_EQ(record(id, text), 0);
+    }
+    const std::vector<std::string> written = texts();
+    ASSERT_EQ(written.size(), known.size() + 1 + inputs.size());
+    for (size_t i = 0; i < inputs.size(); ++i) {
+        const std::string &line = written[known.size() + 1 + i];
+        std::string expected = inputs[i];
+        expected.resize(expected.size() - (expected.back() == '\n' ? 1 : 0));
+        ASSERT_EQ(unescape(line), expected);
+        const std::u32string wide = characters(line);
+        ASSERT_TRUE(std::none_of(wide.begin(), wide.end(), mayForge)) << line;
+    }
+}
+
+TEST_F(LogClient, LongTextIsCutBetweenCharactersAndMarked) {
+    const uint16_t id = create(limits(10));
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"1234567890", "1234567890"},
+        {"1234567890\n", "1234567890"},
+        {"12345678901", "1234567890[cut]"},
+        {"1234567890\n\n", "1234567890[cut]"},
+        {"123456789\xC3\xA9", "123456789[cut]"},
+        {"12345678\xC3\xA9", "12345678\xC3\xA9"},
+        {"1234567\xF0\x9F\x98\x80", "1234567[cut]"},
+        {std::string(100000, 'x'), "xxxxxxxxxx[cut]"},
+    };
+    for (const auto &[text, line] : cases) {
+        EXPECT_EQ(record(id, text), 0);
+        EXPECT_EQ(texts().back(), line);
+        EXPECT_EQ(TamoOmLogModuleLogRecord(3, id, "unit", 4, 7, "%c%s", text[0], text.c_str() + 1),
+                  0);
+        EXPECT_EQ(texts().back(), line) << "formatted";
+    }
+    const std::string longUnit(1000, 'u');
+    EXPECT_EQ(TamoOmLogModuleLogRecord(3, id, longUnit.c_str(), 232, 7, "%s", "x"), 0);
+    const char *volatile none = nullptr;
+    EXPECT_EQ(TamoOmLogModuleLogRecord(3, id, nullptr, 0, 7, "%s", none), 0);
+    EXPECT_NE(lines().back().find(" ?:7 (null)"), std::string::npos);
+}
+
+TEST_F(LogClient, WithoutAFileOnlySevereRecordsAreShown) {
+    const uint16_t id = create();
+    ASSERT_EQ(record(id, "first"), 0);
+    const auto expectShown = [](uint16_t unknown) {
+        const std::string shown = standardErrorOf([unknown] {
+            for (uint8_t level = 0; level <= 5; ++level) {
+                errno = 77;
+                EXPECT_NE(record(unknown, "level " + std::to_string(level), level), 0);
+                EXPECT_EQ(errno, 77);
+            }
+        });
+        EXPECT_NE(shown.find("ERROR"), std::string::npos);
+        EXPECT_NE(shown.find("unit:7 level 1\n"), std::string::npos);
+        EXPECT_NE(shown.find("unit:7 level 2\n"), std::string::npos);
+        EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 2);
+    };
+    expectShown(0);
+    expectShown(static_cast<uint16_t>(id + 1));
+    expectShown(UINT16_MAX);
+    ASSERT_EQ(TamoOmLogClientUnInit(), 0);
+    expectShown(id);
+    OmLogCreateParam param = limits();
+    uint16_t other = 9;
+    standardErrorOf([&] { EXPECT_NE(TamoOmLogCreateLog(&param, &other), 0) << "not started"; });
+    EXPECT_EQ(other, 9);
+    ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
+    ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
+    EXPECT_EQ(create(), id);
+    EXPECT_EQ(record(id, "second"), 0);
+    EXPECT_EQ(texts(), (std::vector<std::string>{"first", "second"}));
+}
+
+TEST_F(LogClient, RefusesWhatItCannotKeep) {
+    const auto expectRefused = [](const OmLogCreateParam &param) {
+        uint16_t id = 9;
+        const std::string shown =
+            standardErrorOf([&] { EXPECT_NE(TamoOmLogCreateLog(&param, &id), 0); });
+        EXPECT_EQ(id, 9);
+        EXPECT_NE(shown.find("ERROR"), std::string::npos);
+    };
+    for (const char *name : {"", "a/b", "../x", "..", ".hidden", "a\nb", "a\\b"}) {
+        OmLogCreateParam param = limits();
+        strcpy(param.name, name);
+        SCOPED_TRACE(name);
+        expectRefused(param);
+    }
+    OmLogCreateParam unterminated = limits();
+    memset(unterminated.name, 'n', sizeof(unterminated.name));
+    expectRefused(unterminated);
+    expectRefused(limits(0));
+    expectRefused(limits(512, 0));
+    expectRefused(limits(512, 9, 0));
+    expectRefused(limits(512, 9, UINT32_MAX));
+
+    const fs::path elsewhere = root() / "elsewhere";
+    std::ofstream(elsewhere) << "";
+    fs::create_symlink(elsewhere, logFile());
+    expectRefused(limits());
+    fs::remove(logFile());
+    fs::create_directory(logFile());
+    expectRefused(limits());
+    fs::remove(logFile());
+    ASSERT_EQ(mkfifo(logFile().c_str(), 0600), 0);
+    expectRefused(limits());
+    fs::remove(logFile());
+
+    const OmLogCreateParam param = limits();
+    uint16_t id = 0;
+    standardErrorOf([&] {
+        EXPECT_NE(TamoOmLogCreateLog(nullptr, &id), 0);
+        EXPECT_NE(TamoOmLogCreateLog(&param, nullptr), 0);
+        EXPECT_NE(TamoOmLogClientInit(nullptr, 1), 0);
+        EXPECT_NE(TamoOmLogClientInit("S", 1), 0);
+        EXPECT_NE(TamoOmLogClientInit("C", 2), 0);
+    });
+    EXPECT_NE(TamoOmLogModuleLogRecord(1, create(), "unit", 4, 7, nullptr), 0);
+}
+
+TEST_F(LogClient, RotationKeepsTheNewestFilesWithinTheirSize) {
+    for (uint32_t fileCount : {1u, 2u, 4u}) {
+        SCOPED_TRACE(fileCount);
+        uint16_t id = create(limits(512, fileCount, 1000));
+        for (int i = 0; i < 200; ++i) {
+            ASSERT_EQ(record(id, std::to_string(i)), 0);
+            if (i % 50 == 49) { /* a restart continues the file */
+                ASSERT_EQ(TamoOmLogClientUnInit(), 0);
+                ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
+                id = create(limits(512, fileCount, 1000));
+            }
+        }
+        EXPECT_FALSE(fs::exists(logFile(fileCount)));
+        std::vector<std::string> kept;
+        for (uint32_t number = fileCount; number-- > 0;) {
+            EXPECT_LE(fs::file_size(logFile(number)), 1000u);
+            const auto part = texts(logFile(number));
+            EXPECT_TRUE(number == 0 || part.size() > 7) << "full before it was rotated away";
+            kept.insert(kept.end(), part.begin(), part.end());
+        }
+        for (size_t i = 0; i < kept.size(); ++i) {
+            EXPECT_EQ(kept[i], std::to_string(200 - kept.size() + i));
+        }
+    }
+    const uint16_t id = create(limits(4096, 3, 100));
+    EXPECT_EQ(record(id, std::string(4000, 'x')), 0) << "larger than a file";
+    EXPECT_EQ(texts().back().size(), 4000u);
+}
+
+TEST_F(LogClient, FailedRotationLosesNothing) {
+    const uint16_t id = create(limits(512, 2, 1000));
+    ASSERT_EQ(record(id, "0"), 0);
+    const auto writeMore = [id](int from, int to) {
+        return standardErrorOf([=] {
+            for (int i = from; i < to; ++i) {
+                ASSERT_EQ(record(id, std::to_string(i)), 0);
+            }
+        });
+    };
+    refuseNewFiles = true;
+    const std::string shown = writeMore(1, 40);
+    EXPECT_NE(shown.find("log/Test.log"), std::string::npos);
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 1) << "complains once in a while";
+    EXPECT_EQ(texts().size(), 40u);
+    refuseNewFiles = false;
+    fs::create_directories(logFile(1) / "in the way");
+    writeMore(40, 80);
+    EXPECT_EQ(texts().size(), 80u);
+    EXPECT_EQ(texts().back(), "79");
+    fs::remove_all(logFile(1));
+    EXPECT_TRUE(soon([id] { return record(id, "later") == 0 && fs::exists(logFile(1)); }));
+    EXPECT_GE(texts(logFile(1)).size(), 80u);
+}
+
+TEST_F(LogClient, BeginsAnewWhenAFileIsDeletedOrMovedAway) {
+    const uint16_t id = create();
+    const fs::path counters = root() / "run" / (std::string("log.") + kName);
+    for (const auto &takeAway : std::vector<void (*)(const fs::path &)>{
+             [](const fs::path &) { fs::remove(logFile()); },
+             [](const fs::path &) { fs::rename(logFile(), logFile(1)); },
+             [](const fs::path &shared) {
+                 fs::remove(shared);
+                 fs::remove(logFile());
+             }}) {
+        ASSERT_EQ(record(id, "before"), 0);
+        takeAway(counters);
+        EXPECT_TRUE(soon([id] { return record(id, "again") == 0 && fs::exists(logFile()); }));
+        EXPECT_EQ(record(id, "after"), 0);
+        EXPECT_EQ(texts().back(), "after");
+    }
+    EXPECT_TRUE(soon([&] { return record(id, "x") == 0 && fs::exists(counters); }));
+}
+
+TEST_F(LogClient, FullDiskFailsRecordsAndTearsNone) {
+    const uint16_t id = create(limits(512, 9, 1000));
+    ASSERT_EQ(record(id, "before"), 0);
+    diskRoom = 30; /* less than a record: the first one is written in part */
+    const std::string shown = standardErrorOf([id] {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_NE(record(id, "lost"), 0);
+        }
+    });
+    EXPECT_NE(shown.find("has room"), std::string::npos);
+    EXPECT_LE(std::count(shown.begin(), shown.end(), '\n'), 1);
+    diskRoom = 0;
+    EXPECT_NE(record(id, "lost"), 0);
+    diskRoom = -1;
+    EXPECT_EQ(record(id, "after"), 0);
+    EXPECT_EQ(record(id, "later"), 0);
+    const std::vector<std::string> found = texts();
+    ASSERT_EQ(found.size(), 4u);
+    EXPECT_EQ(found[0], "before");
+    EXPECT_EQ(found[1].substr(0, 3), "?20") << "the piece of a record stands alone";
+    EXPECT_EQ(found[2], "after");
+    EXPECT_EQ(found[3], "later");
+    EXPECT_FALSE(fs::exists(logFile(1))) << "what was not written fills no file";
+}
+
+TEST_F(LogClient, AForkLogsUnderItsOwnIds) {
+    const uint16_t id = create();
+    ASSERT_EQ(record(id, "parent"), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        std::thread([id] { record(id, "thread"); }).join();
+        _exit(record(id, "child") == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    const std::vector<std::string> found = lines();
+    ASSERT_EQ(found.size(), 3u);
+    const std::string process = "[" + std::to_string(child) + "/";
+    EXPECT_NE(found[1].find(process), std::string::npos) << found[1];
+    EXPECT_NE(found[2].find(process + std::to_string(child) + "] "), std::string::npos) << found[2];
+}
+
+TEST_F(LogClient, TakesTheHostsOwnRecords) {
+    create();
+    alignas(16) char foreign[64] = {};
+    EXPECT_NE(OSMemTypeFreeMon(foreign + 32, 0, 0, 4711, "culprit"), 0u);
+    EXPECT_NE(lines().back().find("culprit:4711"), std::string::npos);
+}
+
+TEST_F(LogClient, AllocatesNothing) {
+    const uint16_t id = create(limits(512, 3, 2000));
+    ASSERT_EQ(ConfLogInit(), 0);
+    const auto taken = [id] {
+        const support::AllocationCount count;
+        for (int i = 0; i < 100; ++i) { /* rotates several times */
+            TamoOmLogModuleLogRecord(1, id, "unit", 4, 7, "%s", "text \xC3\xA9\n");
+            TamoOmLogModuleLogRecord(1, id, "unit", 4, 7, "%s %d", "text", i);
+            ConfLogPrintf(CONF_LOG_ERROR, "Function", "unit", 7, "written %d", i);
+            ConfLogPrintf(CONF_LOG_DEBUG, "Function", "unit", 7, "suppressed %d", i);
+        }
+        return count.taken();
+    };
+    EXPECT_EQ(taken(), 0u);
+    uint64_t inThread = 1;
+    std::thread([&] { inThread = taken(); }).join();
+    EXPECT_EQ(inThread, 0u);
+    const support::AllocationCount count;
+    const std::string block(100, 'x');
+    EXPECT_GT(count.taken(), 0u) << "the count does not count";
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+/* Processes that share one log file: every record of every writer is there once, whole and in its
+ * order, whatever happens to the files and to other writers meanwhile. */
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/tamo_om_log_client.h"
+#include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kName[] = "Shared.log";
+constexpr uint32_t kFileSize = 20000;
+constexpr uint32_t kFileCount = 900; /* none is dropped here */
+constexpr int kThreads = 2;
+constexpr int kRecords = 4000;
+constexpr size_t kLongestLine = 120;
+
+uint16_t create() {
+    OmLogCreateParam param = {512, kFileCount, kFileSize, {}};
+    strcpy(param.name, kName);
+    uint16_t id = 0;
+    return TamoOmLogClientInit("C", 1) == 0 && TamoOmLogCreateLog(&param, &id) == 0 ? id : 0;
+}
+
+/* Writes "writer number" for number = 0, 1, ...; false when a record failed. */
+bool writeRecords(uint16_t id, const std::string &writer, int count) {
+    bool written = true;
+    for (int i = 0; i < count; ++i) {
+        written = TamoOmLogModuleLogRecord(3, id, "unit", 4, 7, "%s %d", writer.c_str(), i) == 0 &&
+                  written;
+    }
+    return written;
+}
+
+/* Writes with several threads when it is told to. */
+const support::ChildRole writer("writer", [](const support::ChildArguments &arguments) {
+    const uint16_t id = create();
+    support::tellParent(id == 0 ? "failed" : "ready");
+    support::hearParent();
+    bool written[kThreads] = {};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            written[t] = writeRecords(id, arguments.at(0) + "." + std::to_string(t), kRecords);
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    return written[0] && written[1] ? 0 : 1;
+});
+
+/* Writes until it is killed. */
+const support::ChildRole victim("victim", [](const support::ChildArguments &arguments) {
+    const uint16_t id = create();
+    support::tellParent(id == 0 ? "failed" : "ready");
+    writeRecords(id, arguments.at(0), 1000000000);
+    return 1;
+});
+
+fs::path logFile(uint32_t number) {
+    return fs::path(support::scratchRoot()) / "log" /
+           (kName + (number == 0 ? "" : "." + std::to_string(number)));
+}
+
+class SharedLog : public testing::Test {
+  protected:
+    SharedLog() {
+        fs::remove_all(logFile(0).parent_path());
+        for (int i = 0; i < 3; ++i) {
+            writers_.push_back(std::make_unique<support::ChildProcess>(
+                "writer", support::ChildArguments{"writer" + std::to_string(i)}));
+            EXPECT_EQ(writers_.back()->hear(), "ready");
+        }
+    }
+
+    void begin() {
+        for (auto &child : writers_) {
+            child->tell("go");
+        }
+    }
+
+    void expectEveryRecord() {
+        for (auto &child : writers_) {
+            EXPECT_EQ(child->wait(60), support::exited(0));
+        }
+        const std::map<std::string, int> found = readRecords();
+        for (size_t i = 0; i < writers_.size(); ++i) {
+            for (int t = 0; t < kThreads; ++t) {
+                const std::string name = "writer" + std::to_string(i) + "." + std::to_string(t);
+                EXPECT_EQ(found.count(name) != 0 ? found.at(name) : 0, kRecords) << name;
+            }
+        }
+    }
+
+    /* From the oldest file on: how many records each writer has, in their order. */
+    static std::map<std::string, int> readRecords() {
+        uint32_t oldest = 0;
+        while (fs::exists(logFile(oldest + 1))) {
+            ++oldest;
+        }
+        EXPECT_GT(oldest, 3u) << "the file was rotated";
+        std::map<std::string, int> next;
+        for (uint32_t number = oldest + 1; number-- > 0;) {
+            std::ifstream file(logFile(number));
+            for (std::string line; std::getline(file, line);) {
+                takeLine(line, &next);
+            }
+        }
+        return next;
+    }
+
+    static void takeLine(const std::string &line, std::map<std::string, int> *next) {
+        const size_t unit = line.rfind(" unit:7 ");
+        const size_t blank = line.rfind(' ');
+        ASSERT_TRUE(unit != std::string::npos && blank > unit + 8) << line;
+        const std::string name = line.substr(unit + 8, blank - unit - 8);
+        ASSERT_EQ(line.substr(blank + 1), std::to_string((*next)[name])) << line;
+        ++(*next)[name];
+    }
+
+    std::vector<std::unique_ptr<support::ChildProcess>> writers_;
+};
+
+TEST_F(SharedLog, RotationLosesNoRecordAndKeepsEachWritersOrder) {
+    begin();
+    expectEveryRecord();
+    for (uint32_t number = 0; fs::exists(logFile(number)); ++number) {
+        EXPECT_LE(fs::file_size(logFile(number)), kFileSize + 3 * kThreads * kLongestLine)
+            << number;
+    }
+}
+
+TEST_F(SharedLog, KilledWritersAndDeletedCountersCostNoRecord) {
+    const fs::path counters =
+        fs::path(support::scratchRoot()) / "run" / (std::string("log.") + kName);
+    begin();
+    for (int i = 0; i < 5; ++i) {
+        support::ChildProcess child("victim", {"victim" + std::to_string(i)});
+        ASSERT_EQ(child.hear(), "ready");
+        EXPECT_TRUE(fs::remove(counters));
+        child.kill();
+    }
+    expectEveryRecord();
+}
+
+}  // namespace
