@@ -1,6 +1,7 @@
 /* Logging: the level filter, the log file, and records for the platform's log client. */
 #include "include/conf_log_adapter.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -20,8 +21,12 @@ constexpr size_t kPieceLength = 352;
 constexpr uint32_t kSegmentThreshold = 400;
 constexpr uint32_t kSegmentLength = 256;
 
-uint8_t levelFilter = CONF_LOG_INFO;
+std::atomic<uint8_t> levelFilter{CONF_LOG_INFO};
 uint16_t logFileId = 0;
+
+bool passesFilter(uint8_t level) {
+    return level <= levelFilter.load(std::memory_order_relaxed);
+}
 
 void handToClient(uint8_t level, const char *fileName, int32_t line, const char *text) {
     TamoOmLogModuleLogRecord(level, logFileId, fileName, static_cast<uint8_t>(strlen(fileName)),
@@ -57,7 +62,8 @@ size_t pieceLength(const char *text) {
     return static_cast<size_t>(static_cast<const char *>(lineFeed) - text) + 1;
 }
 
-/* Copies a segment into a terminated text; 0, or the platform's error codes added up. */
+/* Copies a segment into a terminated text; 0, or the platform's error codes added up. Any other value
+ * is a failure: platforms differ in the sign of their codes. */
 int copySegment(char (&buffer)[kSegmentLength + 2], const char *data, uint32_t length) {
     return memset_s(buffer, sizeof(buffer), 0, sizeof(buffer)) +
            memcpy_s(buffer, sizeof(buffer), data, length);
@@ -88,20 +94,20 @@ uint32_t GetConfLogFileId(void) {
 }
 
 uint8_t GetLogLevel(void) {
-    return levelFilter;
+    return levelFilter.load(std::memory_order_relaxed);
 }
 
 int32_t SetLogLevel(uint8_t level) {
     if (level > CONF_LOG_DEBUG) {
         return -1;
     }
-    levelFilter = level;
+    levelFilter.store(level, std::memory_order_relaxed);
     return 0;
 }
 
 void ConfLogPrintf(uint8_t level, const char *functionName, const char *fileName, int32_t line,
                    const char *format, ...) {
-    if (level > levelFilter) {
+    if (!passesFilter(level)) {
         return;
     }
     if (fileName == nullptr || format == nullptr) {
@@ -123,7 +129,7 @@ void ConfLogPrintf(uint8_t level, const char *functionName, const char *fileName
 
 void ConfLogPrintfStr(uint8_t level, const char *functionName, const char *fileName, int32_t line,
                       const char *text) {
-    if (text == nullptr || fileName == nullptr || level > levelFilter) {
+    if (text == nullptr || fileName == nullptr) {
         return;
     }
     bool first = true;
@@ -135,7 +141,7 @@ void ConfLogPrintfStr(uint8_t level, const char *functionName, const char *fileN
         }
         if (first) {
             ConfLogPrintf(level, functionName, fileName, line, "%s", piece);
-        } else {
+        } else if (passesFilter(level)) {
             handToClient(level, fileName, line, piece);
         }
         first = false;

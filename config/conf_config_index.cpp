@@ -1,4 +1,5 @@
 /* The index of bound items, sorted by name, and the life cycle of the configuration subsystem. */
+#include <atomic>
 #include <cstring>
 
 #include "common/log.h"
@@ -20,6 +21,10 @@ constexpr int32_t kGrowth = 200;
 ConfConfigIndexEntry *entries = nullptr;
 int32_t g_itemCache = 0;
 int32_t g_itemNum = 0;
+
+/* The service may report changes as soon as it knows the handler, which is before the items are bound:
+ * until then a report finds none. */
+std::atomic<bool> itemsAreBound{false};
 
 using Entries = PlatformBlock<ConfConfigIndexEntry>;
 
@@ -80,24 +85,31 @@ void growIndex(const char *function) {
     g_itemCache = capacity;
 }
 
-/* Makes room at a position; null, with the index as it was, when the bounded functions refuse. */
+/* Moves the entries behind a free place down over it, to where they came from. */
+void closeGap(int32_t place) {
+    for (; place < g_itemNum; place++) {
+        entries[place] = entries[place + 1];
+    }
+}
+
+/* Makes room at a position; null, with the index as it was, when the bounded functions refuse. One
+ * entry moves at a time: a refused move clears its destination, and must not take other entries with
+ * it. */
 ConfConfigIndexEntry *ConfConfigInsertIndex(int32_t position) {
-    ConfConfigIndexEntry *place = entries + position;
-    const size_t tail = entryBytes(g_itemNum - position);
-    const size_t room = entryBytes(g_itemCache - position - 1);
-    if (tail != 0) {
-        const int error = memmove_s(place + 1, room, place, tail);
+    for (int32_t place = g_itemNum; place > position; place--) {
+        const int error =
+            memmove_s(entries + place, sizeof(*entries), entries + place - 1, sizeof(*entries));
         if (error != 0) {
             CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
+            closeGap(place);
             return nullptr;
         }
     }
+    ConfConfigIndexEntry *place = entries + position;
     const int error = memset_s(place, sizeof(*place), 0, sizeof(*place));
     if (error != 0) {
         CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
-        if (tail != 0) {
-            memmove_s(place, tail, place + 1, tail);
-        }
+        closeGap(position);
         return nullptr;
     }
     g_itemNum++;
@@ -147,6 +159,11 @@ ConfConfigIndexEntry *ConfConfigAddIndex(const char *name, bool create) {
     return place;
 }
 
+const ConfConfigIndexEntry *findBoundItem(const char *name) {
+    return itemsAreBound.load(std::memory_order_acquire) ? ConfConfigAddIndex(name, false)
+                                                         : nullptr;
+}
+
 void ConfConfigBind(const char *name, int32_t type, void *value, uint32_t size,
                     ConfConfigItemCallback callback) {
     ConfConfigIndexEntry *entry = ConfConfigAddIndex(name, true);
@@ -166,10 +183,12 @@ int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
         CONF_LOG(CONF_LOG_ERROR, "ConfConfigInit invalue param, null pointer!");
         return -1;
     }
+    itemsAreBound.store(false, std::memory_order_release);
     connectService(ownerName, moduleName, __func__, "TamoOmConfigInit failed");
     Entries first = takeBlock<ConfConfigIndexEntry>(entryBytes(kFirstCapacity), kUnit);
     if (first == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "ConfConfigInit Malloc fail");
+        itemsAreBound.store(entries != nullptr, std::memory_order_release);
         return -1;
     }
     if (entries != nullptr) {
@@ -179,6 +198,7 @@ int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
     g_itemNum = 0;
     g_itemCache = kFirstCapacity;
     registerFn();
+    itemsAreBound.store(true, std::memory_order_release);
     return 0;
 }
 
@@ -196,6 +216,7 @@ int32_t ConfConfigUnInit(void) {
 
 int32_t ConfConfigDeInit(void) {
     CONF_LOG(CONF_LOG_INFO, "ConfConfigDeInit");
+    itemsAreBound.store(false, std::memory_order_release);
     g_itemCache = 0;
     g_itemNum = 0;
     if (entries == nullptr) {

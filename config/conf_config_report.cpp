@@ -100,7 +100,7 @@ Group *groupOf(CallbackTable *table, ConfConfigItemCallback callback) {
 FoundItems findItems(const ConfConfigListItem *items, uint32_t count) {
     FoundItems found = takeArray<FoundItem>(count);
     for (uint32_t i = 0; found != nullptr && i < count; i++) {
-        const ConfConfigIndexEntry *entry = ConfConfigAddIndex(items[i].key, false);
+        const ConfConfigIndexEntry *entry = findBoundItem(items[i].key);
         const bool told = entry != nullptr && entry->localOnly == 0;
         found.get()[i] = {told ? entry->callback : nullptr, kNone};
     }

@@ -18,3 +18,6 @@ struct ConfConfigIndexEntry {
 /* The entry of a name in any letter case; where there is none, a new empty one when `create` is
  * set, else null. Valid until the next insertion. */
 ConfConfigIndexEntry *ConfConfigAddIndex(const char *name, bool create);
+
+/* The entry of a name once all items are bound, null before; for the service client's thread. */
+const ConfConfigIndexEntry *findBoundItem(const char *name);

@@ -74,7 +74,7 @@ Items readValues(const Items &keys) {
 
     // Step 6. The list crossed with the response and is this process's own now.
     Items values;
-    if (result == 0 && block->resultList != nullptr) {
+    if (block->resultList != nullptr) {
         const auto *list = static_cast<const ConfConfigListItem *>(block->resultList);
         values.assign(list, list + block->resultSize / sizeof(*list));
         release(block->resultList);

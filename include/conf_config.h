@@ -5,8 +5,9 @@
  * 2. A process binds its own variables to keys once, inside ConfConfigInit; the index of bound
  *    items is sorted by name and ignores letter case.
  * 3. Results are 0 for success and -1 for failure, unless a function says otherwise.
- * 4. The index has no lock: bind before any other use, and call ConfConfigDeInit after the last
- *    one. Everything else may run on any thread. Item callbacks run on the service client's thread.
+ * 4. The index has no lock: bind before any other use; before ConfConfigDeInit, or another
+ *    ConfConfigInit, call ConfConfigUnInit, so that no report meets the end of the index.
+ *    Everything else may run on any thread. Item callbacks run on the service client's thread.
  *
  *     static int32_t port;
  *     static void changed(const ConfConfigListItem *items, uint32_t count) { ... }
@@ -69,7 +70,9 @@ int32_t ConfConfigDeInit(void);
 /* Binds a variable to the key `name` (copied): `value` points to storage of `size` bytes that stays
  * the caller's and outlives the index; `callback` may be null. A name that is bound already, in any
  * letter case, gets the new binding and keeps its spelling. Nothing happens without an index or for
- * a null name; a name of more than 127 characters is refused with a record. */
+ * a null name; a name of more than 127 characters is refused with a record. `type` is a
+ * ConfConfigValueType and is not checked here; an item of CONF_VALUE_DATA is local and hears of no
+ * reports. */
 void ConfConfigBind(const char *name, int32_t type, void *value, uint32_t size,
                     ConfConfigItemCallback callback);
 
@@ -83,7 +86,9 @@ void ConfConfigClientCallBack(uint32_t msgId, uint32_t reserved1, uint32_t reser
  * of `blockSize` bytes (at most 500 ConfConfigListItem records, block->itemCount of them) in one
  * operation and hangs the list of keys and values on block->resultList, which then belongs to the
  * block's owner. 0, 0xFFFFFFFF (an invalid block, no memory), or the service's result when it
- * refused, for instance because it has no value for one of the keys. `reserved` is not used. */
+ * refused, for instance because it has no value for one of the keys. `reserved` is not used. Look
+ * at block->resultList whatever the result: a list that could not be filled is there too. A list of
+ * an earlier request is overwritten, not released. */
 uint32_t ConfConfigGetConfConfig(uint32_t reserved, void *block, uint32_t blockSize);
 
 /* A message handler: stores the keys and values of the block's body in one operation. The values of

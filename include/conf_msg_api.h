@@ -60,7 +60,7 @@ typedef struct MeetingServerMsgBlock {
     void *resultList;                                                    /* or null */
     uint32_t resultSize; /* bytes of the result list */
     uint32_t bodyLength; /* bytes of the body */
-    char body[4];        /* bodyLength bytes, for instance ConfConfigListItem records */
+    char body[];         /* bodyLength bytes, for instance ConfConfigListItem records */
 } MeetingServerMsgBlock;
 
 /* ConfCommMsgSynSendImpl with a time-out of 3000. */

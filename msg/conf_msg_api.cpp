@@ -59,7 +59,8 @@ bool completeHeader(OsMsgHeader *header, MessageId msgId, ConfMsgBody *body) {
 }
 
 bool isUsable(const OsMsgHeader *response) {
-    return response != nullptr && response->body != nullptr && response->bodyLength != 0;
+    return response != nullptr && response->body != nullptr &&
+           response->bodyLength >= sizeof(ConfMsgBody);
 }
 
 /* The message block in a body, when the body is long enough for a block's fixed part. */
@@ -249,6 +250,9 @@ uint32_t ConfCommMsgProcess(OsMsgHeader *message) {
         return invalid;
     }
     auto *body = static_cast<ConfMsgBody *>(message->body);
+    const MeetingServerMsgBlock *block =
+        message->msgId == kTaskMessage ? bodyBlock(body, message->bodyLength) : nullptr;
+    const void *brought = block == nullptr ? nullptr : block->resultList;
     body->result = body->handler(body->param, bodyData(body), body->dataLength);
     if (message->syncFlag != 1) {
         return 0;
@@ -257,7 +261,8 @@ uint32_t ConfCommMsgProcess(OsMsgHeader *message) {
     if (result != 0) {
         CONF_LOG(CONF_LOG_ERROR, "ConfCommMsgProcess Resp fail! msgId:%u, ret:%#x", message->msgId,
                  result);
-        if (message->msgId == kTaskMessage) {
+        /* An address that came with the request is nothing of this process. */
+        if (block != nullptr && block->resultList != brought) {
             releaseResultList(body, message->bodyLength);
         }
     }

@@ -1,5 +1,5 @@
 /* Notifications to the hosting application, and the message block. */
-#include <cstring>
+#include <atomic>
 
 #include "common/log.h"
 #include "common/platform_block.h"
@@ -16,12 +16,12 @@ constexpr char kUnit[] = "conf_msg_api";
 constexpr uint32_t kEmptyBlockSize = kBlockHead + 4;
 constexpr uint32_t kSpareBytes = 3;
 
-ConfNotifyFunc notifyCallback = nullptr;
+std::atomic<ConfNotifyFunc> notifyCallback{nullptr};
 OsMutex notifyMutex = {}; /* held for a whole multi-packet notification, so that no two mix */
 
 /* Reads the callback anew for every packet: a registration takes effect at the next one. */
 void notify(uint32_t notifyId, const void *data, uint32_t dataLength) {
-    const ConfNotifyFunc callback = notifyCallback;
+    const ConfNotifyFunc callback = notifyCallback.load(std::memory_order_acquire);
     if (callback != nullptr) {
         callback(notifyId, data, dataLength, 0);
     }
@@ -46,7 +46,7 @@ uint64_t blockSize(uint32_t bodyLength) {
 
 void ConfRegisterNotifyFunc(ConfNotifyFunc callback) {
     if (callback != nullptr) {
-        notifyCallback = callback;
+        notifyCallback.store(callback, std::memory_order_release);
     }
 }
 
@@ -56,7 +56,7 @@ uint32_t ConfCommSendNotifyToApp(uint32_t notifyId, const void *data, uint32_t d
 
 uint32_t ConfCommSendNotifyAndResultToApp(uint32_t notifyId, const void *data, uint32_t dataLength,
                                           uint32_t result) {
-    const ConfNotifyFunc callback = notifyCallback;
+    const ConfNotifyFunc callback = notifyCallback.load(std::memory_order_acquire);
     return callback == nullptr ? 1 : callback(notifyId, data, dataLength, result);
 }
 

@@ -58,7 +58,8 @@ typedef void (*ConfConfigChangeHandler)(uint32_t msgId, uint32_t reserved1, uint
 int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName);
 
 /* Makes `handler` the receiver of change reports for a connected module; a later handler replaces
- * it, null removes it. */
+ * it, null removes it. Reports may come before this has returned; they come one after the other,
+ * and the handler may call every operation of the client but TamoOmConfigUnInit. */
 int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName);
 
 /* Disconnects a module. No report is delivered to its handler after this has returned. */
@@ -72,8 +73,10 @@ int32_t TamoOmConfigcopyStr2Key(ConfConfigOmRecord *record, const char *key);
  * whose length is then set. A too long text is refused and the value part cleared. */
 int32_t TamoOmConfigcopyStr2Val(ConfConfigOmVal *value, const char *text);
 
-/* Puts a number into a value part as decimal text. */
+/* Puts a signed number into a value part as decimal text, with its length. */
 int32_t TamoOmConfigsetIntValue(ConfConfigOmVal *value, int64_t number);
+
+/* The same for an unsigned number. */
 int32_t TamoOmConfigsetUintValue(ConfConfigOmVal *value, uint64_t number);
 
 /* Fills the record's value part with the stored value of its key. Fails, with the value part

@@ -6,7 +6,8 @@
  * 3. Time-outs are in milliseconds on the workstation host; on a device they are the device's.
  * 4. Any thread may send. A sender keeps its header and body; the layer copies what it needs before
  *    a send returns.
- * 5. A message of id 2 carries a message block behind the body's header. The result buffer that a
+ * 5. A message of id 2 carries a message block behind the body's header. In a received request its
+ *    result buffer is null: the sender's address means nothing here. The result buffer that a
  *    handler hangs on that block crosses with the response: the waiting sender gets a block of its
  *    own from libtamo_os_mem, the receiver's block is released by the layer once the response went
  *    out, and by nobody else. When the response does not go out, the receiver keeps it; where the

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "include/conf_config.h"
@@ -119,12 +120,14 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
             1, "conf_config", "ConfConfigAddIndex fail g_itemNum == g_itemCache Key. 0\n"));
         EXPECT_FALSE(isBound("Key."));
     }
-    platform::clearRecords();
-    platform::failCall("memset_s", 1);
-    bindKey("Key.");
-    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
-                                    "[ConfConfigInsertIndex]conf secure func failed, err = "));
-    EXPECT_FALSE(isBound("Key."));
+    for (const auto &[operation, call] : {std::pair("memset_s", 1), {"memmove_s", 7}}) {
+        platform::clearRecords();
+        platform::failCall(operation, static_cast<uint64_t>(call));
+        bindKey("Key.");
+        EXPECT_TRUE(platform::hasRecord(1, "conf_config",
+                                        "[ConfConfigInsertIndex]conf secure func failed, err = "));
+        EXPECT_FALSE(isBound("Key."));
+    }
     for (int i = 0; i < 300; i++) {
         EXPECT_TRUE(isBound("Key." + std::to_string(i)));
     }
@@ -142,6 +145,17 @@ TEST_F(ConfigIndex, BindingWithoutAnIndexChangesNothing) {
     bindKey("Conf.B");
     EXPECT_FALSE(isBound("Conf.B"));
     EXPECT_EQ(ConfConfigDeInit(), 0);
+}
+
+TEST_F(ConfigIndex, ReportDuringTheStartFindsNoItem) {
+    ASSERT_EQ(ConfConfigInit(
+                  [] {
+                      bindKey("Conf.A");
+                      EXPECT_FALSE(isBound("Conf.A")) << "the index may still move";
+                  },
+                  "TamoUIConf", "Conf"),
+              0);
+    EXPECT_TRUE(isBound("Conf.A"));
 }
 
 TEST_F(ConfigIndex, InitRefusesMissingArgumentsAndMemory) {

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -131,8 +132,10 @@ TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
     EXPECT_EQ(freed, (std::vector<OsMsgHeader *>{nullptr, nullptr}));
 
     OsMsgHeader empty = {};
+    const auto shortBody = std::make_unique<char[]>(8);
     for (uint32_t length : {0u, 8u, static_cast<uint32_t>(sizeof(ConfMsgBody))}) {
         empty.bodyLength = length;
+        empty.body = length == 8 ? shortBody.get() : nullptr;
         platform::override(OsMsgSynSend, [&](OsMsgHeader *, OsMsgHeader **r, uint32_t) {
             *r = &empty;
             return 0u;
@@ -299,6 +302,10 @@ TEST_F(MsgApi, ResultListThatNobodyGetsIsReleased) {
     memset(tooShort.body() + 1, 0x5A, 80);
     tooShort.header.syncFlag = 1;
     EXPECT_EQ(ConfCommMsgProcess(&tooShort.header), 0u) << "no list field to look at";
+    Message foreign(2, nothing, 84);
+    memset(foreign.body() + 1, 0x5A, 80);
+    foreign.header.syncFlag = 1;
+    EXPECT_EQ(ConfCommMsgProcess(&foreign.header), 0u) << "an address that came with the request";
 
     EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("t", hangsAList, 0, nullptr, 84, 1), 0u)
         << "a sender without a buffer cannot take the list";
