@@ -30,7 +30,7 @@ enum {
     TAMO_HOST_REFUSED = 8,     /* the other side may not, or cannot, take this message */
     TAMO_HOST_TOO_LARGE = 9,   /* more than a message carries */
     TAMO_HOST_NO_MEMORY = 10,
-    TAMO_HOST_SYSTEM = 11, /* a system call failed; the record says which */
+    TAMO_HOST_SYSTEM = 11,   /* a system call failed; the record says which */
     TAMO_HOST_NOT_FOUND = 12 /* the service has no value of a key */
 };
 

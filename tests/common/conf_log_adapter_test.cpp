@@ -62,7 +62,7 @@ TEST_F(ConfLog, RecordThatDoesNotFitIsDroppedWhole) {
 TEST_F(ConfLog, NullTextsWriteNothing) {
     const char *volatile absent = nullptr;
     ConfLogPrintf(1, "f", nullptr, 1, "x");
-    ConfLogPrintf(1, "f", "u", 1, absent);
+    ConfLogPrintf(1, "f", "u", 1, absent, 0);
     ConfLogPrintfStr(1, "f", "u", 1, nullptr);
     ConfLogPrintfStr(1, "f", nullptr, 1, "text");
     ConfLogPrintfStr(1, "f", "u", 1, "");

@@ -158,7 +158,7 @@ TEST_F(ConfigReport, MoreThan255KeysOfACallbackComeInSeveralCalls) {
 
 TEST_F(ConfigReport, ReportIsDeliveredWholeOrNotAtAll) {
     allowOutstandingBlocks(); /* the index was taken before the account begins anew */
-    const auto setUp = [this] { calls.clear(); };
+    const auto setUp = [] { calls.clear(); };
     const auto deliver = [this] {
         ConfConfigClientCallBack(65536, 0, 0, &mixed.list);
         return 0;

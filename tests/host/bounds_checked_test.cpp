@@ -184,7 +184,7 @@ TEST(BoundsChecked, FormatterPrintsAllOrNothing) {
     EXPECT_STREQ(dst, "");
     const char *volatile none = nullptr;
     dst[0] = 'x';
-    EXPECT_EQ(sprintf_s(dst, sizeof(dst), none), -1);
+    EXPECT_EQ(sprintf_s(dst, sizeof(dst), none, 0), -1);
     EXPECT_STREQ(dst, "");
 }
 

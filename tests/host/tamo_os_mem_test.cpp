@@ -74,7 +74,7 @@ std::string contents(const fs::path &path) {
 TEST(Memory, BlocksAreZeroedAlignedAndReusable) {
     for (int round = 0; round < 3; ++round) {
         std::vector<char *> blocks;
-        for (size_t size : {0, 1, 17, 4096, 576000, 5000000}) {
+        for (size_t size : std::initializer_list<size_t>{0, 1, 17, 4096, 576000, 5000000}) {
             auto *block = static_cast<char *>(take(size, 1));
             ASSERT_NE(block, nullptr);
             EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t), 0u);
