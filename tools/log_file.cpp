@@ -122,24 +122,45 @@ void LogFile::drain(Source &source, const LineFunction &line) const {
     source.rest.erase(0, start);
 }
 
+/* The name of the file with the inode `held`, else kMostFiles; `*oldest` is the last name in use. A
+ * rotation that goes on, or that was killed, leaves one name free between others. */
+size_t LogFile::findName(ino_t held, size_t *oldest) const {
+    int missing = 0;
+    *oldest = 0;
+    for (size_t index = 0; index < kMostFiles && missing < 2; ++index) {
+        const ino_t inode = inodeOf(path(index));
+        if (inode == held) {
+            return index;
+        }
+        if (inode == 0) {
+            ++missing;
+        } else {
+            missing = 0;
+            *oldest = index;
+        }
+    }
+    return kMostFiles;
+}
+
 Descriptor LogFile::openNext() const {
     const ino_t held = inodeOf(current_.file);
     for (;;) {
-        size_t index = 0;
-        while (index < kMostFiles && inodeOf(path(index)) != held) {
-            if (index > 0 && inodeOf(path(index)) == 0) {
-                break;
-            }
-            ++index;
-        }
+        size_t oldest = 0;
+        const size_t index = findName(held, &oldest);
         if (index == 0) {
             return Descriptor();
         }
-        const bool found = inodeOf(path(index)) == held;
-        // Rotated out of existence: the oldest that is left is the next, at the end of the names.
-        Descriptor next = openFile(path(index - 1));
-        const bool shifted = found ? inodeOf(path(index)) != held : inodeOf(path(index)) != 0;
-        if (!shifted) {
+        // Rotated out of existence: the oldest that is left is the next.
+        const bool found = index != kMostFiles;
+        const size_t end = found ? index : oldest + 1;
+        size_t nearest = end - 1;
+        Descriptor next = openFile(path(nearest));
+        if (!next.isOpen() && nearest > 0) {
+            next = openFile(path(--nearest));
+        }
+        // Did a rotation move files while they were looked at?
+        const bool stays = found ? inodeOf(path(index)) == held : inodeOf(path(end)) == 0;
+        if (stays && (nearest + 1 == end || inodeOf(path(nearest + 1)) == 0)) {
             return next;
         }
     }

@@ -56,6 +56,7 @@ class LogFile {
 
     std::string path(size_t index) const;
     void drain(Source &source, const LineFunction &line) const;
+    size_t findName(ino_t held, size_t *oldest) const;
     Descriptor openNext() const;
 
     std::string base_;
