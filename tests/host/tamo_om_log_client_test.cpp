@@ -209,9 +209,10 @@ std::string unescape(const std::string &text) {
     return plain;
 }
 
-/* The characters of a line; a 0 stands for the first fault. */
+/* The characters of a line; a 0 stands for the first fault. UCS-4 is what the C library converts to
+ * by itself, without a module that must be installed. */
 std::u32string characters(std::string line) {
-    const iconv_t converter = iconv_open("UTF-32LE", "UTF-8");
+    const iconv_t converter = iconv_open("UCS-4LE", "UTF-8");
     std::u32string wide(line.size(), U'\0');
     char *in = line.data();
     char *out = reinterpret_cast<char *>(wide.data());
