@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,6 +19,8 @@ namespace tamo {
 namespace {
 
 constexpr const char *kUnit = "tamo_om_config_directory";
+/* The shared index takes 32 KiB, the first entries of a log some more. */
+constexpr uint64_t kTightBytes = 128 << 10;
 /* What SQLite keeps beside a file, by the end of its name. */
 constexpr const char *kCompanions[] = {"-wal", "-shm", "-journal"};
 
@@ -86,6 +89,22 @@ uint32_t configDirectoryFailure(const char *what, int line) {
 bool configDirectoryHas(int directory, const char *name) {
     struct stat status;
     return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool configDirectoryIsTight(int directory) {
+    struct statvfs disk;
+    if (fstatvfs(directory, &disk) != 0) {
+        return false;
+    }
+    return uint64_t{disk.f_bavail} * disk.f_frsize < kTightBytes;
+}
+
+void keepConfigIndex(int directory) {
+    /* Not opened where it is there: closing it would drop the locks that this process has on it. */
+    int made = openat(directory, "config.db-shm", O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (made >= 0) {
+        close(made);
+    }
 }
 
 /* The log goes along, or it would be taken for the log of the next store. */

@@ -29,6 +29,13 @@ uint32_t configDirectoryFailure(const char *what, int line);
 
 bool configDirectoryHas(int directory, const char *name);
 
+/* Whether the disk has no room to speak of. */
+bool configDirectoryIsTight(int directory);
+
+/* Makes an empty shared index where there is none, which takes no room: SQLite reads without one only
+ * where it finds one that it cannot use. */
+void keepConfigIndex(int directory);
+
 /* Gives a damaged or foreign store a name that nothing has, with its log, and records it. */
 uint32_t moveConfigAside(int directory, const char *why);
 

@@ -10,6 +10,7 @@
  *   later start would need room on the disk to read. */
 #include "tamo_om_config_file.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -37,6 +38,7 @@ constexpr int kApplicationId = 0x54434F4E;
 /* Raised with every change of the tables. */
 constexpr int kVersion = 1;
 constexpr const char *kSchema =
+    "PRAGMA synchronous = FULL;"
     "BEGIN IMMEDIATE;"
     "PRAGMA application_id = 0x54434F4E;"
     "PRAGMA user_version = 1;"
@@ -54,22 +56,16 @@ bool isDiskFull(sqlite3 *database, int result) {
             (system == ENOSPC || system == EDQUOT));
 }
 
-/* A name that SQLite takes as a URI, for the sake of its parameter. */
-bool indexlessName(const char *path, char *uri, size_t size) {
+/* The path as SQLite takes it with a parameter; `size` has room for all of it being escaped. */
+void nameWithOwnIndex(const char *path, char *uri, size_t size) {
     size_t length = static_cast<size_t>(snprintf(uri, size, "file:"));
     for (const char *at = path; *at != '\0'; at++) {
-        if (length + 4 > size) {
-            return false;
-        }
         unsigned char c = static_cast<unsigned char>(*at);
-        bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                     c == '/' || c == '.' || c == '-' || c == '_';
+        bool plain = isalnum(c) != 0 || strchr("/.-_", c) != nullptr;
         length +=
             static_cast<size_t>(snprintf(uri + length, size - length, plain ? "%c" : "%%%02X", c));
     }
-    const char *parameter = "?readonly_shm=1";
-    return static_cast<size_t>(snprintf(uri + length, size - length, "%s", parameter)) <
-           size - length;
+    (void)snprintf(uri + length, size - length, "?readonly_shm=1");
 }
 
 int openDatabase(const char *name, int flags, sqlite3 **database) {
@@ -79,7 +75,7 @@ int openDatabase(const char *name, int flags, sqlite3 **database) {
     }
     sqlite3_extended_result_codes(*database, 1);
     sqlite3_busy_timeout(*database, kBusyMs);
-    return sqlite3_exec(*database, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
+    return result;
 }
 
 /* The first column of the first row, as a text; what SQLite answers otherwise is its result. */
@@ -169,59 +165,107 @@ uint32_t beginStore(int directory, const char *path) {
     return nameFreshConfig(directory);
 }
 
+uint32_t diskFull(const char *what, int line) {
+    hostRecord(kError, kUnit, line, "%s failed, disk full: free space below %s", what,
+               deviceRoot());
+    return TAMO_HOST_SYSTEM;
+}
+
 /* Makes sure that a file is there that may be a store; SQLite takes an empty one for a new one. */
-uint32_t prepareFile(int directory, const char *path) {
+uint32_t prepareFile(int directory, const char *path, bool tight) {
     struct stat status;
-    int result = fstatat(directory, kConfigFile, &status, AT_SYMLINK_NOFOLLOW);
-    if (result != 0 && errno != ENOENT) {
+    bool there = fstatat(directory, kConfigFile, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!there && errno != ENOENT) {
         return configDirectoryFailure("looking for the configuration store", __LINE__);
     }
+    if (there && S_ISREG(status.st_mode) && status.st_size != 0) {
+        return TAMO_HOST_OK;
+    }
+    if (tight) {
+        return diskFull("beginning the configuration store", __LINE__);
+    }
     uint32_t code = TAMO_HOST_OK;
-    if (result == 0 && (!S_ISREG(status.st_mode) || status.st_size == 0)) {
+    if (there) {
         code = moveConfigAside(directory, S_ISREG(status.st_mode) ? "empty" : "not a regular file");
-        result = -1;
-    } else if (result != 0 && configDirectoryHas(directory, "config.db-wal")) {
+    } else if (configDirectoryHas(directory, "config.db-wal")) {
         code = moveConfigAside(directory, "gone and has left its log");
     }
-    return code != TAMO_HOST_OK || result == 0 ? code : beginStore(directory, path);
+    return code == TAMO_HOST_OK ? beginStore(directory, path) : code;
 }
 
 Verdict openAndExamine(const char *name, bool suspect, ConfigFile *file, int *result) {
     *result = openDatabase(name, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, &file->database);
-    if (*result != SQLITE_OK) {
-        return judge(*result);
+    if (*result == SQLITE_OK) {
+        sqlite3_db_config(file->database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        *result =
+            sqlite3_exec(file->database, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
     }
-    sqlite3_db_config(file->database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    return examine(file->database, suspect, result);
+    return *result == SQLITE_OK ? examine(file->database, suspect, result) : judge(*result);
 }
 
-uint32_t openPrepared(const char *path, bool forWriting, bool suspect, ConfigFile *file,
-                      Verdict *verdict) {
+/* Making room for the shared index on a full disk may end a process rather than fail: SQLite writes
+ * to the index as to memory. So a reader then builds an index of its own, and a writer is refused. */
+uint32_t openPrepared(int directory, const char *path, const OpenWish &wish, bool tight,
+                      ConfigFile *file, Verdict *verdict) {
     int result = SQLITE_OK;
-    *verdict = openAndExamine(path, suspect, file, &result);
-    if (*verdict == Verdict::failed && !forWriting && isDiskFull(file->database, result)) {
+    if (!tight) {
+        *verdict = openAndExamine(path, wish.suspect, file, &result);
+        tight = *verdict == Verdict::failed && isDiskFull(file->database, result);
+    }
+    if (tight && wish.forWriting) {
+        closeConfigFile(file);
+        return diskFull("opening the configuration store for writing", __LINE__);
+    }
+    if (tight) {
         char uri[3 * kLongestPath + 32];
         closeConfigFile(file);
-        if (indexlessName(path, uri, sizeof(uri))) {
-            *verdict = openAndExamine(uri, suspect, file, &result);
-            file->ownIndex = true;
-        }
+        keepConfigIndex(directory);
+        nameWithOwnIndex(path, uri, sizeof(uri));
+        *verdict = openAndExamine(uri, wish.suspect, file, &result);
+        file->ownIndex = true;
     }
-    uint32_t code = TAMO_HOST_OK;
     if (*verdict == Verdict::failed) {
-        code =
-            configFileFailure(file->database, result, "opening the configuration store", __LINE__);
-    } else if (*verdict == Verdict::newer) {
+        return configFileFailure(file->database, result, "opening the configuration store",
+                                 __LINE__);
+    }
+    if (*verdict == Verdict::newer) {
         hostRecord(kError, kUnit, __LINE__,
                    "the configuration store %s is of a newer version than this program knows: "
                    "install the newer libtamo_host or use another TAMO_DEVICE_ROOT",
                    path);
-        code = TAMO_HOST_REFUSED;
+        return TAMO_HOST_REFUSED;
     }
-    if (*verdict != Verdict::good) {
+    return TAMO_HOST_OK;
+}
+
+/* Opens the file in place, whatever it takes; what is no good store is moved aside but on a full
+ * disk, where none could be begun. */
+uint32_t openInTurn(int directory, const char *path, const OpenWish &wish, ConfigFile *file) {
+    bool tight = configDirectoryIsTight(directory);
+    /* The second round meets a fresh store. */
+    for (int round = 0; round < 2; round++) {
+        Verdict verdict = Verdict::failed;
+        uint32_t code = prepareFile(directory, path, tight);
+        if (code == TAMO_HOST_OK) {
+            code = openPrepared(directory, path, wish, tight, file, &verdict);
+        }
+        if (code == TAMO_HOST_OK && verdict == Verdict::good) {
+            return code;
+        }
         closeConfigFile(file);
+        if (code == TAMO_HOST_OK) {
+            code = tight
+                       ? diskFull("replacing the damaged configuration store", __LINE__)
+                       : moveConfigAside(directory, verdict == Verdict::foreign ? "not one of ours"
+                                                                                : "damaged");
+        }
+        if (code != TAMO_HOST_OK) {
+            return code;
+        }
     }
-    return code;
+    hostRecord(kError, kUnit, __LINE__, "a fresh configuration store in %s/config does not open",
+               deviceRoot());
+    return TAMO_HOST_SYSTEM;
 }
 
 }  // namespace
@@ -244,9 +288,7 @@ bool configFileMoved(const ConfigFile &file) {
 
 uint32_t configFileFailure(sqlite3 *database, int result, const char *what, int line) {
     if (isDiskFull(database, result)) {
-        hostRecord(kError, kUnit, line, "%s failed, disk full: free space below %s", what,
-                   deviceRoot());
-        return TAMO_HOST_SYSTEM;
+        return diskFull(what, line);
     }
     int primary = result & 0xFF;
     if (primary == SQLITE_BUSY) {
@@ -263,7 +305,7 @@ uint32_t configFileFailure(sqlite3 *database, int result, const char *what, int 
     return primary == SQLITE_NOMEM ? TAMO_HOST_NO_MEMORY : TAMO_HOST_SYSTEM;
 }
 
-uint32_t openConfigFile(bool forWriting, bool suspect, ConfigFile *file) {
+uint32_t openConfigFile(const OpenWish &wish, ConfigFile *file) {
     int directory = rootDirectory("config");
     if (directory < 0) {
         return TAMO_HOST_NO_ROOT;
@@ -281,25 +323,7 @@ uint32_t openConfigFile(bool forWriting, bool suspect, ConfigFile *file) {
     if (!turn.taken()) {
         return configDirectoryFailure("locking config.lock", __LINE__);
     }
-    /* The second round meets a fresh store. */
-    for (int round = 0; round < 2; round++) {
-        Verdict verdict = Verdict::failed;
-        uint32_t code = prepareFile(directory, path);
-        if (code == TAMO_HOST_OK) {
-            code = openPrepared(path, forWriting, suspect, file, &verdict);
-        }
-        if (code != TAMO_HOST_OK || verdict == Verdict::good) {
-            return code;
-        }
-        code =
-            moveConfigAside(directory, verdict == Verdict::foreign ? "not one of ours" : "damaged");
-        if (code != TAMO_HOST_OK) {
-            return code;
-        }
-    }
-    hostRecord(kError, kUnit, __LINE__, "a fresh configuration store in %s/config does not open",
-               deviceRoot());
-    return TAMO_HOST_SYSTEM;
+    return openInTurn(directory, path, wish, file);
 }
 
 }  // namespace tamo

@@ -12,10 +12,14 @@ struct ConfigFile {
     bool ownIndex = false;
 };
 
+struct OpenWish {
+    bool forWriting;
+    bool suspect; /* damage was met: check all of the file */
+};
+
 /* Opens the store, beginning a fresh one where there is none. A file that is not a store of ours, or
- * is a damaged one, is moved aside first; `suspect` asks for the thorough check. The result is a
- * TAMO_HOST_ code, a failure is recorded. */
-uint32_t openConfigFile(bool forWriting, bool suspect, ConfigFile *file);
+ * is a damaged one, is moved aside first. The result is a TAMO_HOST_ code, a failure is recorded. */
+uint32_t openConfigFile(const OpenWish &wish, ConfigFile *file);
 
 /* Closes the database, whose statements must be finalized. */
 void closeConfigFile(ConfigFile *file);

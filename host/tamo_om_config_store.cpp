@@ -103,7 +103,7 @@ int prepareAll(Connection *connection) {
 uint32_t connect(Connection *connection, bool suspect) {
     static std::once_flag forkSafe;
     std::call_once(forkSafe, [] { pthread_atfork(beforeFork, afterFork, afterFork); });
-    uint32_t code = openConfigFile(connection->forWriting, suspect, &connection->file);
+    uint32_t code = openConfigFile({connection->forWriting, suspect}, &connection->file);
     if (code != TAMO_HOST_OK) {
         return code;
     }

@@ -6,11 +6,13 @@
 #include <errno.h>
 #include <stdint.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace support {
 std::atomic<bool> diskFull = false;
+std::atomic<bool> diskTight = false;
 std::atomic<int> flushes = 0;
 }  // namespace support
 
@@ -36,6 +38,8 @@ extern "C" {
 ssize_t faultyWrite(int, const void *, size_t) __asm__("write");
 ssize_t faultyPwrite(int, const void *, size_t, long) __asm__("pwrite");
 ssize_t faultyPwriteLarge(int, const void *, size_t, int64_t) __asm__("pwrite64");
+int tightStatvfs(int, struct statvfs *) __asm__("fstatvfs");
+int tightStatvfsLarge(int, struct statvfs *) __asm__("fstatvfs64");
 int countedFsync(int) __asm__("fsync");
 int countedFdatasync(int) __asm__("fdatasync");
 }
@@ -53,6 +57,17 @@ ssize_t faultyPwriteLarge(int file, const void *data, size_t size, int64_t at) {
     return refuses(file) ? -1
                          : syscall(SYS_pwrite64, file, data, size, static_cast<long>(at),
                                    static_cast<long>(at >> 32));
+}
+
+int tightStatvfs(int, struct statvfs *disk) {
+    *disk = {};
+    disk->f_frsize = 4096;
+    disk->f_bavail = support::diskTight ? 0 : 1 << 20;
+    return 0;
+}
+
+int tightStatvfsLarge(int file, struct statvfs *disk) {
+    return tightStatvfs(file, disk);
 }
 
 int countedFsync(int file) {

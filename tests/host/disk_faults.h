@@ -8,6 +8,9 @@ namespace support {
  * out, also where it goes to a file. */
 extern std::atomic<bool> diskFull;
 
+/* While set, file systems tell that they have no room. */
+extern std::atomic<bool> diskTight;
+
 /* Flushes of files since the program began. */
 extern std::atomic<int> flushes;
 

@@ -71,6 +71,14 @@ fs::path configFile() {
     return fs::path(support::scratchRoot()) / "config/config.db";
 }
 
+/* Leaves no file behind; a connection of this process finds that out. */
+void clearStore() {
+    fs::create_directories(configFile().parent_path());
+    for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
+        fs::remove_all(entry.path());
+    }
+}
+
 /* A connection that holds what the client's own never hold for long. */
 struct Holder {
     explicit Holder(const char *statements) {
@@ -106,12 +114,14 @@ const support::ChildRole settingRole("setting", [](const support::ChildArguments
     return set(arguments[0], arguments[1]) == 0 && get(arguments[0]) == arguments[1] ? 0 : 1;
 });
 
-const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArguments &) {
-    support::diskFull = true;
+/* Meets a disk that refuses to be written to, or that tells beforehand that it has no room. */
+const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArguments &arguments) {
+    std::atomic<bool> &fault = arguments[0] == "full" ? support::diskFull : support::diskTight;
+    fault = true;
     bool held =
         get("a") == "1" && get("b") == "failed: 12" && set("a", "2") != 0 && get("a") == "1";
-    support::diskFull = false;
-    return held && set("a", "3") == 0 && get("a") == "3" ? 0 : 1;
+    fault = false;
+    return held && set("a", "3") == 0 && get("a") == "3" && set("a", "1") == 0 ? 0 : 1;
 });
 
 /* Ends once it has forked: the fork lives on without it, for as long as the parent wants. */
@@ -178,11 +188,8 @@ TEST(ConfigStoreProcesses, WriterAndReaderDoNotWaitForEachOther) {
 }
 
 TEST(ConfigStoreProcesses, ThoseWhoFindADamagedStoreTogetherBeginOneFreshStore) {
-    fs::create_directories(configFile().parent_path());
     for (int round = 0; round < 5; round++) {
-        for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
-            fs::remove_all(entry.path());
-        }
+        clearStore();
         std::ofstream(configFile()) << std::string(20000, 'x');
         std::vector<std::unique_ptr<support::ChildProcess>> children;
         for (int at = 0; at < 6; at++) {
@@ -207,15 +214,24 @@ TEST(ConfigStoreProcesses, ThoseWhoFindADamagedStoreTogetherBeginOneFreshStore) 
 }
 
 TEST(ConfigStoreProcesses, FullDiskLeavesTheStoreReadableToAStartingProcess) {
+    clearStore();
     {
         support::ChildProcess child("setting", {"a", "1"});
         ASSERT_EQ("ready", child.hear());
         child.tell("go");
         ASSERT_EQ(support::exited(0), child.wait());
     }
-    support::ChildProcess child("fullDisk");
-    EXPECT_EQ(support::exited(0), child.wait());
-    EXPECT_EQ("3", get("a"));
+    for (const char *others : {"none has it open", "this process has it open"}) {
+        for (const char *kind : {"full", "tight", "tight, without an index"}) {
+            SCOPED_TRACE(std::string(others) + ", the disk is " + kind);
+            if (kind == std::string("tight, without an index") && others[0] == 'n') {
+                fs::remove(configFile().string() + "-shm");
+            }
+            support::ChildProcess child("fullDisk", {kind});
+            EXPECT_EQ(support::exited(0), child.wait());
+        }
+        EXPECT_EQ("1", get("a"));
+    }
 }
 
 TEST(ConfigStoreProcesses, ForkHasConnectionsOfItsOwn) {
