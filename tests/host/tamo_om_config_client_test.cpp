@@ -1,103 +1,26 @@
-/* The configuration service client in one process: records, reading and writing, and what becomes of
- * a store file that is not as it should be. */
+/* The configuration service client in one process: records, reading, writing and listing. */
 #include "tamo_om_config_client.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "disk_faults.h"
+#include "config_records.h"
 #include "tamo_host.h"
-#include "tests/support/scratch_root.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
-ConfConfigOmRecord record(const std::string &key, const std::string &value = "") {
-    ConfConfigOmRecord made;
-    memset(&made, 0xA5, sizeof(made));
-    EXPECT_EQ(0, TamoOmConfigcopyStr2Key(&made, key.c_str()));
-    EXPECT_EQ(0, TamoOmConfigcopyStr2Val(&made.value, value.c_str()));
-    return made;
-}
+using support::get;
+using support::kMissing;
+using support::record;
+using support::set;
 
-int32_t set(const std::string &key, const std::string &value) {
-    return TamoOmConfigStringSet(record(key, value));
-}
-
-std::string get(const std::string &key) {
-    ConfConfigOmRecord asked = record(key, "left from before");
-    int32_t code = TamoOmConfigStringGet(&asked);
-    if (code != 0) {
-        EXPECT_EQ(0U, asked.value.length + static_cast<unsigned char>(asked.value.text[0]));
-        return "failed: " + std::to_string(code);
-    }
-    EXPECT_EQ(strlen(asked.value.text), asked.value.length);
-    return asked.value.text;
-}
-
-const std::string kMissing = "failed: 12";
-
-fs::path configFile(const std::string &name = "config.db") {
-    return fs::path(support::scratchRoot()) / "config" / name;
-}
-
-/* Puts the process where it was before its first call: with no connection and no file. */
 class ConfigClient : public testing::Test {
   protected:
-    ConfigClient() { clear(); }
-    ~ConfigClient() override {
-        support::diskFull = false;
-        clear();
-    }
-
-    static void clear() {
-        std::error_code absent;
-        for (const auto &entry : fs::directory_iterator(configFile().parent_path(), absent)) {
-            fs::remove_all(entry.path());
-        }
-    }
-
-    static std::vector<std::string> keptAside() {
-        std::vector<std::string> names;
-        for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
-            std::string name = entry.path().filename();
-            if (name.find(".damaged-") != std::string::npos && !name.ends_with("-shm") &&
-                !name.ends_with("-wal")) {
-                names.push_back(name);
-            }
-        }
-        return names;
-    }
-
-    /* The file is replaced as another process would, with nobody having it open. */
-    static void replaceFile(const std::string &contents) {
-        clear();
-        std::ofstream(configFile(), std::ios::binary) << contents;
-    }
-
-    static std::string contents(const fs::path &path) {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-    static void onFile(const char *statements) {
-        sqlite3 *database = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open(configFile().c_str(), &database));
-        EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, statements, nullptr, nullptr, nullptr))
-            << sqlite3_errmsg(database);
-        sqlite3_close(database);
-    }
+    ConfigClient() { support::clearStore(); }
 };
 
 TEST(ConfigRecords, KeysAndValuesThatDoNotFitAreRefusedAndCleared) {
@@ -280,129 +203,6 @@ TEST_F(ConfigClient, ThreadsSeeWholeWritesOfEachOther) {
     for (std::thread &thread : threads) {
         thread.join();
     }
-}
-
-TEST_F(ConfigClient, WriteIsFlushedOnce) {
-    std::vector<ConfConfigOmRecord> stored;
-    for (int at = 0; at < 50; at++) {
-        stored.push_back(record("key" + std::to_string(at), "first"));
-    }
-    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
-    for (ConfConfigOmRecord &one : stored) {
-        TamoOmConfigcopyStr2Val(&one.value, "second");
-    }
-    int before = support::flushes;
-    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
-    EXPECT_EQ(before + 1, support::flushes);
-    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
-    EXPECT_EQ(before + 1, support::flushes) << "what is stored already needs no flush";
-    ASSERT_EQ(0, TamoOmConfigStringMget(stored.data(), 50));
-    EXPECT_EQ(before + 1, support::flushes);
-}
-
-TEST_F(ConfigClient, FullDiskFailsWritesWholeAndLetsReadsGoOn) {
-    ASSERT_EQ(0, set("a", "1"));
-    ASSERT_EQ("1", get("a"));
-    support::diskFull = true;
-    testing::internal::CaptureStderr();
-    ConfConfigOmRecord stored[] = {record("a", "2"), record("b", std::string(1000, 'b'))};
-    EXPECT_NE(0, TamoOmConfigStringMset(stored, 2));
-    std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_NE(std::string::npos, said.find("disk full: free space below " + support::scratchRoot()))
-        << said;
-    EXPECT_EQ("1", get("a"));
-    EXPECT_EQ(kMissing, get("b"));
-    support::diskFull = false;
-    EXPECT_EQ(0, TamoOmConfigStringMset(stored, 2));
-    EXPECT_EQ("2", get("a"));
-}
-
-TEST_F(ConfigClient, FileThatIsNotOursIsKeptAsideAndAFreshStoreBegun) {
-    ASSERT_EQ(0, set("a", "1"));
-    ASSERT_EQ(0, set("b", std::string(1000, 'b')));
-    onFile("PRAGMA wal_checkpoint(TRUNCATE)");
-    std::string whole = contents(configFile());
-    std::string otherDatabase = whole;
-    memset(otherDatabase.data() + 68, 7, 4);
-    std::string scrambledPage = whole;
-    memset(scrambledPage.data() + 4096, 0xA5, 4096);
-    for (const std::string &file : {std::string("[section]\nkey=value\n"), std::string(100000, 'x'),
-                                    std::string(), whole.substr(0, 5000), whole.substr(0, 4096),
-                                    whole.substr(0, 60), otherDatabase, scrambledPage}) {
-        SCOPED_TRACE(file.size());
-        replaceFile(file);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(kMissing, get("a"));
-        std::string said = testing::internal::GetCapturedStderr();
-        ASSERT_EQ(1U, keptAside().size());
-        EXPECT_EQ(file, contents(configFile(keptAside()[0])));
-        EXPECT_NE(std::string::npos, said.find(keptAside()[0])) << said;
-        EXPECT_EQ(0, set("a", "2"));
-        EXPECT_EQ("2", get("a"));
-    }
-}
-
-TEST_F(ConfigClient, NewerStoreIsRefusedAndLeftInPlace) {
-    ASSERT_EQ(0, set("a", "1"));
-    onFile("PRAGMA user_version = 1000; PRAGMA wal_checkpoint(TRUNCATE)");
-    std::string newer = contents(configFile());
-    replaceFile(newer);
-    EXPECT_EQ("failed: 8", get("a"));
-    EXPECT_EQ(TAMO_HOST_REFUSED, set("a", "2"));
-    EXPECT_EQ(newer, contents(configFile()));
-    EXPECT_TRUE(keptAside().empty());
-}
-
-TEST_F(ConfigClient, DamageDoneWhileTheStoreIsOpenIsFoundWhenItIsMet) {
-    std::string filler(1000, 'f');
-    std::vector<ConfConfigOmRecord> stored;
-    for (int at = 0; at < 2000; at++) {
-        stored.push_back(record("key" + std::to_string(at), filler));
-    }
-    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 2000));
-    onFile("PRAGMA wal_checkpoint(TRUNCATE)");
-    ASSERT_EQ(filler, get("key0"));
-    fs::resize_file(configFile(), fs::file_size(configFile()) / 2);
-    for (ConfConfigOmRecord &one : stored) {
-        TamoOmConfigcopyStr2Val(&one.value, "new");
-    }
-    EXPECT_EQ(0, TamoOmConfigStringMset(stored.data(), 2000));
-    EXPECT_EQ("new", get("key0"));
-    EXPECT_EQ("new", get("key1999"));
-    EXPECT_EQ(1U, keptAside().size());
-}
-
-TEST_F(ConfigClient, LogWithoutItsStoreIsKeptAsideToo) {
-    for (ptrdiff_t times = 1; times <= 3; times++) {
-        ASSERT_EQ(0, set("a", "1"));
-        fs::remove(configFile());
-        EXPECT_EQ(kMissing, get("a")) << "the old log is not the new store's";
-        auto isKeptLog = [](const fs::directory_entry &entry) {
-            std::string name = entry.path().filename();
-            return name.find(".damaged-") != std::string::npos && name.ends_with("-wal");
-        };
-        fs::directory_iterator files(configFile().parent_path());
-        EXPECT_EQ(times, std::count_if(begin(files), end(files), isKeptLog));
-    }
-}
-
-TEST_F(ConfigClient, UnfinishedBeginningIsBegunAnew) {
-    fs::create_directories(configFile().parent_path());
-    std::ofstream(configFile("config.db.new")) << "half of it";
-    std::ofstream(configFile("config.db.new-wal")) << "half of it";
-    EXPECT_EQ(0, set("a", "1"));
-    EXPECT_EQ("1", get("a"));
-    EXPECT_FALSE(fs::exists(configFile("config.db.new")));
-}
-
-TEST_F(ConfigClient, StoreThatCannotBeBegunFailsWithARecord) {
-    support::diskFull = true;
-    testing::internal::CaptureStderr();
-    EXPECT_NE(0, set("a", "1"));
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("disk full"));
-    support::diskFull = false;
-    EXPECT_FALSE(fs::exists(configFile()));
-    EXPECT_EQ(0, set("a", "1"));
 }
 
 }  // namespace

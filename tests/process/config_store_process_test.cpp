@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "tamo_host.h"
+#include "tests/host/config_records.h"
 #include "tests/host/disk_faults.h"
 #include "tests/support/child_process.h"
-#include "tests/support/scratch_root.h"
 
 namespace fs = std::filesystem;
 
@@ -25,22 +25,12 @@ namespace {
 
 constexpr uint32_t kBatch = 24;
 
-ConfConfigOmRecord record(const std::string &key, const std::string &value) {
-    ConfConfigOmRecord made = {};
-    TamoOmConfigcopyStr2Key(&made, key.c_str());
-    TamoOmConfigcopyStr2Val(&made.value, value.c_str());
-    return made;
-}
-
-int32_t set(const std::string &key, const std::string &value) {
-    return TamoOmConfigStringSet(record(key, value));
-}
-
-std::string get(const std::string &key) {
-    ConfConfigOmRecord asked = record(key, "");
-    int32_t code = TamoOmConfigStringGet(&asked);
-    return code == 0 ? asked.value.text : "failed: " + std::to_string(code);
-}
+using support::clearStore;
+using support::configFile;
+using support::get;
+using support::kMissing;
+using support::record;
+using support::set;
 
 /* A batch is a number under many keys, made long enough that the log is carried over now and then. */
 std::vector<ConfConfigOmRecord> batch(int number) {
@@ -65,18 +55,6 @@ int storedBatch() {
         }
     }
     return atoi(records[0].value.text);
-}
-
-fs::path configFile() {
-    return fs::path(support::scratchRoot()) / "config/config.db";
-}
-
-/* Leaves no file behind; a connection of this process finds that out. */
-void clearStore() {
-    fs::create_directories(configFile().parent_path());
-    for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
-        fs::remove_all(entry.path());
-    }
 }
 
 /* A connection that holds what the client's own never hold for long. */
@@ -118,8 +96,7 @@ const support::ChildRole settingRole("setting", [](const support::ChildArguments
 const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArguments &arguments) {
     std::atomic<bool> &fault = arguments[0] == "full" ? support::diskFull : support::diskTight;
     fault = true;
-    bool held =
-        get("a") == "1" && get("b") == "failed: 12" && set("a", "2") != 0 && get("a") == "1";
+    bool held = get("a") == "1" && get("b") == kMissing && set("a", "2") != 0 && get("a") == "1";
     fault = false;
     return held && set("a", "3") == 0 && get("a") == "3" && set("a", "1") == 0 ? 0 : 1;
 });

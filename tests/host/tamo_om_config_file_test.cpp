@@ -1,0 +1,183 @@
+/* The configuration store's file: what a write costs it, a full disk, and what becomes of one that is
+ * not as it should be. */
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <string.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "config_records.h"
+#include "disk_faults.h"
+#include "tamo_host.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using support::configFile;
+using support::get;
+using support::kMissing;
+using support::record;
+using support::set;
+
+class ConfigFile : public testing::Test {
+  protected:
+    ConfigFile() { support::clearStore(); }
+    ~ConfigFile() override { support::diskFull = false; }
+};
+
+/* The names of stores that were moved aside. */
+std::vector<std::string> keptAside(const std::string &companion = "") {
+    std::vector<std::string> names;
+    for (const auto &entry : fs::directory_iterator(configFile().parent_path())) {
+        std::string name = entry.path().filename();
+        bool isCompanion = name.ends_with("-shm") || name.ends_with("-wal");
+        if (name.find(".damaged-") != std::string::npos && name.ends_with(companion) &&
+            isCompanion == !companion.empty()) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+/* Puts a file where the store is, with nobody having it open. */
+void replaceFile(const std::string &contents) {
+    support::clearStore();
+    std::ofstream(configFile(), std::ios::binary) << contents;
+}
+
+std::string contents(const fs::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void onFile(const char *statements) {
+    sqlite3 *database = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(configFile().c_str(), &database));
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, statements, nullptr, nullptr, nullptr))
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+}
+
+TEST_F(ConfigFile, WriteIsFlushedOnce) {
+    std::vector<ConfConfigOmRecord> stored;
+    for (int at = 0; at < 50; at++) {
+        stored.push_back(record("key" + std::to_string(at), "first"));
+    }
+    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
+    for (ConfConfigOmRecord &one : stored) {
+        TamoOmConfigcopyStr2Val(&one.value, "second");
+    }
+    int before = support::flushes;
+    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
+    EXPECT_EQ(before + 1, support::flushes);
+    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
+    EXPECT_EQ(before + 1, support::flushes) << "what is stored already needs no flush";
+    ASSERT_EQ(0, TamoOmConfigStringMget(stored.data(), 50));
+    EXPECT_EQ(before + 1, support::flushes);
+}
+
+TEST_F(ConfigFile, FullDiskFailsWritesWholeAndLetsReadsGoOn) {
+    ASSERT_EQ(0, set("a", "1"));
+    ASSERT_EQ("1", get("a"));
+    support::diskFull = true;
+    testing::internal::CaptureStderr();
+    ConfConfigOmRecord stored[] = {record("a", "2"), record("b", std::string(1000, 'b'))};
+    EXPECT_NE(0, TamoOmConfigStringMset(stored, 2));
+    std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find("disk full: free space below " + support::scratchRoot()))
+        << said;
+    EXPECT_EQ("1", get("a"));
+    EXPECT_EQ(kMissing, get("b"));
+    support::diskFull = false;
+    EXPECT_EQ(0, TamoOmConfigStringMset(stored, 2));
+    EXPECT_EQ("2", get("a"));
+}
+
+TEST_F(ConfigFile, FileThatIsNotOursIsKeptAsideAndAFreshStoreBegun) {
+    ASSERT_EQ(0, set("a", "1"));
+    ASSERT_EQ(0, set("b", std::string(1000, 'b')));
+    onFile("PRAGMA wal_checkpoint(TRUNCATE)");
+    std::string whole = contents(configFile());
+    std::string otherDatabase = whole;
+    memset(otherDatabase.data() + 68, 7, 4);
+    std::string scrambledPage = whole;
+    memset(scrambledPage.data() + 4096, 0xA5, 4096);
+    for (const std::string &file : {std::string("[section]\nkey=value\n"), std::string(100000, 'x'),
+                                    std::string(), whole.substr(0, 5000), whole.substr(0, 4096),
+                                    whole.substr(0, 60), otherDatabase, scrambledPage}) {
+        SCOPED_TRACE(file.size());
+        replaceFile(file);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(kMissing, get("a"));
+        std::string said = testing::internal::GetCapturedStderr();
+        ASSERT_EQ(1U, keptAside().size());
+        EXPECT_EQ(file, contents(configFile(keptAside()[0])));
+        EXPECT_NE(std::string::npos, said.find(keptAside()[0])) << said;
+        EXPECT_EQ(0, set("a", "2"));
+        EXPECT_EQ("2", get("a"));
+    }
+}
+
+TEST_F(ConfigFile, NewerStoreIsRefusedAndLeftInPlace) {
+    ASSERT_EQ(0, set("a", "1"));
+    onFile("PRAGMA user_version = 1000; PRAGMA wal_checkpoint(TRUNCATE)");
+    std::string newer = contents(configFile());
+    replaceFile(newer);
+    EXPECT_EQ("failed: 8", get("a"));
+    EXPECT_EQ(TAMO_HOST_REFUSED, set("a", "2"));
+    EXPECT_EQ(newer, contents(configFile()));
+    EXPECT_TRUE(keptAside().empty());
+}
+
+TEST_F(ConfigFile, DamageDoneWhileTheStoreIsOpenIsFoundWhenItIsMet) {
+    std::string filler(1000, 'f');
+    std::vector<ConfConfigOmRecord> stored;
+    for (int at = 0; at < 2000; at++) {
+        stored.push_back(record("key" + std::to_string(at), filler));
+    }
+    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 2000));
+    onFile("PRAGMA wal_checkpoint(TRUNCATE)");
+    ASSERT_EQ(filler, get("key0"));
+    fs::resize_file(configFile(), fs::file_size(configFile()) / 2);
+    for (ConfConfigOmRecord &one : stored) {
+        TamoOmConfigcopyStr2Val(&one.value, "new");
+    }
+    EXPECT_EQ(0, TamoOmConfigStringMset(stored.data(), 2000));
+    EXPECT_EQ("new", get("key0"));
+    EXPECT_EQ("new", get("key1999"));
+    EXPECT_EQ(1U, keptAside().size());
+}
+
+TEST_F(ConfigFile, LogWithoutItsStoreIsKeptAsideToo) {
+    for (size_t times = 1; times <= 3; times++) {
+        ASSERT_EQ(0, set("a", "1"));
+        fs::remove(configFile());
+        EXPECT_EQ(kMissing, get("a")) << "the old log is not the new store's";
+        EXPECT_EQ(times, keptAside("-wal").size());
+    }
+}
+
+TEST_F(ConfigFile, UnfinishedBeginningIsBegunAnew) {
+    fs::create_directories(configFile().parent_path());
+    std::ofstream(configFile("config.db.new")) << "half of it";
+    std::ofstream(configFile("config.db.new-wal")) << "half of it";
+    EXPECT_EQ(0, set("a", "1"));
+    EXPECT_EQ("1", get("a"));
+    EXPECT_FALSE(fs::exists(configFile("config.db.new")));
+}
+
+TEST_F(ConfigFile, StoreThatCannotBeBegunFailsWithARecord) {
+    support::diskFull = true;
+    testing::internal::CaptureStderr();
+    EXPECT_NE(0, set("a", "1"));
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("disk full"));
+    support::diskFull = false;
+    EXPECT_FALSE(fs::exists(configFile()));
+    EXPECT_EQ(0, set("a", "1"));
+}
+
+}  // namespace
