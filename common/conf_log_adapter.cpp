@@ -48,6 +48,24 @@ size_t putPrefix(char *record, const char *functionName) {
     return length;
 }
 
+/* A function of its own, so that a suppressed record does not pay for this one's stack frame. */
+__attribute__((noinline)) void formatRecord(uint8_t level, const char *functionName,
+                                            const char *fileName, int32_t line, const char *format,
+                                            va_list arguments) {
+    if (fileName == nullptr || format == nullptr) {
+        return;
+    }
+    char record[kRecordSize];
+    const size_t prefix = putPrefix(record, functionName);
+    const size_t room = kRecordSize - prefix;
+    const int length = vsnprintf(record + prefix, room, format, arguments);
+    /* A record that does not fit is dropped whole: half a record misleads. */
+    if (length < 0 || static_cast<size_t>(length) >= room) {
+        return;
+    }
+    handToClient(level, fileName, line, record);
+}
+
 /* The length of the next piece of a text: all that is left, or up to the last line feed near
  * enough. */
 size_t pieceLength(const char *text) {
@@ -105,26 +123,17 @@ int32_t SetLogLevel(uint8_t level) {
     return 0;
 }
 
-void ConfLogPrintf(uint8_t level, const char *functionName, const char *fileName, int32_t line,
-                   const char *format, ...) {
-    if (!passesFilter(level)) {
+/* For what is suppressed: within one line of the cache, and without a jump more than it needs. */
+__attribute__((aligned(64))) void ConfLogPrintf(uint8_t level, const char *functionName,
+                                                const char *fileName, int32_t line,
+                                                const char *format, ...) {
+    if (!passesFilter(level)) [[likely]] {
         return;
     }
-    if (fileName == nullptr || format == nullptr) {
-        return;
-    }
-    char record[kRecordSize];
-    const size_t prefix = putPrefix(record, functionName);
-    const size_t room = kRecordSize - prefix;
     va_list arguments;
     va_start(arguments, format);
-    const int length = vsnprintf(record + prefix, room, format, arguments);
+    formatRecord(level, functionName, fileName, line, format, arguments);
     va_end(arguments);
-    /* A record that does not fit is dropped whole: half a record misleads. */
-    if (length < 0 || static_cast<size_t>(length) >= room) {
-        return;
-    }
-    handToClient(level, fileName, line, record);
 }
 
 void ConfLogPrintfStr(uint8_t level, const char *functionName, const char *fileName, int32_t line,
