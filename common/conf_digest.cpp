@@ -3,9 +3,12 @@
 
 #include <openssl/evp.h>
 
+#include <atomic>
+
 namespace {
 
-uint32_t omsConfType = 0;
+/* Atomic so that a reader beside a writer gets one of the two values. It orders nothing else. */
+constinit std::atomic<uint32_t> omsConfType = 0;
 
 /* Null for an unknown algorithm, and for one that libcrypto was built without. */
 const EVP_MD *methodOf(uint16_t algorithm) {
@@ -17,7 +20,11 @@ const EVP_MD *methodOf(uint16_t algorithm) {
         case CONF_DIGEST_MD5:
             return EVP_md5();
         case CONF_DIGEST_SM3:
+#ifdef OPENSSL_NO_SM3
+            return nullptr;
+#else
             return EVP_sm3();
+#endif
         default:
             return nullptr;
     }
@@ -73,14 +80,26 @@ uint32_t MOX_CRYPT_digestFinal(void **context, unsigned char *digest, unsigned i
     return result == 1 ? 1 : 0;
 }
 
-uint32_t GetOmsConfType(void) { return omsConfType; }
+uint32_t GetOmsConfType(void) {
+    return omsConfType.load(std::memory_order_relaxed);
+}
 
-void SetOmsConfType(uint32_t value) { omsConfType = value; }
+void SetOmsConfType(uint32_t value) {
+    omsConfType.store(value, std::memory_order_relaxed);
+}
 
-uint32_t ConfReportToTellum(void) { return 0; }
+uint32_t ConfReportToTellum(void) {
+    return 0;
+}
 
-uint32_t ConfReportAddrBookToTellum(void) { return 0; }
+uint32_t ConfReportAddrBookToTellum(void) {
+    return 0;
+}
 
-uint32_t ConfReportRegisterToTellum(void) { return 0; }
+uint32_t ConfReportRegisterToTellum(void) {
+    return 0;
+}
 
-uint32_t ConfReportCallErrToTellum(void) { return 0; }
+uint32_t ConfReportCallErrToTellum(void) {
+    return 0;
+}

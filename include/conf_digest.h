@@ -46,7 +46,7 @@ uint32_t MOX_CRYPT_digestFinal(void **context, unsigned char *digest, unsigned i
  * it. */
 uint32_t GetOmsConfType(void);
 
-/* Sets the conference type. Not synchronised with readers: set it at start-up. */
+/* Sets the conference type, to any value. Orders nothing else between threads. */
 void SetOmsConfType(uint32_t value);
 
 /* Event reports: this library reports nothing; always 0. */

@@ -1,11 +1,10 @@
-/* The local address from which traffic to a destination leaves. */
+/* The local address from which traffic to a destination leaves. inet_ntop writes to the caller's buffer
+ * directly: it leaves a buffer alone that the text does not fit. */
 #include "include/conf_network_utils.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-
-#include <cstring>
 
 #include "common/log.h"
 #include "common/platform_block.h"
@@ -50,7 +49,8 @@ PlatformBlock<IpAdapter> readAdapters() {
     return noAdapters();
 }
 
-/* The bytes of an address that may be chosen; null for a missing and for a link-local one. */
+/* The bytes of an address that may be chosen; null for a missing one, and for one that is or might be
+ * of a link or a site only: either of the first two bytes of fe80 tells. */
 const uint8_t *usableAddress(const IpUnicastAddress &unicast) {
     if (unicast.address == nullptr) {
         return nullptr;
@@ -64,13 +64,8 @@ const uint8_t *usableAddress(const IpUnicastAddress &unicast) {
 bool writeAdapterAddress(const IpAdapter &adapter, char *out, uint32_t outSize) {
     for (const IpUnicastAddress *unicast = adapter.firstUnicast; unicast != nullptr;
          unicast = unicast->next) {
-        char text[INET6_ADDRSTRLEN];
         const uint8_t *bytes = usableAddress(*unicast);
-        if (bytes == nullptr || inet_ntop(AF_INET6, bytes, text, sizeof(text)) == nullptr) {
-            continue;
-        }
-        /* Measured here, so that the caller's buffer is touched by an address that fits only. */
-        if (strlen(text) < outSize && strcpy_s(out, outSize, text) == 0) {
+        if (bytes != nullptr && inet_ntop(AF_INET6, bytes, out, outSize) != nullptr) {
             return true;
         }
     }
@@ -151,16 +146,14 @@ uint32_t bestLocalIpv4(uint32_t destination, char *out, uint32_t outSize) {
     if (row == nullptr) {
         return 1;
     }
-    char text[INET_ADDRSTRLEN];
-    const bool fits = inet_ntop(AF_INET, &row->address, text, sizeof(text)) != nullptr &&
-                      strlen(text) < outSize;
-    return fits && strcpy_s(out, outSize, text) == 0 ? 0 : 1;
+    return inet_ntop(AF_INET, &row->address, out, outSize) != nullptr ? 0 : 1;
 }
 
 }  // namespace
 
 uint32_t GetBestLocalIpByDestIp(const char *destination, char *out, uint32_t outSize) {
-    if (destination == nullptr || out == nullptr || outSize == 0) {
+    const bool empty = destination == nullptr || *destination == '\0';
+    if (empty || out == nullptr || outSize == 0) {
         CONF_LOG(CONF_LOG_ERROR, "GetBestLocalIpByDestIp param error!");
         return 1;
     }

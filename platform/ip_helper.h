@@ -53,20 +53,21 @@ typedef struct IpSocketAddress6 {
     uint32_t scope;
 } IpSocketAddress6;
 
-/* The interface from which packets to the destination leave. */
+/* The interface from which packets to the destination leave; fails when there is no route to it. */
 uint32_t GetBestInterfaceEx(const IpSocketAddress6 *destination, uint32_t *interfaceIndex);
 
-/* All adapters with their addresses of a family (23), as a list that begins at `buffer` and lies in its
- * `*size` bytes. When they do not suffice, `*size` becomes what does and the result 111. `flags` choose
- * what else is told on other systems; `reserved` is null. */
+/* The adapters that have addresses of a family (23) with these addresses, as a list that begins at
+ * `buffer` and lies in its `*size` bytes. An adapter's addresses come in the order of preference; those
+ * that nothing can be sent from are left out. When the bytes do not suffice, `*size` becomes what does
+ * and the result 111. `flags` choose what else is told on other systems; `reserved` is null. */
 uint32_t GetAdaptersAddresses(uint32_t family, uint32_t flags, void *reserved, IpAdapter *buffer,
                               uint32_t *size);
 
-/* The route to an IPv4 destination; `source` is 0. */
+/* The route to an IPv4 destination; `source` is 0. Fails when there is none, as for 255.255.255.255. */
 uint32_t GetBestRoute(uint32_t destination, uint32_t source, IpForwardRow *route);
 
 /* The IPv4 addresses of all interfaces, in `*size` bytes; when they do not suffice, `*size` becomes what
- * does and the result 122. `sorted` 0 leaves the system's order. */
+ * does and the result 122. `sorted` 0 leaves the system's order, anything else sorts by address. */
 uint32_t GetIpAddrTable(IpAddrTable *table, uint32_t *size, int32_t sorted);
 
 #pragma GCC visibility pop
