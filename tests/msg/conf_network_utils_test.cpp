@@ -225,8 +225,8 @@ TEST_F(BestLocalIp, AdapterBufferIsEnlargedTwiceAtMost) {
 TEST_F(BestLocalIp, AddressThatFitsIsLookedForFurther) {
     network.adapters = {{kBest, {"2001:db8:1234:5678:9abc:def0:1234:5678", "2001:db8::5"}},
                         {kBest, {"::5"}}};
-    EXPECT_EQ(choose(kDestination6, 40), "2001:db8:1234:5678:9abc:def0:1234:5678");
-    EXPECT_EQ(choose(kDestination6, 39), "2001:db8::5");
+    EXPECT_EQ(choose(kDestination6, 39), "2001:db8:1234:5678:9abc:def0:1234:5678");
+    EXPECT_EQ(choose(kDestination6, 38), "2001:db8::5");
     EXPECT_EQ(choose(kDestination6, 11), "::5");
     EXPECT_EQ(choose(kDestination6, 3), "none");
 }
