@@ -1,6 +1,6 @@
 /* The choice of a local address beside what a program without it would do: open a datagram socket,
  * connect it, ask for its local address and close it. No packet is sent for that. Runs in a network of
- * its own, with a gateway on each family's network, and once more with 10,000 routes. */
+ * its own, with a gateway on each family's network, and once more with 10,000 routes of each family. */
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -95,7 +95,8 @@ std::string manyRoutes() {
     for (int i = 0; i < 10000; i++) {
         lines += "route add 172." + std::to_string(16 + i / 4096) + "." +
                  std::to_string(i / 16 % 256) + "." + std::to_string(i % 16 * 16) +
-                 "/28 via 10.0.0.1\n";
+                 "/28 via 10.0.0.1\nroute add 2001:db8:ff:" + std::to_string(i) +
+                 "::/64 via 2001:db8::1\n";
     }
     return lines;
 }

@@ -1,11 +1,9 @@
-/* The IP helper, on answers that the test gives in the kernel's place: its socket calls pass the
- * definitions below. The real kernel is asked in network_namespace_test.cpp. */
+/* The IP helper, on answers that the test gives in the kernel's place. The real kernel is asked in
+ * network_namespace_test.cpp. */
 #include "platform/ip_helper.h"
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -20,141 +18,16 @@
 #include <thread>
 #include <vector>
 
+#include "tests/host/netlink_kernel.h"
 #include "tests/support/open_descriptors.h"
 
 namespace {
 
+using netlink::Datagram;
+using netlink::kernel;
+using netlink::Step;
 using std::string;
 using std::vector;
-
-/* One datagram of an answer under construction. */
-class Datagram {
-  public:
-    template <typename Header>
-    Datagram &begin(uint16_t type, const Header &header, uint16_t flags = 0) {
-        last_ = used_;
-        nlmsghdr *message = mnl_nlmsg_put_header(bytes_ + used_);
-        message->nlmsg_type = type;
-        message->nlmsg_flags = flags;
-        memcpy(mnl_nlmsg_put_extra_header(message, sizeof(header)), &header, sizeof(header));
-        used_ = last_ + MNL_ALIGN(message->nlmsg_len);
-        return *this;
-    }
-
-    Datagram &put(uint16_t attribute, const void *value, size_t size) {
-        mnl_attr_put(last(), attribute, size, value);
-        used_ = last_ + MNL_ALIGN(last()->nlmsg_len);
-        return *this;
-    }
-
-    Datagram &address(uint16_t attribute, const char *text) {
-        in6_addr value;
-        const int family = strchr(text, ':') != nullptr ? AF_INET6 : AF_INET;
-        EXPECT_EQ(inet_pton(family, text, &value), 1);
-        return put(attribute, &value, family == AF_INET6 ? 16 : 4);
-    }
-
-    Datagram &index(uint32_t value) { return put(RTA_OIF, &value, sizeof(value)); }
-
-    Datagram &done(int32_t result = 0) { return begin(NLMSG_DONE, result); }
-
-    nlmsghdr *last() { return reinterpret_cast<nlmsghdr *>(bytes_ + last_); }
-
-    /* The bytes, addressed to the asker. What a test put into the two fields makes them wrong. */
-    string finish(uint32_t sequence, uint32_t port) {
-        int left = static_cast<int>(used_);
-        for (auto *each = reinterpret_cast<nlmsghdr *>(bytes_); mnl_nlmsg_ok(each, left);
-             each = mnl_nlmsg_next(each, &left)) {
-            each->nlmsg_seq += sequence;
-            each->nlmsg_pid += port;
-        }
-        return string(bytes_, used_);
-    }
-
-  private:
-    alignas(nlmsghdr) char bytes_[8192] = {};
-    size_t used_ = 0, last_ = 0;
-};
-
-/* What the next questions meet. A step is one datagram, or an errno. */
-struct Step {
-    int error = 0;
-    Datagram datagram;
-};
-struct Kernel {
-    bool replaced = false;
-    vector<vector<Step>> answers; /* to one question each */
-    vector<string> questions;
-    size_t read = 0; /* steps of the current answer */
-    int failSends = 0, failSockets = 0;
-    string lengthen; /* bytes behind a datagram that do not fit the reader's buffer */
-};
-Kernel kernel;
-
-template <typename Function>
-Function *nextDefinition(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-
-uint32_t portOf(int socket) {
-    sockaddr_nl address = {};
-    socklen_t size = sizeof(address);
-    getsockname(socket, reinterpret_cast<sockaddr *>(&address), &size);
-    return address.nl_pid;
-}
-
-ssize_t fail(int error) {
-    errno = error;
-    return -1;
-}
-
-}  // namespace
-
-extern "C" {
-
-int socket(int domain, int type, int protocol) noexcept {
-    if (domain == AF_NETLINK && kernel.failSockets > 0) {
-        kernel.failSockets--;
-        return static_cast<int>(fail(EMFILE));
-    }
-    return nextDefinition<decltype(socket)>(__func__)(domain, type, protocol);
-}
-
-ssize_t send(int socket, const void *data, size_t size, int flags) {
-    if (!kernel.replaced) {
-        return nextDefinition<decltype(send)>(__func__)(socket, data, size, flags);
-    }
-    if (kernel.failSends > 0) {
-        kernel.failSends--;
-        return fail(ENOBUFS);
-    }
-    kernel.questions.emplace_back(static_cast<const char *>(data), size);
-    kernel.read = 0;
-    return static_cast<ssize_t>(size);
-}
-
-ssize_t recv(int socket, void *data, size_t size, int flags) {
-    if (!kernel.replaced) {
-        return nextDefinition<decltype(recv)>(__func__)(socket, data, size, flags);
-    }
-    const size_t question = kernel.questions.size() - 1;
-    if (question >= kernel.answers.size() || kernel.read >= kernel.answers[question].size()) {
-        ADD_FAILURE() << "more is read than the kernel says";
-        return fail(EAGAIN);
-    }
-    Step step = kernel.answers[question][kernel.read++];
-    if (step.error != 0) {
-        return fail(step.error);
-    }
-    const auto *asked = reinterpret_cast<const nlmsghdr *>(kernel.questions.back().data());
-    const string bytes = step.datagram.finish(asked->nlmsg_seq, portOf(socket)) + kernel.lengthen;
-    memcpy(data, bytes.data(), std::min(bytes.size(), size));
-    return static_cast<ssize_t>(flags & MSG_TRUNC ? bytes.size() : std::min(bytes.size(), size));
-}
-
-}  // extern "C"
-
-namespace {
 
 uint32_t ip(const char *text) {
     return inet_addr(text);
