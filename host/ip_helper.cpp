@@ -143,7 +143,8 @@ bool askAddresses(uint8_t family, const NetlinkReader &reader) {
 }
 
 /* Copies the address that a message tells of. On a line between two points that is the local one;
- * elsewhere there is only one. */
+ * elsewhere there is only one. False also for an address of another family, by its size: a kernel
+ * without the family that was asked for tells of all others. */
 template <typename Address>
 bool localAddress(const nlmsghdr *message, Address *address) {
     const Attributes<IFA_LOCAL> attributes(message, sizeof(ifaddrmsg));
@@ -166,7 +167,7 @@ void addRow(const nlmsghdr *message, void *context) {
     auto *fill = static_cast<TableFill *>(context);
     const auto *header = headerOf<ifaddrmsg>(message, RTM_NEWADDR);
     uint32_t address = 0;
-    if (header == nullptr || header->ifa_family != AF_INET || !localAddress(message, &address)) {
+    if (header == nullptr || !localAddress(message, &address)) {
         return;
     }
     if (fill->count < fill->room) {
@@ -236,7 +237,7 @@ void linkAddress(AdapterFill *fill, IpUnicastAddress *added, bool deprecated) {
 bool isUsable(const ifaddrmsg &header) {
     const bool proven =
         (header.ifa_flags & (IFA_F_TENTATIVE | IFA_F_OPTIMISTIC)) != IFA_F_TENTATIVE;
-    return header.ifa_family == AF_INET6 && proven && (header.ifa_flags & IFA_F_DADFAILED) == 0;
+    return proven && (header.ifa_flags & IFA_F_DADFAILED) == 0;
 }
 
 void addAdapterAddress(const nlmsghdr *message, void *context) {

@@ -95,7 +95,7 @@ uint32_t bestLocalIpv6(const uint8_t (&destination)[16], char *out, uint32_t out
 
 /* ---- IPv4 ---- */
 
-/* The system's IPv4 addresses; null when it does not tell, or has none. */
+/* The system's IPv4 addresses; null when it does not tell. */
 PlatformBlock<IpAddrTable> readAddresses() {
     uint32_t size = 0;
     auto table = takeBlock<IpAddrTable>(kFirstTableBytes, kUnit);
@@ -105,7 +105,7 @@ PlatformBlock<IpAddrTable> readAddresses() {
     }
     table.reset();
     table = takeBlock<IpAddrTable>(size, kUnit);
-    if (table != nullptr && (GetIpAddrTable(table.get(), &size, 0) != 0 || table->count == 0)) {
+    if (table != nullptr && GetIpAddrTable(table.get(), &size, 0) != 0) {
         table.reset();
     }
     return table;

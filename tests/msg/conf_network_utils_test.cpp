@@ -188,8 +188,15 @@ TEST_F(BestLocalIp, TableIsReadIntoABlockOfTheSizeAskedFor) {
     EXPECT_EQ(choose(kDestination4), "10.0.0.5");
     EXPECT_EQ(network.blockSizes, (vector<uint32_t>{kFirstTableBytes, 16}));
     for (const uint32_t answer : {0U, 111U, 5U}) {
-        platform::override(GetIpAddrTable,
-                           [=](IpAddrTable *, uint32_t *, int32_t) { return answer; });
+        platform::override(GetIpAddrTable, [=](IpAddrTable *table, uint32_t *size, int32_t) {
+            if (*size == 0) {
+                *size = 16;
+                return answer;
+            }
+            table->count = 1;
+            table->rows[0] = {ip("10.0.0.5"), kBest, UINT32_MAX};
+            return 0U;
+        });
         EXPECT_EQ(choose(kDestination4), "none") << answer;
     }
 }
