@@ -8,7 +8,7 @@ set -euo pipefail
 
 packages=(
     g++ make cmake ninja-build pkg-config ca-certificates
-    libgtest-dev libssl-dev libsqlite3-dev libcjson-dev
+    libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libmnl-dev iproute2
 )
 clang_packages=(clang lld clang-format libclang-rt-14-dev)
 

@@ -1,8 +1,10 @@
 /* The exported boundary as a plain C program uses it: each function once. A second thread serves the
  * queue that the first one sends to. */
 #include <conf_config.h>
+#include <conf_digest.h>
 #include <conf_log_adapter.h>
 #include <conf_msg_api.h>
+#include <conf_network_utils.h>
 #include <param_check.h>
 #include <pthread.h>
 #include <stdbool.h>
@@ -47,6 +49,31 @@ static void checkTexts(void) {
     CHECK(ConfGetAtoi("0x10", -1) == 16);
     ConfTrim(text);
     CHECK(strcmp(text, "trimmed") == 0);
+}
+
+static void checkDigests(void) {
+    unsigned char whole[CONF_DIGEST_LONGEST], pieces[CONF_DIGEST_LONGEST];
+    unsigned int length = 0;
+    void *context = NULL;
+    CHECK(MOX_CRYPT_digest(CONF_DIGEST_MD5, "abc", 3, whole, &length) == 1 && length == 16);
+    CHECK(MOX_CRYPT_digestInit(&context, CONF_DIGEST_MD5) == 1);
+    CHECK(MOX_CRYPT_digestUpdate(context, "abc", 3) == 1);
+    CHECK(MOX_CRYPT_digestFinal(&context, pieces, NULL) == 1 && context == NULL);
+    CHECK(memcmp(whole, pieces, length) == 0);
+}
+
+static void checkProcessValues(void) {
+    SetOmsConfType(3);
+    CHECK(GetOmsConfType() == 3);
+    CHECK(ConfReportToTellum() == 0 && ConfReportAddrBookToTellum() == 0);
+    CHECK(ConfReportRegisterToTellum() == 0 && ConfReportCallErrToTellum() == 0);
+}
+
+static void checkNetwork(void) {
+    char local[46] = "";
+    CHECK(GetBestLocalIpByDestIp("no address", local, sizeof(local)) == 1);
+    CHECK(GetBestLocalIpByDestIp("127.0.0.1", local, sizeof(local)) == 0);
+    CHECK(strcmp(local, "127.0.0.1") == 0);
 }
 
 static int32_t boundNumber;
@@ -160,6 +187,9 @@ static void end(void) {
 int boundaryFromC(void) {
     checkLog();
     checkTexts();
+    checkDigests();
+    checkProcessValues();
+    checkNetwork();
     checkConfig();
     checkNotifications();
     checkMessages();

@@ -5,6 +5,7 @@
 #include <assert.h>
 #include <conf_config.h>
 #include <conf_msg_api.h>
+#include <ip_helper.h>
 #include <stddef.h>
 #include <tamo_om_config_client.h>
 #include <tamo_om_log_client.h>
@@ -50,3 +51,12 @@ AT(OmLogCreateParam, fileCount, 4, 4);
 AT(OmLogCreateParam, fileSize, 8, 8);
 AT(OmLogCreateParam, name, 12, 12);
 SIZE(OmLogCreateParam, 44, 44);
+
+SIZE(IpForwardRow, 16, 16);
+SIZE(IpAddrRow, 12, 12);
+AT(IpAddrTable, rows, 4, 4);
+AT(IpAdapter, ipv6InterfaceIndex, 4, 8);
+AT(IpAdapter, firstUnicast, 8, 16);
+AT(IpUnicastAddress, address, 4, 8);
+AT(IpSocketAddress6, address, 8, 8);
+SIZE(IpSocketAddress6, 28, 28);

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/bounds_checked.h"
+#include "platform/ip_helper.h"
 #include "platform/tamo_common.h"
 #include "platform/tamo_om_config_client.h"
 #include "platform/tamo_om_keym_client.h"

@@ -159,6 +159,25 @@ int32_t MOX_Socket_Get_AF_INET6(void) {
     return forward<&MOX_Socket_Get_AF_INET6>(CALLER, kCannotFail);
 }
 
+/* ---- ip_helper.h ---- */
+
+uint32_t GetBestInterfaceEx(const IpSocketAddress6 *destination, uint32_t *interfaceIndex) {
+    return forward<&GetBestInterfaceEx>(CALLER, kOne, destination, interfaceIndex);
+}
+
+uint32_t GetAdaptersAddresses(uint32_t family, uint32_t flags, void *reserved, IpAdapter *buffer,
+                              uint32_t *size) {
+    return forward<&GetAdaptersAddresses>(CALLER, kOne, family, flags, reserved, buffer, size);
+}
+
+uint32_t GetBestRoute(uint32_t destination, uint32_t source, IpForwardRow *route) {
+    return forward<&GetBestRoute>(CALLER, kOne, destination, source, route);
+}
+
+uint32_t GetIpAddrTable(IpAddrTable *table, uint32_t *size, int32_t sorted) {
+    return forward<&GetIpAddrTable>(CALLER, kOne, table, size, sorted);
+}
+
 /* ---- tamo_om_config_client.h, tamo_om_keym_client.h ---- */
 
 int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName) {

@@ -1,0 +1,268 @@
+/* Digests against the published examples of their standards, with a libcrypto that fails where a test
+ * wants it to; and the process-wide values. */
+#include "include/conf_digest.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace {
+
+using std::string;
+
+/* ---- libcrypto as a test wants it: the library finds these definitions first ---- */
+
+struct Libcrypto {
+    bool failNew = false, failInit = false, failUpdate = false, failFinal = false, lackSm3 = false;
+    int contexts = 0; /* made and not released */
+};
+Libcrypto libcrypto;
+
+template <typename Function>
+Function *nextDefinition(const char *name) {
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+EVP_MD_CTX *EVP_MD_CTX_new(void) {
+    EVP_MD_CTX *made =
+        libcrypto.failNew ? nullptr : nextDefinition<decltype(EVP_MD_CTX_new)>(__func__)();
+    libcrypto.contexts += made != nullptr ? 1 : 0;
+    return made;
+}
+
+void EVP_MD_CTX_free(EVP_MD_CTX *context) {
+    libcrypto.contexts -= context != nullptr ? 1 : 0;
+    nextDefinition<decltype(EVP_MD_CTX_free)>(__func__)(context);
+}
+
+int EVP_DigestInit(EVP_MD_CTX *context, const EVP_MD *method) {
+    return libcrypto.failInit ? 0
+                              : nextDefinition<decltype(EVP_DigestInit)>(__func__)(context, method);
+}
+
+int EVP_DigestUpdate(EVP_MD_CTX *context, const void *data, size_t length) {
+    return libcrypto.failUpdate
+               ? 0
+               : nextDefinition<decltype(EVP_DigestUpdate)>(__func__)(context, data, length);
+}
+
+int EVP_DigestFinal(EVP_MD_CTX *context, unsigned char *digest, unsigned int *length) {
+    return libcrypto.failFinal
+               ? 0
+               : nextDefinition<decltype(EVP_DigestFinal)>(__func__)(context, digest, length);
+}
+
+const EVP_MD *EVP_sm3(void) {
+    return libcrypto.lackSm3 ? nullptr : nextDefinition<decltype(EVP_sm3)>(__func__)();
+}
+
+namespace {
+
+class ConfDigest : public testing::Test {
+  protected:
+    void SetUp() override { libcrypto = {}; }
+    void TearDown() override {
+        EXPECT_EQ(libcrypto.contexts, 0) << "contexts were left, or released twice";
+        libcrypto = {};
+    }
+};
+
+string hex(const unsigned char *bytes, unsigned int length) {
+    string text;
+    for (unsigned int i = 0; i < length; i++) {
+        char two[3];
+        snprintf(two, sizeof(two), "%02x", bytes[i]);
+        text += two;
+    }
+    return text;
+}
+
+string inOneCall(uint16_t algorithm, std::string_view data) {
+    unsigned char digest[CONF_DIGEST_LONGEST];
+    unsigned int length = 0;
+    const uint32_t result = MOX_CRYPT_digest(algorithm, data.data(), data.size(), digest, &length);
+    return result == 1 ? hex(digest, length) : "failed";
+}
+
+/* Pieces of 0, 1, 2, ... bytes, growing faster and faster: most begin and end inside a block. */
+string inPieces(uint16_t algorithm, std::string_view data) {
+    void *context = nullptr;
+    EXPECT_EQ(MOX_CRYPT_digestInit(&context, algorithm), 1U);
+    size_t piece = 0;
+    for (size_t at = 0; at < data.size(); piece += piece / 8 + 1) {
+        const size_t size = std::min(piece, data.size() - at);
+        EXPECT_EQ(MOX_CRYPT_digestUpdate(context, data.data() + at, size), 1U);
+        at += size;
+    }
+    unsigned char digest[CONF_DIGEST_LONGEST];
+    unsigned int length = 0;
+    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, &length), 1U);
+    EXPECT_EQ(context, nullptr);
+    return hex(digest, length);
+}
+
+TEST_F(ConfDigest, PublishedExamplesInOneCallAndInPieces) {
+    const string million(1000000, 'a');
+    const string letters = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+    string digits, abcd;
+    for (int i = 0; i < 8; i++) {
+        digits += "1234567890";
+        abcd += "abcdabcd";
+    }
+    const struct {
+        uint16_t algorithm;
+        std::string_view data;
+        const char *digest;
+    } examples[] = {
+        {CONF_DIGEST_SHA1, "", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+        {CONF_DIGEST_SHA1, "abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+        {CONF_DIGEST_SHA1, letters, "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+        {CONF_DIGEST_SHA1, million, "34aa973cd4c4daa4f61eeb2bdbad27316534016f"},
+        {CONF_DIGEST_SHA256, "",
+         "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+        {CONF_DIGEST_SHA256, "abc",
+         "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+        {CONF_DIGEST_SHA256, letters,
+         "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+        {CONF_DIGEST_SHA256, million,
+         "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
+        {CONF_DIGEST_MD5, "", "d41d8cd98f00b204e9800998ecf8427e"},
+        {CONF_DIGEST_MD5, "abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {CONF_DIGEST_MD5, digits, "57edf4a22be3c955ac49da2e2107b67a"},
+        {CONF_DIGEST_MD5, million, "7707d6ae4e027c70eea2a935c2296f21"},
+        {CONF_DIGEST_SM3, "", "1ab21d8355cfa17f8e61194831e81a8f22bec8c728fefb747ed035eb5082aa2b"},
+        {CONF_DIGEST_SM3, "abc",
+         "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0"},
+        {CONF_DIGEST_SM3, abcd, "debe9ff92275b8a138604889c18e5a4d6fdb70e5387e5765293dcba39c0c5732"},
+        {CONF_DIGEST_SM3, million,
+         "c8aaf89429554029e231941a2acc0ad61ff2a5acd8fadd25847a3a732b3b02c3"},
+    };
+    for (const auto &[algorithm, data, digest] : examples) {
+        EXPECT_EQ(inOneCall(algorithm, data), digest) << algorithm << ", " << data.size();
+        EXPECT_EQ(inPieces(algorithm, data), digest) << algorithm << ", " << data.size();
+    }
+}
+
+TEST_F(ConfDigest, UnknownOrMissingAlgorithmIsRefused) {
+    unsigned char digest[CONF_DIGEST_LONGEST] = {0x5A};
+    unsigned int length = 77;
+    int marker = 0;
+    void *context = &marker;
+    libcrypto.lackSm3 = true;
+    for (const uint16_t algorithm : {uint16_t{CONF_DIGEST_SM3}, uint16_t{4}, uint16_t{0xFFFF}}) {
+        EXPECT_EQ(MOX_CRYPT_digest(algorithm, "abc", 3, digest, &length), 0U);
+        EXPECT_EQ(MOX_CRYPT_digestInit(&context, algorithm), 0U);
+    }
+    EXPECT_EQ(digest[0], 0x5A);
+    EXPECT_EQ(length, 77U);
+    EXPECT_EQ(context, &marker);
+}
+
+TEST_F(ConfDigest, LengthIsOptionalAndNoDataIsData) {
+    unsigned char digest[CONF_DIGEST_LONGEST];
+    EXPECT_EQ(MOX_CRYPT_digest(CONF_DIGEST_MD5, nullptr, 0, digest, nullptr), 1U);
+    EXPECT_EQ(hex(digest, 16), "d41d8cd98f00b204e9800998ecf8427e");
+    void *context = nullptr;
+    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_MD5), 1U);
+    EXPECT_EQ(MOX_CRYPT_digestUpdate(context, nullptr, 0), 1U);
+    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 1U);
+    EXPECT_EQ(hex(digest, 16), "d41d8cd98f00b204e9800998ecf8427e");
+}
+
+TEST_F(ConfDigest, SecondFinalFails) {
+    void *context = nullptr;
+    unsigned char digest[CONF_DIGEST_LONGEST];
+    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
+    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 1U);
+    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 0U);
+}
+
+TEST_F(ConfDigest, MissingArgumentsFailAndReleaseWhatWasBegun) {
+    unsigned char digest[CONF_DIGEST_LONGEST];
+    unsigned int length = 0;
+    EXPECT_EQ(MOX_CRYPT_digest(CONF_DIGEST_SHA1, nullptr, 3, digest, &length), 0U);
+    EXPECT_EQ(MOX_CRYPT_digest(CONF_DIGEST_SHA1, "abc", 3, nullptr, &length), 0U);
+    EXPECT_EQ(MOX_CRYPT_digestInit(nullptr, CONF_DIGEST_SHA1), 0U);
+    EXPECT_EQ(MOX_CRYPT_digestUpdate(nullptr, "abc", 3), 0U);
+    EXPECT_EQ(MOX_CRYPT_digestFinal(nullptr, digest, &length), 0U);
+
+    void *context = nullptr;
+    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
+    EXPECT_EQ(MOX_CRYPT_digestUpdate(context, nullptr, 3), 0U);
+    EXPECT_EQ(libcrypto.contexts, 0);
+    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
+    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, nullptr, &length), 0U);
+    EXPECT_EQ(context, nullptr);
+}
+
+TEST_F(ConfDigest, FailingLibcryptoLeavesNoContext) {
+    unsigned char digest[CONF_DIGEST_LONGEST];
+    int marker = 0;
+    void *context = &marker;
+    libcrypto.failNew = true;
+    EXPECT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 0U);
+    EXPECT_EQ(context, &marker);
+
+    libcrypto = {};
+    libcrypto.failInit = true;
+    EXPECT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 0U);
+    EXPECT_EQ(context, nullptr);
+    EXPECT_EQ(libcrypto.contexts, 0);
+
+    libcrypto.failInit = false;
+    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
+    libcrypto.failUpdate = true;
+    EXPECT_EQ(MOX_CRYPT_digestUpdate(context, "abc", 3), 0U);
+    EXPECT_EQ(libcrypto.contexts, 0);
+
+    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
+    libcrypto.failFinal = true;
+    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 0U);
+    EXPECT_EQ(context, nullptr);
+}
+
+TEST(ConfProcessValues, ConferenceTypeIsKeptAsItIs) {
+    EXPECT_EQ(GetOmsConfType(), 0U);
+    for (const uint32_t value : {1U, 0xFFFFFFFFU, 0U}) {
+        SetOmsConfType(value);
+        EXPECT_EQ(GetOmsConfType(), value);
+    }
+}
+
+/* For the thread sanitizer, too. */
+TEST(ConfProcessValues, ReaderBesideAWriterGetsAValueThatWasSet) {
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+        for (uint32_t i = 0; i < 10000; i++) {
+            SetOmsConfType(i % 2 == 0 ? 0 : 0xFFFFFFFF);
+        }
+        done = true;
+    });
+    bool torn = false;
+    while (!done) {
+        const uint32_t value = GetOmsConfType();
+        torn = torn || (value != 0 && value != 0xFFFFFFFF);
+    }
+    writer.join();
+    EXPECT_FALSE(torn);
+    SetOmsConfType(0);
+}
+
+TEST(ConfProcessValues, EventReportsReportNothing) {
+    EXPECT_EQ(ConfReportToTellum(), 0U);
+    EXPECT_EQ(ConfReportAddrBookToTellum(), 0U);
+    EXPECT_EQ(ConfReportRegisterToTellum(), 0U);
+    EXPECT_EQ(ConfReportCallErrToTellum(), 0U);
+}
+
+}  // namespace

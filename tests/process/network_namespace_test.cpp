@@ -1,0 +1,215 @@
+/* The choice of a local address on real networks: each test has a child process in a network namespace
+ * of its own, sets up links, addresses and routes there, and asks. Nothing leaves the namespace. */
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "include/conf_network_utils.h"
+#include "platform/ip_helper.h"
+#include "tests/support/child_process.h"
+#include "tests/support/network_namespace.h"
+
+namespace {
+
+using std::string;
+
+/* The local address for a destination, or "none". */
+string choose(const string &destination) {
+    char out[64] = "untouched";
+    if (GetBestLocalIpByDestIp(destination.c_str(), out, sizeof(out)) == 0) {
+        return out;
+    }
+    return strcmp(out, "untouched") == 0 ? "none" : "failed, but written";
+}
+
+/* How many IPv6 addresses of an interface the platform tells. */
+string countAddresses(const string &interfaceName) {
+    alignas(IpAdapter) char buffer[15000];
+    uint32_t size = sizeof(buffer);
+    auto *adapter = reinterpret_cast<IpAdapter *>(buffer);
+    if (GetAdaptersAddresses(23, 0x13C, nullptr, adapter, &size) != 0) {
+        return "no list";
+    }
+    int count = 0;
+    for (; adapter != nullptr; adapter = adapter->next) {
+        const bool wanted = adapter->ipv6InterfaceIndex == if_nametoindex(interfaceName.c_str());
+        for (auto *each = adapter->firstUnicast; wanted && each != nullptr; each = each->next) {
+            count++;
+        }
+    }
+    return std::to_string(count);
+}
+
+/* Does as the parent says, one line after the other: "ip LINES" (";" between them), "choose TEXT",
+ * "count INTERFACE". */
+const support::ChildRole inNamespace("namespace", [](const support::ChildArguments &) {
+    string reason;
+    const bool entered = support::enterNetworkNamespace(&reason);
+    support::tellParent(entered ? "entered" : reason);
+    for (string line = support::hearParent(); !line.empty(); line = support::hearParent()) {
+        const size_t space = line.find(' ');
+        const string verb = line.substr(0, space);
+        string rest = line.substr(space + 1);
+        if (verb == "choose") {
+            support::tellParent(choose(rest));
+        } else if (verb == "count") {
+            support::tellParent(countAddresses(rest));
+        } else {
+            for (char &each : rest) {
+                each = each == ';' ? '\n' : each;
+            }
+            support::tellParent(support::configureNetwork(rest + "\n") ? "done" : "failed");
+        }
+    }
+    return 0;
+});
+
+/* net0 and net1 are the two ends of one cable, net2 and net3 those of another. */
+constexpr char kCables[] =
+    "link add net0 type veth peer name net1;link add net2 type veth peer name net3;"
+    "link set net0 up;link set net1 up;link set net2 up;link set net3 up";
+
+class NetworkNamespace : public testing::Test {
+  protected:
+    void SetUp() override {
+        child.emplace("namespace");
+        const string told = child->hear();
+        if (told != "entered") {
+            GTEST_SKIP() << "this system gives the test no network of its own: " << told;
+        }
+        configure(kCables);
+    }
+    void TearDown() override {
+        if (child) {
+            child->hangUp();
+            EXPECT_EQ(child->wait(), support::exited(0));
+        }
+    }
+
+    void configure(const string &lines) { ASSERT_EQ(ask("ip " + lines), "done") << lines; }
+    string localFor(const string &destination) { return ask("choose " + destination); }
+    string ask(const string &line) {
+        child->tell(line);
+        return child->hear(60);
+    }
+
+    std::optional<support::ChildProcess> child;
+};
+
+TEST_F(NetworkNamespace, OnLinkAndThroughAGateway) {
+    configure(
+        "addr add 10.0.0.5/24 dev net0;addr add 10.0.1.5/16 dev net2;"
+        "route add 198.51.100.0/24 via 10.0.0.1;route add default via 10.0.1.1");
+    EXPECT_EQ(localFor("10.0.0.9"), "10.0.0.5");
+    EXPECT_EQ(localFor("10.0.7.9"), "10.0.1.5");
+    EXPECT_EQ(localFor("198.51.100.9"), "10.0.0.5");
+    EXPECT_EQ(localFor("203.0.113.9"), "10.0.1.5");
+    EXPECT_EQ(localFor("10.0.0.5"), "10.0.0.5");
+    EXPECT_EQ(localFor("127.0.0.1"), "127.0.0.1");
+}
+
+TEST_F(NetworkNamespace, TwoAddressesOnOneInterface) {
+    configure(
+        "addr add 10.0.0.5/24 dev net0;addr add 10.0.1.5/24 dev net0;"
+        "route add 198.51.100.0/24 via 10.0.1.1;route add 203.0.113.0/24 dev net0");
+    EXPECT_EQ(localFor("10.0.0.9"), "10.0.0.5");
+    EXPECT_EQ(localFor("10.0.1.9"), "10.0.1.5");
+    EXPECT_EQ(localFor("198.51.100.9"), "10.0.1.5");
+    EXPECT_EQ(localFor("203.0.113.9"), "10.0.0.5") << "neither matches: the first one";
+}
+
+TEST_F(NetworkNamespace, RouteOverSeveralGateways) {
+    configure(
+        "addr add 10.0.0.5/24 dev net0;addr add 10.0.1.5/24 dev net0;"
+        "route add 198.51.100.0/24 nexthop via 10.0.1.1 nexthop via 10.0.1.2");
+    EXPECT_EQ(localFor("198.51.100.9"), "10.0.1.5");
+}
+
+TEST_F(NetworkNamespace, NoRoute) {
+    for (const char *destination :
+         {"198.51.100.9", "2001:db8::9", "0.0.0.0", "255.255.255.255", "no address", "::"}) {
+        EXPECT_EQ(localFor(destination), "none") << destination;
+    }
+    configure(
+        "addr add 10.0.0.5/24 dev net0;route add default via 10.0.0.1;"
+        "route add unreachable 198.51.100.0/24;route add blackhole 203.0.113.0/24");
+    EXPECT_EQ(localFor("192.0.2.9"), "10.0.0.5");
+    for (const char *destination :
+         {"198.51.100.9", "203.0.113.9", "255.255.255.255", "no address"}) {
+        EXPECT_EQ(localFor(destination), "none") << destination;
+    }
+}
+
+TEST_F(NetworkNamespace, Ipv6OnLinkAndThroughAGateway) {
+    configure(
+        "addr add 2001:db8::5/64 dev net0 nodad;addr add 2001:db8:1::5/64 dev net2 nodad;"
+        "route add 2001:db8:9::/48 via 2001:db8::1;route add default via 2001:db8:1::1");
+    EXPECT_EQ(localFor("2001:db8::9"), "2001:db8::5");
+    EXPECT_EQ(localFor("2001:db8:9::9"), "2001:db8::5");
+    EXPECT_EQ(localFor("2001:db8:a::9"), "2001:db8:1::5");
+    EXPECT_EQ(localFor("2001:db8::5"), "2001:db8::5");
+    EXPECT_EQ(localFor("::1"), "::1");
+}
+
+TEST_F(NetworkNamespace, Ipv6WithLinkLocalAddressesOnlyHasNone) {
+    configure("addr add fe80::5/64 dev net0 nodad;route add default via fe80::1 dev net0");
+    EXPECT_EQ(localFor("2001:db8::9"), "none");
+    EXPECT_EQ(localFor("fe80::1"), "none");
+    configure("addr add 2001:db8::5/64 dev net0 nodad");
+    EXPECT_EQ(localFor("2001:db8:9::9"), "2001:db8::5");
+}
+
+/* Without its other end an interface cannot find out whether an address is its own. */
+TEST_F(NetworkNamespace, Ipv6AddressesThatAreNotProvenAreLeftOut) {
+    configure(
+        "link set net1 down;link set net0 down;link set net0 addrgenmode none;"
+        "link set net0 up;addr add 2001:db8::5/64 dev net0");
+    EXPECT_EQ(ask("count net0"), "0");
+    configure("addr add 2001:db8::6/64 dev net0 nodad");
+    EXPECT_EQ(ask("count net0"), "1");
+}
+
+TEST_F(NetworkNamespace, AddressesThatComeAndGoAreSeenAtOnce) {
+    configure("addr add 10.0.0.5/24 dev net0");
+    EXPECT_EQ(localFor("10.0.0.9"), "10.0.0.5");
+    configure("addr del 10.0.0.5/24 dev net0;addr add 10.0.0.6/24 dev net0");
+    EXPECT_EQ(localFor("10.0.0.9"), "10.0.0.6");
+    configure("addr del 10.0.0.6/24 dev net0");
+    EXPECT_EQ(localFor("10.0.0.9"), "none");
+}
+
+/* So many addresses that the first buffers are too small and the answers come in many pieces. */
+TEST_F(NetworkNamespace, HundredsOfAddresses) {
+    string lines = "addr add 10.0.0.5/24 dev net0";
+    for (int i = 1; i <= 400; i++) {
+        const string number = std::to_string(i);
+        lines += ";addr add 10." + std::to_string(i / 200 + 1) + "." + std::to_string(i % 200) +
+                 ".5/24 dev net0;addr add 2001:db8:" + number + "::5/64 dev net2 nodad";
+    }
+    configure(lines);
+    EXPECT_EQ(localFor("10.2.199.9"), "10.2.199.5");
+    EXPECT_NE(localFor("2001:db8:77::9"), "none");
+    EXPECT_EQ(ask("count net2"), "no list") << "more than 15,000 bytes";
+}
+
+TEST_F(NetworkNamespace, TenThousandRoutes) {
+    string lines =
+        "addr add 10.0.0.5/24 dev net0;addr add 10.1.0.5/24 dev net2;"
+        "addr add 2001:db8::5/64 dev net0 nodad;route add default via 10.1.0.1";
+    for (int i = 0; i < 10000; i++) {
+        lines += ";route add 172." + std::to_string(16 + i / 4096) + "." +
+                 std::to_string(i / 16 % 256) + "." + std::to_string(i % 16 * 16) +
+                 "/28 via 10.0.0.1";
+    }
+    configure(lines);
+    EXPECT_EQ(localFor("172.16.0.1"), "10.0.0.5");
+    EXPECT_EQ(localFor("172.18.112.241"), "10.0.0.5");
+    EXPECT_EQ(localFor("172.18.113.1"), "10.1.0.5") << "behind the last one";
+    EXPECT_EQ(localFor("2001:db8::9"), "2001:db8::5");
+}
+
+}  // namespace
