@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include "host_record.h"
+#include "message_body.h"
 #include "message_queue.h"
 #include "message_wire.h"
 #include "tamo_os_mem.h"
@@ -35,9 +36,12 @@ uint32_t sendResponse(const Message &message, const void *body, uint32_t bodyLen
         head->listLength = list.size;
         packet.list = list.list;
     }
-    int error = tamo::packBody(&packet);
+    /* A window is the sender's to make: where there is none, a file has to do. */
+    tamo::Window *window = message.peer->window.isOpen() ? &message.peer->window : nullptr;
+    tamo::Descriptor none;
+    int error = tamo::packBody(&packet, window, &none);
     if (error == 0) {
-        error = tamo::sendPacket(message.peer->socket.get(), packet, MSG_DONTWAIT);
+        error = tamo::sendPacket(message.peer->socket.get(), &packet, MSG_DONTWAIT);
     }
     if (error == 0) {
         return TAMO_HOST_OK;
@@ -76,14 +80,10 @@ void releaseList(void *body) {
     }
 }
 
-void *ownBody(const Message &message) {
-    return message.mapping != nullptr ? message.mapping : const_cast<uint8_t *>(message.inlineBody);
-}
-
 /* The list went out: the layer releases the block that it was in. */
-void releaseSentList(const Message &message, void *body, const tamo::ResultList &list) {
-    void *own = ownBody(message);
-    if (body != own && tamo::hasBlock(message.packet.msgId, message.packet.bodyLength) &&
+void releaseSentList(Message *message, void *body, const tamo::ResultList &list) {
+    void *own = tamo::bodyOf(message);
+    if (body != own && tamo::hasBlock(message->packet.msgId, message->packet.bodyLength) &&
         tamo::readList(own).list == list.list) {
         /* The response was a copy of the message's body, and both name the block. */
         tamo::writeList(own, {nullptr, 0});
@@ -113,7 +113,7 @@ uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) 
     }
     result = sendResponse(*message, body, bodyLength, list);
     if (result == TAMO_HOST_OK && list.list != nullptr) {
-        releaseSentList(*message, body, list);
+        releaseSentList(message, body, list);
     }
     if (result != TAMO_HOST_OK && result != TAMO_HOST_GONE) {
         message->waiting.store(true, std::memory_order_release); /* another response may fit */
@@ -131,7 +131,7 @@ void TamoHostMsgFree(OsMsgHeader *header) {
         tamo::sendRefusal(message->peer->socket.get(), packet.serial, TAMO_HOST_GONE);
     }
     if (tamo::hasBlock(packet.msgId, packet.bodyLength)) {
-        releaseList(ownBody(*message));
+        releaseList(tamo::bodyOf(message));
     }
     if (message->peer != nullptr) {
         tamo::releasePeer(message->peer);

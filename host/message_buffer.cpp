@@ -6,6 +6,8 @@
 
 #include <new>
 
+#include "message_tls.h"
+
 namespace tamo {
 
 namespace {
@@ -19,7 +21,7 @@ struct Spares {
 };
 
 /* Without a destructor of its own, for those who give a message back after SparesEnd has run. */
-thread_local constinit Spares spares = {};
+thread_local constinit Spares spares TAMO_FAST_TLS = {};
 
 struct SparesEnd {
     ~SparesEnd() {
@@ -54,17 +56,20 @@ Message *takeMessage() {
     message->header = {};
     message->peer = nullptr;
     message->waiting.store(false, std::memory_order_relaxed);
-    message->mapping = nullptr;
-    message->mappingSize = 0;
+    message->apart = nullptr;
+    message->mappedSize = 0;
     message->size = 0;
     return message;
 }
 
 void forgetBody(Message *message) {
-    if (message->mapping != nullptr) {
-        (void)munmap(message->mapping, message->mappingSize);
-        message->mapping = nullptr;
+    if (message->mappedSize > 0) {
+        (void)munmap(message->apart, message->mappedSize);
+    } else {
+        free(message->apart);
     }
+    message->apart = nullptr;
+    message->mappedSize = 0;
 }
 
 void giveMessageBack(Message *message) {
@@ -84,7 +89,7 @@ void giveMessageBack(Message *message) {
     free(message);
 }
 
-void completeHeader(Message *message, void *body) {
+void completeHeader(Message *message) {
     const PacketHead &packet = message->packet;
     OsMsgHeader &header = message->header;
     header.syncFlag = packet.kind == kMessage && (packet.flags & kSenderWaits) != 0 ? 1 : 0;
@@ -92,7 +97,7 @@ void completeHeader(Message *message, void *body) {
     memcpy(header.sender, packet.sender, sizeof(header.sender));
     memcpy(header.receiver, packet.receiver, sizeof(header.receiver));
     header.bodyLength = packet.bodyLength;
-    header.body = packet.bodyLength > 0 ? body : nullptr;
+    header.body = packet.bodyLength > 0 ? bodyOf(message) : nullptr;
 }
 
 }  // namespace tamo

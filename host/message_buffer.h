@@ -22,14 +22,16 @@ constexpr uint8_t kPointerWidth = sizeof(void *);
 enum PacketKind : uint8_t {
     kMessage = 1,
     kResponse = 2,
-    kRefusal = 3,  /* `reason` says why a message has no response */
-    kSuccessor = 4 /* its descriptor is the connection that the sender goes on with */
+    kRefusal = 3,     /* `reason` says why a message has no response */
+    kSuccessor = 4,   /* its descriptor is the connection that the sender goes on with */
+    kAnnouncement = 5 /* the next packet brings a descriptor */
 };
 
 enum PacketFlag : uint8_t {
     kSenderWaits = 1, /* a message that wants a response */
-    kInFile = 2,      /* body and list are in the file */
-    kHasList = 4      /* a response with a result list */
+    kHasList = 2,     /* a response with a result list, which may be empty */
+    kInFile = 4,      /* body and list are in the file that comes with it */
+    kInWindow = 8     /* ... in the window, which comes with the first such message */
 };
 
 struct PacketHead {
@@ -55,8 +57,8 @@ struct PacketHead {
 static_assert(sizeof(PacketHead) == 96 && offsetof(PacketHead, handlerOffset) == 80);
 static_assert(sizeof(PacketHead) % 16 == 0, "an inline body is aligned for any type");
 
-/* Above this, writing a memory file and mapping it costs less than copying through the socket. */
-constexpr uint32_t kInlineLimit = 32U << 10;
+/* As much as two packets of a stock kernel's socket buffer hold. */
+constexpr uint32_t kInlineLimit = 64U << 10;
 
 struct Peer;
 
@@ -64,9 +66,9 @@ struct Message {
     OsMsgHeader header; /* first: a header that comes back is the message's address */
     Peer *peer;         /* the connection that an answer takes; null when none is wanted */
     std::atomic<bool> waiting;
-    void *mapping; /* the body, when it came in a file */
-    uint32_t mappingSize;
-    uint32_t size; /* bytes of the packet */
+    void *apart;         /* a body that was not inline: allocated, or ... */
+    uint32_t mappedSize; /* ... mapped, with this many bytes */
+    uint32_t size;       /* bytes of the packet */
     alignas(16) PacketHead packet;
     uint8_t inlineBody[kInlineLimit];
 };
@@ -75,7 +77,7 @@ static_assert(offsetof(Message, inlineBody) == offsetof(Message, packet) + sizeo
 /* An unused message; null when there is no memory. Only what lies before the packet is set. */
 Message *takeMessage();
 
-/* Unmaps a body that came in a file; the message may be used for another packet. */
+/* Releases a body that was not inline; the message may be used for another packet. */
 void forgetBody(Message *message);
 
 /* Forgets the body and gives the block back. Null is allowed. */
@@ -85,7 +87,12 @@ inline Message *messageOf(OsMsgHeader *header) {
     return reinterpret_cast<Message *>(header);
 }
 
-/* Fills the header from the packet and the body. */
-void completeHeader(Message *message, void *body);
+/* Where a message's own body is, whatever the program makes of the header. */
+inline void *bodyOf(Message *message) {
+    return message->apart != nullptr ? message->apart : message->inlineBody;
+}
+
+/* Fills the header from the packet. */
+void completeHeader(Message *message);
 
 }  // namespace tamo

@@ -2,8 +2,8 @@
  *
  * A thread that gives up waiting for a response shuts its connection's receiving half, so that a
  * late response finds nobody. Messages that it sent before may still wait in that connection, and
- * its next ones must not overtake them: when it sends again, it makes a new connection and passes
- * the receiver's end of it through the old one. */
+ * its next ones must not overtake them: asynchronous ones go on there, and for a synchronous one it
+ * makes a new connection and passes the receiver's end of it through the old one. */
 #include "message_connection.h"
 
 #include <errno.h>
@@ -22,7 +22,9 @@
 
 #include "device_root.h"
 #include "host_record.h"
+#include "message_body.h"
 #include "message_peer.h"
+#include "message_tls.h"
 #include "tamo_host.h"
 
 namespace tamo {
@@ -32,6 +34,7 @@ namespace {
 constexpr const char *kUnit = "tamo_os_msg";
 constexpr uint32_t kMaxIdle = 16;
 constexpr int kRetryMs = 10;
+constexpr uint32_t kWorthAFile = 4096;
 /* Twice what a stock kernel gives by default, and as much as it allows everybody. */
 constexpr int kSendBuffer = 212992;
 
@@ -39,7 +42,7 @@ constexpr int kSendBuffer = 212992;
 constinit Connection *idleHead = nullptr;
 constinit uint32_t idleCount = 0;
 
-thread_local constinit Connection *ownHead = nullptr;
+thread_local constinit Connection *ownHead TAMO_FAST_TLS = nullptr;
 
 bool keepIdle(Connection *connection) {
     if (connection->retired || !connection->socket.isOpen()) {
@@ -62,7 +65,7 @@ Connection *takeIdle(const char (&queue)[kQueueNameSize]) {
         if (!connection->socket.isOpen()) {
             continue; /* a parent's, before a fork */
         }
-        if (memcmp(connection->queue, queue, sizeof(queue)) == 0) {
+        if (sameQueueName(connection->queue, queue)) {
             *link = connection->next;
             --idleCount;
             return connection;
@@ -228,49 +231,66 @@ int succeed(Connection *connection, int flags) {
     }
     Descriptor ours(ends[0]);
     const Descriptor theirs(ends[1]);
-    const int error = sendSuccessor(connection->socket.get(), theirs.get(), flags);
+    Packet packet;
+    beginHead(&packet.head, kSuccessor, 0);
+    packet.passed = theirs.get();
+    const int error = sendPacket(connection->socket.get(), &packet, flags);
     if (error != 0) {
         return error;
     }
     (void)setsockopt(ours.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
     connection->socket.adopt(std::move(ours));
+    /* The receiver may still answer into the old window. */
+    connection->window.unmap();
+    connection->windowFile = Descriptor();
+    connection->announced = false;
     connection->receiveTimeout = 0;
     connection->sendTimeout = 0;
     connection->retired = false;
     return 0;
 }
 
-int trySending(Connection *connection, const Packet &packet, int flags) {
-    if (connection->retired) {
-        const int error = succeed(connection, flags);
-        if (error != 0) {
-            return error;
-        }
+/* A message that nobody answers goes as a file where there is no room for it inline. */
+int packAndSend(Connection *connection, Packet *packet, bool answered, int flags) {
+    int error = answered && connection->retired ? succeed(connection, flags) : 0;
+    if (error == 0) {
+        error = packBody(packet, answered ? &connection->window : nullptr, &connection->windowFile);
     }
-    return sendPacket(connection->socket.get(), packet, flags);
+    if (error == 0) {
+        error = sendPacket(connection->socket.get(), packet, flags);
+    }
+    if (error == EAGAIN && !answered && packet->head.bodyLength >= kWorthAFile &&
+        packet->passed < 0) {
+        error = packFile(packet);
+        error = error != 0 ? error : sendPacket(connection->socket.get(), packet, flags);
+    }
+    if (error == 0 && (packet->head.flags & kInWindow) != 0) {
+        connection->windowFile = Descriptor();
+    }
+    return error;
 }
 
 /* Tries without waiting, which saves setting a time-out, and then waits for room. */
-int sendWithin(Connection *connection, const Packet &packet, Deadline *deadline) {
-    int error = trySending(connection, packet, MSG_DONTWAIT);
-    while (deadline != nullptr && (error == EAGAIN || error == EINTR)) {
+int sendWithin(Connection *connection, Packet *packet, Deadline *deadline) {
+    const bool answered = deadline != nullptr;
+    int error = packAndSend(connection, packet, answered, MSG_DONTWAIT);
+    while (answered && (error == EAGAIN || error == EINTR)) {
         const uint32_t remaining = deadline->remaining();
         if (remaining == 0) {
             return EAGAIN;
         }
         setTimeout(connection->socket.get(), SO_SNDTIMEO, remaining, &connection->sendTimeout);
         deadline->waited();
-        error = trySending(connection, packet, 0);
+        error = packAndSend(connection, packet, answered, 0);
     }
     return error;
 }
 
 }  // namespace
 
-Connection *connectionTo(const char (&queue)[kQueueNameSize], Deadline *deadline,
-                         uint32_t *result) {
+Connection *knownConnection(const char (&queue)[kQueueNameSize]) {
     for (Connection *own = ownHead; own != nullptr; own = own->next) {
-        if (memcmp(own->queue, queue, sizeof(queue)) == 0) {
+        if (sameQueueName(own->queue, queue)) {
             if (own->socket.isOpen()) {
                 return own;
             }
@@ -278,6 +298,11 @@ Connection *connectionTo(const char (&queue)[kQueueNameSize], Deadline *deadline
             break;
         }
     }
+    return nullptr;
+}
+
+Connection *newConnection(const char (&queue)[kQueueNameSize], Deadline *deadline,
+                          uint32_t *result) {
     Connection *connection = takeIdle(queue);
     if (connection == nullptr) {
         connection = new (std::nothrow) Connection;
@@ -314,14 +339,15 @@ void giveUpResponse(Connection *connection) {
     connection->retired = true;
 }
 
-int submit(Connection *connection, const Packet &packet, Deadline *deadline) {
+int submit(Connection *connection, Packet *packet, Deadline *deadline) {
     QueueStatus &status = *connection->status.get();
+    const uint32_t bodyLength = packet->head.bodyLength;
     status.sent.fetch_add(1, std::memory_order_relaxed);
-    status.sentBytes.fetch_add(packet.head.bodyLength, std::memory_order_relaxed);
+    status.sentBytes.fetch_add(bodyLength, std::memory_order_relaxed);
     const int error = sendWithin(connection, packet, deadline);
     if (error != 0) {
         status.sent.fetch_sub(1, std::memory_order_relaxed);
-        status.sentBytes.fetch_sub(packet.head.bodyLength, std::memory_order_relaxed);
+        status.sentBytes.fetch_sub(bodyLength, std::memory_order_relaxed);
     }
     return error;
 }
@@ -334,9 +360,12 @@ Arrival awaitPacket(Connection *connection, Message *message, Descriptor *file,
             setTimeout(connection->socket.get(), SO_RCVTIMEO, remaining,
                        &connection->receiveTimeout);
         }
+        const Arrival arrival = receivePacket(connection->socket.get(), &connection->announced,
+                                              remaining > 0 ? 0 : MSG_DONTWAIT, message, file);
         deadline->waited();
-        const Arrival arrival = receivePacket(connection->socket.get(), message, file,
-                                              remaining > 0 ? 0 : MSG_DONTWAIT);
+        if (arrival == Arrival::kAnnouncement) {
+            continue;
+        }
         const bool again = arrival == Arrival::kNothing || arrival == Arrival::kInterrupted;
         if (!again || remaining == 0) {
             return again ? Arrival::kNothing : arrival;

@@ -9,6 +9,7 @@
 #include "message_buffer.h"
 #include "message_deadline.h"
 #include "message_status.h"
+#include "message_window.h"
 #include "message_wire.h"
 
 namespace tamo {
@@ -16,6 +17,9 @@ namespace tamo {
 struct Connection {
     ProcessDescriptor socket;
     StatusMapping status;
+    Window window;
+    Descriptor windowFile;  /* until the receiver has it */
+    bool announced = false; /* see receivePacket */
     char queue[kQueueNameSize];
     uint32_t serial = 0;         /* of the last message that waited */
     uint32_t receiveTimeout = 0; /* as the socket has it; 0: none */
@@ -24,10 +28,15 @@ struct Connection {
     Connection *next = nullptr;
 };
 
-/* This thread's connection to a queue, opened where there is none. With a deadline, waits until
- * somebody serves the queue; without one, does not wait. Null with `*result` set to a TAMO_HOST_
- * code, and recorded, when that fails. `queue` is zero-filled behind its end. */
-Connection *connectionTo(const char (&queue)[kQueueNameSize], Deadline *deadline, uint32_t *result);
+/* This thread's open connection to a queue, null when it has none. `queue` is zero-filled behind its
+ * end. */
+Connection *knownConnection(const char (&queue)[kQueueNameSize]);
+
+/* Gives this thread a connection to a queue. With a deadline, waits until somebody serves the queue;
+ * without one, does not wait. Null with `*result` set to a TAMO_HOST_ code, and recorded, when that
+ * fails. */
+Connection *newConnection(const char (&queue)[kQueueNameSize], Deadline *deadline,
+                          uint32_t *result);
 
 /* Closes one of this thread's connections. */
 void dropConnection(Connection *connection);
@@ -36,9 +45,9 @@ void dropConnection(Connection *connection);
  * carrying messages to the receiver, in order. */
 void giveUpResponse(Connection *connection);
 
-/* Sends one packet, waiting until the deadline for room; without a deadline, does not wait. Counts
- * it in the queue's status. 0, or an error number; EAGAIN when there was no room. */
-int submit(Connection *connection, const Packet &packet, Deadline *deadline);
+/* Packs and sends one message, waiting until the deadline for room; without a deadline, does not
+ * wait. Counts it in the queue's status. 0, or an error number; EAGAIN when there was no room. */
+int submit(Connection *connection, Packet *packet, Deadline *deadline);
 
 /* Receives one packet, waiting until the deadline. */
 Arrival awaitPacket(Connection *connection, Message *message, Descriptor *file, Deadline *deadline);

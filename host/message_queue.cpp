@@ -16,6 +16,7 @@
 #include <new>
 
 #include "host_record.h"
+#include "message_body.h"
 #include "message_deadline.h"
 #include "message_wire.h"
 
@@ -131,15 +132,20 @@ bool acceptPacket(TamoHostQueue *queue, Peer *peer, Message *message, Descriptor
         return false;
     }
     if (fault == nullptr &&
-        (head.kind != tamo::kMessage || strcmp(head.receiver, queue->name) != 0)) {
+        (head.kind != tamo::kMessage || !tamo::sameQueueName(head.receiver, queue->name))) {
         fault = "it is none for this queue";
     }
     if (fault != nullptr) {
         refuseSender(queue, peer, head.serial, fault);
         return false;
     }
+    const bool inWindow = (head.flags & tamo::kInWindow) != 0;
+    if (inWindow && file->isOpen() && !peer->window.adopt(*file)) {
+        refuseSender(queue, peer, head.serial, "its window cannot be used");
+        return false;
+    }
     countReceived(*queue, head);
-    fault = tamo::takeBody(message, *file);
+    fault = tamo::takeBody(message, peer->window, *file);
     if (fault != nullptr) {
         refuse(*queue, *peer, head, TAMO_HOST_REFUSED, fault);
         return false;
@@ -152,8 +158,10 @@ bool acceptPacket(TamoHostQueue *queue, Peer *peer, Message *message, Descriptor
         tamo::forgetBody(message);
         return false;
     }
+    if (senderWaits(head) || tamo::waitingMessages(*queue->status.get()) == 0) {
+        queue->burst = 0; /* nothing can be there: asking would only cost */
+    }
     if (senderWaits(head)) {
-        queue->burst = 0;
         tamo::holdPeer(peer);
         message->peer = peer;
         message->waiting.store(true, std::memory_order_relaxed);
@@ -166,15 +174,16 @@ bool receiveFromCurrent(TamoHostQueue *queue, Message *message) {
     Peer *peer = queue->current;
     --queue->burst;
     Descriptor file;
-    const Arrival arrival = tamo::receivePacket(peer->socket.get(), message, &file, MSG_DONTWAIT);
+    const Arrival arrival =
+        tamo::receivePacket(peer->socket.get(), &peer->announced, MSG_DONTWAIT, message, &file);
     switch (arrival) {
         case Arrival::kPacket:
             return acceptPacket(queue, peer, message, &file);
         case Arrival::kNothing:
             queue->burst = 0;
             return false;
+        case Arrival::kAnnouncement:
         case Arrival::kInterrupted:
-            ++queue->burst;
             return false;
         case Arrival::kEnd:
             tamo::dropPeer(queue, peer);
@@ -183,6 +192,9 @@ bool receiveFromCurrent(TamoHostQueue *queue, Message *message) {
             countReceived(*queue, message->packet);
             refuse(*queue, *peer, message->packet, TAMO_HOST_SYSTEM,
                    "this process has no more descriptors, see ulimit -n");
+            if ((message->packet.flags & tamo::kInWindow) != 0) {
+                tamo::dropPeer(queue, peer); /* its window was lost, and comes only once */
+            }
             return false;
         case Arrival::kForeign:
             refuseSender(queue, peer, 0, "it is no packet of this library");

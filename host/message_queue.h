@@ -8,6 +8,7 @@
 #include "message_descriptor.h"
 #include "message_peer.h"
 #include "message_status.h"
+#include "message_window.h"
 #include "tamo_host.h"
 
 namespace tamo {
@@ -18,6 +19,8 @@ namespace tamo {
 struct Peer {
     ProcessDescriptor socket;
     std::atomic<uint32_t> holders{1};
+    bool announced = false; /* see receivePacket */
+    Window window;
     PeerIdentity identity = {};
     Peer *next = nullptr; /* in the queue's list */
     Peer *previous = nullptr;

@@ -25,9 +25,25 @@ namespace {
 constexpr uint32_t kStatusMagic = 0x51534D54; /* "TMSQ" */
 constexpr char kStatusSuffix[] = ".queue";
 
+/* Which characters a queue's name may have; looked up for every message. */
+struct NameCharacters {
+    bool allowed[256] = {};
+    constexpr NameCharacters() {
+        for (const char c : {'.', '_', '-'}) {
+            allowed[static_cast<uint8_t>(c)] = true;
+        }
+        for (unsigned c = 0; c < 26; ++c) {
+            allowed['a' + c] = allowed['A' + c] = true;
+        }
+        for (unsigned c = 0; c < 10; ++c) {
+            allowed['0' + c] = true;
+        }
+    }
+};
+constexpr NameCharacters kNameCharacters;
+
 bool isNameCharacter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-           c == '_' || c == '-';
+    return kNameCharacters.allowed[static_cast<uint8_t>(c)];
 }
 
 uint64_t difference(uint64_t sent, uint64_t received) {
@@ -108,8 +124,9 @@ bool copyQueueName(const char *name, char (&copy)[kQueueNameSize]) {
     if (length == 0 || length == kQueueNameSize || name[length] != '\0') {
         return false;
     }
-    memset(copy, 0, sizeof(copy));
-    memcpy(copy, name, length);
+    for (size_t i = 0; i < kQueueNameSize; ++i) {
+        copy[i] = i < length ? name[i] : '\0';
+    }
     return true;
 }
 

@@ -12,6 +12,7 @@
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <atomic>
 
@@ -37,6 +38,15 @@ static_assert(sizeof(QueueStatus) == 192 && offsetof(QueueStatus, received) == 1
 /* Shared by processes, so they must need no lock; with 32-bit pointers aligned words of this size do
  * not, though is_always_lock_free speaks of unaligned ones and says otherwise there. */
 static_assert(alignof(std::atomic<uint64_t>) == sizeof(uint64_t));
+
+/* Compares two names that are zero-filled behind their ends. */
+inline bool sameQueueName(const char (&a)[kQueueNameSize], const char (&b)[kQueueNameSize]) {
+    uint64_t x[2];
+    uint64_t y[2];
+    memcpy(x, a, sizeof(x));
+    memcpy(y, b, sizeof(y));
+    return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0;
+}
 
 /* The names of a queue's files below run/. */
 struct QueueFileName {

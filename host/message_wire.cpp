@@ -2,20 +2,15 @@
 #include "message_wire.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 
-#include <algorithm>
+#include "message_window.h"
 
 namespace tamo {
 
 namespace {
-
-constexpr int kSeals = F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 
 /* Room for one descriptor and no more: the kernel closes what else a packet brings. */
 union OneDescriptor {
@@ -33,8 +28,39 @@ void attachDescriptor(msghdr *header, OneDescriptor *control, int descriptor) {
     memcpy(CMSG_DATA(entry), &descriptor, sizeof(descriptor));
 }
 
-int sendRecord(int socket, const msghdr &header, int flags) {
-    return sendmsg(socket, &header, flags | MSG_NOSIGNAL) >= 0 ? 0 : errno;
+int errorOf(ssize_t result) {
+    return result >= 0 ? 0 : errno;
+}
+
+/* Sends a head alone. */
+int sendHead(int socket, const PacketHead &head, int flags) {
+    return errorOf(send(socket, &head, sizeof(head), flags | MSG_NOSIGNAL));
+}
+
+int sendWithDescriptor(int socket, const Packet &packet, int flags) {
+    PacketHead announcement;
+    beginHead(&announcement, kAnnouncement, packet.head.serial);
+    const int error = sendHead(socket, announcement, flags);
+    if (error != 0) {
+        return error;
+    }
+    iovec part = {const_cast<PacketHead *>(&packet.head), sizeof(packet.head)};
+    msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    OneDescriptor control;
+    attachDescriptor(&header, &control, packet.passed);
+    return errorOf(sendmsg(socket, &header, flags | MSG_NOSIGNAL));
+}
+
+int sendGathered(int socket, Packet *packet, int flags) {
+    const PacketHead &head = packet->head;
+    memcpy(packet->gathered, packet->body, head.bodyLength);
+    if (head.listLength > 0) {
+        memcpy(packet->gathered + head.bodyLength, packet->list, head.listLength);
+    }
+    const size_t size = sizeof(head) + head.bodyLength + head.listLength;
+    return errorOf(send(socket, &packet->head, size, flags | MSG_NOSIGNAL));
 }
 
 /* Takes over what descriptors came; true when it was at most one, of the right kind. */
@@ -69,11 +95,15 @@ Arrival arrivalOfError(int error) {
 }
 
 bool isText(const char (&text)[16]) {
-    return memchr(text, '\0', sizeof(text)) != nullptr;
+    return text[sizeof(text) - 1] == '\0' || memchr(text, '\0', sizeof(text)) != nullptr;
 }
 
-bool isZero(const uint8_t *bytes, size_t count) {
-    return std::all_of(bytes, bytes + count, [](uint8_t byte) { return byte == 0; });
+/* Fields that no version has used yet. */
+bool isUnused(const PacketHead &head) {
+    constexpr uint8_t kZero[sizeof(head.unused2)] = {};
+    static_assert(sizeof(head.unused1) <= sizeof(kZero));
+    return memcmp(head.unused1, kZero, sizeof(head.unused1)) == 0 &&
+           memcmp(head.unused2, kZero, sizeof(head.unused2)) == 0;
 }
 
 /* The lengths of body and list against what came. */
@@ -86,45 +116,57 @@ const char *faultOfLengths(const Message &message, bool hasFile) {
     if ((hasList && head.kind != kResponse) || (!hasList && head.listLength != 0)) {
         return "it has a result list where none may be";
     }
-    const uint64_t content = uint64_t{head.bodyLength} + head.listLength;
     const bool inFile = (head.flags & kInFile) != 0;
-    if (inFile != hasFile) {
-        return inFile ? "its file is missing" : "it brings a descriptor that it does not announce";
+    const bool inWindow = (head.flags & kInWindow) != 0;
+    if ((inFile && !hasFile) || (inFile && inWindow)) {
+        return "its file is missing";
     }
-    if (inFile ? message.size != sizeof(head) || content == 0
-               : message.size != sizeof(head) + content) {
+    if (hasFile && !inFile && !(inWindow && head.kind == kMessage)) {
+        return "it brings a descriptor that it does not announce";
+    }
+    const uint64_t content = uint64_t{head.bodyLength} + head.listLength;
+    if (inWindow && content > kWindowSize) {
+        return "it claims more bytes than a window holds";
+    }
+    const bool apart = inFile || inWindow;
+    if (apart ? message.size != sizeof(head) || content == 0
+              : message.size != sizeof(head) + content) {
         return "its length is not what it says";
     }
     return nullptr;
 }
 
-bool readWhole(int file, void *buffer, size_t count, off_t offset) {
-    auto *bytes = static_cast<char *>(buffer);
-    while (count > 0) {
-        const ssize_t n = pread(file, bytes, count, offset);
-        if (n <= 0 && !(n < 0 && errno == EINTR)) {
-            return false;
-        }
-        const size_t got = n > 0 ? static_cast<size_t>(n) : 0;
-        bytes += got;
-        count -= got;
-        offset += static_cast<off_t>(got);
+/* The costlier call, for a packet whose descriptor was announced. */
+Arrival receiveAnnounced(int socket, int flags, Message *message, Descriptor *file, ssize_t *size) {
+    iovec part = {&message->packet, sizeof(message->packet) + sizeof(message->inlineBody)};
+    OneDescriptor control;
+    msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control.bytes;
+    header.msg_controllen = CMSG_LEN(sizeof(int));
+    *size = recvmsg(socket, &header, flags | MSG_CMSG_CLOEXEC | MSG_TRUNC);
+    if (*size < 0) {
+        return Arrival::kNothing;
     }
-    return true;
+    if (!takeDescriptors(&header, file)) {
+        return Arrival::kForeign;
+    }
+    if ((header.msg_flags & MSG_CTRUNC) != 0) {
+        /* Without any descriptor it was this process that could not take one. */
+        return file->isOpen() ? Arrival::kForeign : Arrival::kLost;
+    }
+    return Arrival::kPacket;
 }
 
-int writeWhole(int file, const void *content, size_t count) {
-    const auto *bytes = static_cast<const char *>(content);
-    while (count > 0) {
-        const ssize_t n = write(file, bytes, count);
-        if (n < 0 && errno != EINTR) {
-            return errno;
-        }
-        const size_t done = n > 0 ? static_cast<size_t>(n) : 0;
-        bytes += done;
-        count -= done;
+Arrival receiveRecord(int socket, bool announced, int flags, Message *message, Descriptor *file,
+                      ssize_t *size) {
+    if (announced) {
+        return receiveAnnounced(socket, flags, message, file, size);
     }
-    return 0;
+    *size = recv(socket, &message->packet, sizeof(message->packet) + sizeof(message->inlineBody),
+                 flags | MSG_TRUNC);
+    return Arrival::kPacket;
 }
 
 }  // namespace
@@ -138,79 +180,40 @@ void beginHead(PacketHead *head, PacketKind kind, uint32_t serial) {
     head->serial = serial;
 }
 
-int packBody(Packet *packet) {
-    const PacketHead &head = packet->head;
-    if (packet->file.isOpen() || uint64_t{head.bodyLength} + head.listLength <= kInlineLimit) {
-        return 0;
+int sendPacket(int socket, Packet *outgoing, int flags) {
+    const Packet &packet = *outgoing;
+    if (packet.passed >= 0) {
+        return sendWithDescriptor(socket, packet, flags);
     }
-    Descriptor file(memfd_create("tamo-message", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!file.isOpen()) {
-        return errno;
+    if ((packet.head.flags & kInWindow) != 0 || packet.head.bodyLength == 0) {
+        return sendHead(socket, packet.head, flags);
     }
-    int error = writeWhole(file.get(), packet->body, head.bodyLength);
-    if (error == 0) {
-        error = writeWhole(file.get(), packet->list, head.listLength);
+    if (uint64_t{packet.head.bodyLength} + packet.head.listLength <= kGathered) {
+        return sendGathered(socket, outgoing, flags);
     }
-    if (error == 0 && fcntl(file.get(), F_ADD_SEALS, kSeals) != 0) {
-        error = errno;
-    }
-    if (error == 0) {
-        packet->file = std::move(file);
-        packet->head.flags |= kInFile;
-    }
-    return error;
-}
-
-int sendPacket(int socket, const Packet &packet, int flags) {
     /* The C library's records have no const. */
     iovec parts[3] = {{const_cast<PacketHead *>(&packet.head), sizeof(packet.head)},
                       {const_cast<void *>(packet.body), packet.head.bodyLength},
                       {const_cast<void *>(packet.list), packet.head.listLength}};
     msghdr header = {};
     header.msg_iov = parts;
-    OneDescriptor control;
-    if (packet.file.isOpen()) {
-        header.msg_iovlen = 1;
-        attachDescriptor(&header, &control, packet.file.get());
-    } else {
-        header.msg_iovlen = packet.head.listLength > 0 ? 3 : 2;
-    }
-    return sendRecord(socket, header, flags);
+    header.msg_iovlen = packet.head.listLength > 0 ? 3 : 2;
+    return errorOf(sendmsg(socket, &header, flags | MSG_NOSIGNAL));
 }
 
 void sendRefusal(int socket, uint32_t serial, uint32_t reason) {
     PacketHead head;
     beginHead(&head, kRefusal, serial);
     head.reason = static_cast<uint8_t>(reason);
-    /* A sender that is gone needs no answer. */
-    (void)send(socket, &head, sizeof(head), MSG_DONTWAIT | MSG_NOSIGNAL);
+    (void)sendHead(socket, head, MSG_DONTWAIT); /* a sender that is gone needs no answer */
 }
 
-int sendSuccessor(int socket, int successor, int flags) {
-    PacketHead head;
-    beginHead(&head, kSuccessor, 0);
-    iovec part = {&head, sizeof(head)};
-    msghdr header = {};
-    header.msg_iov = &part;
-    header.msg_iovlen = 1;
-    OneDescriptor control;
-    attachDescriptor(&header, &control, successor);
-    return sendRecord(socket, header, flags);
-}
-
-Arrival receivePacket(int socket, Message *message, Descriptor *file, int flags) {
-    iovec part = {&message->packet, sizeof(message->packet) + sizeof(message->inlineBody)};
-    OneDescriptor control;
-    msghdr header = {};
-    header.msg_iov = &part;
-    header.msg_iovlen = 1;
-    header.msg_control = control.bytes;
-    header.msg_controllen = CMSG_LEN(sizeof(int));
-    ssize_t size = recvmsg(socket, &header, flags | MSG_CMSG_CLOEXEC);
+Arrival receivePacket(int socket, bool *announced, int flags, Message *message, Descriptor *file) {
+    ssize_t size = 0;
+    Arrival arrival = receiveRecord(socket, *announced, flags, message, file, &size);
     if (size < 0 && errno == ECONNRESET) {
         /* The other side closed with something of ours unread. What it sent before is still here. */
-        header.msg_controllen = CMSG_LEN(sizeof(int));
-        size = recvmsg(socket, &header, flags | MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        arrival = receiveRecord(socket, *announced, flags | MSG_DONTWAIT, message, file, &size);
         if (size < 0 && errno == EAGAIN) {
             return Arrival::kEnd;
         }
@@ -218,21 +221,21 @@ Arrival receivePacket(int socket, Message *message, Descriptor *file, int flags)
     if (size < 0) {
         return arrivalOfError(errno);
     }
-    message->size = static_cast<uint32_t>(size);
-    if (!takeDescriptors(&header, file) || (header.msg_flags & MSG_TRUNC) != 0) {
-        return Arrival::kForeign;
-    }
+    *announced = false;
     if (size == 0) {
         return Arrival::kEnd;
     }
-    if (size < static_cast<ssize_t>(sizeof(PacketHead)) || message->packet.magic != kPacketMagic) {
+    constexpr ssize_t kLargest = sizeof(message->packet) + sizeof(message->inlineBody);
+    constexpr ssize_t kSmallest = sizeof(PacketHead);
+    if (size < kSmallest || size > kLargest || message->packet.magic != kPacketMagic) {
         return Arrival::kForeign;
     }
-    if ((header.msg_flags & MSG_CTRUNC) != 0) {
-        /* Without any descriptor it was this process that could not take one. */
-        return file->isOpen() ? Arrival::kForeign : Arrival::kLost;
+    message->size = static_cast<uint32_t>(size);
+    if (message->packet.kind == kAnnouncement && arrival == Arrival::kPacket) {
+        *announced = true;
+        return file->isOpen() ? Arrival::kForeign : Arrival::kAnnouncement;
     }
-    return Arrival::kPacket;
+    return arrival;
 }
 
 const char *faultOfPacket(const Message &message, bool hasFile) {
@@ -255,48 +258,11 @@ const char *faultOfPacket(const Message &message, bool hasFile) {
     if (!isText(head.sender) || !isText(head.receiver)) {
         return "a name in it has no end";
     }
-    if ((head.flags & ~(kSenderWaits | kInFile | kHasList)) != 0 ||
-        !isZero(head.unused1, sizeof(head.unused1)) ||
-        !isZero(head.unused2, sizeof(head.unused2)) || head.buildIdLength > kMaxBuildId) {
+    if ((head.flags & ~(kSenderWaits | kHasList | kInFile | kInWindow)) != 0 || !isUnused(head) ||
+        head.buildIdLength > kMaxBuildId) {
         return "it has fields that this version does not know";
     }
     return faultOfLengths(message, hasFile);
-}
-
-const char *takeBody(Message *message, const Descriptor &file) {
-    const PacketHead &head = message->packet;
-    void *body = message->inlineBody;
-    if (file.isOpen()) {
-        struct stat state;
-        const int seals = fcntl(file.get(), F_GET_SEALS);
-        if (seals < 0 || (seals & kSeals) != kSeals) {
-            return "its file may still change";
-        }
-        if (fstat(file.get(), &state) != 0 ||
-            state.st_size != static_cast<off_t>(head.bodyLength) + head.listLength) {
-            return "its file has another length than it says";
-        }
-        if (head.bodyLength > 0) {
-            body =
-                mmap(nullptr, head.bodyLength, PROT_READ | PROT_WRITE, MAP_PRIVATE, file.get(), 0);
-            if (body == MAP_FAILED) {
-                return "there is no memory for it";
-            }
-            message->mapping = body;
-            message->mappingSize = head.bodyLength;
-        }
-    }
-    completeHeader(message, body);
-    return nullptr;
-}
-
-bool takeList(const Message &message, const Descriptor &file, void *list) {
-    const PacketHead &head = message.packet;
-    if (file.isOpen()) {
-        return readWhole(file.get(), list, head.listLength, static_cast<off_t>(head.bodyLength));
-    }
-    memcpy(list, message.inlineBody + head.bodyLength, head.listLength);
-    return true;
 }
 
 }  // namespace tamo

@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "host_record.h"
+#include "message_body.h"
 #include "message_connection.h"
 #include "message_handler.h"
 #include "message_wire.h"
@@ -27,7 +28,17 @@ constexpr const char *kUnit = "tamo_os_msg";
 /* Bytes of bodies that asynchronous senders may heap up at one receiver. */
 constexpr uint64_t kQueueLimit = 3ULL * tamo::kMaxBody;
 
-uint32_t checkMessage(const OsMsgHeader *header) {
+/* Copies the names; a receiver that this thread is connected to needs no closer look. */
+bool copyNames(const OsMsgHeader &header, tamo::PacketHead *head) {
+    memcpy(head->sender, header.sender, sizeof(head->sender));
+    memcpy(head->receiver, header.receiver, sizeof(head->receiver));
+    const bool terminated = header.sender[sizeof(header.sender) - 1] == '\0' ||
+                            memchr(header.sender, '\0', sizeof(header.sender)) != nullptr;
+    return terminated && (tamo::knownConnection(head->receiver) != nullptr ||
+                          tamo::copyQueueName(header.receiver, head->receiver));
+}
+
+uint32_t checkLength(const OsMsgHeader *header) {
     if (header == nullptr || (header->body == nullptr && header->bodyLength > 0)) {
         hostRecord(tamo::kWarning, kUnit, __LINE__, "a message without header or body was sent");
         return TAMO_HOST_INVALID;
@@ -37,10 +48,6 @@ uint32_t checkMessage(const OsMsgHeader *header) {
                    "a message of %u bytes was sent, %u are the most: send it in parts",
                    header->bodyLength, tamo::kMaxBody);
         return TAMO_HOST_TOO_LARGE;
-    }
-    if (memchr(header->sender, '\0', sizeof(header->sender)) == nullptr) {
-        hostRecord(tamo::kWarning, kUnit, __LINE__, "a message's sender name has no end");
-        return TAMO_HOST_INVALID;
     }
     return TAMO_HOST_OK;
 }
@@ -79,18 +86,18 @@ uint32_t describeHandler(const OsMsgHeader &header, tamo::PacketHead *head) {
 /* Makes the packet of a message. A list field in the body means nothing yet: the receiver clears
  * it. */
 uint32_t compose(const OsMsgHeader *header, uint8_t flags, Packet *packet) {
-    uint32_t result = checkMessage(header);
+    const uint32_t result = checkLength(header);
     if (result != TAMO_HOST_OK) {
         return result;
     }
     tamo::PacketHead *head = &packet->head;
     tamo::beginHead(head, tamo::kMessage, 0);
-    if (!tamo::copyQueueName(header->receiver, head->receiver)) {
+    if (!copyNames(*header, head)) {
         hostRecord(tamo::kWarning, kUnit, __LINE__,
-                   "a receiver's name is not 1 to 15 letters, digits, '.', '_' or '-'");
+                   "a receiver's name is not 1 to 15 letters, digits, '.', '_' or '-', or a "
+                   "sender's name has no end");
         return TAMO_HOST_INVALID;
     }
-    memcpy(head->sender, header->sender, sizeof(head->sender));
     head->flags = flags;
     head->msgId = header->msgId;
     head->bodyLength = header->bodyLength;
@@ -121,7 +128,10 @@ uint32_t resultOfFullQueue(const Packet &packet) {
 uint32_t deliver(Packet *packet, Deadline *deadline, Connection **used) {
     for (;;) {
         uint32_t result = TAMO_HOST_OK;
-        Connection *connection = tamo::connectionTo(packet->head.receiver, deadline, &result);
+        Connection *connection = tamo::knownConnection(packet->head.receiver);
+        if (connection == nullptr) {
+            connection = tamo::newConnection(packet->head.receiver, deadline, &result);
+        }
         if (connection == nullptr) {
             return result;
         }
@@ -130,10 +140,7 @@ uint32_t deliver(Packet *packet, Deadline *deadline, Connection **used) {
             return resultOfFullQueue(*packet);
         }
         packet->head.serial = ++connection->serial;
-        int error = tamo::packBody(packet);
-        if (error == 0) {
-            error = tamo::submit(connection, *packet, deadline);
-        }
+        const int error = tamo::submit(connection, packet, deadline);
         if (error == 0) {
             *used = connection;
             return TAMO_HOST_OK;
@@ -204,7 +211,7 @@ uint32_t awaitResponse(Connection *connection, const Packet &request, Deadline *
         fault = "it answers another message";
     }
     if (fault == nullptr) {
-        fault = tamo::takeBody(answer, *file);
+        fault = tamo::takeBody(answer, connection->window, *file);
     }
     if (fault != nullptr) {
         hostRecord(tamo::kError, kUnit, __LINE__, "the response of %s cannot be used: %s",
@@ -228,7 +235,7 @@ bool canTakeList(const OsMsgHeader &request, const OsMsgHeader &response) {
 
 /* Gives the requester its own addresses: the handler that it named, and the list as a block of its
  * own. */
-uint32_t translateResponse(const OsMsgHeader &request, Message *answer,
+uint32_t translateResponse(const OsMsgHeader &request, Message *answer, const tamo::Window &window,
                            const tamo::Descriptor &file) {
     const OsMsgHeader &response = answer->header;
     if (!tamo::hasHandler(request.msgId)) {
@@ -249,7 +256,7 @@ uint32_t translateResponse(const OsMsgHeader &request, Message *answer,
     if ((answer->packet.flags & tamo::kHasList) != 0 && canTakeList(request, response)) {
         list.size = answer->packet.listLength;
         list.list = OsMemMallocSetCharMon(list.size, 0, 0, 0, __LINE__, kUnit);
-        if (list.list == nullptr || !tamo::takeList(*answer, file, list.list)) {
+        if (list.list == nullptr || !tamo::takeList(*answer, window, file, list.list)) {
             hostRecord(tamo::kError, kUnit, __LINE__, "no memory for a result list of %u bytes",
                        list.size);
             if (list.list != nullptr) {
@@ -288,7 +295,7 @@ uint32_t OsMsgSynSend(OsMsgHeader *header, OsMsgHeader **response, uint32_t time
         result = awaitResponse(connection, request, &deadline, answer, &file);
     }
     if (result == TAMO_HOST_OK) {
-        result = translateResponse(*header, answer, file);
+        result = translateResponse(*header, answer, connection->window, file);
     }
     if (result == TAMO_HOST_OK) {
         *response = &answer->header;
