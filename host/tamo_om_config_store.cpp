@@ -148,12 +148,14 @@ uint32_t transact(Connection *connection, const char *what, Transaction transact
         }
         int result = transaction(connection);
         suspect = isDamage(result);
-        if (attempt < kAttempts && (suspect || configFileMoved(connection->file))) {
+        bool moved = configFileMoved(connection->file);
+        if (attempt < kAttempts && (suspect || moved)) {
             disconnect(connection);
             continue;
         }
         uint32_t code = TAMO_HOST_OK;
-        if (result != SQLITE_OK) {
+        if (result != SQLITE_OK || moved) {
+            result = result == SQLITE_OK ? SQLITE_READONLY_DBMOVED : result;
             code = configFileFailure(connection->file.database, result, what, __LINE__);
         }
         if (suspect || connection->file.ownIndex) {
