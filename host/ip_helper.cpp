@@ -328,7 +328,7 @@ uint32_t GetIpAddrTable(IpAddrTable *table, uint32_t *size, int32_t sorted) {
     TableFill fill = {};
     if (table != nullptr && *size >= sizeof(*table)) {
         fill.rows = table->rows;
-        fill.room = (*size - static_cast<uint32_t>(sizeof(*table))) / sizeof(IpAddrRow);
+        fill.room = static_cast<uint32_t>((*size - sizeof(*table)) / sizeof(IpAddrRow));
     }
     if (!askAddresses(AF_INET, {beginTable, addRow, &fill})) {
         return kFailed;
