@@ -1,0 +1,149 @@
+/* Messages between real processes that end at the wrong moment. */
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "include/conf_log_adapter.h"
+#include "include/conf_msg_api.h"
+#include "tamo_host.h"
+#include "tests/support/child_process.h"
+
+namespace {
+
+using support::ChildArguments;
+using support::ChildProcess;
+using support::ChildRole;
+
+constexpr char kQueue[] = "Process.Test";
+constexpr uint32_t kTimeoutMs = 20000;
+constexpr uint32_t kFailed = CONF_COMM_ERR_FAILED;
+
+/* ---- handlers, run by whoever receives ---- */
+
+uint32_t addOne(uint32_t param, void *data, uint32_t dataLength) {
+    if (dataLength == 4) {
+        memcpy(data, "done", 4);
+    }
+    return param + 1;
+}
+
+uint32_t hang(uint32_t, void *, uint32_t) {
+    support::tellParent("running");
+    support::hearParent();
+    return 0;
+}
+
+/* ---- roles ---- */
+
+void serve(TamoHostQueue *queue) {
+    OsMsgHeader *message = nullptr;
+    while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
+        ConfCommMsgProcess(message);
+        TamoHostMsgFree(message);
+    }
+}
+
+const ChildRole receiver("receiver", [](const ChildArguments &) {
+    TamoHostQueue *queue = nullptr;
+    const uint32_t opened = TamoHostMsgOpen(kQueue, &queue);
+    if (opened != TAMO_HOST_OK) {
+        support::tellParent("refused " + std::to_string(opened));
+        return 1;
+    }
+    support::tellParent("ready");
+    serve(queue);
+    return 0;
+});
+
+const ChildRole requester("requester", [](const ChildArguments &arguments) {
+    for (uint32_t i = 0; i < 500; i++) {
+        char data[4] = {};
+        if (ConfCommMsgSynSendImpl(kQueue, addOne, i, data, 4, kTimeoutMs) != i + 1 ||
+            memcmp(data, "done", 4) != 0) {
+            support::tellParent(arguments[0] + " failed at " + std::to_string(i));
+            return 1;
+        }
+    }
+    support::tellParent("all answered");
+    return 0;
+});
+
+class MessageProcesses : public testing::Test {
+  protected:
+    void SetUp() override { ConfLogInit(); }
+    void TearDown() override { ConfLogUnInit(); }
+};
+
+TEST_F(MessageProcesses, KilledReceiverFailsItsWaitingSenderAtOnceAndIsReplaced) {
+    ChildProcess first("receiver");
+    ASSERT_EQ(first.hear(), "ready");
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
+
+    ChildProcess second("receiver");
+    EXPECT_EQ(second.hear(), "refused 3") << "the name has a live owner";
+
+    ChildProcess killer("killer", {std::to_string(first.pid())});
+    char data[4] = {'k', 'e', 'e', 'p'};
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, hang, 0, data, 4, UINT32_MAX), kFailed)
+        << "it would wait for ever";
+    EXPECT_EQ(memcmp(data, "keep", 4), 0);
+    EXPECT_EQ(first.wait(), support::killed(SIGKILL));
+    EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 1, nullptr, 0), kFailed);
+
+    ChildProcess third("receiver");
+    ASSERT_EQ(third.hear(), "ready") << "what a dead owner left is taken over";
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 5, nullptr, 0, kTimeoutMs), 6u);
+    EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 1, nullptr, 0), 0u);
+}
+
+/* Waits until the receiver runs the handler that hangs, which the queue's counts tell, and kills it. */
+const ChildRole killer("killer", [](const ChildArguments &arguments) {
+    uint64_t received = 0;
+    while (received < 2) {
+        TamoHostMsgQueues(
+            [](const TamoHostQueueInfo *queue, void *context) {
+                *static_cast<uint64_t *>(context) = queue->received;
+                return 0u;
+            },
+            &received);
+        sched_yield();
+    }
+    return kill(std::stoi(arguments[0]), SIGKILL);
+});
+
+TEST_F(MessageProcesses, ReceiverMayStartAfterItsSender) {
+    ChildProcess sender("requester", {"early"});
+    ChildProcess owner("receiver");
+    EXPECT_EQ(owner.hear(), "ready");
+    EXPECT_EQ(sender.hear(30), "all answered");
+}
+
+TEST_F(MessageProcesses, ManyProcessesGetTheirOwnAnswersFromOne) {
+    ChildProcess owner("receiver");
+    ASSERT_EQ(owner.hear(), "ready");
+    std::vector<std::unique_ptr<ChildProcess>> senders;
+    for (int i = 0; i < 6; i++) {
+        senders.push_back(std::make_unique<ChildProcess>(
+            "requester", ChildArguments{"sender " + std::to_string(i)}));
+    }
+    for (const auto &sender : senders) {
+        EXPECT_EQ(sender->hear(30), "all answered");
+        EXPECT_EQ(sender->wait(), support::exited(0));
+    }
+}
+
+TEST_F(MessageProcesses, KilledSenderLeavesTheReceiverServing) {
+    ChildProcess owner("receiver");
+    ASSERT_EQ(owner.hear(), "ready");
+    ChildProcess sender("requester", {"victim"});
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
+    sender.kill();
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 2, nullptr, 0, kTimeoutMs), 3u);
+}
+
+}  // namespace
