@@ -1,0 +1,289 @@
+/* Messages between processes that differ: in where their modules lie, in which modules they have, in
+ * whose they are, and in what they have left. */
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "platform/tamo_os_mem.h"
+#include "tests/host/message_parties.h"
+#include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
+
+using namespace parties;
+using support::ChildArguments;
+using support::ChildProcess;
+using support::ChildRole;
+
+namespace {
+
+constexpr const char *kQueue = "modules";
+constexpr uint32_t kLargestList = 33554432;
+
+uint32_t reverse(uint32_t param, void *data, uint32_t dataLength) {
+    auto *bytes = static_cast<uint8_t *>(data);
+    std::reverse(bytes, bytes + dataLength);
+    return param + 1;
+}
+
+uint32_t answerWithList(uint32_t param, void *data, uint32_t) {
+    void *list = OsMemMallocSetCharMon(param, 0, 0, 0, __LINE__, "test");
+    std::memset(list, 'L', param);
+    hangList(data, list, param);
+    return 0;
+}
+
+uint32_t whereItIs(uint32_t, void *data, uint32_t) {
+    const auto address = reinterpret_cast<uintptr_t>(whereItIs);
+    std::memcpy(data, &address, sizeof(address));
+    return 0;
+}
+
+uint32_t outstandingBlocks(uint32_t, void *, uint32_t) {
+    uint64_t blocks = 0;
+    TamoHostMemReport(
+        0,
+        [](const TamoHostMemSite *site, void *context) -> uint32_t {
+            *static_cast<uint64_t *>(context) += site->blocks;
+            return 0;
+        },
+        &blocks);
+    return static_cast<uint32_t>(blocks);
+}
+
+const ChildRole server("server", [](const ChildArguments &) {
+    TamoHostQueue *queue = nullptr;
+    if (TamoHostMsgOpen(kQueue, &queue) != TAMO_HOST_OK) {
+        return 1;
+    }
+    support::tellParent("ready");
+    OsMsgHeader *message = nullptr;
+    while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
+        serve(message);
+    }
+    return 2;
+});
+
+class MessageModules : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(server_.hear(), "ready"); }
+    ChildProcess server_{"server"};
+};
+
+uint32_t blocksOfServer() {
+    const Exchange exchange(kQueue, bodyOf(outstandingBlocks, 0, {}));
+    return exchange.result == TAMO_HOST_OK ? headOf(exchange.response).result : ~0U;
+}
+
+TEST_F(MessageModules, AHandlerIsFoundWhereverItsModuleLies) {
+    const Exchange exchange(kQueue, bodyOf(whereItIs, 0, Bytes(sizeof(uintptr_t))));
+    ASSERT_EQ(exchange.result, TAMO_HOST_OK);
+    uintptr_t address = 0;
+    std::memcpy(&address, dataOf(exchange.response), sizeof(address));
+    const auto own = reinterpret_cast<uintptr_t>(whereItIs);
+    EXPECT_EQ(address % 4096, own % 4096);
+    if (address == own) {
+        GTEST_SKIP() << "this system loads every program at one address";
+    }
+    EXPECT_EQ(headOf(exchange.response).handler, whereItIs);
+}
+
+TEST_F(MessageModules, TheLargestBodyAndTheLargestListCross) {
+    const Bytes data = pattern(kMaxData);
+    const Exchange body(kQueue, bodyOf(reverse, 0, data));
+    ASSERT_EQ(body.result, TAMO_HOST_OK);
+    EXPECT_TRUE(std::equal(data.rbegin(), data.rend(), dataOf(body.response)));
+    const Exchange list(kQueue, bodyOf(answerWithList, kLargestList, Bytes(kBlock)), 2);
+    ASSERT_EQ(list.result, TAMO_HOST_OK);
+    EXPECT_EQ(listSizeOf(list.response), kLargestList);
+    const auto *bytes = static_cast<const char *>(listOf(list.response));
+    EXPECT_EQ(bytes[0] + bytes[kLargestList - 1], 'L' + 'L');
+    OSMemTypeFreeMon(listOf(list.response), 0, 0, __LINE__, "test");
+    EXPECT_EQ(blocksOfServer(), 0U);
+}
+
+TEST_F(MessageModules, AHandlerThatTheReceiverCannotRunFailsAtOnce) {
+    for (const char *path : {MODULE_OF_ONE_SIDE, MODULE_WITHOUT_ID}) {
+        void *module = dlopen(path, RTLD_NOW);
+        ASSERT_NE(module, nullptr) << dlerror();
+        auto handler = reinterpret_cast<Handler>(dlsym(module, "moduleHandler"));
+        EXPECT_EQ(Exchange(kQueue, bodyOf(handler, 0, {})).result, TAMO_HOST_REFUSED) << path;
+        dlclose(module);
+        EXPECT_EQ(Exchange(kQueue, bodyOf(handler, 0, {})).result, TAMO_HOST_REFUSED)
+            << "what was unloaded is no code any more";
+    }
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+}
+
+TEST_F(MessageModules, AListWhoseRequesterDiedOrGaveUpIsReleased) {
+    server_.signal(SIGSTOP);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Exchange(kQueue, bodyOf(answerWithList, 100000, Bytes(kBlock)), 2, 5).result,
+                  TAMO_HOST_TIMEOUT);
+    }
+    const pid_t dying = fork();
+    if (dying == 0) {
+        const Exchange never(kQueue, bodyOf(answerWithList, 100, Bytes(kBlock)), 2, 5000);
+        _exit(never.result == TAMO_HOST_OK ? 0 : 1);
+    }
+    while (queueInfo(kQueue).depth < 4) {
+        sched_yield();
+    }
+    kill(dying, SIGKILL);
+    waitpid(dying, nullptr, 0);
+    server_.signal(SIGCONT);
+    EXPECT_EQ(blocksOfServer(), 0U);
+}
+
+TEST_F(MessageModules, AReceiverKilledWithTheRequestUnreadFailsItAtOnce) {
+    server_.signal(SIGSTOP);
+    std::thread killer([this] {
+        while (queueInfo(kQueue).depth == 0) {
+            sched_yield();
+        }
+        server_.signal(SIGKILL);
+    });
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, UINT32_MAX).result, TAMO_HOST_GONE);
+    killer.join();
+    const TamoHostQueueInfo info = queueInfo(kQueue);
+    EXPECT_STREQ(info.name, kQueue) << "what a killed owner left is still listed";
+    EXPECT_EQ(info.ownerPid, 0U);
+}
+
+TEST_F(MessageModules, AForkedChildHasConnectionsOfItsOwn) {
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+    const auto sendMany = [] {
+        bool good = true;
+        for (uint32_t i = 0; i < 500; ++i) {
+            const Exchange exchange(kQueue, bodyOf(reverse, i, {1, 2}));
+            good = good && exchange.result == TAMO_HOST_OK &&
+                   headOf(exchange.response).result == i + 1;
+        }
+        return good;
+    };
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(sendMany() ? 0 : 1);
+    }
+    EXPECT_TRUE(sendMany());
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(MessageModules, AForkedChildDoesNotKeepItsParentsQueueAlive) {
+    auto queue = std::make_unique<Queue>("forked");
+    const pid_t child = fork();
+    if (child == 0) {
+        OsMsgHeader *message = nullptr;
+        const uint32_t result = TamoHostMsgReceive(queue->get(), &message, 0);
+        queue.reset(); /* is not the child's to close */
+        _exit(result == TAMO_HOST_INVALID ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(sendAsync("forked", bodyOf(doNothing, 0, {})), TAMO_HOST_OK);
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t living = fork();
+    if (living == 0) {
+        close(ready[1]); /* tells the parent that what fork does is done */
+        pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    char byte;
+    EXPECT_EQ(read(ready[0], &byte, 1), 0) << "the child has begun";
+    close(ready[0]);
+    queue->close();
+    EXPECT_EQ(sendAsync("forked", bodyOf(doNothing, 0, {})), TAMO_HOST_NO_RECEIVER);
+    const Queue again("forked");
+    kill(living, SIGKILL);
+    waitpid(living, nullptr, 0);
+}
+
+TEST_F(MessageModules, AProcessOfAnotherUserIsTurnedAway) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    /* Only a root that somebody opened wide lets another user come as far as the socket. */
+    const std::string run = support::scratchRoot() + "/run";
+    for (const std::string &path : {support::scratchRoot(), run}) {
+        ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    }
+    for (const char *suffix : {".sock", ".queue"}) {
+        ASSERT_EQ(chmod((run + "/" + kQueue + suffix).c_str(), 0666), 0);
+    }
+    const pid_t stranger = fork();
+    if (stranger == 0) {
+        const bool changed = setgid(65534) == 0 && setuid(65534) == 0;
+        const uint32_t result = Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, 5000).result;
+        _exit(changed && result == TAMO_HOST_GONE ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(stranger, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(queueInfo(kQueue).received, 0U);
+    for (const std::string &path : {support::scratchRoot(), run}) {
+        chmod(path.c_str(), 0700);
+    }
+}
+
+double processorSeconds() {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
+/* Serves four messages with two descriptors to spare; tells how much processor time that took. */
+const ChildRole poorServer("poor server", [](const ChildArguments &) {
+    Queue queue("poor");
+    const int lowest = dup(0);
+    close(lowest);
+    const rlimit limit = {static_cast<rlim_t>(lowest) + 2, static_cast<rlim_t>(lowest) + 2};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    support::tellParent("ready");
+    const double before = processorSeconds();
+    for (int served = 0; served < 4; ++served) {
+        serve(queue.next());
+    }
+    support::tellParent(std::to_string(processorSeconds() - before));
+    return 0;
+});
+
+const ChildRole poorSender("poor sender", [](const ChildArguments &) {
+    const Exchange exchange("poor", bodyOf(doNothing, 0, {}));
+    support::tellParent(std::to_string(exchange.result));
+    support::hearParent();
+    return 0;
+});
+
+TEST_F(MessageModules, AReceiverWithoutDescriptorsLetsSendersWaitWithoutSpinning) {
+    ChildProcess poor("poor server");
+    ASSERT_EQ(poor.hear(), "ready");
+    ChildProcess first("poor sender"), second("poor sender");
+    ASSERT_EQ(first.hear(), "0");
+    ASSERT_EQ(second.hear(), "0");
+    EXPECT_EQ(Exchange("poor", bodyOf(doNothing, 0, {}), 1, 600).result, TAMO_HOST_TIMEOUT);
+    for (ChildProcess *sender : {&first, &second}) { /* their ends give descriptors back */
+        sender->hangUp();
+        EXPECT_EQ(sender->wait(), support::exited(0));
+    }
+    EXPECT_EQ(Exchange("poor", bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+    EXPECT_LT(std::stod(poor.hear()), 0.3);
+}
+
+}  // namespace
