@@ -34,7 +34,8 @@ uint32_t markOf(const BlockHeader *header) {
 }
 
 /* Looks at memory that may have been released, which is its purpose. */
-__attribute__((no_sanitize("address"), noinline)) bool isTaken(const BlockHeader *header) {
+__attribute__((no_sanitize("address"), no_sanitize("thread"), noinline)) bool isTaken(
+    const BlockHeader *header) {
     return reinterpret_cast<uintptr_t>(header) % alignof(BlockHeader) == 0 &&
            header->mark == markOf(header) && header->site < tamo::kMemSites;
 }

@@ -19,7 +19,6 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -148,6 +147,10 @@ bool soon(Call call) {
     return true;
 }
 
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 class LogClient : public testing::Test {
   protected:
     void SetUp() override {
@@ -178,9 +181,9 @@ TEST_F(LogClient, LineHoldsTimeLevelProcessThreadUnitAndText) {
         const std::string process = std::to_string(getpid()) + "/" + std::to_string(gettid());
         EXPECT_EQ(found[i].substr(27), std::string(names[i]) + program_invocation_short_name + "[" +
                                            process + "] conf_msg_api:-230 [Run]5%");
-        EXPECT_TRUE(std::regex_match(found[i].substr(0, 27),
-                                     std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )")))
-            << found[i];
+        std::string shape = found[i].substr(0, 27);
+        std::replace_if(shape.begin(), shape.end(), isDigit, '9');
+        EXPECT_EQ(shape, "9999-99-99 99:99:99.999999 ");
         tm local = {};
         strptime(found[i].c_str(), "%Y-%m-%d %H:%M:%S", &local);
         local.tm_isdst = -1;

@@ -264,7 +264,7 @@ TEST(Account, WorksOnWhenItsFileIsDeleted) {
     give(second);
 }
 
-void *outstanding[2]; /* no leak for others than the account */
+void *volatile outstanding[2]; /* no leak for others than the account */
 
 /* Its standard error becomes the file that it is given. */
 const support::ChildRole leaker("leaker", [](const support::ChildArguments &arguments) {
@@ -285,7 +285,7 @@ TEST(Account, IsPrintedAtTheEndOnRequest) {
     const support::ScratchDirectory directory;
     const std::string output = directory.path() + "/stderr";
     support::ChildProcess child("leaker", {output});
-    EXPECT_EQ(child.wait(), support::exited(0));
+    EXPECT_EQ(child.wait(), support::exited(0)) << contents(output);
     EXPECT_NE(contents(output).find("leaker:61: 2 blocks, 500 bytes"), std::string::npos)
         << contents(output);
     EXPECT_EQ(contents(output).find("leaker:60"), std::string::npos);
@@ -295,7 +295,7 @@ TEST(Account, IsPrivateWithoutAUsableDeviceRoot) {
     const support::ScratchDirectory directory;
     const std::string output = directory.path() + "/stderr";
     support::ChildProcess child("leaker", {output, "/dev/null/root"});
-    EXPECT_EQ(child.wait(), support::exited(0));
+    EXPECT_EQ(child.wait(), support::exited(0)) << contents(output);
     EXPECT_NE(contents(output).find("leaker:61: 2 blocks, 500 bytes"), std::string::npos)
         << contents(output);
 }
