@@ -73,34 +73,6 @@ std::future<uint32_t> sendInThread(Bytes body, uint32_t msgId = 1) {
     });
 }
 
-TEST_F(Messages, ASynchronousMessageRunsItsHandlerAndBringsBackResultAndData) {
-    Queue queue(kQueue);
-    Bytes body = bodyOf(increment, 41, {1, 2, 255});
-    auto sent = std::async(std::launch::async, [&] {
-        const Exchange exchange(kQueue, body);
-        EXPECT_EQ(exchange.result, TAMO_HOST_OK);
-        EXPECT_EQ(headOf(exchange.response).handler, increment);
-        EXPECT_EQ(headOf(exchange.response).result, 42U);
-        EXPECT_EQ(Bytes(dataOf(exchange.response), dataOf(exchange.response) + 3),
-                  (Bytes{2, 3, 0}));
-        EXPECT_EQ(exchange.response->bodyLength, kHead + 3);
-        EXPECT_EQ(exchange.response->msgId, 1U);
-    });
-    OsMsgHeader *message = queue.next();
-    OsMsgHeader expected = {};
-    expected.syncFlag = 1;
-    expected.msgId = 1;
-    std::strcpy(expected.sender, "TamoUIConf");
-    std::strcpy(expected.receiver, kQueue);
-    expected.bodyLength = kHead + 3;
-    expected.body = message->body;
-    EXPECT_EQ(std::memcmp(message, &expected, sizeof(expected)), 0) << "unnamed words are zero";
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(message->body) % alignof(std::max_align_t), 0U);
-    serve(message);
-    sent.wait();
-    EXPECT_EQ(headOf(message).handler, increment) << "the sender's own body is not written to";
-}
-
 TEST_F(Messages, BodiesOfEverySizeCrossBothWays) {
     const Server server(kQueue);
     for (uint32_t size : {0U, 1U, 4U, 4096U, 32767U - kHead, 32768U - kHead, 32769U - kHead, 65536U,
@@ -332,63 +304,6 @@ TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
     TamoHostMsgClose(second);
 }
 
-TEST_F(Messages, NullArgumentsAreRefused) {
-    OsMsgHeader header = {};
-    OsMsgHeader *message = nullptr;
-    EXPECT_EQ(OsMsgSynSend(nullptr, &message, 1), TAMO_HOST_INVALID);
-    EXPECT_EQ(OsMsgSynSend(&header, nullptr, 1), TAMO_HOST_INVALID);
-    EXPECT_EQ(OsMsgAsynSend(nullptr), TAMO_HOST_INVALID);
-    header.bodyLength = 1;
-    EXPECT_EQ(OsMsgAsynSend(&header), TAMO_HOST_INVALID);
-    EXPECT_EQ(OsMsgSynSendResp(nullptr, nullptr, 0), TAMO_HOST_INVALID);
-    EXPECT_EQ(OsMsgSynRespFree(nullptr), TAMO_HOST_OK);
-    EXPECT_EQ(TamoHostMsgReceive(nullptr, &message, 0), TAMO_HOST_INVALID);
-    EXPECT_EQ(TamoHostMsgDescriptor(nullptr), -1);
-    EXPECT_EQ(TamoHostMsgQueues(nullptr, nullptr), TAMO_HOST_INVALID);
-    TamoHostMsgFree(nullptr);
-    TamoHostMsgClose(nullptr);
-}
-
-TEST_F(Messages, QueuesAreListedInOrderOfName) {
-    const Queue b("list-b"), a("list"), c("list.c");
-    std::vector<std::string> names;
-    const auto collect = [](const TamoHostQueueInfo *queue, void *context) -> uint32_t {
-        EXPECT_EQ(queue->ownerPid, static_cast<uint32_t>(getpid()));
-        static_cast<std::vector<std::string> *>(context)->push_back(queue->name);
-        return std::strcmp(queue->name, "list.c") == 0 ? 5 : 0;
-    };
-    EXPECT_EQ(TamoHostMsgQueues(collect, &names), 5U);
-    EXPECT_EQ(names, (std::vector<std::string>{"list", "list-b", "list.c"}));
-}
-
-TEST_F(Messages, AKeptConnectionFindsTheQueueAgainAfterItWasReopened) {
-    for (int i = 0; i < 3; ++i) {
-        const Server server(kQueue);
-        EXPECT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), TAMO_HOST_OK);
-        EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
-    }
-}
-
-TEST_F(Messages, TheDescriptorPollsReadableExactlyWhenSomethingCanBeReceived) {
-    Queue queue(kQueue);
-    pollfd entry = {TamoHostMsgDescriptor(queue.get()), POLLIN, 0};
-    EXPECT_EQ(poll(&entry, 1, 0), 0);
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), 0U);
-    }
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(poll(&entry, 1, static_cast<int>(patienceMs())), 1);
-        TamoHostMsgFree(queue.next());
-    }
-    EXPECT_TRUE(queue.isEmpty());
-    EXPECT_EQ(poll(&entry, 1, 0), 0);
-    EXPECT_GE(secondsOf([&] {
-                  OsMsgHeader *message = nullptr;
-                  EXPECT_EQ(TamoHostMsgReceive(queue.get(), &message, 20), TAMO_HOST_TIMEOUT);
-              }),
-              0.020);
-}
-
 TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
     const Server server(kQueue);
     const auto send = [](uint32_t seed) {
@@ -405,16 +320,6 @@ TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
     }
     for (std::thread &thread : threads) {
         thread.join();
-    }
-}
-
-TEST_F(Messages, ThreadsThatEndLeaveTheirConnectionsToThoseThatFollow) {
-    const Server server(kQueue);
-    const auto send = [] { EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, 0U); };
-    std::thread(send).join();
-    const support::DescriptorCheck check;
-    for (int i = 0; i < 20; ++i) {
-        std::thread(send).join();
     }
 }
 
