@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -241,53 +240,6 @@ TEST_F(MessageModules, AProcessOfAnotherUserIsTurnedAway) {
     for (const std::string &path : {support::scratchRoot(), run}) {
         chmod(path.c_str(), 0700);
     }
-}
-
-double processorSeconds() {
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-}
-
-/* Serves four messages with two descriptors to spare; tells how much processor time that took. */
-const ChildRole poorServer("poor server", [](const ChildArguments &) {
-    Queue queue("poor");
-    const int lowest = dup(0);
-    close(lowest);
-    const rlimit limit = {static_cast<rlim_t>(lowest) + 2, static_cast<rlim_t>(lowest) + 2};
-    setrlimit(RLIMIT_NOFILE, &limit);
-    support::tellParent("ready");
-    const double before = processorSeconds();
-    OsMsgHeader *message = nullptr;
-    for (int served = 0; served < 4; ++served) {
-        TamoHostMsgReceive(queue.get(), &message, -1);
-        serve(message);
-    }
-    support::tellParent(std::to_string(processorSeconds() - before));
-    return 0;
-});
-
-const ChildRole poorSender("poor sender", [](const ChildArguments &) {
-    const Exchange exchange("poor", bodyOf(doNothing, 0, {}));
-    support::tellParent(std::to_string(exchange.result));
-    support::hearParent();
-    return 0;
-});
-
-TEST_F(MessageModules, AReceiverWithoutDescriptorsLetsSendersWaitWithoutSpinning) {
-    ChildProcess poor("poor server");
-    ASSERT_EQ(poor.hear(), "ready");
-    ChildProcess first("poor sender"), second("poor sender");
-    ASSERT_EQ(first.hear(), "0");
-    ASSERT_EQ(second.hear(), "0");
-    EXPECT_EQ(Exchange("poor", bodyOf(doNothing, 0, {}), 1, 600).result, TAMO_HOST_TIMEOUT);
-    for (ChildProcess *sender : {&first, &second}) { /* their ends give descriptors back */
-        sender->hangUp();
-        EXPECT_EQ(sender->wait(), support::exited(0));
-    }
-    EXPECT_EQ(Exchange("poor", bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
-    EXPECT_LT(std::stod(poor.hear()), 0.3);
 }
 
 }  // namespace
