@@ -185,7 +185,7 @@ TEST_F(NetworkNamespace, AddressesThatComeAndGoAreSeenAtOnce) {
 /* So many addresses that the first buffers are too small and the answers come in many pieces. */
 TEST_F(NetworkNamespace, HundredsOfAddresses) {
     string lines = "addr add 10.0.0.5/24 dev net0";
-    for (int i = 1; i <= 400; i++) {
+    for (int i = 1; i <= 500; i++) {
         const string number = std::to_string(i);
         lines += ";addr add 10." + std::to_string(i / 200 + 1) + "." + std::to_string(i % 200) +
                  ".5/24 dev net0;addr add 2001:db8:" + number + "::5/64 dev net2 nodad";
