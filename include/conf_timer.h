@@ -79,7 +79,8 @@ void ConfCommTimerFuncDeInit(void);
 void ConfCommTimerDeInit(void);
 
 /* ConfCommTimerStartEx with the timer's default duration. */
-uint32_t ConfCommTimerStart(uint32_t timerId, uint32_t param, const void *data, uint32_t dataLength);
+uint32_t ConfCommTimerStart(uint32_t timerId, uint32_t param, const void *data,
+                            uint32_t dataLength);
 
 /* Starts a table timer (`durationMs` 0: its default duration) that delivers `param` and a copy of
  * `dataLength` bytes of `data`, which may be null. A timer that has been started is not started again:

@@ -32,8 +32,8 @@ struct OsTmrCreateParam {
 #else
     uint32_t unused3[7];
 #endif
-    uint32_t kind;  /* 1 or 8, which the manager hands back unread */
-    uint32_t ticks; /* until the expiry, and between expiries; 0 is the next tick */
+    uint32_t kind;     /* 1 or 8, which the manager hands back unread */
+    uint32_t ticks;    /* until the expiry, and between expiries; 0 is the next tick */
     uint32_t periodic; /* 1: expires again and again */
     OsTmrExpiryFn expiry;
 };

@@ -5,6 +5,7 @@
 #include <conf_log_adapter.h>
 #include <conf_msg_api.h>
 #include <conf_network_utils.h>
+#include <conf_timer.h>
 #include <param_check.h>
 #include <pthread.h>
 #include <stdbool.h>
@@ -177,6 +178,26 @@ static void checkMessages(void) {
     TamoHostMsgClose(queue);
 }
 
+static void checkTimers(void) {
+    static ConfCommTimerEntry table[] = {{1, CONF_TIMER_ONE_SHOT, 60000, QUEUE, twice, 0, 0, 0, 0}};
+    ConfTimer timer = {0};
+    ConfSysTime now;
+    CHECK(ConfCommTimerFuncInit(NULL, 1) == 1);
+    CHECK(ConfCommTimerInit(NULL, 1) == 1);
+    CHECK(ConfCommTimerFuncInit(table, 1) == 0);
+    CHECK(ConfCommTimerStart(1, 0, "x", 1) == 0);
+    CHECK(ConfCommTimerStartEx(1, 1000, 0, NULL, 0) == 0);
+    CHECK(ConfCommTimerStop(1) == 0 && ConfCommTimerFree(1) == 0);
+    CHECK(ConfTimerInit(&timer, 1, 0, QUEUE, twice) == 0);
+    CHECK(ConfTimerStart(&timer, 60000, 0, "x", 1) == 0 && ConfTimerIsVaild(&timer));
+    CHECK(ConfTimerStop(&timer) == 0 && ConfTimerFree(&timer) == 0);
+    ConfBasicGetSysTime(&now);
+    CHECK(now.month >= 1 && now.month <= 12 && ConfGetSysTimeSec() != 0);
+    ConfCommTimerFuncDeInit();
+    CHECK(ConfCommTimerInit(table, 1) == 0);
+    ConfCommTimerDeInit();
+}
+
 static void end(void) {
     CHECK(ConfConfigDeInit() == 0);
     CHECK(ConfConfigUnInit() == 0);
@@ -193,6 +214,7 @@ int boundaryFromC(void) {
     checkConfig();
     checkNotifications();
     checkMessages();
+    checkTimers();
     end();
     return failedLine;
 }

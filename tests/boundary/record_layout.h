@@ -6,11 +6,14 @@
 #include <conf_config.h>
 #include <conf_msg_api.h>
 #include <ip_helper.h>
+#include <conf_timer.h>
 #include <stddef.h>
 #include <tamo_om_config_client.h>
 #include <tamo_om_log_client.h>
 #include <tamo_os_lock.h>
 #include <tamo_os_msg.h>
+#include <tamo_os_time.h>
+#include <tamo_os_timer.h>
 
 #define AT(record, field, narrow, wide) \
     static_assert(offsetof(record, field) == (sizeof(void *) == 4 ? (narrow) : (wide)), #field)
@@ -60,3 +63,37 @@ AT(IpAdapter, firstUnicast, 8, 16);
 AT(IpUnicastAddress, address, 4, 8);
 AT(IpSocketAddress6, address, 8, 8);
 SIZE(IpSocketAddress6, 28, 28);
+AT(ConfCommTimerEntry, defaultDuration, 8, 8);
+AT(ConfCommTimerEntry, receiver, 12, 16);
+AT(ConfCommTimerEntry, handler, 16, 24);
+AT(ConfCommTimerEntry, handle, 20, 32);
+AT(ConfCommTimerEntry, param, 24, 36);
+AT(ConfCommTimerEntry, data, 28, 40);
+AT(ConfCommTimerEntry, dataLength, 32, 48);
+SIZE(ConfCommTimerEntry, 36, 56);
+
+AT(ConfTimer, mode, 4, 4);
+AT(ConfTimer, receiver, 8, 8);
+AT(ConfTimer, handler, 12, 16);
+AT(ConfTimer, handle, 16, 24);
+AT(ConfTimer, param, 20, 28);
+AT(ConfTimer, dataLength, 24, 32);
+AT(ConfTimer, data, 28, 40);
+SIZE(ConfTimer, 32, 48);
+
+AT(ConfSysTime, month, 2, 2);
+AT(ConfSysTime, second, 6, 6);
+AT(ConfSysTime, millisecond, 8, 8);
+SIZE(ConfSysTime, 10, 10);
+
+AT(OsTmrCreateParam, receiver, 4, 4);
+AT(OsTmrCreateParam, key, 20, 24);
+AT(OsTmrCreateParam, kind, 52, 52);
+AT(OsTmrCreateParam, ticks, 56, 56);
+AT(OsTmrCreateParam, periodic, 60, 60);
+AT(OsTmrCreateParam, expiry, 64, 64);
+SIZE(OsTmrCreateParam, 68, 72);
+
+AT(OsTimeEx, day, 16, 16);
+AT(OsTimeEx, year, 24, 24);
+SIZE(OsTimeEx, 36, 36);

@@ -93,6 +93,14 @@ std::span<const Operation> operations() {
         OPERATION(OsMsgSynRespFree),
         OPERATION(OsMsgAsynSend),
         OPERATION(OsMsgSynSendResp),
+        OPERATION(OsSigEmptySet),
+        OPERATION(OsSigAddSet),
+        OPERATION(OsPthreadSigmask),
+        INFALLIBLE(OsGetTimeEx),
+        INFALLIBLE(OsGetSysTimeSec),
+        OPERATION(OsTmrManagerInit),
+        OPERATION(OsTmrCreate),
+        OPERATION(OsTmrDelete),
     };
     return all;
 }

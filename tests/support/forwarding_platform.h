@@ -27,6 +27,9 @@
 #include "platform/tamo_os_lock.h"
 #include "platform/tamo_os_mem.h"
 #include "platform/tamo_os_msg.h"
+#include "platform/tamo_os_signal.h"
+#include "platform/tamo_os_time.h"
+#include "platform/tamo_os_timer.h"
 #include "platform/tamo_socket.h"
 
 namespace platform {

@@ -371,3 +371,38 @@ uint32_t OsMsgAsynSend(OsMsgHeader *header) {
 uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) {
     return forward<&OsMsgSynSendResp>(CALLER, kOne, header, body, bodyLength);
 }
+
+/* ---- tamo_os_signal.h, tamo_os_time.h, tamo_os_timer.h ---- */
+
+uint32_t OsSigEmptySet(OsSigSet *set) {
+    return forward<&OsSigEmptySet>(CALLER, kOne, set);
+}
+
+uint32_t OsSigAddSet(OsSigSet *set, int32_t signal) {
+    return forward<&OsSigAddSet>(CALLER, kOne, set, signal);
+}
+
+uint32_t OsPthreadSigmask(int32_t how, const OsSigSet *set, OsSigSet *oldSet) {
+    return forward<&OsPthreadSigmask>(CALLER, kOne, how, set, oldSet);
+}
+
+void OsGetTimeEx(OsTimeEx *record) {
+    forward<&OsGetTimeEx>(
+        CALLER, [] {}, record);
+}
+
+uint32_t OsGetSysTimeSec(void) {
+    return forward<&OsGetSysTimeSec>(CALLER, kCannotFail);
+}
+
+uint32_t OsTmrManagerInit(uint32_t a, uint32_t tickMicroseconds, uint32_t b) {
+    return forward<&OsTmrManagerInit>(CALLER, kOne, a, tickMicroseconds, b);
+}
+
+uint32_t OsTmrCreate(OsTmrCreateParam *param, uint32_t *handle) {
+    return forward<&OsTmrCreate>(CALLER, kOne, param, handle);
+}
+
+uint32_t OsTmrDelete(uint32_t handle) {
+    return forward<&OsTmrDelete>(CALLER, kOne, handle);
+}
