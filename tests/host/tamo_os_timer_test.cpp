@@ -1,0 +1,387 @@
+/* What the timer manager owes: when expiries run, and what no longer runs after a deletion. */
+#include "platform/tamo_os_timer.h"
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/deadline.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr uint32_t kTickUs = 5000;
+constexpr uint32_t kFar = 1000000; /* ticks */
+constexpr auto kTick = std::chrono::microseconds(kTickUs);
+
+/* One timer of a test: its expiry runs `action`, with the number of the expiry. */
+class TestTimer {
+  public:
+    using Action = std::function<void(uint32_t)>;
+
+    TestTimer(
+        uint32_t ticks, bool periodic, Action action = [](uint32_t) {})
+        : action_(std::move(action)), created_(Clock::now()) {
+        OsTmrCreateParam param = {};
+        strcpy(param.receiver, "receiver");
+        param.key = reinterpret_cast<uintptr_t>(this);
+        param.kind = 8;
+        param.ticks = ticks;
+        param.periodic = periodic ? 1 : 0;
+        param.expiry = expire;
+        EXPECT_EQ(OsTmrCreate(&param, &handle), 0u);
+        memset(&param, 0xEE, sizeof(param)); /* the manager has its own copy */
+    }
+    ~TestTimer() { OsTmrDelete(handle); }
+    TestTimer(const TestTimer &) = delete;
+    TestTimer &operator=(const TestTimer &) = delete;
+
+    uint32_t count() {
+        const std::lock_guard lock(mutex_);
+        return count_;
+    }
+
+    /* Waits until `n` expiries have ended. */
+    void await(uint32_t n) {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, support::patience(), [&] { return count_ >= n; }));
+    }
+
+    Clock::time_point created() const { return created_; }
+
+    uint32_t handle = 0;
+
+  private:
+    static void expire(OsTmrCreateParam *record) {
+        auto *timer = reinterpret_cast<TestTimer *>(record->key);
+        EXPECT_NE(timer->handle, 0u) << "the handle is stored before the timer can fire";
+        EXPECT_STREQ(record->receiver, "receiver");
+        EXPECT_EQ(record->kind, 8u);
+        timer->action_(timer->count() + 1);
+        const std::lock_guard lock(timer->mutex_);
+        timer->count_++;
+        timer->changed_.notify_all();
+    }
+
+    Action action_;
+    Clock::time_point created_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    uint32_t count_ = 0;
+};
+
+/* A door that threads wait at until it is opened. */
+class Door {
+  public:
+    void open() {
+        const std::lock_guard lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    void pass() {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, support::patience(), [&] { return open_; }));
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool open_ = false;
+};
+
+/* One line of a thread's status. */
+std::string threadStatus(const std::filesystem::path &thread, const std::string &name) {
+    std::ifstream status(thread / "status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(name + ":\t")) {
+            return line.substr(name.size() + 2);
+        }
+    }
+    return "";
+}
+
+void awaitSleep(const std::filesystem::path &thread) {
+    const auto deadline = Clock::now() + support::patience();
+    while (!threadStatus(thread, "State").starts_with("S") && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+}
+
+std::filesystem::path managerThread() {
+    for (const auto &thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (threadStatus(thread.path(), "Name") == "tamo_timer") {
+            return thread.path();
+        }
+    }
+    ADD_FAILURE() << "the manager has no thread";
+    return "/proc/self";
+}
+
+uint64_t wakeUps(const std::filesystem::path &thread) {
+    return std::stoull(threadStatus(thread, "voluntary_ctxt_switches"));
+}
+
+class TamoOsTimer : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(OsTmrManagerInit(0, kTickUs, 0), 0u); }
+};
+
+/* ---- when expiries run ---- */
+
+TEST_F(TamoOsTimer, OneShotExpiresOnceNotEarlyAndEndsByItself) {
+    Clock::time_point expired;
+    TestTimer timer(3, false, [&](uint32_t) { expired = Clock::now(); });
+    TestTimer later(6, false);
+    later.await(1);
+    EXPECT_EQ(timer.count(), 1u);
+    EXPECT_GE(expired, timer.created() + 3 * kTick);
+    EXPECT_NE(OsTmrDelete(timer.handle), 0u);
+}
+
+TEST_F(TamoOsTimer, TimersExpireInTheOrderInWhichTheyAreDue) {
+    std::vector<int> order; /* expiries run one at a time */
+    Door begin;
+    /* All of them are created before the manager looks at any. */
+    TestTimer first(0, false, [&](uint32_t) { begin.pass(); });
+    TestTimer c(40, false, [&](uint32_t) { order.push_back(3); });
+    TestTimer d(40, false, [&](uint32_t) { order.push_back(4); });
+    TestTimer a(0, false, [&](uint32_t) { order.push_back(1); });
+    TestTimer b(20, false, [&](uint32_t) { order.push_back(2); });
+    begin.open();
+    d.await(1);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+}
+
+/* The one-shot timers beside it tell how often it should have expired by then. */
+TEST_F(TamoOsTimer, PeriodicTimerNeitherDriftsNorIsEarly) {
+    uint32_t before = 0, after = 0;
+    std::atomic<TestTimer *> watched{nullptr};
+    TestTimer first(40, false, [&](uint32_t) {
+        if (watched != nullptr) {
+            before = watched.load()->count();
+        }
+    });
+    TestTimer periodic(2, true, [&](uint32_t n) {
+        /* A stall, which is made up for, and expiries that take longer than a tick. */
+        const auto end = periodic.created() + 2 * n * kTick + (n == 1 ? 15 : 1) * kTick;
+        while (Clock::now() < end) {
+            std::this_thread::yield();
+        }
+    });
+    watched = &periodic;
+    TestTimer second(40, false, [&](uint32_t) { after = periodic.count(); });
+    second.await(1);
+    EXPECT_LE(before, 20u);
+    EXPECT_GE(after, 20u);
+}
+
+TEST_F(TamoOsTimer, TimerThatIsFarBehindDoesNotFlood) {
+    uint32_t count = 0;
+    TestTimer periodic(0, true, [&](uint32_t n) {
+        while (n == 1 && Clock::now() < periodic.created() + 150 * kTick) {
+            std::this_thread::yield();
+        }
+    });
+    TestTimer last(150, false, [&](uint32_t) { count = periodic.count(); });
+    last.await(1);
+    EXPECT_GE(count, 1u);
+    EXPECT_LE(count, 101u);
+    periodic.await(count + 3);
+}
+
+TEST_F(TamoOsTimer, ManagerSleepsWhileNothingIsDue) {
+    const auto manager = managerThread();
+    TestTimer settled(2, false); /* the last wake-up that earlier tests can have left */
+    settled.await(1);
+    awaitSleep(manager);
+    const uint64_t before = wakeUps(manager);
+    for (uint32_t i = 0; i < 2000; i++) {
+        TestTimer timer(kFar - i, i % 2 == 0);
+    }
+    EXPECT_EQ(wakeUps(manager), before) << "creation and deletion wake nobody";
+    TestTimer timer(5, false);
+    timer.await(1);
+    awaitSleep(manager);
+    EXPECT_LE(wakeUps(manager), before + 5) << "one wake-up, and what its expiry waits for";
+}
+
+/* ---- deletion ---- */
+
+TEST_F(TamoOsTimer, DeletionWaitsForTheRunningExpiry) {
+    for (const bool periodic : {false, true}) {
+        Door inside, go;
+        std::atomic<bool> ended{false}, called{false}, returned{false};
+        TestTimer timer(0, periodic, [&](uint32_t) {
+            inside.open();
+            go.pass();
+            ended = true;
+        });
+        inside.pass();
+        std::atomic<pid_t> tid{0};
+        std::thread deleter([&] {
+            tid = static_cast<pid_t>(syscall(SYS_gettid));
+            called = true;
+            EXPECT_EQ(OsTmrDelete(timer.handle), 0u);
+            EXPECT_TRUE(ended);
+            returned = true;
+        });
+        while (!called) {
+            std::this_thread::yield();
+        }
+        awaitSleep("/proc/self/task/" + std::to_string(tid));
+        EXPECT_FALSE(returned);
+        go.open();
+        deleter.join();
+        TestTimer later(3, false);
+        later.await(1);
+        EXPECT_EQ(timer.count(), 1u);
+    }
+}
+
+TEST_F(TamoOsTimer, ExpiriesMayDeleteThemselvesAndOthersAndCreateTimers) {
+    std::unique_ptr<TestTimer> born;
+    Door begin;
+    TestTimer victim(40, false);
+    TestTimer self(0, true, [&](uint32_t n) {
+        if (n == 1) {
+            begin.pass();
+            return;
+        }
+        EXPECT_EQ(OsTmrDelete(self.handle), 0u);
+        EXPECT_NE(OsTmrDelete(self.handle), 0u);
+        EXPECT_EQ(OsTmrDelete(victim.handle), 0u);
+        born = std::make_unique<TestTimer>(0, false);
+    });
+    TestTimer later(60, false);
+    begin.open();
+    later.await(1);
+    EXPECT_EQ(self.count(), 2u);
+    EXPECT_EQ(victim.count(), 0u);
+    ASSERT_NE(born, nullptr);
+    born->await(1);
+}
+
+TEST_F(TamoOsTimer, HandlesAreDistinctAndStaleOnesAreRefused) {
+    std::vector<std::unique_ptr<TestTimer>> live;
+    std::set<uint32_t> handles = {0, UINT32_MAX};
+    for (uint32_t i = 0; i < 1500; i++) {
+        live.push_back(std::make_unique<TestTimer>(kFar + i, false));
+        EXPECT_TRUE(handles.insert(live.back()->handle).second);
+        TestTimer passing(kFar, false);
+        EXPECT_TRUE(handles.insert(passing.handle).second);
+    }
+    for (const auto &timer : live) {
+        handles.erase(timer->handle);
+    }
+    for (const uint32_t stale : handles) {
+        EXPECT_NE(OsTmrDelete(stale), 0u);
+    }
+    for (const auto &timer : live) {
+        EXPECT_EQ(OsTmrDelete(timer->handle), 0u);
+    }
+}
+
+/* ---- refusals ---- */
+
+const support::ChildRole beforeTheStart("beforeTheStart", [](const support::ChildArguments &) {
+    OsTmrCreateParam param = {};
+    param.expiry = [](OsTmrCreateParam *) {};
+    uint32_t handle = 0;
+    if (OsTmrCreate(&param, &handle) == 0 || OsTmrDelete(1) == 0 ||
+        OsTmrManagerInit(0, 0, 0) == 0) {
+        return 1;
+    }
+    if (OsTmrManagerInit(0, kTickUs, 0) != 0 || OsTmrManagerInit(0, kTickUs, 0) != 0) {
+        return 2;
+    }
+    if (OsTmrCreate(nullptr, &handle) == 0 || OsTmrCreate(&param, nullptr) == 0) {
+        return 3;
+    }
+    return OsTmrCreate(&param, &handle) == 0 && handle != 0 ? 0 : 4;
+});
+
+TEST(TamoOsTimerStart, NothingIsCreatedBeforeTheManagerOrWithoutAnExpiry) {
+    support::ChildProcess child("beforeTheStart");
+    EXPECT_EQ(child.wait(), support::exited(0));
+}
+
+#ifndef __SANITIZE_THREAD__ /* which allows no thread after a fork */
+
+TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
+    Door inside, go;
+    TestTimer running(0, false, [&](uint32_t) {
+        inside.open();
+        go.pass();
+    });
+    TestTimer waiting(kFar, false);
+    inside.pass();
+    const pid_t child = fork();
+    if (child == 0) {
+        OsTmrCreateParam param = {};
+        param.expiry = [](OsTmrCreateParam *) { _exit(42); };
+        uint32_t handle = 0;
+        const bool refused = OsTmrDelete(running.handle) != 0 && OsTmrDelete(waiting.handle) != 0 &&
+                             OsTmrCreate(&param, &handle) != 0;
+        const bool started = refused && OsTmrManagerInit(0, kTickUs, 0) == 0 &&
+                             OsTmrDelete(waiting.handle) != 0 && OsTmrCreate(&param, &handle) == 0;
+        while (started) {
+            pause();
+        }
+        _exit(1);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 42);
+    go.open();
+    running.await(1);
+    EXPECT_EQ(OsTmrDelete(waiting.handle), 0u) << "the parent's timers are still there";
+}
+
+#endif
+
+/* Each timer's memory goes as soon as its deletion has returned. */
+TEST_F(TamoOsTimer, NoExpiryTouchesATimerThatWasDeleted) {
+    std::atomic<uint32_t> expiries{0};
+    std::vector<std::thread> threads;
+    for (unsigned seed = 0; seed < 4; seed++) {
+        threads.emplace_back([&, seed] {
+            std::mt19937 engine(seed);
+            const auto random = [&](uint32_t n) { return static_cast<uint32_t>(engine() % n); };
+            const auto deadline = Clock::now() + support::patience(30);
+            while (expiries < 2000 && Clock::now() < deadline) {
+                std::vector<std::unique_ptr<TestTimer>> timers;
+                for (uint32_t i = random(20); i > 0; i--) {
+                    timers.push_back(std::make_unique<TestTimer>(random(3), random(2) == 0,
+                                                                 [&](uint32_t) { expiries++; }));
+                }
+                TestTimer awaited(random(2), random(2) == 0);
+                awaited.await(1);
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_GE(expiries, 2000u);
+}
+
+}  // namespace

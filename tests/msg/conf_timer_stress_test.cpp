@@ -1,0 +1,237 @@
+/* Starts, stops and ends of the service while expiries fire, for the sanitizers.
+ *
+ * What a timer delivers carries its own parameter, length and checksum, so that a mixture of two starts
+ * shows. Two managers fire:
+ *
+ * - the platform's, with a tick far shorter than the service's, so that expiries meet starts often;
+ * - a careless one, whose threads fire all timers that were ever created, without end, and whose
+ *   deletion waits for nothing. Memory must be safe with it too. */
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "include/conf_timer.h"
+#include "msg/message_format.h"
+#include "tests/support/deadline.h"
+#include "tests/support/forwarding_platform.h"
+
+namespace {
+
+constexpr uint32_t kTickUs = 50;
+constexpr uint32_t kMostBytes = 600;
+constexpr uint32_t kWithoutData = 0x80000000;
+constexpr int kTimers = 6;
+constexpr int kStarters = 3;
+
+struct Payload {
+    uint32_t param, length, checksum;
+    unsigned char bytes[kMostBytes];
+};
+
+constexpr uint32_t kHead = offsetof(Payload, bytes);
+
+uint32_t checksumOf(const Payload &payload) {
+    uint32_t sum = payload.param * 31 + payload.length;
+    for (uint32_t i = kHead; i < payload.length; i++) {
+        sum = sum * 31 + payload.bytes[i - kHead];
+    }
+    return sum;
+}
+
+uint32_t nothing(uint32_t, void *, uint32_t) {
+    return 0;
+}
+
+std::atomic<uint32_t> delivered{0}, torn{0};
+
+/* In the place of the message layer: looks at each message. */
+uint32_t look(OsMsgHeader *header) {
+    auto *body = static_cast<ConfMsgBody *>(header->body);
+    bool whole = body->dataLength == 0 && (body->param & kWithoutData) != 0;
+    if (body->dataLength != 0) {
+        Payload payload;
+        memcpy(&payload, bodyData(body), std::min<size_t>(body->dataLength, sizeof(payload)));
+        whole = body->dataLength >= kHead && payload.param == body->param &&
+                payload.length == body->dataLength && payload.checksum == checksumOf(payload);
+    }
+    delivered++;
+    torn += whole ? 0 : 1;
+    return 0;
+}
+
+/* One thread's way through the timers. */
+class Walk {
+  public:
+    explicit Walk(uint32_t seed) : engine_(seed) {}
+
+    uint32_t random(uint32_t below) { return static_cast<uint32_t>(engine_() % below); }
+
+    void start(uint32_t id, ConfTimer *object) {
+        payload_.param = random(kWithoutData);
+        payload_.length = kHead + random(kMostBytes + 1);
+        for (unsigned char &byte : payload_.bytes) {
+            byte = static_cast<unsigned char>(payload_.param + payload_.length);
+        }
+        payload_.checksum = checksumOf(payload_);
+        const bool empty = random(4) == 0;
+        const uint32_t param = empty ? payload_.param | kWithoutData : payload_.param;
+        const void *data = empty ? nullptr : &payload_;
+        const uint32_t length = empty ? 0 : payload_.length;
+        EXPECT_EQ(object == nullptr ? ConfCommTimerStartEx(id, 1, param, data, length)
+                                    : ConfTimerStart(object, 1, param, data, length),
+                  0u);
+    }
+
+    void step(ConfTimer *objects) {
+        const uint32_t at = random(kTimers);
+        const uint32_t kind = random(8);
+        if (kind == 0) {
+            EXPECT_EQ(ConfCommTimerStop(at), 0u);
+        } else if (kind == 1) {
+            EXPECT_EQ(ConfTimerStop(&objects[at]), 0u);
+        } else {
+            start(at, kind % 2 == 0 ? nullptr : &objects[at]);
+        }
+    }
+
+  private:
+    std::mt19937 engine_;
+    Payload payload_;
+};
+
+/* Fires what was created, again and again, from several threads. */
+class CarelessManager {
+  public:
+    CarelessManager() {
+        platform::override(OsTmrManagerInit, [](uint32_t, uint32_t, uint32_t) { return 0u; });
+        platform::override(OsTmrDelete, [](uint32_t) { return 0u; });
+        platform::override(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
+            const std::lock_guard lock(mutex_);
+            const auto known = [&](const OsTmrCreateParam &each) { return each.key == param->key; };
+            if (std::none_of(timers_.begin(), timers_.end(), known)) {
+                timers_.push_back(*param);
+            }
+            *handle = ++lastHandle_;
+            return 0u;
+        });
+        for (std::thread &thread : threads_) {
+            thread = std::thread([this] { fire(); });
+        }
+    }
+    ~CarelessManager() {
+        end_ = true;
+        for (std::thread &thread : threads_) {
+            thread.join();
+        }
+    }
+
+  private:
+    void fire() {
+        for (size_t i = 0; !end_; i++) {
+            OsTmrCreateParam record = {};
+            {
+                const std::lock_guard lock(mutex_);
+                if (!timers_.empty()) {
+                    record = timers_[i % timers_.size()];
+                }
+            }
+            if (record.expiry != nullptr) {
+                record.expiry(&record);
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    std::vector<OsTmrCreateParam> timers_;
+    uint32_t lastHandle_ = 0;
+    std::atomic<bool> end_{false};
+    std::thread threads_[3];
+};
+
+class TimerStress : public platform::PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        delivered = torn = 0;
+        platform::override(OsMsgAsynSend, look);
+        for (uint32_t i = 0; i < kTimers; i++) {
+            table[i] = {i, i % 2, 1, "receiver", nothing, 0, kWithoutData, nullptr, 0};
+            ConfTimerInit(&objects[i], i, i % 2, "receiver", nothing);
+            objects[i].param = kWithoutData;
+        }
+    }
+
+    /* Threads start and stop timers until `expiries` were delivered. */
+    void walkUntil(uint32_t expiries) {
+        const auto deadline = std::chrono::steady_clock::now() + support::patience(20);
+        std::vector<std::thread> threads;
+        for (uint32_t seed = 0; seed < kStarters; seed++) {
+            threads.emplace_back([=, this] {
+                Walk walk(seed);
+                while (delivered < expiries && std::chrono::steady_clock::now() < deadline) {
+                    walk.step(objects);
+                }
+            });
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
+        EXPECT_GE(delivered, expiries);
+    }
+
+    /* The service starts and ends again and again, without its timers being stopped. */
+    void endAndStart(uint32_t times) {
+        Walk walk(99);
+        for (uint32_t i = 0; i < times; i++) {
+            ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
+            const uint32_t before = delivered;
+            const auto deadline = std::chrono::steady_clock::now() + support::patience(20);
+            while (delivered < before + 5 && std::chrono::steady_clock::now() < deadline) {
+                walk.start(walk.random(kTimers), nullptr);
+            }
+            EXPECT_GE(delivered, before + 5);
+            ConfCommTimerDeInit();
+        }
+    }
+
+    void stopObjects() {
+        for (ConfTimer &object : objects) {
+            EXPECT_EQ(ConfTimerStop(&object), 0u);
+        }
+    }
+
+    ConfCommTimerEntry table[kTimers] = {};
+    ConfTimer objects[kTimers] = {};
+};
+
+TEST_F(TimerStress, ExpiriesOfTheRealManagerReadWholeStarts) {
+    ASSERT_EQ(platform::next(OsTmrManagerInit)(0, kTickUs, 0), 0u);
+    ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
+    walkUntil(20000);
+    stopObjects();
+    ConfCommTimerDeInit();
+    endAndStart(300);
+    EXPECT_EQ(torn, 0u);
+}
+
+TEST_F(TimerStress, ExpiriesOfACarelessManagerReadNoReleasedData) {
+    {
+        const CarelessManager manager;
+        ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
+        walkUntil(20000);
+        stopObjects();
+        ConfCommTimerDeInit();
+        endAndStart(300);
+    }
+    EXPECT_EQ(torn, 0u);
+}
+
+}  // namespace
