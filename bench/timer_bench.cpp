@@ -1,0 +1,276 @@
+/* The timer manager beside libevent's timers (with its locks on) and beside a bare kernel timer:
+ *
+ * - creating and deleting a timer while 100,000 others run, with the same durations on both sides;
+ * - how late timers expire on busy processors.
+ *
+ * The rows take turns in rounds. */
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/timerfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#ifdef BENCH_EVENT
+#include <event2/event.h>
+#include <event2/event_struct.h>
+#include <event2/thread.h>
+#endif
+
+#include "include/conf_timer.h"
+#include "platform/tamo_os_timer.h"
+
+namespace {
+
+constexpr uint32_t kOthers = 100000;
+constexpr size_t kRounds = 150;
+constexpr size_t kPairs = 2000; /* of one row in one round */
+constexpr double kTickUs = 10000;
+
+void check(bool good, const char *what) {
+    if (!good) {
+        fprintf(stderr, "%s failed\n", what);
+        exit(1);
+    }
+}
+
+double nowUs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+}
+
+double percentile(std::vector<double> values, double part) {
+    std::sort(values.begin(), values.end());
+    return values[static_cast<size_t>(part * static_cast<double>(values.size() - 1))];
+}
+
+/* Durations from a minute to an hour: none of these timers expires meanwhile. */
+class Durations {
+  public:
+    Durations() {
+        std::mt19937 random(1);
+        for (uint32_t &ms : ms_) {
+            ms = 60000 + static_cast<uint32_t>(random() % 3540000);
+        }
+    }
+    uint32_t next() { return ms_[at_++ % ms_.size()]; }
+
+  private:
+    std::vector<uint32_t> ms_ = std::vector<uint32_t>(65536);
+    size_t at_ = 0;
+};
+
+/* ---- creating and deleting ---- */
+
+struct Row {
+    const char *name;
+    double bound; /* of its ratio to the first row */
+    std::function<void(uint32_t ms)> pair;
+    std::vector<double> ns;
+};
+
+uint32_t createTimer(uint32_t ms) {
+    OsTmrCreateParam param = {};
+    param.ticks = ms / 10;
+    param.expiry = [](OsTmrCreateParam *) {};
+    uint32_t handle = 0;
+    check(OsTmrCreate(&param, &handle) == 0, "OsTmrCreate");
+    return handle;
+}
+
+void managerPair(uint32_t ms) {
+    OsTmrDelete(createTimer(ms));
+}
+
+void objectPair(uint32_t ms) {
+    static ConfTimer timer = {1,        CONF_TIMER_ONE_SHOT,
+                              "Nobody", [](uint32_t, void *, uint32_t) { return 0u; },
+                              0,        0,
+                              0,        nullptr};
+    static const char payload[64] = "the data of an expiry";
+    check(ConfTimerStart(&timer, ms, 1, payload, sizeof(payload)) == 0, "ConfTimerStart");
+    ConfTimerStop(&timer);
+}
+
+#ifdef BENCH_EVENT
+
+timeval timevalOf(uint32_t ms) {
+    return {static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
+}
+
+/* An event base with its loop on a thread of its own, until the end of the process. */
+struct EventTimers {
+    explicit EventTimers(Durations durations) : events(kOthers) {
+        check(evthread_use_pthreads() == 0, "evthread_use_pthreads");
+        base = event_base_new();
+        for (event &each : events) {
+            add(&each, durations.next());
+        }
+        std::thread([this] { event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY); }).detach();
+    }
+    void add(event *timer, uint32_t ms) const {
+        const timeval after = timevalOf(ms);
+        evtimer_assign(
+            timer, base, [](evutil_socket_t, short, void *) {}, nullptr);
+        check(evtimer_add(timer, &after) == 0, "evtimer_add");
+    }
+    void pair(uint32_t ms) {
+        add(&one, ms);
+        evtimer_del(&one);
+    }
+
+    event_base *base;
+    std::vector<event> events;
+    event one;
+};
+
+#endif
+
+std::vector<Row> makeRows() {
+    std::vector<Row> rows;
+#ifdef BENCH_EVENT
+    auto *timers = new EventTimers(Durations()); /* its thread runs on */
+    rows.push_back({"libevent: add, del", 1, [=](uint32_t ms) { timers->pair(ms); }, {}});
+#else
+    printf("(libevent-dev was not there when this was configured: ratios to the first row)\n");
+#endif
+    rows.push_back({"OsTmrCreate, OsTmrDelete", 1.3, managerPair, {}});
+    rows.push_back({"ConfTimerStart of 64 bytes, ConfTimerStop", 3, objectPair, {}});
+    return rows;
+}
+
+void measurePairs() {
+    std::vector<Row> rows = makeRows();
+    Durations durations;
+    for (uint32_t i = 0; i < kOthers; i++) {
+        createTimer(durations.next());
+    }
+    for (size_t round = 0; round < kRounds; round++) {
+        for (size_t turn = 0; turn < rows.size(); turn++) {
+            Row &row = rows[(round + turn) % rows.size()];
+            for (size_t i = 0; i < kPairs / 10; i++) {
+                row.pair(durations.next()); /* warms up */
+            }
+            const double start = nowUs();
+            for (size_t i = 0; i < kPairs; i++) {
+                row.pair(durations.next());
+            }
+            row.ns.push_back((nowUs() - start) * 1000 / static_cast<double>(kPairs));
+        }
+    }
+    printf("a timer created and deleted while %u others run\n", kOthers);
+    printf("  %-44s %10s %8s %8s\n", "", "median ns", "ratio", "bound");
+    for (const Row &row : rows) {
+        std::vector<double> ratios;
+        for (size_t round = 0; round < kRounds; round++) {
+            ratios.push_back(row.ns[round] / rows[0].ns[round]);
+        }
+        printf("  %-44s %10.1f %8.2f %8.2f\n", row.name, percentile(row.ns, 0.5),
+               percentile(ratios, 0.5), row.bound);
+    }
+}
+
+/* ---- lateness ---- */
+
+constexpr size_t kLateRounds = 12;
+constexpr size_t kLateTimers = 400; /* of each kind in one round */
+
+/* One timer and how late it came. */
+struct LateTimer {
+    double due;
+    std::atomic<double> late;
+};
+
+void expireLate(OsTmrCreateParam *record) {
+    auto *timer = reinterpret_cast<LateTimer *>(record->key);
+    timer->late = nowUs() - timer->due;
+}
+
+void measureManager(std::mt19937 &random, std::vector<double> *late) {
+    const auto timers = std::make_unique<LateTimer[]>(kLateTimers);
+    for (size_t i = 0; i < kLateTimers; i++) {
+        OsTmrCreateParam param = {};
+        param.key = reinterpret_cast<uintptr_t>(&timers[i]);
+        param.ticks = static_cast<uint32_t>(5 + random() % 40);
+        param.expiry = expireLate;
+        timers[i].late = -1e9;
+        timers[i].due = nowUs() + param.ticks * kTickUs;
+        uint32_t handle = 0;
+        check(OsTmrCreate(&param, &handle) == 0, "OsTmrCreate");
+    }
+    for (size_t i = 0; i < kLateTimers; i++) {
+        while (timers[i].late == -1e9) {
+            usleep(1000);
+        }
+        late->push_back(timers[i].late);
+    }
+}
+
+/* A thread that does nothing but wait for the kernel timer. */
+void measureBare(std::mt19937 &random, std::vector<double> *late) {
+    const int descriptor = timerfd_create(CLOCK_MONOTONIC, 0);
+    for (size_t i = 0; i < kLateTimers / 4; i++) {
+        const double due = nowUs() + 1000 + static_cast<double>(random() % 5000);
+        itimerspec when = {};
+        when.it_value.tv_sec = static_cast<time_t>(due / 1e6);
+        when.it_value.tv_nsec =
+            static_cast<long>((due - static_cast<double>(when.it_value.tv_sec) * 1e6) * 1e3);
+        uint64_t rings;
+        check(timerfd_settime(descriptor, TFD_TIMER_ABSTIME, &when, nullptr) == 0 &&
+                  read(descriptor, &rings, sizeof(rings)) == sizeof(rings),
+              "the bare timer");
+        late->push_back(nowUs() - due);
+    }
+    close(descriptor);
+}
+
+void measureLateness() {
+    std::atomic<bool> end{false};
+    std::vector<std::thread> load;
+    for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); i++) {
+        load.emplace_back([&] {
+            for (volatile unsigned spin = 0; !end; spin = spin + 1) {
+            }
+        });
+    }
+    std::vector<double> ours, bare;
+    std::mt19937 random(2);
+    for (size_t round = 0; round < kLateRounds; round++) {
+        std::thread([&] { measureManager(random, &ours); }).join();
+        std::thread([&] { measureBare(random, &bare); }).join();
+    }
+    end = true;
+    for (std::thread &thread : load) {
+        thread.join();
+    }
+    printf("how late timers expire, one busy thread for each processor, microseconds\n");
+    printf("  %-12s %12s %12s %32s\n", "", "bare timer", "OsTmr", "bound: a tick + 1.5 x bare");
+    for (const double part : {0.5, 0.9, 0.99, 1.0}) {
+        const std::string name =
+            part == 1.0 ? "latest" : "p" + std::to_string(static_cast<int>(part * 100));
+        const double most = kTickUs + 1.5 * percentile(bare, part);
+        printf("  %-12s %12.1f %12.1f %32.1f\n", name.c_str(), percentile(bare, part),
+               percentile(ours, part), most);
+    }
+}
+
+}  // namespace
+
+int main() {
+    static ConfCommTimerEntry table[1] = {};
+    check(ConfCommTimerInit(table, 1) == 0, "ConfCommTimerInit");
+    measurePairs();
+    measureLateness();
+    fflush(stdout);
+    _exit(0); /* without waiting for libevent's thread */
+}
