@@ -239,7 +239,7 @@ void measureLateness() {
     std::vector<std::thread> load;
     for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); i++) {
         load.emplace_back([&] {
-            for (volatile unsigned spin = 0; !end; spin = spin + 1) {
+            while (!end) {
             }
         });
     }

@@ -59,7 +59,8 @@ uint32_t InitTimer() {
 }
 
 void deliver(const char *function, ConfCommTimerEntry *entry) {
-    if (sendExpiry(runningTimer(entry), entry->receiver, entry->handler) != 0) {
+    const ContentReader content(runningTimer(entry).content);
+    if (sendExpiry(content, entry->receiver, entry->handler) != 0) {
         ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
                       "ConfCommTimerIDOut send msg fail");
     }

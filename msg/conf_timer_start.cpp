@@ -90,8 +90,7 @@ bool isLeftToStart(const RunningTimer &timer) {
     return timer.handle.compare_exchange_strong(seen, kFiredAtStart) || seen == kFiredAtStart;
 }
 
-uint32_t sendExpiry(const RunningTimer &timer, const char *receiver, ConfMsgHandler handler) {
-    const ContentReader content(timer.content);
+uint32_t sendExpiry(const ContentReader &content, const char *receiver, ConfMsgHandler handler) {
     return ConfCommMsgAsynSend(receiver, handler, content.param(), content.data(),
                                content.dataLength());
 }

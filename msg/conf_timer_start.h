@@ -1,9 +1,9 @@
 /* What table timers and timer objects have in common: the mutex, and the steps of a start, a stop and an
  * expiry.
  *
- * A timer may expire before its start has stored what to deliver, and a one-shot object then clears its
- * handle. So the handle says "starting" from before the platform's timer is created until the content
- * is stored: an expiry that finds that only marks it, and the start delivers in its place. */
+ * A timer may expire before its start has stored what to deliver. So the handle says "starting" from
+ * before the platform's timer is created until the content is stored: an expiry that finds that only
+ * marks it, and the start delivers in its place. */
 #pragma once
 
 #include <atomic>
@@ -84,4 +84,4 @@ void endTimer(const RunningTimer &timer);
 bool isLeftToStart(const RunningTimer &timer);
 
 /* Sends what a timer delivers; the result is the message's. */
-uint32_t sendExpiry(const RunningTimer &timer, const char *receiver, ConfMsgHandler handler);
+uint32_t sendExpiry(const ContentReader &content, const char *receiver, ConfMsgHandler handler);
