@@ -5,8 +5,8 @@
 #include <assert.h>
 #include <conf_config.h>
 #include <conf_msg_api.h>
-#include <ip_helper.h>
 #include <conf_timer.h>
+#include <ip_helper.h>
 #include <stddef.h>
 #include <tamo_om_config_client.h>
 #include <tamo_om_log_client.h>
