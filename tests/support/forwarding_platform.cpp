@@ -1,5 +1,5 @@
-/* See forwarding_platform.h: settings and accounts. The operations are in platform_operations.cpp.
- */
+/* See forwarding_platform.h: settings and accounts. The operations are in platform_operations.cpp and
+ * platform_timers.cpp. */
 #include "forwarding_platform.h"
 
 #include <dlfcn.h>

@@ -11,16 +11,14 @@ namespace {
 
 using platform::detail::dispatch;
 using platform::detail::forward;
+using platform::detail::kCannotFail;
+using platform::detail::kNull;
+using platform::detail::kOne;
 using platform::detail::realOperation;
 using platform::detail::Verdict;
 
 constexpr int kRefused = 34;
 constexpr size_t kLargestSize = 0x7FFFFFFF;
-
-/* Failures. */
-constexpr auto kNull = [] { return nullptr; };
-constexpr auto kOne = [] { return 1; };
-constexpr auto kCannotFail = [] { return 0; };
 
 bool usable(const void *dst, size_t size) {
     return dst != nullptr && size != 0 && size <= kLargestSize;
@@ -67,8 +65,6 @@ class PrintedText {
 };
 
 }  // namespace
-
-#define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
 
 /* ---- bounds_checked.h ---- */
 
@@ -370,39 +366,4 @@ uint32_t OsMsgAsynSend(OsMsgHeader *header) {
 
 uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) {
     return forward<&OsMsgSynSendResp>(CALLER, kOne, header, body, bodyLength);
-}
-
-/* ---- tamo_os_signal.h, tamo_os_time.h, tamo_os_timer.h ---- */
-
-uint32_t OsSigEmptySet(OsSigSet *set) {
-    return forward<&OsSigEmptySet>(CALLER, kOne, set);
-}
-
-uint32_t OsSigAddSet(OsSigSet *set, int32_t signal) {
-    return forward<&OsSigAddSet>(CALLER, kOne, set, signal);
-}
-
-uint32_t OsPthreadSigmask(int32_t how, const OsSigSet *set, OsSigSet *oldSet) {
-    return forward<&OsPthreadSigmask>(CALLER, kOne, how, set, oldSet);
-}
-
-void OsGetTimeEx(OsTimeEx *record) {
-    forward<&OsGetTimeEx>(
-        CALLER, [] {}, record);
-}
-
-uint32_t OsGetSysTimeSec(void) {
-    return forward<&OsGetSysTimeSec>(CALLER, kCannotFail);
-}
-
-uint32_t OsTmrManagerInit(uint32_t a, uint32_t tickMicroseconds, uint32_t b) {
-    return forward<&OsTmrManagerInit>(CALLER, kOne, a, tickMicroseconds, b);
-}
-
-uint32_t OsTmrCreate(OsTmrCreateParam *param, uint32_t *handle) {
-    return forward<&OsTmrCreate>(CALLER, kOne, param, handle);
-}
-
-uint32_t OsTmrDelete(uint32_t handle) {
-    return forward<&OsTmrDelete>(CALLER, kOne, handle);
 }

@@ -76,6 +76,14 @@ auto forward(const void *caller, Fail fail, Arguments... arguments) {
         arguments...);
 }
 
+/* The failures of most operations. */
+constexpr auto kNull = [] { return nullptr; };
+constexpr auto kOne = [] { return 1; };
+constexpr auto kCannotFail = [] { return 0; };
+
+/* The caller of a definition. */
+#define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
+
 /* Keeps one record; true when it goes to the real log too. */
 bool captureRecord(uint8_t level, uint16_t logFileId, const char *unit, int32_t line,
                    const char *text);

@@ -1,0 +1,246 @@
+/* Starts and expiries of table timers and timer objects. */
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "include/conf_timer.h"
+#include "tests/msg/timer_fixture.h"
+
+namespace {
+
+using platform::hasRecord;
+using std::string;
+
+using TimerStart = TimerTest;
+
+/* ---- starting ---- */
+
+TEST_F(TimerStart, RecordForThePlatformSaysWhatTheTimerIs) {
+    ASSERT_EQ(ConfCommTimerStart(10, 0, nullptr, 0), 0u);
+    ASSERT_EQ(ConfCommTimerStartEx(20, 25, 0, nullptr, 0), 0u);
+    OsTmrCreateParam expected = {};
+    strcpy(expected.receiver, "periodic");
+    expected.key = 10;
+    expected.kind = 1;
+    expected.ticks = 100;
+    expected.periodic = 1;
+    expected.expiry = created.at(0).expiry;
+    EXPECT_EQ(memcmp(&created[0], &expected, sizeof(expected)), 0);
+    EXPECT_EQ(created[1].ticks, 2u);
+    EXPECT_EQ(created[1].periodic, 0u) << "mode 1";
+    EXPECT_EQ(ConfCommTimerStop(20), 0u);
+    ASSERT_EQ(ConfCommTimerStartEx(20, 5, 0, nullptr, 0), 0u);
+    EXPECT_EQ(created[2].ticks, 0u);
+
+    ASSERT_EQ(ConfTimerInit(&object, 3, 5, "receiver", remind), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 0, 0, nullptr, 0), 0u);
+    strcpy(expected.receiver, "receiver");
+    expected.key = reinterpret_cast<uintptr_t>(&object);
+    expected.kind = 8;
+    expected.ticks = 0;
+    expected.expiry = created[3].expiry;
+    EXPECT_EQ(memcmp(&created[3], &expected, sizeof(expected)), 0);
+    EXPECT_NE(created[3].expiry, created[0].expiry);
+}
+
+TEST_F(TimerStart, StartOfARunningTimerOnlyReplacesWhatItDelivers) {
+    ConfTimerInit(&object, 0, 1, "receiver", remind);
+    ASSERT_EQ(ConfCommTimerStart(10, 1, "first", 5), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 100, 2, "one", 3), 0u);
+    /* The new data may be the timer's own. */
+    ASSERT_EQ(ConfCommTimerStartEx(10, 20, 3, table[0].data, 3), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 20, 4, "other", 5), 0u);
+    EXPECT_EQ(created.size(), 2u);
+    expire(1);
+    expire(2);
+    EXPECT_EQ(sent, (std::vector<Sent>{{"periodic", 3, "fir"}, {"receiver", 4, "other"}}));
+    EXPECT_EQ(platform::outstanding(), 2);
+    EXPECT_TRUE(deleted.empty());
+}
+
+TEST_F(TimerStart, NameThatDoesNotFitIsRecordedAndTheTimerRuns) {
+    ASSERT_EQ(ConfCommTimerStart(30, 0, nullptr, 0), 0u);
+    table[1].receiver = nullptr;
+    ASSERT_EQ(ConfCommTimerStart(20, 0, nullptr, 0), 0u);
+    EXPECT_STREQ(created[0].receiver, "");
+    EXPECT_STREQ(created[1].receiver, "");
+    EXPECT_TRUE(
+        hasRecord(1, "conf_timer", "[ConfCommTimerStartEx]conf secure func failed, err = "));
+    platform::clearRecords();
+    expire(1);
+    expire(2);
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerOut]ConfCommTimerIDOut send msg fail"));
+    EXPECT_EQ(platform::records().size(), 2u);
+}
+
+TEST_F(TimerStart, TimerThatThePlatformRefusesLeavesEverythingAsItWas) {
+    ConfTimerInit(&object, 0, 1, "receiver", remind);
+    ASSERT_EQ(ConfCommTimerStart(20, 1, "kept", 4), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 0, 1, "kept", 4), 0u);
+    void *const kept[] = {table[1].data, object.data};
+    table[1].handle = object.handle = 0;
+    for (const uint32_t result : {9u, 0u}) {
+        platform::override(OsTmrCreate, [=](OsTmrCreateParam *, uint32_t *handle) {
+            *handle = result; /* refused with a handle, or accepted without one */
+            return result;
+        });
+        EXPECT_EQ(ConfCommTimerStart(20, 2, "new", 3), 1u);
+        EXPECT_EQ(ConfTimerStart(&object, 0, 2, "new", 3), 1u);
+        const string text = "OsTmrCreate fail! ret:" + std::to_string(result);
+        EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerStartEx]" + text));
+        EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfTimerStart]" + text));
+    }
+    EXPECT_EQ(table[1].handle, 0u);
+    EXPECT_EQ(table[1].data, kept[0]);
+    EXPECT_EQ(table[1].param, 1u);
+    EXPECT_FALSE(ConfTimerIsVaild(&object));
+    EXPECT_EQ(object.data, kept[1]);
+    EXPECT_EQ(held, 0u);
+}
+
+TEST_F(TimerStart, WithoutMemoryARunningTimerDeliversNoData) {
+    ConfTimerInit(&object, 0, 0, "receiver", remind);
+    ASSERT_EQ(ConfCommTimerStart(10, 1, "old", 3), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 0, 1, "old", 3), 0u);
+    platform::failEveryCall("OsMemMallocSetCharMon");
+    EXPECT_EQ(ConfCommTimerStart(10, 2, "newer", 5), 1u);
+    EXPECT_TRUE(platform::records().empty());
+    EXPECT_EQ(ConfTimerStart(&object, 0, 2, "newer", 5), 1u);
+    EXPECT_TRUE(hasRecord(1, "conf_timer",
+                          "[ConfTimerStart]TAMO_CONF_LOG_ERROR: CONF_MALLOC failed, timer->data "
+                          "is NULL!"));
+    EXPECT_EQ(platform::outstanding(), 0) << "the old data is released";
+    EXPECT_EQ(table[0].data, nullptr);
+    EXPECT_EQ(table[0].dataLength, 5u);
+    EXPECT_EQ(object.param, 2u);
+    EXPECT_TRUE(ConfTimerIsVaild(&object));
+    EXPECT_EQ(held, 0u);
+}
+
+/* A copy that fails is recorded; the start succeeds. */
+TEST_F(TimerStart, EveryFailedCopyOfAStartIsRecorded) {
+    const auto again = [this] {
+        platform::reset();
+        playManager();
+        ConfTimerInit(&object, 0, 1, "receiver", remind);
+    };
+    const auto startAndStop = [this] {
+        const uint32_t result = ConfCommTimerStart(20, 0, "data", 4);
+        EXPECT_EQ(ConfTimerStart(&object, 10, 0, "data", 4), 0u);
+        EXPECT_EQ(ConfCommTimerStop(20) + ConfTimerStop(&object), 0u);
+        return result;
+    };
+    const auto check = [](uint64_t, uint32_t result) {
+        EXPECT_EQ(result, 0u);
+        EXPECT_TRUE(hasRecord(1, "conf_timer", "Start"));
+        EXPECT_TRUE(hasRecord(1, "conf_timer", "]conf secure func failed, err = "));
+    };
+    EXPECT_EQ(platform::forEachFailure("strcpy_s", again, startAndStop, check), 2u);
+    EXPECT_EQ(platform::forEachFailure("memcpy_s", again, startAndStop, check), 3u);
+}
+
+/* ---- expiries ---- */
+
+TEST_F(TimerStart, OneShotObjectCanStartAgainAndOneShotTableTimerIsStoppedFirst) {
+    ConfTimerInit(&object, 1, 1, "receiver", remind);
+    ASSERT_EQ(ConfCommTimerStart(20, 1, "x", 1), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 10, 2, "y", 1), 0u);
+    expire(1);
+    expire(2);
+    EXPECT_EQ(sent, (std::vector<Sent>{{"oneShot", 1, "x"}, {"receiver", 2, "y"}}));
+    EXPECT_EQ(table[1].handle, 1u);
+    EXPECT_FALSE(ConfTimerIsVaild(&object));
+    EXPECT_TRUE(deleted.empty());
+    ASSERT_EQ(ConfCommTimerStart(20, 1, nullptr, 0), 0u);
+    ASSERT_EQ(ConfTimerStart(&object, 10, 2, nullptr, 0), 0u);
+    EXPECT_EQ(created.size(), 3u);
+    EXPECT_EQ(object.handle, 3u);
+    EXPECT_EQ(created[2].key, reinterpret_cast<uintptr_t>(&object));
+}
+
+TEST_F(TimerStart, ExpiryThatCannotBeDeliveredIsRecorded) {
+    ConfTimerInit(&object, 1, 0, "receiver", remind);
+    ASSERT_EQ(ConfCommTimerStart(10, 1, nullptr, 8), 0u) << "a length without data";
+    ASSERT_EQ(ConfTimerStart(&object, 10, 2, nullptr, 8), 0u);
+    expire(1);
+    expire(2);
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerOut]ConfCommTimerIDOut send msg fail"));
+    EXPECT_TRUE(hasRecord(1, "conf_timer",
+                          "[ConfCommTimerIDOut]ConfCommTimerIDOut send msg fail! ret:989a6c"));
+
+    platform::clearRecords();
+    created[0].expiry(nullptr);
+    created[1].expiry(nullptr);
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerOut]Null ptr."));
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerIDOut]Null ptr."));
+    OsTmrCreateParam record = {};
+    record.key = kUnknownId;
+    created[0].expiry(&record);
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerOut]timerId:77 invalid"));
+    record.key = 0;
+    created[1].expiry(&record);
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerIDOut]timer is NULL"));
+    platform::clearRecords();
+    platform::failCall("memcpy_s", 1);
+    expire(2);
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerIDOut]conf secure func failed, err = "));
+    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerIDOut]timer is NULL"));
+    EXPECT_TRUE(sent.empty());
+}
+
+/* The manager's thread may be faster than the thread that starts. */
+TEST_F(TimerStart, ExpiryBeforeTheEndOfItsStartDeliversWhatTheStartStores) {
+    platform::override(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
+        created.push_back(*param);
+        *handle = 5;
+        param->expiry(param);
+        EXPECT_TRUE(sent.empty());
+        return 0u;
+    });
+    table[0].param = 1;
+    ASSERT_EQ(ConfCommTimerStart(10, 2, "new", 3), 0u);
+    EXPECT_EQ(sent, std::vector<Sent>{(Sent{"periodic", 2, "new"})});
+    EXPECT_EQ(table[0].handle, 5u);
+
+    sent.clear();
+    ConfTimerInit(&object, 1, 1, "receiver", remind);
+    ASSERT_EQ(ConfTimerStart(&object, 0, 3, "new", 3), 0u);
+    EXPECT_EQ(sent, std::vector<Sent>{(Sent{"receiver", 3, "new"})});
+    EXPECT_FALSE(ConfTimerIsVaild(&object)) << "a one-shot object has fired";
+
+    /* The service ends within the start: the platform keeps no timer. */
+    platform::override(OsTmrCreate, [](OsTmrCreateParam *, uint32_t *handle) {
+        *handle = 6;
+        ConfCommTimerDeInit();
+        return 0u;
+    });
+    ASSERT_EQ(ConfCommTimerStart(20, 2, nullptr, 0), 0u);
+    EXPECT_EQ(deleted, (std::vector<uint32_t>{5, 6}));
+    EXPECT_EQ(table[1].handle, 0u);
+}
+
+/* The running timer fires, for the last time, before the new content is there. */
+TEST_F(TimerStart, StartThatMeetsTheExpiryOfAOneShotObjectGetsATimerOfItsOwn) {
+    ConfTimerInit(&object, 1, 1, "receiver", remind);
+    ASSERT_EQ(ConfTimerStart(&object, 10, 1, "old", 3), 0u);
+    platform::override(OsMemMallocSetCharMon, [this](size_t size, uint32_t a, uint32_t b,
+                                                     uint32_t c, uint32_t line, const char *file) {
+        if (size == 5 && sent.empty()) {
+            held = 0; /* the expiry is another thread's */
+            expire(1);
+            held = 1;
+        }
+        return platform::next(OsMemMallocSetCharMon)(size, a, b, c, line, file);
+    });
+    ASSERT_EQ(ConfTimerStart(&object, 20, 2, "newer", 5), 0u);
+    EXPECT_EQ(sent, std::vector<Sent>{(Sent{"receiver", 1, "old"})});
+    ASSERT_EQ(created.size(), 2u);
+    EXPECT_EQ(created[1].ticks, 2u);
+    EXPECT_EQ(object.handle, 2u);
+    expire(2);
+    EXPECT_EQ(sent.back(), (Sent{"receiver", 2, "newer"}));
+    EXPECT_FALSE(ConfTimerIsVaild(&object));
+}
+
+}  // namespace
