@@ -209,9 +209,9 @@ TEST_F(TamoOsTimer, TimerThatIsFarBehindDoesNotFlood) {
 }
 
 TEST_F(TamoOsTimer, ManagerSleepsWhileNothingIsDue) {
-    const auto manager = managerThread();
     TestTimer settled(2, false); /* the last wake-up that earlier tests can have left */
     settled.await(1);
+    const auto manager = managerThread();
     awaitSleep(manager);
     const uint64_t before = wakeUps(manager);
     for (uint32_t i = 0; i < 2000; i++) {
