@@ -119,10 +119,12 @@ std::string threadStatus(const std::filesystem::path &thread, const std::string 
     return "";
 }
 
+/* Also ends when the thread does. */
 void awaitSleep(const std::filesystem::path &thread) {
     const auto deadline = Clock::now() + support::patience();
-    while (!threadStatus(thread, "State").starts_with("S") && Clock::now() < deadline) {
+    for (std::string state = "R"; !state.empty() && state[0] != 'S' && Clock::now() < deadline;) {
         std::this_thread::yield();
+        state = threadStatus(thread, "State");
     }
 }
 
