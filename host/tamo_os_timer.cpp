@@ -71,14 +71,18 @@ uint64_t tickFrom(uint64_t ns) {
     return manager.startNs + ticks * manager.tickNs;
 }
 
-/* Has the alarm ring with the tick for a due time, at once when it has passed. */
-void setAlarm(uint64_t due) {
+/* Has the alarm ring with the tick for a due time, at once when it has passed; 0, or the system's
+ * error. */
+int setAlarm(uint64_t due) {
     const uint64_t tick = tickFrom(due);
     itimerspec when = {};
     when.it_value.tv_sec = static_cast<time_t>(tick / kNsPerSecond);
     when.it_value.tv_nsec = static_cast<long>(tick % kNsPerSecond);
-    (void)timerfd_settime(manager.alarm, TFD_TIMER_ABSTIME, &when, nullptr);
+    if (timerfd_settime(manager.alarm, TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
+        return errno;
+    }
     manager.alarmNs = tick;
+    return 0;
 }
 
 /* ---- the thread ---- */
@@ -161,7 +165,7 @@ void *runManager(void *) {
         }
         manager.alarmNs = kNever;
         if (manager.timers.queued != 0) {
-            setAlarm(tamo::firstDue(manager.timers));
+            (void)setAlarm(tamo::firstDue(manager.timers)); /* a lost alarm shows when it is read */
         }
         pthread_mutex_unlock(&managerLock);
         const bool rang = sleepUntilAlarm(alarm);
@@ -250,7 +254,11 @@ int createTimer(const OsTmrCreateParam &param, uint32_t *handle) {
     tamo::queueTimer(&manager.timers, slot, due);
     /* An earlier tick than the alarm's. */
     if (due + manager.tickNs <= manager.alarmNs) {
-        setAlarm(due);
+        const int error = setAlarm(due);
+        if (error != 0) {
+            tamo::removeTimer(&manager.timers, slot);
+            return error;
+        }
     }
     return 0;
 }

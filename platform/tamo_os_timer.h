@@ -4,7 +4,8 @@
  * 2. Timers count in ticks of the manager; an expiry function runs on a thread of the manager's.
  * 3. Any thread may create and delete timers, also an expiry function.
  * 4. After OsTmrDelete has returned, the timer's expiry function does not run and will not, except
- *    when the deletion comes from that very expiry. */
+ *    when the deletion comes from that very expiry. So it waits for a running expiry: its caller holds
+ *    nothing that the expiry waits for. */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
