@@ -104,6 +104,18 @@ bool takeDescriptor(LogFile *file, int opened) {
     return taken;
 }
 
+/* A writer that was killed, or the machine's sudden end, may have cut the last line off. */
+bool endsWithinLine(const LogFile &file) {
+    char last = '\n';
+    const int reader =
+        openat(rootDirectory("log"), file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (reader >= 0) {
+        (void)!pread(reader, &last, 1, static_cast<off_t>(currentLogSize(file)) - 1);
+        close(reader);
+    }
+    return last != '\n';
+}
+
 bool openCurrent(LogFile *file) {
     const int opened = openat(rootDirectory("log"), file->name, kOpenFlags, kLogFileMode);
     return opened >= 0 && takeDescriptor(file, opened);
@@ -259,6 +271,9 @@ bool openLogFile(LogFile *file) {
     if (opened) {
         file->lastComplaint.store(0);
         setPlace(file, generationOf(file->counters.load()->place.load()), currentLogSize(*file));
+        if (endsWithinLine(*file)) {
+            file->counters.load()->torn.store(1);
+        }
     }
     const int error = errno;
     unlockLogCounters(file);

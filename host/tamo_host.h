@@ -63,8 +63,9 @@ uint32_t TamoHostMsgReceive(TamoHostQueue *queue, OsMsgHeader **message, int32_t
  * once; a result buffer that no response took along is released. */
 void TamoHostMsgFree(OsMsgHeader *message);
 
-/* Ends serving the name; senders that wait fail at once. Messages handed out stay valid until they
- * are freed. Null is ignored. */
+/* Ends serving the name. Whoever waits for the response to a message that was not handed out fails at
+ * once. Messages handed out stay valid until they are freed, and may still be answered. Null is
+ * ignored. */
 void TamoHostMsgClose(TamoHostQueue *queue);
 
 /* What is known of one queue name. */

@@ -139,6 +139,7 @@ struct File {
     const int descriptor;
 };
 constexpr unsigned kSealed = F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+constexpr unsigned kOfWindow = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 constexpr size_t kWindowSize = 1280 * 1024;
 
 const Bytes kAnnounce = packet(kAnnouncement, 0, {});
@@ -269,10 +270,10 @@ TEST_F(Wire, AHeadThatLiesIsRefused) {
 TEST_F(Wire, ADescriptorThatIsNotWhatItShouldBeIsRefusedAndClosed) {
     const Bytes inFile = with(packet(kMessage, kInFile | kWaits, {}), kBodyLengthAt, 100);
     const Bytes inWindow = with(packet(kMessage, kInWindow | kWaits, {}), kBodyLengthAt, 100);
-    const File good(100, kSealed), open(100, 0), writable(100, kSealed & ~F_SEAL_WRITE),
-        shorter(99, kSealed), longer(101, kSealed);
-    const File window(kWindowSize, kSealed & ~F_SEAL_WRITE), unsealed(kWindowSize, 0),
-        narrow(kWindowSize - 1, kSealed & ~F_SEAL_WRITE);
+    const File good(100, kSealed), open(100, 0), writable(100, kOfWindow), shorter(99, kSealed),
+        longer(101, kSealed);
+    const File window(kWindowSize, kOfWindow), unsealed(kWindowSize, 0),
+        narrow(kWindowSize - 1, kOfWindow);
     const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     expectRefused(packet(kMessage, kWaits, {1}), {good.descriptor}, "not announced by its flags");
     expectRefused(inFile, {good.descriptor, good.descriptor}, "two descriptors");

@@ -354,6 +354,14 @@ TEST_F(LogClient, FullDiskFailsRecordsAndTearsNone) {
     EXPECT_FALSE(fs::exists(logFile(1))) << "what was not written fills no file";
 }
 
+TEST_F(LogClient, ALineThatAKilledWriterLeftIsNotContinued) {
+    std::ofstream(logFile()) << "whole\ncut o";
+    const uint16_t id = create();
+    EXPECT_EQ(record(id, "after"), 0);
+    EXPECT_EQ(record(id, "later"), 0);
+    EXPECT_EQ(texts(), (std::vector<std::string>{"?whole", "?cut o", "after", "later"}));
+}
+
 TEST_F(LogClient, AForkLogsUnderItsOwnIds) {
     const uint16_t id = create();
     ASSERT_EQ(record(id, "parent"), 0);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/tamo_os_mem.h"
 #include "tests/host/message_parties.h"
@@ -73,6 +75,52 @@ const ChildRole server("server", [](const ChildArguments &) {
     }
     return 2;
 });
+
+double processorSeconds() {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+/* Its table of descriptors is full while a sender connects. The exit code names the failure. */
+const ChildRole crowded("crowded", [](const ChildArguments &) {
+    Queue queue("crowded");
+    const rlimit few = {64, 64};
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<int> taken;
+    for (int copy = dup(0); copy >= 0; copy = dup(0)) {
+        taken.push_back(copy);
+    }
+    support::tellParent("full");
+    support::hearParent(); /* a sender waits */
+    const double before = processorSeconds();
+    OsMsgHeader *message = nullptr;
+    const bool came = TamoHostMsgReceive(queue.get(), &message, 500) != TAMO_HOST_TIMEOUT;
+    if (came || processorSeconds() - before > 0.2) {
+        return came ? 1 : 2;
+    }
+    for (const int each : taken) {
+        close(each);
+    }
+    serve(queue.next());
+    return 0;
+});
+
+TEST(CrowdedReceiver, TakesItsSendersWhenItHasDescriptorsAgain) {
+    ChildProcess receiver("crowded");
+    ASSERT_EQ(receiver.hear(), "full");
+    std::thread sender(
+        [] { EXPECT_EQ(Exchange("crowded", bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK); });
+    while (queueInfo("crowded").depth == 0) {
+        sched_yield();
+    }
+    receiver.tell("go");
+    sender.join();
+    EXPECT_EQ(receiver.wait(), support::exited(0));
+}
 
 class MessageModules : public testing::Test {
   protected:
