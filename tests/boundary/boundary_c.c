@@ -1,8 +1,10 @@
 /* The exported boundary as a plain C program uses it: each function once. A second thread serves the
  * queue that the first one sends to. */
 #include <conf_config.h>
+#include <conf_config_value.h>
 #include <conf_digest.h>
 #include <conf_log_adapter.h>
+#include <conf_mask_keyword.h>
 #include <conf_msg_api.h>
 #include <conf_network_utils.h>
 #include <conf_timer.h>
@@ -50,6 +52,40 @@ static void checkTexts(void) {
     CHECK(ConfGetAtoi("0x10", -1) == 16);
     ConfTrim(text);
     CHECK(strcmp(text, "trimmed") == 0);
+}
+
+static uintptr_t add(uintptr_t a, uintptr_t b, uintptr_t c) {
+    return a + b + c;
+}
+
+static void checkMasks(void) {
+    char shown[CONF_MASK_SIZE], line[] = "tel:5550123>", *masked = NULL;
+    uint32_t length = 0;
+    CHECK(ConfFilterStr("abcdef", shown, sizeof(shown)) == 0 && strcmp(shown, "a***ef") == 0);
+    CHECK(ConfFilterIPAddrStr("1.2.3.4", shown, sizeof(shown)) == 0);
+    ConfFilterNonSecurityWordEx(line, "tel:", ">");
+    ConfFilterNonSecurityWordExImpl(line, line + 4);
+    CHECK(strcmp(line, "te*:55***23>") == 0);
+    CHECK(ConfFilterSetIPStr("1.2.3.4") == 0);
+    CHECK(ConfReplaceIPAddrStr("1.2.3.4", &masked, &length) == 0 && strcmp(masked, shown) == 0);
+    CHECK(OSMemTypeFreeMon(masked, 0, 0, __LINE__, "boundary_c") == 0);
+    CHECK(ConfFilterCallFilterFn(add, 1, 2, 3) == 6);
+}
+
+static void checkValues(void) {
+    ConfConfigValue value;
+    char text[16];
+    CHECK(ConfConfigInt2V(&value, -1) == 0 && ConfConfigV2Int(&value) == -1);
+    CHECK(ConfConfigUInt2V(&value, 7) == 0 && ConfConfigV2UInt(&value) == 7);
+    CHECK(ConfConfigFloat2V(&value, 1.5) == 0 && ConfConfigV2Float(&value) == 1.5);
+    CHECK(ConfConfigBool2V(&value, 9) == 0 && ConfConfigV2Bool(&value) == 1);
+    CHECK(ConfConfigV2Str(&value, text, sizeof(text)) == 0 && ConfConfigStrEqual(text, "true"));
+    CHECK(ConfConfigData2V(&value, "ab", 3) == 0);
+    CHECK(ConfConfigV2Data(&value, text, sizeof(text)) == 0 && strcmp(text, "ab") == 0);
+    CHECK(ConfConfigStr2V(&value, "cd") == 0);
+    CHECK(ConfConfigV2DByType(&value, text, sizeof(text), CONF_VALUE_STR) == 0);
+    CHECK(ConfConfigD2VByType(&value, text, sizeof(text), CONF_VALUE_STR) == 0);
+    CHECK(strcmp(value.payload.str.text, "cd") == 0);
 }
 
 static void checkDigests(void) {
@@ -208,6 +244,8 @@ static void end(void) {
 int boundaryFromC(void) {
     checkLog();
     checkTexts();
+    checkMasks();
+    checkValues();
     checkDigests();
     checkProcessValues();
     checkNetwork();

@@ -30,7 +30,7 @@ declared() {
             "$cc" -E -x c++ -D__attribute__\(x\)= -I "$source/$1" - |
             awk -v file="$header" '/^# [0-9]+ "/ { own = index($0, "\"" file "\"") } own && !/^#/' |
             tr '\n' ' ' | tr ';{}' '\n\n\n' |
-            sed -nE '/typedef|=|static/d; s/^[^(]*[ *]([A-Za-z_][A-Za-z0-9_]*)\(.*$/\1/p'
+            sed -nE '/typedef|=|static|alignas/d; s/^[^(]*[ *]([A-Za-z_][A-Za-z0-9_]*)\(.*$/\1/p'
     done | sort -u
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 #include <assert.h>
 #include <conf_config.h>
+#include <conf_config_value.h>
 #include <conf_msg_api.h>
 #include <conf_timer.h>
 #include <ip_helper.h>
@@ -38,6 +39,11 @@ AT(MeetingServerMsgBlock, body, 80, 80);
 
 AT(ConfConfigListItem, value, 128, 128);
 SIZE(ConfConfigListItem, 1152, 1152);
+
+AT(ConfConfigValue, payload, 8, 8);
+AT(ConfConfigValue, payload.str.length, 12, 16);
+AT(ConfConfigValue, payload.data.length, 12, 16);
+SIZE(ConfConfigValue, 16, 24);
 
 AT(ConfConfigOmKey, length, 128, 128);
 SIZE(ConfConfigOmKey, 132, 132);
