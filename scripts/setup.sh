@@ -8,7 +8,7 @@ set -euo pipefail
 
 packages=(
     g++ make cmake ninja-build pkg-config ca-certificates
-    libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libmnl-dev iproute2
+    libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libtinyxml2-dev libmnl-dev iproute2
     libevent-dev # the benchmark of the timers compares with it
 )
 clang_packages=(clang lld clang-format libclang-rt-14-dev)

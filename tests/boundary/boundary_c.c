@@ -15,6 +15,7 @@
 #include <string.h>
 #include <tamo_host.h>
 #include <tamo_os_mem.h>
+#include <xmlAdapter.h>
 
 /* The line of the first check that failed; 0 as long as none has. */
 static int failedLine;
@@ -234,6 +235,40 @@ static void checkTimers(void) {
     ConfCommTimerDeInit();
 }
 
+static void checkXmlDocument(ConfXmlNode *root) {
+    const int8_t number = 7;
+    ConfXmlNode *last = ConfXmlCreateLastChildNode(root, "last");
+    ConfXmlNode *first = ConfXmlCreateFirstChildNode(root, "first");
+    CHECK(ConfXmlAddAttr(first, "n", CONF_XML_TEXT, "7") == CONF_XML_OK);
+    CHECK(ConfXmlSetNodeText(first, CONF_XML_INT8, &number) == CONF_XML_OK);
+    CHECK(ConfXmlGetNodeChildNum(root) == 2 && ConfXmlGetNodeFirstChild(root) == first);
+    CHECK(ConfXmlGetNodeNextSibling(first) == last && ConfXmlGetNodeIterator(first) == last);
+    CHECK(ConfXmlGetNodeByPath(root, "last") == last && ConfXmlGetNodeParenet(last) == root);
+    CHECK(ConfXmlGetRootNode(last) == root && ConfXmlIsRootNode(root));
+    CHECK(strcmp(ConfXmlGetNodeName(first), "first") == 0);
+    CHECK(strcmp(ConfXmlGetNodeText(first), "7") == 0 && ConfXmlGetNodeIntText(first) == 7);
+    CHECK(strcmp(ConfXmlGetNodeStrAttr(first, "n"), "7") == 0);
+    CHECK(ConfXmlGetNodeIntAttr(first, "n") == 7 && ConfXmlGetNodeUintAttr(first, "n") == 7);
+    CHECK(ConfXmlDeleteAttr(first, "n") == CONF_XML_OK);
+    CHECK(strcmp(ConfXmlTransformStr(root), "<r><first>7</first><last/></r>") == 0);
+}
+
+static void checkXml(void) {
+    ConfXmlNode *root = ConfXmlCreateRootNode("r");
+    CHECK(root != NULL);
+    if (root != NULL) {
+        checkXmlDocument(root);
+        CHECK(ConfXmlTransformFile(root, "\\data\\boundary.xml") == CONF_XML_OK);
+        ConfXmlFreeRootNode(root);
+    }
+    root = ConfXmlParseFileGetRoot("/data/boundary.xml");
+    CHECK(root != NULL);
+    ConfXmlFreeRootNode(root);
+    root = ConfXmlParseBodyGetRoot("<r/>");
+    CHECK(root != NULL);
+    ConfXmlFreeRootNode(root);
+}
+
 static void end(void) {
     CHECK(ConfConfigDeInit() == 0);
     CHECK(ConfConfigUnInit() == 0);
@@ -253,6 +288,7 @@ int boundaryFromC(void) {
     checkNotifications();
     checkMessages();
     checkTimers();
+    checkXml();
     end();
     return failedLine;
 }

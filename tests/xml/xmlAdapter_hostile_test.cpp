@@ -1,0 +1,237 @@
+/* Documents that are no documents, and memory and stack that run out. */
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <string>
+
+#include "include/xmlAdapter.h"
+#include "tests/support/forwarding_platform.h"
+#include "tests/support/open_descriptors.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+thread_local int64_t newUntilFailure = -1; /* -1: none fails */
+
+/* Of the library and of the XML library, not of this program. */
+bool isTheLibrarys(const void *caller) {
+    Dl_info module = {};
+    return dladdr(caller, &module) != 0 && strstr(module.dli_fname, ".so") != nullptr;
+}
+
+void *takeOrThrow(size_t size, const void *caller) {
+    if (newUntilFailure >= 0 && isTheLibrarys(caller) && newUntilFailure-- == 0) {
+        throw std::bad_alloc();
+    }
+    return malloc(size);
+}
+
+}  // namespace
+
+/* The XML library's memory comes from here. */
+void *operator new(size_t size) {
+    return takeOrThrow(size, __builtin_return_address(0));
+}
+void *operator new[](size_t size) {
+    return takeOrThrow(size, __builtin_return_address(0));
+}
+void operator delete(void *block) noexcept {
+    free(block);
+}
+void operator delete[](void *block) noexcept {
+    free(block);
+}
+void operator delete(void *block, size_t) noexcept {
+    free(block);
+}
+void operator delete[](void *block, size_t) noexcept {
+    free(block);
+}
+
+namespace {
+
+using platform::hasRecord;
+using std::string;
+
+string nested(size_t levels, bool closed = true) {
+    string text;
+    for (size_t level = 0; level < levels; level++) {
+        text += "<n>";
+    }
+    for (size_t level = 0; closed && level < levels; level++) {
+        text += "</n>";
+    }
+    return text;
+}
+
+class XmlHostile : public platform::PlatformTest {
+  protected:
+    XmlHostile() {
+        EXPECT_NE(OsFileNativePath("/data/hostile.xml", path_, sizeof(path_)), nullptr);
+    }
+    ConfXmlNode *parseFile(const string &text) {
+        std::ofstream(path_, std::ios::binary) << text;
+        return ConfXmlParseFileGetRoot("/data/hostile.xml");
+    }
+
+    char path_[PATH_MAX];
+};
+
+TEST_F(XmlHostile, WhatIsNoDocumentGivesARecordAndNothing) {
+    const string utf16("\xFF\xFE<\0r\0/\0>\0", 10);
+    const string cases[] = {"",
+                            "\n \v\f\r\t",
+                            "<",
+                            "<r",
+                            "<r>",
+                            "<r a",
+                            "<r a=",
+                            "<r a='1",
+                            "<r><b></r>",
+
+                            "<!--",
+                            "<![CDATA[",
+                            "<?xml",
+                            "<r a='1' a='2'/>",
+                            "text",
+                            "<r/>text",
+                            utf16,
+                            nested(99),
+                            nested(1000000),
+                            nested(1000000, false),
+                            string(1 << 20, '<')};
+    ConfXmlFreeRootNode(parseFile("<r/>"));
+    const support::DescriptorCheck descriptors;
+    for (const string &text : cases) {
+        platform::clearRecords();
+        EXPECT_EQ(ConfXmlParseBodyGetRoot(text.c_str()), nullptr) << text.substr(0, 40);
+        EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseBodyGetRoot]Parse doc failed"))
+            << text.substr(0, 40);
+        EXPECT_EQ(parseFile(text), nullptr) << text.substr(0, 40);
+        EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseFileGetRoot]LoadFile failed"));
+    }
+    platform::clearRecords();
+    EXPECT_EQ(ConfXmlParseFileGetRoot("/data"), nullptr);
+    EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseFileGetRoot]LoadFile failed"));
+    platform::clearRecords();
+    EXPECT_EQ(ConfXmlParseBodyGetRoot("<!-- nobody -->"), nullptr);
+    EXPECT_EQ(ConfXmlParseBodyGetRoot("</r>"), nullptr);
+    EXPECT_EQ(parseFile("<?xml version='1.0'?><!-- nobody -->"), nullptr);
+    EXPECT_TRUE(platform::records().empty());
+}
+
+TEST_F(XmlHostile, UnknownEntitiesAndForeignBytesDoNoHarm) {
+    const char *text =
+        "<r a='&#x41;&#65;&nbsp;&#xD800;&#99999999999;&;&'>\xFF\xC3<![CDATA[]&]]></r>";
+    ConfXmlNode *root = ConfXmlParseBodyGetRoot(text);
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(string(ConfXmlGetNodeStrAttr(root, "a")).substr(0, 2), "AA");
+    EXPECT_STREQ(ConfXmlGetNodeText(root), "\xFF\xC3");
+    EXPECT_NE(ConfXmlTransformStr(root), nullptr);
+    ConfXmlFreeRootNode(root);
+}
+
+/* A file of blanks that needs no disk. */
+ssize_t readBlanks(void *left, char *buffer, size_t size) {
+    auto *count = static_cast<size_t *>(left);
+    size = std::min(size, *count);
+    memset(buffer, ' ', size);
+    *count -= size;
+    return static_cast<ssize_t>(size);
+}
+
+TEST_F(XmlHostile, AGibibyteOfBlanksTakesNoMemory) {
+    size_t left = size_t{1} << 30;
+    platform::override(OsFopen, [&](const char *, const char *) {
+        return fopencookie(&left, "rb", {readBlanks, nullptr, nullptr, nullptr});
+    });
+    rusage before = {};
+    rusage after = {};
+    getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(ConfXmlParseFileGetRoot("/data/blanks.xml"), nullptr);
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_EQ(left, 0u);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16384) << "KiB";
+    EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseFileGetRoot]LoadFile failed"));
+}
+
+/* Parses, walks, searches, prints, saves and releases; the deepest level as a result. */
+void *useDeepDocument(void *text) {
+    ConfXmlNode *root = ConfXmlParseBodyGetRoot(static_cast<const char *>(text));
+    uintptr_t levels = 0;
+    string path;
+    for (ConfXmlNode *at = root; at != nullptr; at = ConfXmlGetNodeIterator(at)) {
+        levels++;
+        path += "n ";
+    }
+    const bool good = ConfXmlGetNodeByPath(root, path.c_str()) == root &&
+                      ConfXmlTransformStr(root) != nullptr &&
+                      ConfXmlTransformFile(root, "/data/deep.xml") == 0;
+    ConfXmlFreeRootNode(root);
+    return reinterpret_cast<void *>(good ? levels : 0);
+}
+
+TEST_F(XmlHostile, ASmallStackSufficesForTheDeepestDocument) {
+    string text = nested(98);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 256 << 10), 0);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, useDeepDocument, text.data()), 0);
+    void *levels = nullptr;
+    pthread_join(thread, &levels);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(levels), 98u);
+    EXPECT_EQ(ConfXmlParseBodyGetRoot(nested(99).c_str()), nullptr);
+}
+
+/* Every function that takes memory; true when none ran out of it. */
+bool buildAndPrint() {
+    ConfXmlNode *read = ConfXmlParseBodyGetRoot("<r a='1'>text</r>");
+    if (read != nullptr) {
+        ConfXmlFreeRootNode(read);
+    }
+    ConfXmlNode *file = ConfXmlParseFileGetRoot("/data/hostile.xml");
+    if (file != nullptr) {
+        ConfXmlFreeRootNode(file);
+    }
+    ConfXmlNode *root = ConfXmlCreateRootNode("r");
+    bool good = read != nullptr && file != nullptr && root != nullptr;
+    if (root != nullptr) {
+        good = ConfXmlCreateLastChildNode(root, "c") != nullptr && good;
+        good = ConfXmlAddAttr(root, "a", CONF_XML_TEXT, "x") == CONF_XML_OK && good;
+        good = ConfXmlAddAttr(root, "b", CONF_XML_TEXT, "x") == CONF_XML_OK && good;
+        good = ConfXmlSetNodeText(root, CONF_XML_TEXT, "t") == CONF_XML_OK && good;
+        good = ConfXmlSetNodeText(root, CONF_XML_TEXT, "u") == CONF_XML_OK && good;
+        good = ConfXmlTransformStr(root) != nullptr && good;
+        ConfXmlFreeRootNode(root);
+    }
+    return good;
+}
+
+TEST_F(XmlHostile, MemoryThatRunsOutIsAnAnswer) {
+    ConfXmlFreeRootNode(parseFile("<r/>"));
+    platform::forEachFailure(
+        "OsMemMallocSetCharMon", [] {}, buildAndPrint,
+        [](uint64_t, bool good) { EXPECT_FALSE(good); }, [](bool good) { EXPECT_TRUE(good); });
+    int64_t failures = 0;
+    for (bool good = false; !good; failures++) {
+        newUntilFailure = failures;
+        good = buildAndPrint();
+        const bool failed = newUntilFailure < 0;
+        newUntilFailure = -1;
+        EXPECT_NE(good, failed) << failures;
+        EXPECT_EQ(platform::outstanding(), 0);
+    }
+    EXPECT_GT(failures, 10);
+}
+
+}  // namespace

@@ -1,0 +1,185 @@
+/* Documents walked, searched, changed, printed and saved. */
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "include/conf_log_adapter.h"
+#include "include/xmlAdapter.h"
+#include "tests/support/forwarding_platform.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+using platform::hasRecord;
+using std::string;
+
+class XmlAdapter : public platform::PlatformTest {
+  protected:
+    ConfXmlNode *parse(const char *text) { return root_ = ConfXmlParseBodyGetRoot(text); }
+    string print() { return ConfXmlTransformStr(root_); }
+    void TearDown() override {
+        if (root_ != nullptr) {
+            ConfXmlFreeRootNode(root_);
+        }
+        PlatformTest::TearDown();
+    }
+
+    ConfXmlNode *root_ = nullptr;
+};
+
+TEST_F(XmlAdapter, StepsMeetElementsOnlyAndInDocumentOrder) {
+    parse("<r>text<!-- c --><a><b/><c/></a><d>t<!-- c --></d></r>");
+    string met;
+    for (ConfXmlNode *at = root_; at != nullptr; at = ConfXmlGetNodeIterator(at)) {
+        met += ConfXmlGetNodeName(at);
+        EXPECT_EQ(ConfXmlGetRootNode(at), root_);
+        EXPECT_EQ(ConfXmlIsRootNode(at), at == root_);
+    }
+    EXPECT_EQ(met, "rabcd");
+    EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlGetNodeParenet]node is root!"));
+    ConfXmlNode *a = ConfXmlGetNodeFirstChild(root_);
+    EXPECT_EQ(ConfXmlGetNodeParenet(a), root_);
+    EXPECT_EQ(ConfXmlGetNodeChildNum(root_), 2u);
+    EXPECT_EQ(ConfXmlGetNodeChildNum(ConfXmlGetNodeNextSibling(a)), 0u);
+    EXPECT_EQ(ConfXmlGetNodeNextSibling(ConfXmlGetNodeNextSibling(a)), nullptr);
+}
+
+TEST_F(XmlAdapter, PathsLeadWhereTheirNamesSay) {
+    parse("<A><B n='1'><A n='2'/></B><B n='3'/><a/b n='4'/></A>");
+    EXPECT_EQ(root_, nullptr) << "a slash is no part of a name in a text";
+    parse("<A n='0'><B n='1'><C n='2'/></B><B n='3'><D n='4'/></B></A>");
+    const struct {
+        const char *path;
+        int32_t found; /* -1: none */
+    } cases[] = {{"A B", 1},  {"B", 1},      {"A", -1},   {"A B ", 1}, {"A  B", -1}, {" ", -1},
+                 {"A ", 0},   {"A A A ", 0}, {"b", -1},   {"B C", 2},  {"B D", -1},  {"A B B C", 2},
+                 {"B C ", 2}, {"B C C", -1}, {"A/B", -1}, {"Bx", -1},  {"A B\t", -1}};
+    for (const auto &c : cases) {
+        ConfXmlNode *found = ConfXmlGetNodeByPath(root_, c.path);
+        EXPECT_EQ(found == nullptr ? -1 : ConfXmlGetNodeIntAttr(found, "n"), c.found) << c.path;
+    }
+    EXPECT_TRUE(platform::records().size() == 1u) << "a miss leaves no record";
+}
+
+TEST_F(XmlAdapter, ValuesAreReadWithTheWidthAndTheSignOfTheirType) {
+    const uint64_t ones = UINT64_MAX;
+    const double half = 0.5;
+    const float quarter = 0.25F;
+    const struct {
+        int32_t type;
+        const void *value;
+        const char *text;
+        uint32_t result;          /* of ConfXmlSetNodeText */
+        uint32_t attributeResult; /* of ConfXmlAddAttr */
+    } cases[] = {{0, "<&>", "&lt;&amp;&gt;", 0, 0},
+                 {1, &ones, "-1", 0, 0},
+                 {2, &ones, "4294967295", 0, 0},
+                 {3, &ones, "-1", 0, 2},
+                 {4, &ones, "255", 0, 2},
+                 {5, &ones, "-1", 0, 0},
+                 {6, &ones, "65535", 0, 0},
+                 {7, &ones, "-1", 0, 2},
+                 {8, &ones, "4294967295", 0, 2},
+                 {9, &ones, "-1", 0, 0},
+                 {10, &ones, "18446744073709551615", 0, 0},
+                 {11, &ones, "true", 0, 0},
+                 {12, &half, "0.5", 0, 0},
+                 {13, &quarter, "0.25", 0, 0},
+                 {14, &ones, nullptr, 15, 15},
+                 {-1, &ones, nullptr, 2, 15},
+                 {0, nullptr, nullptr, 15, 15}};
+    for (const auto &c : cases) {
+        root_ = ConfXmlCreateRootNode("r");
+        EXPECT_EQ(ConfXmlSetNodeText(root_, c.type, c.value), c.result) << c.type;
+        EXPECT_EQ(ConfXmlAddAttr(root_, "a", c.type, c.value), c.attributeResult) << c.type;
+        const string text = c.text == nullptr ? "" : c.text;
+        const string attribute = c.attributeResult == 0 ? " a=\"" + text + '"' : "";
+        EXPECT_EQ(print(), "<r" + attribute + (c.result == 0 ? ">" + text + "</r>" : "/>"));
+        ConfXmlFreeRootNode(root_);
+    }
+    root_ = nullptr;
+    EXPECT_TRUE(platform::records().empty());
+}
+
+TEST_F(XmlAdapter, ChangesShowInThePrintAndInTheFile) {
+    parse("<?xml version=\"1.0\"?><r a='1' b='2'><m>7</m></r>");
+    const string first = print();
+    EXPECT_EQ(first, "<?xml version=\"1.0\"?><r a=\"1\" b=\"2\"><m>7</m></r>");
+    EXPECT_EQ(ConfXmlAddAttr(root_, "a", CONF_XML_TEXT, "x"), 0u);
+    EXPECT_EQ(ConfXmlDeleteAttr(root_, "b"), 0u);
+    EXPECT_EQ(ConfXmlDeleteAttr(root_, "b"), 0u);
+    ConfXmlNode *begin = ConfXmlCreateFirstChildNode(root_, "f");
+    EXPECT_EQ(ConfXmlGetNodeParenet(ConfXmlCreateLastChildNode(root_, "l")), root_);
+    EXPECT_EQ(print(), "<?xml version=\"1.0\"?><r a=\"x\"><f/><m>7</m><l/></r>");
+    EXPECT_EQ(ConfXmlGetNodeIntText(ConfXmlGetNodeByPath(root_, "m")), 7);
+    EXPECT_EQ(ConfXmlGetNodeText(begin), nullptr);
+    EXPECT_EQ(ConfXmlGetNodeIntAttr(root_, "a"), 0);
+    EXPECT_STREQ(ConfXmlGetNodeStrAttr(root_, "a"), "x");
+
+    EXPECT_EQ(ConfXmlTransformStr(begin), nullptr);
+    EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlTransformStr]input node is not root!"));
+    EXPECT_EQ(ConfXmlTransformFile(begin, "/data\\saved.xml"), 0u);
+    std::ifstream file(support::scratchRoot() + "/data/saved.xml");
+    EXPECT_EQ(string(std::istreambuf_iterator<char>(file), {}),
+              "<?xml version=\"1.0\"?>\n<r a=\"x\">\n    <f/>\n    <m>7</m>\n    <l/>\n</r>\n");
+    EXPECT_EQ(ConfXmlTransformFile(begin, "/no/such/saved.xml"), 4u);
+    EXPECT_EQ(ConfXmlTransformFile(begin, "/data/../../saved.xml"), 4u);
+    ConfXmlNode *again = ConfXmlParseFileGetRoot("\\data/saved.xml");
+    EXPECT_EQ(ConfXmlGetNodeChildNum(again), 3u);
+    ConfXmlFreeRootNode(ConfXmlGetNodeFirstChild(again));
+}
+
+TEST_F(XmlAdapter, MissingArgumentsAreRefusedWithTheRecordOfTheirFunction) {
+    SetLogLevel(CONF_LOG_DEBUG);
+    parse("<r/>");
+    const struct {
+        uint8_t level;
+        const char *record;
+        bool refused;
+    } cases[] = {
+        {1, "[ConfXmlParseFileGetRoot]pszXmlFile is nullptr", !ConfXmlParseFileGetRoot(nullptr)},
+        {1, "[ConfXmlParseFileGetRoot]fp is null", !ConfXmlParseFileGetRoot("/data/none.xml")},
+        {1, "[ConfXmlParseBodyGetRoot]Parse doc failed", !ConfXmlParseBodyGetRoot(nullptr)},
+        {1, "[ConfXmlGetNodeChildNum]parentNode is nullptr", !ConfXmlGetNodeChildNum(nullptr)},
+        {4, "[ConfXmlGetNodeFirstChild]parentNode is nullptr", !ConfXmlGetNodeFirstChild(nullptr)},
+        {4, "[ConfXmlGetNodeFirstChild]this parentNode has no child!",
+         !ConfXmlGetNodeFirstChild(root_)},
+        {1, "[ConfXmlGetNodeStrAttr]invalid param!", !ConfXmlGetNodeStrAttr(root_, nullptr)},
+        {1, "[ConfXmlGetNodeIntAttr]invalid param!", !ConfXmlGetNodeIntAttr(nullptr, "a")},
+        {1, "[ConfXmlGetNodeUintAttr]invalid param!", !ConfXmlGetNodeUintAttr(root_, nullptr)},
+        {1, "[ConfXmlGetNodeName]node is nullptr!", !ConfXmlGetNodeName(nullptr)},
+        {1, "[ConfXmlGetNodeText]node is nullptr!", !ConfXmlGetNodeText(nullptr)},
+        {1, "[ConfXmlGetNodeIntText]node is nullptr!", !ConfXmlGetNodeIntText(nullptr)},
+        {1, "[ConfXmlGetRootNode]node is nullptr!", !ConfXmlGetRootNode(nullptr)},
+        {4, "[ConfXmlGetNodeNextSibling]node is nullptr!", !ConfXmlGetNodeNextSibling(nullptr)},
+        {1, "[ConfXmlCreateFirstChildNode]parentNode is nullptr!",
+         !ConfXmlCreateFirstChildNode(nullptr, "n")},
+        {1, "[ConfXmlCreateLastChildNode]parentNode is nullptr!",
+         !ConfXmlCreateLastChildNode(nullptr, "n")},
+        {1, "[ConfXmlCreateLastChildNode]name is nullptr!",
+         !ConfXmlCreateLastChildNode(root_, nullptr)},
+        {1, "[ConfXmlFreeRootNode]parentNode is nullptr!", (ConfXmlFreeRootNode(nullptr), true)},
+        {1, "[ConfXmlGetNodeByPath]invalid param!", !ConfXmlGetNodeByPath(root_, "")},
+        {4, "[ConfXmlGetNodeIterator]pstNode is nullptr!", !ConfXmlGetNodeIterator(nullptr)},
+        {1, "[ConfXmlTransformStr]rootNode is nullptr!", !ConfXmlTransformStr(nullptr)}};
+    const auto records = platform::records();
+    ASSERT_EQ(records.size(), std::size(cases));
+    for (size_t at = 0; at < records.size(); at++) {
+        EXPECT_TRUE(cases[at].refused) << cases[at].record;
+        EXPECT_EQ(records[at].text, cases[at].record);
+        EXPECT_EQ(records[at].level, cases[at].level) << cases[at].record;
+    }
+    platform::clearRecords();
+    EXPECT_EQ(ConfXmlCreateRootNode(nullptr), nullptr);
+    EXPECT_EQ(ConfXmlGetNodeParenet(nullptr), nullptr);
+    EXPECT_FALSE(ConfXmlIsRootNode(nullptr));
+    EXPECT_EQ(ConfXmlDeleteAttr(root_, nullptr), 2u);
+    EXPECT_EQ(ConfXmlTransformFile(root_, nullptr), 15u);
+    EXPECT_TRUE(platform::records().empty());
+    SetLogLevel(CONF_LOG_INFO);
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+/* New elements, and attributes and texts of typed values. */
+#include "common/log.h"
+#include "platform/bounds_checked.h"
+#include "xml/no_memory.h"
+#include "xml/xml_document.h"
+
+using tinyxml2::XMLElement;
+
+namespace {
+
+constexpr char kUnit[] = "xmlAdapter";
+
+template <typename Number>
+Number numberAt(const void *place) {
+    Number number = {};
+    (void)memcpy_s(&number, sizeof(number), place, sizeof(number));
+    return number;
+}
+
+/* Hands the value of a type to `put`, in the type that the XML library writes. */
+template <typename Put>
+uint32_t putValue(int32_t type, const void *value, Put put) {
+    switch (type) {
+        case CONF_XML_TEXT:
+            put(static_cast<const char *>(value));
+            break;
+        case CONF_XML_INT:
+        case CONF_XML_INT32:
+            put(numberAt<int32_t>(value));
+            break;
+        case CONF_XML_UINT:
+        case CONF_XML_UINT32:
+            put(numberAt<uint32_t>(value));
+            break;
+        case CONF_XML_INT8:
+            put(int{numberAt<int8_t>(value)});
+            break;
+        case CONF_XML_UINT8:
+            put(int{numberAt<uint8_t>(value)});
+            break;
+        case CONF_XML_INT16:
+            put(int{numberAt<int16_t>(value)});
+            break;
+        case CONF_XML_UINT16:
+            put(int{numberAt<uint16_t>(value)});
+            break;
+        case CONF_XML_INT64:
+            put(numberAt<int64_t>(value));
+            break;
+        case CONF_XML_UINT64:
+            put(numberAt<uint64_t>(value));
+            break;
+        case CONF_XML_BOOL:
+            put(numberAt<uint8_t>(value) != 0);
+            break;
+        case CONF_XML_DOUBLE:
+            put(numberAt<double>(value));
+            break;
+        case CONF_XML_FLOAT:
+            put(numberAt<float>(value));
+            break;
+        default:
+            return CONF_XML_NOT_HANDLED;
+    }
+    return CONF_XML_OK;
+}
+
+bool isForAttributes(int32_t type) {
+    return type != CONF_XML_INT8 && type != CONF_XML_UINT8 && type != CONF_XML_INT32 &&
+           type != CONF_XML_UINT32;
+}
+
+/* Memory ran out while an attribute was set. The XML library would follow a null name or value, so
+ * the attribute goes; one without a name can only be reached when it is the first. */
+void dropAttribute(XMLElement *element, const char *name) {
+    const tinyxml2::XMLAttribute *last = element->FirstAttribute();
+    while (last != nullptr && last->Next() != nullptr) {
+        last = last->Next();
+    }
+    if (last != nullptr && last->Name() == nullptr) {
+        name = nullptr;
+        while (element->FirstAttribute() != last) {
+            element->DeleteAttribute(element->FirstAttribute()->Name());
+        }
+    }
+    element->DeleteAttribute(name);
+}
+
+/* The same for a text: it becomes empty. */
+void emptyText(XMLElement *element) {
+    tinyxml2::XMLNode *first = element->FirstChild();
+    if (first != nullptr && first->ToText() != nullptr && first->Value() == nullptr) {
+        first->SetValue("", true);
+    }
+}
+
+using Insert = tinyxml2::XMLNode *(tinyxml2::XMLNode::*)(tinyxml2::XMLNode *);
+
+ConfXmlNode *createChild(const char *function, ConfXmlNode *parent, const char *name,
+                         Insert insert) {
+    if (parent == nullptr || name == nullptr) {
+        ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
+                      parent == nullptr ? "parentNode is nullptr!" : "name is nullptr!");
+        return nullptr;
+    }
+    return unlessNoMemory<ConfXmlNode *>(nullptr, [&] {
+        XMLElement *child = elementOf(parent)->GetDocument()->NewElement(name);
+        (elementOf(parent)->*insert)(child);
+        return handleOf(child);
+    });
+}
+
+}  // namespace
+
+ConfXmlNode *ConfXmlCreateFirstChildNode(ConfXmlNode *parent, const char *name) {
+    return createChild(__func__, parent, name, &tinyxml2::XMLNode::InsertFirstChild);
+}
+
+ConfXmlNode *ConfXmlCreateLastChildNode(ConfXmlNode *parent, const char *name) {
+    return createChild(__func__, parent, name, &tinyxml2::XMLNode::InsertEndChild);
+}
+
+uint32_t ConfXmlAddAttr(ConfXmlNode *node, const char *name, int32_t type, const void *value) {
+    if (value == nullptr || name == nullptr || node == nullptr || type > CONF_XML_FLOAT ||
+        type < 0) {
+        return CONF_XML_INVALID;
+    }
+    if (!isForAttributes(type)) {
+        return CONF_XML_NOT_HANDLED;
+    }
+    const auto result = unlessNoMemory<uint32_t>(CONF_XML_NO_MEMORY, [&] {
+        return putValue(type, value,
+                        [&](auto typed) { elementOf(node)->SetAttribute(name, typed); });
+    });
+    if (result == CONF_XML_NO_MEMORY) {
+        dropAttribute(elementOf(node), name);
+    }
+    return result;
+}
+
+uint32_t ConfXmlDeleteAttr(ConfXmlNode *node, const char *name) {
+    if (node == nullptr || name == nullptr) {
+        return CONF_XML_NOT_HANDLED;
+    }
+    elementOf(node)->DeleteAttribute(name);
+    return CONF_XML_OK;
+}
+
+uint32_t ConfXmlSetNodeText(ConfXmlNode *node, int32_t type, const void *value) {
+    if (node == nullptr || type > CONF_XML_FLOAT || value == nullptr) {
+        return CONF_XML_INVALID;
+    }
+    const auto result = unlessNoMemory<uint32_t>(CONF_XML_NO_MEMORY, [&] {
+        return putValue(type, value, [&](auto typed) { elementOf(node)->SetText(typed); });
+    });
+    if (result == CONF_XML_NO_MEMORY) {
+        emptyText(elementOf(node));
+    }
+    return result;
+}

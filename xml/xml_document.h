@@ -1,0 +1,34 @@
+/* Documents of the XML library, and the handles of their elements. */
+#pragma once
+#include <tinyxml2.h>
+
+#include <cstddef>
+#include <new>
+
+#include "common/platform_block.h"
+#include "include/xmlAdapter.h"
+
+/* Every document behind a handle. It is a block of the platform's memory, where one that was never
+ * released shows. */
+class ConfXMLDocument final : public tinyxml2::XMLDocument {
+  public:
+    ConfXMLDocument() = default;
+    ~ConfXMLDocument() override = default;
+
+    static void *operator new(size_t size) noexcept;
+    static void operator delete(void *document) noexcept;
+
+    /* The document on one line, valid until the next call; null without memory. */
+    const char *PrintToString();
+
+  private:
+    PlatformBlock<char> printed_;
+};
+
+inline tinyxml2::XMLElement *elementOf(ConfXmlNode *node) {
+    return reinterpret_cast<tinyxml2::XMLElement *>(node);
+}
+
+inline ConfXmlNode *handleOf(tinyxml2::XMLElement *element) {
+    return reinterpret_cast<ConfXmlNode *>(element);
+}
