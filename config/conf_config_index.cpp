@@ -164,6 +164,30 @@ const ConfConfigIndexEntry *findBoundItem(const char *name) {
                                                          : nullptr;
 }
 
+bool hasIndex() {
+    return g_itemCache != 0;
+}
+
+int32_t boundItemCount() {
+    return g_itemNum;
+}
+
+const ConfConfigIndexEntry &boundItem(int32_t position) {
+    return entries[position];
+}
+
+int32_t lowerBoundItem(const char *name) {
+    return lowerBound(name);
+}
+
+bool nameBeginsWith(const char *name, const char *prefix) {
+    while (*prefix != '\0' && lower(*name) == lower(*prefix)) {
+        name++;
+        prefix++;
+    }
+    return *prefix == '\0';
+}
+
 void ConfConfigBind(const char *name, int32_t type, void *value, uint32_t size,
                     ConfConfigItemCallback callback) {
     ConfConfigIndexEntry *entry = ConfConfigAddIndex(name, true);

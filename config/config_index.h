@@ -21,3 +21,16 @@ ConfConfigIndexEntry *ConfConfigAddIndex(const char *name, bool create);
 
 /* The entry of a name once all items are bound, null before; for the service client's thread. */
 const ConfConfigIndexEntry *findBoundItem(const char *name);
+
+/* Is there an index that items can be bound to and found in? */
+bool hasIndex();
+
+/* The number of bound items, and each of them by its position in the order of names. */
+int32_t boundItemCount();
+const ConfConfigIndexEntry &boundItem(int32_t position);
+
+/* The position of the first item whose name is not less than `name`. */
+int32_t lowerBoundItem(const char *name);
+
+/* Does a name begin with a prefix, in any letter case? */
+bool nameBeginsWith(const char *name, const char *prefix);

@@ -14,7 +14,12 @@
  *     static void bindItems(void) {
  *         ConfConfigBind("Conf.SIPCallParam.port", CONF_VALUE_INT, &port, sizeof(port), changed);
  *     }
- *     ConfConfigInit(bindItems, "TamoUIConf", "Conf"); */
+ *     ConfConfigInit(bindItems, "TamoUIConf", "Conf");
+ *     ConfConfigInitOmCfg(); // the variables now hold what the service has
+ *
+ * 5. Variables are converted from and to text as conf_config_value.h says. Storing them is the
+ *    work of the calling thread alone: whoever shares a variable with other threads, or applies
+ *    lists on two of them, keeps them apart. */
 #pragma once
 #include <stdint.h>
 
@@ -25,6 +30,9 @@ extern "C" {
 
 /* A change report of the configuration service's client. */
 typedef struct ConfConfigChangeList ConfConfigChangeList;
+
+/* A key with its value as the service's client takes it. */
+typedef struct ConfConfigOmRecord ConfConfigOmRecord;
 
 /* The type of a bound variable. */
 typedef enum {
@@ -47,13 +55,21 @@ typedef struct ConfConfigListItem {
  * only during the call. */
 typedef void (*ConfConfigItemCallback)(const ConfConfigListItem *items, uint32_t count);
 
+/* Records that are stored in one operation: the first `used` of an array of `capacity`, which is the
+ * caller's. */
+typedef struct ConfConfigOmBatch {
+    int32_t used;
+    int32_t capacity;
+    ConfConfigOmRecord *records;
+} ConfConfigOmBatch;
+
 /* Binds the caller's items with ConfConfigBind; run by ConfConfigInit. */
 typedef void (*ConfConfigRegisterFn)(void);
 
 /* Connects to the configuration service as module `moduleName` of the process `ownerName`, makes
  * the index and runs `registerFn`, which binds the items. A refused connection is recorded and the
  * index works on without it. -1 for a null argument or without memory. Called again it begins a new
- * index and forgets the old one's items. Reads no values yet. */
+ * index and forgets the old one's items. Reads no values yet: ConfConfigInitOmCfg does. */
 int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
                        const char *moduleName);
 
@@ -76,9 +92,42 @@ int32_t ConfConfigDeInit(void);
 void ConfConfigBind(const char *name, int32_t type, void *value, uint32_t size,
                     ConfConfigItemCallback callback);
 
+/* Fills each bound variable that is not local with the service's value of its key, in order of
+ * name. A variable keeps its value when the service has none or it does not convert; a text buffer
+ * of less than 2 bytes is left alone. No callback is called. Done once, after ConfConfigInit. */
+void ConfConfigInitOmCfg(void);
+
+/* Applies `count` key/value texts to the variables bound to their keys. `writeBack` other than 0
+ * has every value that changed its variable stored in the service too, 50 in an operation; a batch
+ * that the service refuses in the middle of a list is lost, with a record. Returns the number of
+ * items found and converted, whether they changed anything or not: negative when the last operation
+ * failed, as it does when nothing had changed; 0 for a missing or empty list or without an index.
+ * Items with an empty key are passed over; a key that is not bound and a text without an end are
+ * recorded and not counted. Item callbacks are not called. One call at a time, also from callbacks.
+ *
+ *     ConfConfigListItem list[] = {{"Conf.SIPCallParam.port", "5061"}};
+ *     if (ConfConfigSetList(list, 1, 1) == 1)
+ *         ... the variable had another value and is stored */
+int32_t ConfConfigSetList(const ConfConfigListItem *list, int32_t count, uint8_t writeBack);
+
+/* Stores the values of bound variables in the service, 50 in an operation. Each of the `count`
+ * keys selects some, in any letter case: "" all that are not local, a text that ends with "." those
+ * whose names begin with it, any other text the one of that name; null keys are passed over. 0, or
+ * -1: a null array, no keys, no index, no memory, nothing selected, or a refused last operation. */
+int32_t ConfConfigSyncToOM(const char *const *keys, int32_t count);
+
+/* The same for one key.
+ *
+ *     ConfConfigSyncByKeyToOM("Conf.SIPCallParam."); */
+int32_t ConfConfigSyncByKeyToOM(const char *key);
+
+/* Stores the used records of a batch in one operation and empties it, whatever comes of that. 0, or
+ * -1: no batch, no array, no used record, or the service refused. */
+int32_t ConfConfigSyncOmCfg(ConfConfigOmBatch *batch);
+
 /* The handler of change reports: hands the changed values (message id 65536) to the callbacks of
  * the items bound to them, each callback once per 255 of its items, in the order of the report.
- * Bound variables are not written. ConfConfigInit registers it; it needs no other caller. */
+ * Bound variables are not written: what a callback gets can go to ConfConfigSetList as it is. ConfConfigInit registers it; it needs no other caller. */
 void ConfConfigClientCallBack(uint32_t msgId, uint32_t reserved1, uint32_t reserved2,
                               const ConfConfigChangeList *changes);
 

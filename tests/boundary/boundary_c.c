@@ -120,6 +120,17 @@ static void bindItems(void) {
     ConfConfigBind(KEY, CONF_VALUE_INT, &boundNumber, sizeof(boundNumber), NULL);
 }
 
+static void checkSync(void) {
+    const ConfConfigListItem list[] = {{KEY, "4712"}};
+    const char *const keys[] = {KEY, "Conf.Boundary."};
+    ConfConfigInitOmCfg();
+    CHECK(boundNumber == 4711);
+    CHECK(ConfConfigSetList(list, 1, 1) == 1 && ConfConfigGetIntValue(KEY) == 4712);
+    boundNumber = 4713;
+    CHECK(ConfConfigSyncToOM(keys, 2) == 0 && ConfConfigGetIntValue(KEY) == 4713);
+    CHECK(ConfConfigSyncByKeyToOM("Nobody") == -1 && ConfConfigSyncOmCfg(NULL) == -1);
+}
+
 static void checkConfig(void) {
     uint64_t number = 0;
     CHECK(ConfConfigInit(bindItems, "Boundary", "Conf") == 0);
@@ -129,6 +140,7 @@ static void checkConfig(void) {
     CHECK(ConfConfigGetIntValue(KEY) == 4711);
     CHECK(SetEnableEofb(0) == 0 && GetEnableEofb() == 0);
     CHECK(SetSipPreventAttack(0) == 0 && GetSipPreventAttack() == 0);
+    checkSync();
     ConfConfigClientCallBack(65536, 0, 0, NULL);
 }
 

@@ -45,6 +45,10 @@ AT(ConfConfigValue, payload.str.length, 12, 16);
 AT(ConfConfigValue, payload.data.length, 12, 16);
 SIZE(ConfConfigValue, 16, 24);
 
+AT(ConfConfigOmBatch, capacity, 4, 4);
+AT(ConfConfigOmBatch, records, 8, 8);
+SIZE(ConfConfigOmBatch, 12, 16);
+
 AT(ConfConfigOmKey, length, 128, 128);
 SIZE(ConfConfigOmKey, 132, 132);
 AT(ConfConfigOmVal, length, 1024, 1024);
