@@ -168,25 +168,6 @@ TEST_F(ConfDigest, UnknownOrMissingAlgorithmIsRefused) {
     EXPECT_EQ(context, &marker);
 }
 
-TEST_F(ConfDigest, LengthIsOptionalAndNoDataIsData) {
-    unsigned char digest[CONF_DIGEST_LONGEST];
-    EXPECT_EQ(MOX_CRYPT_digest(CONF_DIGEST_MD5, nullptr, 0, digest, nullptr), 1U);
-    EXPECT_EQ(hex(digest, 16), "d41d8cd98f00b204e9800998ecf8427e");
-    void *context = nullptr;
-    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_MD5), 1U);
-    EXPECT_EQ(MOX_CRYPT_digestUpdate(context, nullptr, 0), 1U);
-    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 1U);
-    EXPECT_EQ(hex(digest, 16), "d41d8cd98f00b204e9800998ecf8427e");
-}
-
-TEST_F(ConfDigest, SecondFinalFails) {
-    void *context = nullptr;
-    unsigned char digest[CONF_DIGEST_LONGEST];
-    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
-    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 1U);
-    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 0U);
-}
-
 TEST_F(ConfDigest, MissingArgumentsFailAndReleaseWhatWasBegun) {
     unsigned char digest[CONF_DIGEST_LONGEST];
     unsigned int length = 0;
@@ -229,40 +210,6 @@ TEST_F(ConfDigest, FailingLibcryptoLeavesNoContext) {
     libcrypto.failFinal = true;
     EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 0U);
     EXPECT_EQ(context, nullptr);
-}
-
-TEST(ConfProcessValues, ConferenceTypeIsKeptAsItIs) {
-    EXPECT_EQ(GetOmsConfType(), 0U);
-    for (const uint32_t value : {1U, 0xFFFFFFFFU, 0U}) {
-        SetOmsConfType(value);
-        EXPECT_EQ(GetOmsConfType(), value);
-    }
-}
-
-/* For the thread sanitizer, too. */
-TEST(ConfProcessValues, ReaderBesideAWriterGetsAValueThatWasSet) {
-    std::atomic<bool> done = false;
-    std::thread writer([&] {
-        for (uint32_t i = 0; i < 10000; i++) {
-            SetOmsConfType(i % 2 == 0 ? 0 : 0xFFFFFFFF);
-        }
-        done = true;
-    });
-    bool torn = false;
-    while (!done) {
-        const uint32_t value = GetOmsConfType();
-        torn = torn || (value != 0 && value != 0xFFFFFFFF);
-    }
-    writer.join();
-    EXPECT_FALSE(torn);
-    SetOmsConfType(0);
-}
-
-TEST(ConfProcessValues, EventReportsReportNothing) {
-    EXPECT_EQ(ConfReportToTellum(), 0U);
-    EXPECT_EQ(ConfReportAddrBookToTellum(), 0U);
-    EXPECT_EQ(ConfReportRegisterToTellum(), 0U);
-    EXPECT_EQ(ConfReportCallErrToTellum(), 0U);
 }
 
 }  // namespace

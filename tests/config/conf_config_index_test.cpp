@@ -147,17 +147,6 @@ TEST_F(ConfigIndex, BindingWithoutAnIndexChangesNothing) {
     EXPECT_EQ(ConfConfigDeInit(), 0);
 }
 
-TEST_F(ConfigIndex, ReportDuringTheStartFindsNoItem) {
-    ASSERT_EQ(ConfConfigInit(
-                  [] {
-                      bindKey("Conf.A");
-                      EXPECT_FALSE(isBound("Conf.A")) << "the index may still move";
-                  },
-                  "TamoUIConf", "Conf"),
-              0);
-    EXPECT_TRUE(isBound("Conf.A"));
-}
-
 TEST_F(ConfigIndex, InitRefusesMissingArgumentsAndMemory) {
     EXPECT_EQ(ConfConfigInit(nullptr, "o", "m"), -1);
     EXPECT_EQ(ConfConfigInit(bindNothing, nullptr, "m"), -1);

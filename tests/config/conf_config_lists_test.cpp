@@ -119,24 +119,6 @@ TEST_F(ConfigLists, FiveHundredItemsAndNoMore) {
     EXPECT_STREQ(most.result(499).value, "499");
 }
 
-TEST_F(ConfigLists, PasswordsAreStoredEncryptedAndWiped) {
-    Block list{{kPassword, "secret-word"}, {"Conf.SIPCallParam.sipServerAddr", "10.0.0.1"}};
-    EXPECT_EQ(list.write(), 0u);
-    const std::vector<char> zeros(1024);
-    EXPECT_EQ(memcmp(list.item(0).value, zeros.data(), 1024), 0);
-    EXPECT_STREQ(list.item(1).value, "10.0.0.1");
-    for (const auto &record : platform::records()) {
-        EXPECT_EQ(record.text.find("secret-word"), string::npos) << record.text;
-    }
-    EXPECT_EQ(list.read(), 0u);
-    const string stored = list.result(0).value;
-    EXPECT_EQ(stored.find("secret-word"), string::npos);
-    char plain[312];
-    uint32_t length = sizeof(plain);
-    EXPECT_EQ(TamoHostKeymDecrypt("TamoUIConf", stored.c_str(), plain, &length), 0u);
-    EXPECT_STREQ(plain, "secret-word");
-}
-
 TEST_F(ConfigLists, FailedEncryptionStoresNothing) {
     Block list{{"Enc.other", "1"}, {"Conf.H323CallParam.gkPwd", "secret"}};
     platform::failCall("TamoOmKeymEncrypt", 1);

@@ -8,6 +8,13 @@ namespace support {
  * out, also where it goes to a file. */
 extern std::atomic<bool> diskFull;
 
+/* What still fits on the disk, in bytes that write and sendfile put into regular files; negative:
+ * everything. */
+extern std::atomic<long> diskRoom;
+
+/* While set, no file can be made without a name. */
+extern std::atomic<bool> noUnnamedFiles;
+
 /* While set, file systems tell that they have no room. */
 extern std::atomic<bool> diskTight;
 

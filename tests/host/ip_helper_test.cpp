@@ -76,37 +76,6 @@ class IpHelper : public testing::Test {
 
 /* ---- routes ---- */
 
-TEST_F(IpHelper, RouteIsTheTablesEntry) {
-    kernel.answers = {{{0, route(AF_INET, 12).address(RTA_DST, "172.16.0.0").index(7)}},
-                      {{0, route(AF_INET, 0).address(RTA_GATEWAY, "10.0.0.1").index(8)}}};
-    IpForwardRow row = {};
-    ASSERT_EQ(GetBestRoute(ip("172.16.9.9"), 0, &row), 0U);
-    EXPECT_EQ(row.destination, ip("172.16.0.0"));
-    EXPECT_EQ(row.mask, ip("255.240.0.0"));
-    EXPECT_EQ(row.nextHop, 0U);
-    EXPECT_EQ(row.interfaceIndex, 7U);
-    ASSERT_EQ(GetBestRoute(ip("172.16.9.9"), 0, &row), 0U);
-    EXPECT_EQ(row.destination, 0U);
-    EXPECT_EQ(row.mask, 0U);
-    EXPECT_EQ(row.nextHop, ip("10.0.0.1"));
-    EXPECT_EQ(row.interfaceIndex, 8U);
-    EXPECT_EQ(kernel.questions.size(), 2U) << "one question each";
-}
-
-TEST_F(IpHelper, RouteWithSeveralNextHopsTakesTheOneThatTheKernelTakes) {
-    kernel.answers = {{{0, route(AF_INET, 16).address(RTA_DST, "10.9.0.0")}},
-                      {{0, route(AF_INET, 32)
-                               .address(RTA_DST, "10.9.1.1")
-                               .address(RTA_GATEWAY, "10.0.1.1")
-                               .index(9)}}};
-    IpForwardRow row = {};
-    ASSERT_EQ(GetBestRoute(ip("10.9.1.1"), 0, &row), 0U);
-    EXPECT_EQ(row.destination, ip("10.9.0.0"));
-    EXPECT_EQ(row.mask, ip("255.255.0.0"));
-    EXPECT_EQ(row.nextHop, ip("10.0.1.1"));
-    EXPECT_EQ(row.interfaceIndex, 9U);
-}
-
 TEST_F(IpHelper, NoRouteIsAFailureAndLeavesTheRecordAlone) {
     IpForwardRow row = {1, 2, 3, 4};
     uint32_t index = 5;
@@ -267,14 +236,6 @@ TEST_F(IpHelper, AdapterBufferThatIsTooSmallIsTheRightSizeNext) {
     EXPECT_EQ(std::count(list.begin(), list.end(), ' '), 30);
 }
 
-TEST_F(IpHelper, WithoutAnAddressThereIsNoList) {
-    kernel.answers = {{{0, Datagram().done()}}};
-    vector<char> buffer;
-    uint32_t size = 64;
-    EXPECT_NE(readAdapters(&buffer, &size), 0U);
-    EXPECT_EQ(buffer, vector<char>(64, '\x5A'));
-}
-
 /* ---- an unreliable kernel ---- */
 
 TEST_F(IpHelper, AnswerThatIsNotWholeIsAskedForAgain) {
@@ -303,21 +264,6 @@ TEST_F(IpHelper, AnswerThatIsNotWholeIsAskedForAgain) {
     EXPECT_EQ(table.rows[0].address, ip("10.0.0.1"));
 }
 
-TEST_F(IpHelper, RefusedOrEndlesslyInterruptedListIsAFailure) {
-    Datagram good, interrupted;
-    addAddress(good, "10.0.0.1", 1, 24);
-    interrupted = good;
-    interrupted.last()->nlmsg_flags |= NLM_F_DUMP_INTR;
-    kernel.answers = {{{0, good}, {0, Datagram().done(-ENOMEM)}}, {refusal(EPERM)}};
-    kernel.answers.resize(40, {{0, interrupted}});
-    Table table;
-    EXPECT_NE(readTable(&table, sizeof(table)), 0U);
-    EXPECT_NE(readTable(&table, sizeof(table)), 0U);
-    EXPECT_EQ(kernel.questions.size(), 2U);
-    EXPECT_NE(readTable(&table, sizeof(table)), 0U);
-    EXPECT_EQ(table.count, 0U);
-}
-
 TEST_F(IpHelper, DamagedAnswersAreNotBelieved) {
     Datagram shortHeader = Datagram().begin(RTM_NEWADDR, uint16_t{AF_INET}, NLM_F_MULTI);
     Datagram shortAddress, emptyError = Datagram().begin(NLMSG_ERROR, uint8_t{0});
@@ -340,14 +286,6 @@ TEST_F(IpHelper, DamagedAnswersAreNotBelieved) {
     kernel.lengthen = string(9000, 'x');
     kernel.answers.assign(40, {{0, shortHeader}});
     EXPECT_NE(readTable(&table, sizeof(table)), 0U);
-}
-
-TEST_F(IpHelper, WithoutASocketTheQuestionFailsAndTheNextOneWorks) {
-    kernel.answers = {{{EAGAIN, {}}}, {{0, route(AF_INET, 24).index(7)}}};
-    kernel.failSockets = 1;
-    IpForwardRow row;
-    EXPECT_NE(GetBestRoute(ip("10.0.0.1"), 0, &row), 0U);
-    EXPECT_EQ(GetBestRoute(ip("10.0.0.1"), 0, &row), 0U);
 }
 
 /* ---- the real kernel ---- */

@@ -156,6 +156,18 @@ TamoHostQueueInfo queueInfo(const std::string &name) {
     return found ? info : TamoHostQueueInfo{};
 }
 
+uint64_t outstandingBlocks(uint32_t pid) {
+    uint64_t blocks = 0;
+    TamoHostMemReport(
+        pid,
+        [](const TamoHostMemSite *site, void *context) -> uint32_t {
+            *static_cast<uint64_t *>(context) += site->blocks;
+            return 0;
+        },
+        &blocks);
+    return blocks;
+}
+
 uint32_t doNothing(uint32_t, void *, uint32_t) {
     return 0;
 }

@@ -92,6 +92,9 @@ class Server {
 /* What is known of a queue; an empty name when nothing is. */
 TamoHostQueueInfo queueInfo(const std::string &name);
 
+/* The outstanding blocks of a process (0: this one); one that never took a block has none. */
+uint64_t outstandingBlocks(uint32_t pid = 0);
+
 /* A handler that does nothing. */
 uint32_t doNothing(uint32_t param, void *data, uint32_t dataLength);
 

@@ -105,29 +105,4 @@ TEST(AddressTexts, FamiliesAreTheDevicesNumbers) {
     EXPECT_EQ(MOX_Socket_Get_AF_INET6(), AF_INET6);
 }
 
-TEST(AddressTexts, NumberIsInNetworkByteOrder) {
-    const uint8_t expected[4] = {1, 2, 3, 4};
-    const uint32_t number = KIRU_InetAddr("1.2.3.4");
-    EXPECT_EQ(memcmp(&number, expected, sizeof(number)), 0);
-    EXPECT_EQ(KIRU_InetAddr("1.2.3"), 0xFFFFFFFFu);
-    EXPECT_EQ(KIRU_InetAddr(nullptr), 0xFFFFFFFFu);
-}
-
-OsMutex zeroed;
-
-TEST(Mutex, ZeroedStorageAndInitialisedStorageLock) {
-    OsMutex made;
-    memset(&made, 0xEE, sizeof(made));
-    ASSERT_EQ(OsMutexInit(&made, nullptr), 0u);
-    for (OsMutex *mutex : {&zeroed, &made}) {
-        EXPECT_EQ(OsMutexLock(mutex), 0u);
-        EXPECT_EQ(OsMutexUnLock(mutex), 0u);
-        EXPECT_EQ(OsMutexDestroy(mutex), 0u);
-    }
-    EXPECT_NE(OsMutexInit(nullptr, nullptr), 0u);
-    EXPECT_NE(OsMutexLock(nullptr), 0u);
-    EXPECT_NE(OsMutexUnLock(nullptr), 0u);
-    EXPECT_NE(OsMutexDestroy(nullptr), 0u);
-}
-
 }  // namespace

@@ -49,31 +49,6 @@ TEST(ConfigRecords, KeysAndValuesThatDoNotFitAreRefusedAndCleared) {
     EXPECT_NE(0, TamoOmConfigcopyStr2Val(nullptr, "value"));
 }
 
-TEST(ConfigRecords, ValuePartMayBeItsOwnSource) {
-    ConfConfigOmVal value;
-    memset(&value, 0xA5, sizeof(value));
-    strcpy(value.text, "rendered in place");
-    EXPECT_EQ(0, TamoOmConfigcopyStr2Val(&value, value.text));
-    EXPECT_STREQ("rendered in place", value.text);
-    EXPECT_EQ(17U, value.length);
-    memset(&value, 0xA5, sizeof(value));
-    EXPECT_NE(0, TamoOmConfigcopyStr2Val(&value, value.text)) << "a text without an end";
-}
-
-TEST(ConfigRecords, NumbersBecomeDecimalTexts) {
-    ConfConfigOmVal value = {};
-    EXPECT_EQ(0, TamoOmConfigsetIntValue(&value, INT64_MIN));
-    EXPECT_STREQ("-9223372036854775808", value.text);
-    EXPECT_EQ(20U, value.length);
-    EXPECT_EQ(0, TamoOmConfigsetUintValue(&value, UINT64_MAX));
-    EXPECT_STREQ("18446744073709551615", value.text);
-    EXPECT_EQ(0, TamoOmConfigsetIntValue(&value, 0));
-    EXPECT_STREQ("0", value.text);
-    EXPECT_EQ(1U, value.length);
-    EXPECT_NE(0, TamoOmConfigsetIntValue(nullptr, 1));
-    EXPECT_NE(0, TamoOmConfigsetUintValue(nullptr, 1));
-}
-
 TEST_F(ConfigClient, KeepsOneTextPerKeyExactly) {
     EXPECT_EQ(kMissing, get("Conf.Key"));
     EXPECT_EQ(0, set("Conf.Key", "one"));
@@ -136,73 +111,6 @@ TEST_F(ConfigClient, BelievesNoLengthAndNoCount) {
     EXPECT_NE(0, TamoOmConfigStringMget(&stored, 0xFFFFFFFF));
     EXPECT_NE(0, TamoOmConfigStringMset(&stored, 0xFFFFFFFF));
     EXPECT_NE(0, TamoOmConfigStringGet(nullptr));
-}
-
-TEST_F(ConfigClient, ModulesConnectBeforeTheyRegisterHandlers) {
-    auto handler = [](uint32_t, uint32_t, uint32_t, const ConfConfigChangeList *) {};
-    EXPECT_NE(0, TamoOmConfigNotifyCallback(handler, "module"));
-    EXPECT_EQ(0, TamoOmConfigInit(0, "owner", "module"));
-    EXPECT_EQ(0, TamoOmConfigInit(0, "owner", "module")) << "stays connected";
-    EXPECT_EQ(0, TamoOmConfigNotifyCallback(handler, "module"));
-    EXPECT_EQ(0, TamoOmConfigNotifyCallback(nullptr, "module"));
-    EXPECT_EQ(0, TamoOmConfigUnInit("module"));
-    EXPECT_NE(0, TamoOmConfigUnInit("module"));
-    for (const char *name : {"", static_cast<const char *>(nullptr)}) {
-        EXPECT_NE(0, TamoOmConfigInit(0, "owner", name));
-        EXPECT_NE(0, TamoOmConfigInit(0, name, "module"));
-        EXPECT_NE(0, TamoOmConfigNotifyCallback(handler, name));
-        EXPECT_NE(0, TamoOmConfigUnInit(name));
-    }
-}
-
-TEST_F(ConfigClient, ListsMatchingKeysInOrderToAVisitorThatMayUseTheStore) {
-    ConfConfigOmRecord stored[] = {record("Conf.b", "2"), record("Conf.a", "1"),
-                                   record("DEVM.a", "3"), record("Conf.c", "")};
-    ASSERT_EQ(0, TamoOmConfigStringMset(stored, 4));
-    std::string seen;
-    auto visit = [](const char *key, const char *value, void *context) -> uint32_t {
-        *static_cast<std::string *>(context) += std::string(key) + "=" + value + " ";
-        EXPECT_EQ(0, set("Conf.d", "written meanwhile"));
-        EXPECT_EQ(value, get(key));
-        return strcmp(value, "3") == 0 ? 77 : 0;
-    };
-    EXPECT_EQ(0U, TamoHostConfigList("Conf.[a-c]", visit, &seen));
-    EXPECT_EQ("Conf.a=1 Conf.b=2 Conf.c= ", seen);
-    seen.clear();
-    EXPECT_EQ(77U, TamoHostConfigList(nullptr, visit, &seen));
-    EXPECT_EQ("Conf.a=1 Conf.b=2 Conf.c= Conf.d=written meanwhile DEVM.a=3 ", seen);
-    EXPECT_EQ(0U, TamoHostConfigList("nothing", visit, &seen));
-    EXPECT_NE(0U, TamoHostConfigList("*", nullptr, &seen));
-}
-
-TEST_F(ConfigClient, ThreadsSeeWholeWritesOfEachOther) {
-    std::vector<ConfConfigOmRecord> stored(20);
-    for (size_t at = 0; at < stored.size(); at++) {
-        stored[at] = record("k" + std::to_string(at), "0");
-    }
-    ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 20));
-    std::vector<std::thread> threads;
-    for (int writer = 0; writer < 2; writer++) {
-        threads.emplace_back([stored, writer]() mutable {
-            for (int round = 0; round < 30; round++) {
-                for (ConfConfigOmRecord &one : stored) {
-                    TamoOmConfigsetIntValue(&one.value, 100 * round + writer);
-                }
-                EXPECT_EQ(0, TamoOmConfigStringMset(stored.data(), 20));
-            }
-        });
-        threads.emplace_back([asked = stored]() mutable {
-            for (int round = 0; round < 200; round++) {
-                ASSERT_EQ(0, TamoOmConfigStringMget(asked.data(), 20));
-                for (const ConfConfigOmRecord &one : asked) {
-                    ASSERT_STREQ(asked[0].value.text, one.value.text);
-                }
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
 }
 
 }  // namespace

@@ -161,15 +161,6 @@ TEST_F(ConfigFile, LogWithoutItsStoreIsKeptAsideToo) {
     }
 }
 
-TEST_F(ConfigFile, UnfinishedBeginningIsBegunAnew) {
-    fs::create_directories(configFile().parent_path());
-    std::ofstream(configFile("config.db.new")) << "half of it";
-    std::ofstream(configFile("config.db.new-wal")) << "half of it";
-    EXPECT_EQ(0, set("a", "1"));
-    EXPECT_EQ("1", get("a"));
-    EXPECT_FALSE(fs::exists(configFile("config.db.new")));
-}
-
 TEST_F(ConfigFile, StoreThatCannotBeBegunFailsWithARecord) {
     support::diskFull = true;
     testing::internal::CaptureStderr();

@@ -136,24 +136,4 @@ TEST(KeyManagement, KeyFileIsPrivateAndRefusedWhenItIsNot) {
     EXPECT_EQ("failed", encrypt("file", "secret"));
 }
 
-TEST(KeyManagement, ThreadsThatMeetWithoutAKeyMakeOne) {
-    for (int round = 0; round < 10; round++) {
-        std::string owner = "threads" + std::to_string(round);
-        std::vector<std::string> texts(8);
-        std::vector<std::thread> threads;
-        for (std::string &text : texts) {
-            threads.emplace_back([&] { text = encrypt(owner, "secret"); });
-        }
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
-        for (const std::string &text : texts) {
-            EXPECT_EQ("secret", decrypt(owner, text));
-        }
-    }
-    for (const auto &entry : fs::directory_iterator(keyFile("any").parent_path())) {
-        EXPECT_EQ(".key", entry.path().extension()) << entry.path();
-    }
-}
-
 }  // namespace

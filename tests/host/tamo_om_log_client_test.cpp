@@ -2,15 +2,11 @@
  * processes at once are in tests/process/log_process_test.cpp. */
 #include "platform/tamo_om_log_client.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -22,54 +18,10 @@
 #include <vector>
 
 #include "include/conf_log_adapter.h"
+#include "tests/host/disk_faults.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/deadline.h"
 #include "tests/support/scratch_root.h"
-
-namespace {
-
-/* What still fits on the disk, in bytes of regular files; negative: everything. */
-std::atomic<long> diskRoom{-1};
-std::atomic<bool> refuseNewFiles{false};
-
-int openUnlessRefused(int directory, const char *name, int flags, mode_t mode) {
-    if (refuseNewFiles && (flags & O_CREAT) != 0) {
-        errno = ENOSPC;
-        return -1;
-    }
-    return static_cast<int>(syscall(SYS_openat, directory, name, flags, mode));
-}
-
-}  // namespace
-
-/* Exported by the program, so that what the platform calls arrives here; by the C library's names
- * with and without large file offsets. */
-extern "C" {
-int faultyOpen(int directory, const char *name, int flags, mode_t mode) __asm__("openat");
-int faultyOpenLarge(int directory, const char *name, int flags, mode_t mode) __asm__("openat64");
-}
-
-int faultyOpen(int directory, const char *name, int flags, mode_t mode) {
-    return openUnlessRefused(directory, name, flags, mode);
-}
-
-int faultyOpenLarge(int directory, const char *name, int flags, mode_t mode) {
-    return openUnlessRefused(directory, name, flags | O_LARGEFILE, mode);
-}
-
-extern "C" ssize_t write(int file, const void *data, size_t size) {
-    struct stat status = {};
-    if (diskRoom >= 0 && file != STDERR_FILENO && fstat(file, &status) == 0 &&
-        S_ISREG(status.st_mode)) {
-        size = std::min(size, static_cast<size_t>(diskRoom.load()));
-        diskRoom -= static_cast<long>(size);
-        if (size == 0) {
-            errno = ENOSPC;
-            return -1;
-        }
-    }
-    return syscall(SYS_write, file, data, size);
-}
 
 namespace {
 
@@ -158,8 +110,7 @@ class LogClient : public testing::Test {
         }
     }
     void TearDown() override {
-        diskRoom = -1;
-        refuseNewFiles = false;
+        support::diskRoom = -1;
         EXPECT_EQ(TamoOmLogClientUnInit(), 0);
     }
 };
@@ -290,22 +241,14 @@ TEST_F(LogClient, RotationKeepsTheNewestFilesWithinTheirSize) {
 
 TEST_F(LogClient, FailedRotationLosesNothing) {
     const uint16_t id = create(limits(512, 2, 1000));
-    ASSERT_EQ(record(id, "0"), 0);
-    const auto writeMore = [id](int from, int to) {
-        return standardErrorOf([=] {
-            for (int i = from; i < to; ++i) {
-                ASSERT_EQ(record(id, std::to_string(i)), 0);
-            }
-        });
-    };
-    refuseNewFiles = true;
-    const std::string shown = writeMore(1, 40);
+    fs::create_directories(logFile(1) / "in the way");
+    const std::string shown = standardErrorOf([id] {
+        for (int i = 0; i < 80; ++i) {
+            ASSERT_EQ(record(id, std::to_string(i)), 0);
+        }
+    });
     EXPECT_NE(shown.find("log/Test.log"), std::string::npos);
     EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 1) << "complains once in a while";
-    EXPECT_EQ(texts().size(), 40u);
-    refuseNewFiles = false;
-    fs::create_directories(logFile(1) / "in the way");
-    writeMore(40, 80);
     EXPECT_EQ(texts().size(), 80u);
     EXPECT_EQ(texts().back(), "79");
     fs::remove_all(logFile(1));
@@ -335,14 +278,14 @@ TEST_F(LogClient, BeginsAnewWhenAFileIsDeletedOrMovedAway) {
 TEST_F(LogClient, FullDiskFailsRecordsAndTearsNone) {
     const uint16_t id = create(limits(512, 9, 1000));
     ASSERT_EQ(record(id, "before"), 0);
-    diskRoom = 30; /* less than a record: the first one is written in part */
+    support::diskRoom = 30; /* less than a record: the first one is written in part */
     const std::string shown = standardErrorOf([id] {
         for (int i = 0; i < 100; ++i) {
             EXPECT_NE(record(id, "lost"), 0);
         }
     });
     EXPECT_NE(shown.find("has room"), std::string::npos);
-    diskRoom = -1;
+    support::diskRoom = -1;
     EXPECT_EQ(record(id, "after"), 0);
     EXPECT_EQ(record(id, "later"), 0);
     const std::vector<std::string> found = texts();
@@ -360,24 +303,6 @@ TEST_F(LogClient, ALineThatAKilledWriterLeftIsNotContinued) {
     EXPECT_EQ(record(id, "after"), 0);
     EXPECT_EQ(record(id, "later"), 0);
     EXPECT_EQ(texts(), (std::vector<std::string>{"?whole", "?cut o", "after", "later"}));
-}
-
-TEST_F(LogClient, AForkLogsUnderItsOwnIds) {
-    const uint16_t id = create();
-    ASSERT_EQ(record(id, "parent"), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        std::thread([id] { record(id, "thread"); }).join();
-        _exit(record(id, "child") == 0 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    const std::vector<std::string> found = lines();
-    ASSERT_EQ(found.size(), 3u);
-    const std::string process = "[" + std::to_string(child) + "/";
-    EXPECT_NE(found[1].find(process), std::string::npos) << found[1];
-    EXPECT_NE(found[2].find(process + std::to_string(child) + "] "), std::string::npos) << found[2];
 }
 
 TEST_F(LogClient, AllocatesNothing) {

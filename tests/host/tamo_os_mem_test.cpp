@@ -233,37 +233,6 @@ TEST(Account, OfAKilledProcessIsNoLongerShownAndRemovedByTheNext) {
     EXPECT_TRUE(fs::exists(tableOf(next.pid())));
 }
 
-TEST(Account, AForkHasACopyOfItsOwn) {
-    void *block = take(10, 40);
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        give(block);
-        void *own = take(3, 41);
-        const bool right = account(0, 40) == "none" && account(0, 41) == "1/3" &&
-                           account(static_cast<uint32_t>(getppid()), 40) == "1/10";
-        give(own);
-        exit(right ? 0 : 1); /* removes its file, and no other */
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    EXPECT_FALSE(fs::exists(tableOf(child)));
-    EXPECT_TRUE(fs::exists(tableOf(getpid())));
-    EXPECT_EQ(account(0, 40), "1/10");
-    EXPECT_EQ(account(0, 41), "none");
-    give(block);
-}
-
-TEST(Account, WorksOnWhenItsFileIsDeleted) {
-    void *block = take(10, 50);
-    fs::remove(tableOf(getpid()));
-    void *second = take(10, 50);
-    EXPECT_EQ(account(0, 50), "2/20");
-    give(block);
-    give(second);
-}
-
 void *volatile outstanding[2]; /* no leak for others than the account */
 
 /* Its standard error becomes the file that it is given. */
@@ -281,23 +250,16 @@ const support::ChildRole leaker("leaker", [](const support::ChildArguments &argu
     return 0;
 });
 
-TEST(Account, IsPrintedAtTheEndOnRequest) {
+TEST(Account, IsPrintedAtTheEndOnRequestAlsoWithoutAUsableDeviceRoot) {
     const support::ScratchDirectory directory;
     const std::string output = directory.path() + "/stderr";
-    support::ChildProcess child("leaker", {output});
-    EXPECT_EQ(child.wait(), support::exited(0)) << contents(output);
-    EXPECT_NE(contents(output).find("leaker:61: 2 blocks, 500 bytes"), std::string::npos)
-        << contents(output);
-    EXPECT_EQ(contents(output).find("leaker:60"), std::string::npos);
-}
-
-TEST(Account, IsPrivateWithoutAUsableDeviceRoot) {
-    const support::ScratchDirectory directory;
-    const std::string output = directory.path() + "/stderr";
-    support::ChildProcess child("leaker", {output, "/dev/null/root"});
-    EXPECT_EQ(child.wait(), support::exited(0)) << contents(output);
-    EXPECT_NE(contents(output).find("leaker:61: 2 blocks, 500 bytes"), std::string::npos)
-        << contents(output);
+    for (const auto &arguments : {support::ChildArguments{output}, {output, "/dev/null/root"}}) {
+        support::ChildProcess child("leaker", arguments);
+        EXPECT_EQ(child.wait(), support::exited(0));
+        const std::string said = contents(output);
+        EXPECT_NE(said.find("leaker:61: 2 blocks, 500 bytes"), std::string::npos) << said;
+        EXPECT_EQ(said.find("leaker:60"), std::string::npos);
+    }
 }
 
 }  // namespace

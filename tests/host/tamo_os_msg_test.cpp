@@ -12,10 +12,8 @@
 #include <numeric>
 
 #include "platform/tamo_os_mem.h"
-#include "tests/host/counted_memory.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/allocation_count.h"
-#include "tests/support/open_descriptors.h"
 
 using namespace parties;
 
@@ -25,18 +23,18 @@ constexpr const char *kQueue = "conference";
 constexpr uint32_t kLargest = kHead + kMaxData;
 constexpr uint32_t kLargestList = 33554432;
 
-/* Blocks, and descriptors beyond those that stay, fail a test. */
+/* Blocks that are left fail a test. */
 class Messages : public testing::Test {
   protected:
     void SetUp() override {
-        /* What stays open: the directory, and connections of this thread. */
+        /* What stays: connections of this thread. */
         { Server server(kQueue); }
-        before_ = counted::outstanding();
+        before_ = outstandingBlocks();
     }
-    void TearDown() override { EXPECT_EQ(counted::outstanding(), before_); }
+    void TearDown() override { EXPECT_EQ(outstandingBlocks(), before_); }
 
   private:
-    int64_t before_ = 0;
+    uint64_t before_ = 0;
 };
 
 uint32_t increment(uint32_t param, void *data, uint32_t dataLength) {
@@ -124,18 +122,6 @@ TEST_F(Messages, AListThatTheRequesterCannotTakeIsNotMadeForIt) {
         TamoHostMsgFree(message);
         sent.wait();
     }
-}
-
-TEST_F(Messages, ASenderWithoutMemoryForTheListFailsAndGoesOn) {
-    Queue queue(kQueue);
-    auto sent = sendInThread(bodyOf(doNothing, 0, Bytes(kBlock)), 2);
-    OsMsgHeader *message = queue.next();
-    answerWithList(100, dataOf(message), kBlock);
-    counted::failNext();
-    EXPECT_EQ(OsMsgSynSendResp(message, message->body, message->bodyLength), 0U);
-    EXPECT_EQ(listOf(message), nullptr);
-    TamoHostMsgFree(message);
-    EXPECT_EQ(sent.get(), TAMO_HOST_NO_MEMORY);
 }
 
 TEST_F(Messages, ARequestBringsNoAddressOfItsSender) {

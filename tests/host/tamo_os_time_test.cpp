@@ -43,11 +43,4 @@ TEST(TamoOsTime, IsTheCurrentTimeInTheTimeZoneOfTheMoment) {
     OsGetTimeEx(nullptr);
 }
 
-TEST(TamoOsTime, SecondsAreTheSystems) {
-    const auto before = static_cast<uint32_t>(clockSeconds());
-    const uint32_t seconds = OsGetSysTimeSec();
-    EXPECT_GE(seconds, before);
-    EXPECT_LE(seconds, static_cast<uint32_t>(clockSeconds()));
-}
-
 }  // namespace

@@ -159,20 +159,6 @@ TEST_F(TamoOsTimer, OneShotExpiresOnceNotEarlyAndEndsByItself) {
     EXPECT_NE(OsTmrDelete(timer.handle), 0u);
 }
 
-TEST_F(TamoOsTimer, TimersExpireInTheOrderInWhichTheyAreDue) {
-    std::vector<int> order; /* expiries run one at a time */
-    Door begin;
-    /* All of them are created before the manager looks at any. */
-    TestTimer first(0, false, [&](uint32_t) { begin.pass(); });
-    TestTimer c(40, false, [&](uint32_t) { order.push_back(3); });
-    TestTimer d(40, false, [&](uint32_t) { order.push_back(4); });
-    TestTimer a(0, false, [&](uint32_t) { order.push_back(1); });
-    TestTimer b(20, false, [&](uint32_t) { order.push_back(2); });
-    begin.open();
-    d.await(1);
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
-}
-
 /* The one-shot timers beside it tell how often it should have expired by then. */
 TEST_F(TamoOsTimer, PeriodicTimerNeitherDriftsNorIsEarly) {
     uint32_t before = 0, after = 0;
@@ -280,26 +266,6 @@ TEST_F(TamoOsTimer, ExpiriesMayDeleteThemselvesAndOthersAndCreateTimers) {
     EXPECT_EQ(victim.count(), 0u);
     ASSERT_NE(born, nullptr);
     born->await(1);
-}
-
-TEST_F(TamoOsTimer, HandlesAreDistinctAndStaleOnesAreRefused) {
-    std::vector<std::unique_ptr<TestTimer>> live;
-    std::set<uint32_t> handles = {0, UINT32_MAX};
-    for (uint32_t i = 0; i < 1500; i++) {
-        live.push_back(std::make_unique<TestTimer>(kFar + i, false));
-        EXPECT_TRUE(handles.insert(live.back()->handle).second);
-        TestTimer passing(kFar, false);
-        EXPECT_TRUE(handles.insert(passing.handle).second);
-    }
-    for (const auto &timer : live) {
-        handles.erase(timer->handle);
-    }
-    for (const uint32_t stale : handles) {
-        EXPECT_NE(OsTmrDelete(stale), 0u);
-    }
-    for (const auto &timer : live) {
-        EXPECT_EQ(OsTmrDelete(timer->handle), 0u);
-    }
 }
 
 /* ---- refusals ---- */

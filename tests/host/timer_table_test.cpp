@@ -107,13 +107,4 @@ TEST_F(Table, HandlesOfLongLivedTimersAreNotDrawnAgainWhenTheNumbersAreUsedUp) {
     }
 }
 
-TEST_F(Table, ReusesItsMemory) {
-    const uint32_t capacity = (add(5), table.capacity);
-    for (int i = 0; i < 10000; i++) {
-        EXPECT_TRUE(remove(add(7)));
-    }
-    EXPECT_EQ(table.capacity, capacity);
-    EXPECT_FALSE(remove(0));
-}
-
 }  // namespace

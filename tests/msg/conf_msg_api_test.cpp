@@ -174,11 +174,6 @@ TEST_F(MsgApi, RefusedArgumentsReachNoMessageLayer) {
     EXPECT_TRUE(platform::records().empty());
 }
 
-TEST_F(MsgApi, LargestNameThatFitsIsSent) {
-    EXPECT_EQ(ConfCommMsgSynSend("fifteen_chars_x", nothing, 0, nullptr, 0), 0u);
-    EXPECT_STREQ(sent.receiver, "fifteen_chars_x");
-}
-
 TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
     string seen;
     platform::override(OsMsgAsynSend, [&](OsMsgHeader *h) {

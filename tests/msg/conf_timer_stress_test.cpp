@@ -1,7 +1,7 @@
 /* Starts, stops and ends of the service while expiries fire, for the sanitizers.
  *
- * What a timer delivers carries its own parameter, length and checksum, so that a mixture of two starts
- * shows. Two managers fire:
+ * The data that a timer delivers follows from its parameter, so that a mixture of two starts shows. Two
+ * managers fire:
  *
  * - the platform's, with a tick far shorter than the service's, so that expiries meet starts often;
  * - a careless one, whose threads fire all timers that were ever created, without end, and whose
@@ -27,23 +27,16 @@ namespace {
 
 constexpr uint32_t kTickUs = 50;
 constexpr uint32_t kMostBytes = 600;
-constexpr uint32_t kWithoutData = 0x80000000;
 constexpr int kTimers = 6;
 constexpr int kStarters = 3;
 
-struct Payload {
-    uint32_t param, length, checksum;
-    unsigned char bytes[kMostBytes];
-};
+/* The data that belongs to a parameter. */
+uint32_t lengthOf(uint32_t param) {
+    return param % 4 == 0 ? 0 : param % (kMostBytes + 1);
+}
 
-constexpr uint32_t kHead = offsetof(Payload, bytes);
-
-uint32_t checksumOf(const Payload &payload) {
-    uint32_t sum = payload.param * 31 + payload.length;
-    for (uint32_t i = kHead; i < payload.length; i++) {
-        sum = sum * 31 + payload.bytes[i - kHead];
-    }
-    return sum;
+int byteOf(uint32_t param) {
+    return static_cast<int>(param >> 24);
 }
 
 uint32_t nothing(uint32_t, void *, uint32_t) {
@@ -55,13 +48,10 @@ std::atomic<uint32_t> delivered{0}, torn{0};
 /* In the place of the message layer: looks at each message. */
 uint32_t look(OsMsgHeader *header) {
     auto *body = static_cast<ConfMsgBody *>(header->body);
-    bool whole = body->dataLength == 0 && (body->param & kWithoutData) != 0;
-    if (body->dataLength != 0) {
-        Payload payload;
-        memcpy(&payload, bodyData(body), std::min<size_t>(body->dataLength, sizeof(payload)));
-        whole = body->dataLength >= kHead && payload.param == body->param &&
-                payload.length == body->dataLength && payload.checksum == checksumOf(payload);
-    }
+    const auto *data = static_cast<const unsigned char *>(bodyData(body));
+    const bool whole = body->dataLength == lengthOf(body->param) &&
+                       std::all_of(data, data + body->dataLength,
+                                   [&](int byte) { return byte == byteOf(body->param); });
     delivered++;
     torn += whole ? 0 : 1;
     return 0;
@@ -75,16 +65,10 @@ class Walk {
     uint32_t random(uint32_t below) { return static_cast<uint32_t>(engine_() % below); }
 
     void start(uint32_t id, ConfTimer *object) {
-        payload_.param = random(kWithoutData);
-        payload_.length = kHead + random(kMostBytes + 1);
-        for (unsigned char &byte : payload_.bytes) {
-            byte = static_cast<unsigned char>(payload_.param + payload_.length);
-        }
-        payload_.checksum = checksumOf(payload_);
-        const bool empty = random(4) == 0;
-        const uint32_t param = empty ? payload_.param | kWithoutData : payload_.param;
-        const void *data = empty ? nullptr : &payload_;
-        const uint32_t length = empty ? 0 : payload_.length;
+        const auto param = static_cast<uint32_t>(engine_());
+        const uint32_t length = lengthOf(param);
+        memset(bytes_, byteOf(param), sizeof(bytes_));
+        const void *data = length == 0 ? nullptr : bytes_;
         EXPECT_EQ(object == nullptr ? ConfCommTimerStartEx(id, 1, param, data, length)
                                     : ConfTimerStart(object, 1, param, data, length),
                   0u);
@@ -104,7 +88,7 @@ class Walk {
 
   private:
     std::mt19937 engine_;
-    Payload payload_;
+    unsigned char bytes_[kMostBytes];
 };
 
 /* Fires what was created, again and again, from several threads. */
@@ -163,9 +147,8 @@ class TimerStress : public platform::PlatformTest {
         delivered = torn = 0;
         platform::override(OsMsgAsynSend, look);
         for (uint32_t i = 0; i < kTimers; i++) {
-            table[i] = {i, i % 2, 1, "receiver", nothing, 0, kWithoutData, nullptr, 0};
+            table[i] = {i, i % 2, 1, "receiver", nothing, 0, 0, nullptr, 0};
             ConfTimerInit(&objects[i], i, i % 2, "receiver", nothing);
-            objects[i].param = kWithoutData;
         }
     }
 
@@ -202,10 +185,15 @@ class TimerStress : public platform::PlatformTest {
         }
     }
 
-    void stopObjects() {
+    void meetExpiries() {
+        ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
+        walkUntil(20000);
         for (ConfTimer &object : objects) {
             EXPECT_EQ(ConfTimerStop(&object), 0u);
         }
+        ConfCommTimerDeInit();
+        endAndStart(300);
+        EXPECT_EQ(torn, 0u);
     }
 
     ConfCommTimerEntry table[kTimers] = {};
@@ -214,24 +202,12 @@ class TimerStress : public platform::PlatformTest {
 
 TEST_F(TimerStress, ExpiriesOfTheRealManagerReadWholeStarts) {
     ASSERT_EQ(platform::next(OsTmrManagerInit)(0, kTickUs, 0), 0u);
-    ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
-    walkUntil(20000);
-    stopObjects();
-    ConfCommTimerDeInit();
-    endAndStart(300);
-    EXPECT_EQ(torn, 0u);
+    meetExpiries();
 }
 
 TEST_F(TimerStress, ExpiriesOfACarelessManagerReadNoReleasedData) {
-    {
-        const CarelessManager manager;
-        ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
-        walkUntil(20000);
-        stopObjects();
-        ConfCommTimerDeInit();
-        endAndStart(300);
-    }
-    EXPECT_EQ(torn, 0u);
+    const CarelessManager manager;
+    meetExpiries();
 }
 
 }  // namespace

@@ -101,22 +101,6 @@ const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArgumen
     return held && set("a", "3") == 0 && get("a") == "3" && set("a", "1") == 0 ? 0 : 1;
 });
 
-/* Ends once it has forked: the fork lives on without it, for as long as the parent wants. */
-const support::ChildRole forkingRole("forking", [](const support::ChildArguments &) {
-    if (set("fork", "parent") != 0 || get("fork") != "parent") {
-        return 1;
-    }
-    if (fork() != 0) {
-        return 0;
-    }
-    bool used = set("fork", "child") == 0 && get("fork") == "child";
-    support::tellParent(used ? "used" : "failed");
-    support::hearParent();
-    used = get("other") == "other" && set("fork", "child again") == 0;
-    support::tellParent(used ? "used again" : "failed");
-    return 0;
-});
-
 TEST(ConfigStoreProcesses, KilledWriterLosesNothingAcknowledgedAndLeavesNothingHalf) {
     std::minstd_rand random(20240711);
     auto below = [&random](unsigned limit) { return static_cast<unsigned>(random()) % limit; };
@@ -209,23 +193,6 @@ TEST(ConfigStoreProcesses, FullDiskLeavesTheStoreReadableToAStartingProcess) {
         }
         EXPECT_EQ("1", get("a"));
     }
-}
-
-TEST(ConfigStoreProcesses, ForkHasConnectionsOfItsOwn) {
-    support::ChildProcess child("forking");
-    ASSERT_EQ("used", child.hear());
-    ASSERT_EQ(support::exited(0), child.wait());
-    {
-        /* Cleans up when it closes as the last one: it must not take itself for that. */
-        support::ChildProcess other("holder", {"INSERT INTO setting VALUES ('other', 'other')"});
-        ASSERT_EQ("holds", other.hear());
-        other.hangUp();
-        ASSERT_EQ(support::exited(0), other.wait());
-    }
-    child.tell("go on");
-    EXPECT_EQ("used again", child.hear());
-    EXPECT_EQ("child again", get("fork"));
-    EXPECT_EQ("other", get("other"));
 }
 
 }  // namespace

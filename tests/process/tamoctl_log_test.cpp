@@ -83,13 +83,4 @@ TEST_F(TamoctlLog, followsAcrossRotations) {
     EXPECT_EQ(follower.finish().code, 0) << "it ends with its reader, without another record";
 }
 
-TEST_F(TamoctlLog, followWaitsForAFileThatIsNotThere) {
-    Program follower({TAMOCTL, "log", "--follow", "later.log"});
-    OmLogCreateParam param = {200, 2, 100000, "later.log"};
-    uint16_t id = 0;
-    ASSERT_EQ(TamoOmLogCreateLog(&param, &id), 0);
-    ASSERT_EQ(TamoOmLogModuleLogRecord(3, id, "unit", 4, 1, "%s", "at last"), 0);
-    EXPECT_NE(follower.line().find("at last"), std::string::npos);
-}
-
 }  // namespace

@@ -53,15 +53,6 @@ TEST(TamoctlConfig, getPrintsWhatSetStored) {
     EXPECT_NE(missing.errors.find("Ctl.None"), std::string::npos);
 }
 
-TEST(TamoctlConfig, setStoresAllOrNothing) {
-    const Outcome outcome = tamoctl({"set", "Ctl.Half", "1", std::string(128, 'k'), "2"});
-    EXPECT_EQ(outcome.code, 2);
-    EXPECT_EQ(tamoctl({"get", "Ctl.Half"}).code, 1);
-    EXPECT_EQ(tamoctl({"set", "Ctl.Half", std::string(1024, 'v')}).code, 2);
-    EXPECT_EQ(tamoctl({"set", "Ctl.Full", std::string(1023, 'v')}).code, 0);
-    EXPECT_EQ(tamoctl({"get", "Ctl.Full"}).output, std::string(1023, 'v') + "\n");
-}
-
 TEST(TamoctlConfig, listMatchesAPatternAndPrintsAlignedOnATerminalOnly) {
     ASSERT_EQ(
         tamoctl({"set", "Ctl.List.long", "tab\tline\nescape\x1b[2J", "Ctl.List.x", "z\xC3\xBC"})
@@ -80,16 +71,6 @@ TEST(TamoctlConfig, listMatchesAPatternAndPrintsAlignedOnATerminalOnly) {
     EXPECT_EQ(lineCount(none.errors), 1U);
 }
 
-TEST(TamoctlConfig, jsonHoldsAnyValue) {
-    ASSERT_EQ(tamoctl({"set", "Ctl.Json", "\"quoted\"\n\x01 broken \xFF utf"}).code, 0);
-    for (const char *command : {"get", "list"}) {
-        const Json json = parse(tamoctl({command, "--json", "Ctl.Json"}));
-        ASSERT_NE(json, nullptr);
-        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(json.get(), "Ctl.Json")),
-                     "\"quoted\"\n\x01 broken \xEF\xBF\xBD utf");
-    }
-}
-
 /* ---- usage ---- */
 
 TEST(TamoctlUsage, wrongUseIsOneLineAndCode2) {
@@ -106,26 +87,6 @@ TEST(TamoctlUsage, wrongUseIsOneLineAndCode2) {
     }
 }
 
-TEST(TamoctlUsage, everyCommandHasHelpWithExamples) {
-    EXPECT_EQ(tamoctl({"--version"}).output.rfind("tamoctl ", 0), 0U);
-    EXPECT_NE(tamoctl({"--help"}).output.find("Exit status"), std::string::npos);
-    for (const char *command : {"get", "set", "list", "log", "mem", "queues"}) {
-        const Outcome help = tamoctl({command, "--help"});
-        EXPECT_EQ(help.code, 0);
-        EXPECT_NE(help.output.find(std::string("  tamoctl ") + command), std::string::npos);
-    }
-}
-
-TEST(TamoctlUsage, theRootOptionIsTheRootAndMustExistToBeRead) {
-    const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".other";
-    EXPECT_EQ(tamoctl({"--root", root, "list"}).code, 1);
-    EXPECT_NE(access(root.c_str(), F_OK), 0) << "looking creates nothing";
-    EXPECT_EQ(tamoctl({"--root", root, "set", "Ctl.Elsewhere", "1"}).code, 0);
-    EXPECT_EQ(tamoctl({"get", "--root", root, "Ctl.Elsewhere"}).output, "1\n");
-    EXPECT_EQ(tamoctl({"get", "Ctl.Elsewhere"}).code, 1);
-    EXPECT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
-}
-
 TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
     const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".open";
     ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
@@ -139,12 +100,6 @@ TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
         EXPECT_NE(outcome.errors.find("chmod 700"), std::string::npos) << outcome.errors;
     }
     EXPECT_EQ(rmdir(root.c_str()), 0) << "nothing was made in it";
-}
-
-TEST(TamoctlUsage, outputThatCannotBeWrittenIsAFailure) {
-    const Outcome outcome = Program({"sh", "-c", "'" TAMOCTL "' --help >/dev/full"}).finish();
-    EXPECT_EQ(outcome.code, 1);
-    EXPECT_NE(outcome.errors.find("No space left"), std::string::npos);
 }
 
 /* ---- mem and queues ---- */

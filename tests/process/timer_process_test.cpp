@@ -7,6 +7,7 @@
 #include "host/tamo_host.h"
 #include "include/conf_msg_api.h"
 #include "include/conf_timer.h"
+#include "tests/host/message_parties.h"
 #include "tests/support/child_process.h"
 #include "tests/support/deadline.h"
 
@@ -51,11 +52,6 @@ const support::ChildRole receiver("receiver", [](const support::ChildArguments &
 
 enum : uint32_t { kEvery20 = 1, kOnce, kSlow };
 
-uint32_t addBlocks(const TamoHostMemSite *site, void *blocks) {
-    *static_cast<uint64_t *>(blocks) += site->blocks;
-    return 0;
-}
-
 class TimerProcess : public testing::Test {
   protected:
     void SetUp() override {
@@ -77,12 +73,9 @@ class TimerProcess : public testing::Test {
     /* The last expiry may still be about to release its message. */
     static void awaitNoBlocks() {
         const auto deadline = std::chrono::steady_clock::now() + support::patience();
-        uint64_t blocks = 1;
-        while (blocks != 0 && std::chrono::steady_clock::now() < deadline) {
-            blocks = 0;
-            TamoHostMemReport(0, addBlocks, &blocks);
+        while (parties::outstandingBlocks() != 0 && std::chrono::steady_clock::now() < deadline) {
         }
-        EXPECT_EQ(blocks, 0u);
+        EXPECT_EQ(parties::outstandingBlocks(), 0u);
     }
 
     /* The next line that is not `passed`. */
@@ -118,21 +111,6 @@ TEST_F(TimerProcess, PeriodicTimerArrivesAgainAndAgainWithItsLatestData) {
     ASSERT_EQ(ConfCommTimerStop(kEvery20), 0u);
     ASSERT_EQ(ConfTimerStart(&object, 50, 1, "last", 4), 0u);
     EXPECT_EQ(hearOtherThan("9 "), "1 last");
-}
-
-TEST_F(TimerProcess, OneShotTimersArriveOnce) {
-    ASSERT_EQ(ConfCommTimerStart(kOnce, 1, "table", 5), 0u);
-    EXPECT_EQ(child_.hear(), "1 table");
-    ASSERT_EQ(ConfCommTimerStart(kOnce, 2, "running", 7), 0u) << "it counts as running";
-    ASSERT_EQ(ConfCommTimerStart(kSlow, 3, "slow", 4), 0u);
-    for (uint32_t round = 10; round < 13; round++) {
-        ASSERT_EQ(ConfTimerStart(&object, round == 11 ? 0 : 30, round, "object", 6), 0u);
-        EXPECT_EQ(child_.hear(), std::to_string(round) + " object");
-    }
-    ASSERT_EQ(ConfCommTimerStop(kOnce), 0u);
-    ASSERT_EQ(ConfCommTimerStartEx(kOnce, 20, 4, "again", 5), 0u);
-    EXPECT_EQ(child_.hear(), "4 again");
-    ASSERT_EQ(ConfCommTimerStop(kSlow), 0u);
 }
 
 TEST_F(TimerProcess, TimersOutliveTheirReceiver) {

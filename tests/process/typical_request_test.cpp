@@ -14,13 +14,13 @@
 #include "include/conf_log_adapter.h"
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
+#include "tests/host/message_parties.h"
 #include "tests/support/child_process.h"
 
 namespace {
 
 constexpr const char *kQueue = "Conference";
 constexpr const char *kPassword = "tr0ub4dor & three";
-constexpr uint32_t kInvalidBlock = 0xFFFFFFFF;
 constexpr uint32_t kTimeoutMs = 10000;
 
 using Items = std::vector<ConfConfigListItem>;
@@ -30,10 +30,6 @@ bool serving = true;
 /* Handlers of the test: both sides run this program. */
 uint32_t stopServing(uint32_t, void *, uint32_t) {
     serving = false;
-    return 0;
-}
-
-uint32_t doNothing(uint32_t, void *, uint32_t) {
     return 0;
 }
 
@@ -50,18 +46,6 @@ const support::ChildRole conference("conference", [](const support::ChildArgumen
     TamoHostMsgClose(queue);
     return serving ? 2 : 0;
 });
-
-uint32_t addBlocks(const TamoHostMemSite *site, void *blocks) {
-    *static_cast<uint64_t *>(blocks) += site->blocks;
-    return 0;
-}
-
-/* The outstanding blocks of a process; a process that never took one has none. */
-uint64_t outstandingBlocks(pid_t pid) {
-    uint64_t blocks = 0;
-    TamoHostMemReport(static_cast<uint32_t>(pid), addBlocks, &blocks);
-    return blocks;
-}
 
 /* A block as its sender sees it after a request; releases itself and its list. */
 struct Exchange {
@@ -126,10 +110,10 @@ class TypicalRequest : public testing::Test {
 
     /* Ends the conference process; by then nothing may be outstanding on either side. */
     void TearDown() override {
-        EXPECT_EQ(outstandingBlocks(0), 0U);
+        EXPECT_EQ(parties::outstandingBlocks(), 0U);
         // A list is released after its response went out: by the next message it is.
-        EXPECT_EQ(ConfCommMsgSynSend(kQueue, doNothing, 0, nullptr, 0), 0U);
-        EXPECT_EQ(outstandingBlocks(child_.pid()), 0U);
+        EXPECT_EQ(ConfCommMsgSynSend(kQueue, parties::doNothing, 0, nullptr, 0), 0U);
+        EXPECT_EQ(parties::outstandingBlocks(static_cast<uint32_t>(child_.pid())), 0U);
         EXPECT_EQ(ConfCommMsgAsynSend(kQueue, stopServing, 0, nullptr, 0), 0U);
         EXPECT_EQ(child_.wait(), support::exited(0));
     }
@@ -153,36 +137,6 @@ TEST_F(TypicalRequest, bringsStoredValuesInTheOrderOfTheKeys) {
     EXPECT_STREQ(values[1].value, "");
     EXPECT_STREQ(values[2].value, "first");
     EXPECT_STREQ(get.body()[0].key, "Conf.C") << "the request's own body came back too";
-}
-
-TEST_F(TypicalRequest, failsForAKeyWithoutValueAndBringsNoList) {
-    Exchange get({item("Conf.NeverStored")});
-    const uint32_t result = get.request(ConfConfigGetConfConfig);
-    EXPECT_NE(result, 0U);
-    EXPECT_NE(result, static_cast<uint32_t>(CONF_COMM_ERR_FAILED)) << "the handler answered";
-    EXPECT_EQ(get.block->resultList, nullptr);
-}
-
-TEST_F(TypicalRequest, takes500ItemsAndRefuses501BothWays) {
-    Items items;
-    for (int i = 0; i < 501; i++) {
-        items.push_back(
-            item(("Conf.Many." + std::to_string(i)).c_str(), std::to_string(i).c_str()));
-    }
-    Exchange tooMany(items);
-    EXPECT_EQ(tooMany.request(ConfConfigSetConfConfig), kInvalidBlock);
-    EXPECT_EQ(tooMany.request(ConfConfigGetConfConfig), kInvalidBlock);
-    EXPECT_EQ(tooMany.block->resultList, nullptr);
-
-    items.pop_back();
-    Exchange get(items);
-    EXPECT_NE(get.request(ConfConfigGetConfConfig), 0U) << "the refused request stored nothing";
-    Exchange set(items);
-    ASSERT_EQ(set.request(ConfConfigSetConfConfig), 0U);
-    ASSERT_EQ(get.request(ConfConfigGetConfConfig), 0U);
-    const Items values = get.list();
-    ASSERT_EQ(values.size(), 500U);
-    EXPECT_STREQ(values[499].value, "499");
 }
 
 TEST_F(TypicalRequest, storesAPasswordEncryptedOnlyAndWipesItFromTheBlock) {

@@ -1,7 +1,6 @@
 /* See allocation_count.h. Linked only into the programs that use it. */
 #include "allocation_count.h"
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
@@ -26,7 +25,6 @@ extern "C" {
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *block, size_t size);
-void *__libc_memalign(size_t alignment, size_t size);
 
 __attribute__((visibility("default"))) void *malloc(size_t size) {
     ++taken;
@@ -41,22 +39,6 @@ __attribute__((visibility("default"))) void *calloc(size_t count, size_t size) {
 __attribute__((visibility("default"))) void *realloc(void *block, size_t size) {
     ++taken;
     return __libc_realloc(block, size);
-}
-
-__attribute__((visibility("default"))) void *aligned_alloc(size_t alignment, size_t size) {
-    ++taken;
-    return __libc_memalign(alignment, size);
-}
-
-__attribute__((visibility("default"))) int posix_memalign(void **block, size_t alignment,
-                                                          size_t size) {
-    ++taken;
-    void *taken_ = __libc_memalign(alignment, size);
-    if (taken_ == nullptr) {
-        return ENOMEM;
-    }
-    *block = taken_;
-    return 0;
 }
 
 }  // extern "C"
