@@ -1,6 +1,8 @@
 /* The index of bound items, sorted by name, and the life cycle of the configuration subsystem. */
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <numeric>
 
 #include "common/log.h"
 #include "common/platform_block.h"
@@ -16,9 +18,11 @@ constexpr char kUnit[] = "conf_config";
 constexpr int32_t kFirstCapacity = 300;
 constexpr int32_t kGrowth = 200;
 
-/* Entries 0 to g_itemNum - 1 are in use, in ascending order of name, no two of them equal. A
- * capacity of 0 means that there is no index. */
+/* Entries 0 to g_itemNum - 1 are in use. `order` lists them in ascending order of name, no two of
+ * them equal: so an insertion moves four bytes per entry instead of the entries. It lies behind the
+ * entries, in their block. A capacity of 0 means that there is no index. */
 ConfConfigIndexEntry *entries = nullptr;
+int32_t *order = nullptr;
 int32_t g_itemCache = 0;
 int32_t g_itemNum = 0;
 
@@ -30,6 +34,19 @@ using Entries = PlatformBlock<ConfConfigIndexEntry>;
 
 size_t entryBytes(int32_t count) {
     return static_cast<size_t>(count) * sizeof(ConfConfigIndexEntry);
+}
+
+size_t orderBytes(int32_t count) {
+    return static_cast<size_t>(count) * sizeof(int32_t);
+}
+
+Entries takeEntries(int32_t capacity, uint32_t line = __builtin_LINE()) {
+    return takeBlock<ConfConfigIndexEntry>(entryBytes(capacity) + orderBytes(capacity), kUnit,
+                                           line);
+}
+
+int32_t *orderOf(const Entries &block, int32_t capacity) {
+    return reinterpret_cast<int32_t *>(block.get() + capacity);
 }
 
 unsigned char lower(char c) {
@@ -52,7 +69,7 @@ int32_t lowerBound(const char *name) {
     int32_t high = g_itemNum - 1;
     while (low <= high) {
         const int32_t middle = low + (high - low) / 2;
-        if (compareNames(name, entries[middle].name) <= 0) {
+        if (compareNames(name, entries[order[middle]].name) <= 0) {
             high = middle - 1;
         } else {
             low = middle + 1;
@@ -69,50 +86,54 @@ void releaseEntries(uint32_t line = __builtin_LINE()) {
 /* Moves the index into a larger array; on failure it stays where it is. */
 void growIndex(const char *function) {
     const int32_t capacity = g_itemCache + kGrowth;
-    Entries grown = takeBlock<ConfConfigIndexEntry>(entryBytes(capacity), kUnit);
+    Entries grown = takeEntries(capacity);
     if (grown == nullptr) {
         ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
                       "ConfConfigAddIndex malloc error \n");
         return;
     }
-    const int error = memcpy_s(grown.get(), entryBytes(capacity), entries, entryBytes(g_itemNum));
+    int32_t *grownOrder = orderOf(grown, capacity);
+    int error = memcpy_s(grown.get(), entryBytes(capacity), entries, entryBytes(g_itemNum));
+    if (error == 0) {
+        error = memcpy_s(grownOrder, orderBytes(capacity), order, orderBytes(g_itemNum));
+    }
     if (error != 0) {
         ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__, "memcpy error = %d", error);
         return;
     }
     releaseEntries();
     entries = grown.release();
+    order = grownOrder;
     g_itemCache = capacity;
 }
 
-/* Moves the entries behind a free place down over it, to where they came from. */
-void closeGap(int32_t place) {
-    for (; place < g_itemNum; place++) {
-        entries[place] = entries[place + 1];
-    }
+/* Makes the order anew from the entries' names. */
+void restoreOrder() {
+    std::iota(order, order + g_itemNum, 0);
+    std::sort(order, order + g_itemNum, [](int32_t a, int32_t b) {
+        return compareNames(entries[a].name, entries[b].name) < 0;
+    });
 }
 
-/* Makes room at a position; null, with the index as it was, when the bounded functions refuse. One
- * entry moves at a time: a refused move clears its destination, and must not take other entries with
- * it. */
+/* Makes room at a position of the order; null, with the index as it was, when the bounded functions
+ * refuse. The free entry is cleared first, and a refused move clears what it should have moved. */
 ConfConfigIndexEntry *ConfConfigInsertIndex(int32_t position) {
-    for (int32_t place = g_itemNum; place > position; place--) {
-        const int error =
-            memmove_s(entries + place, sizeof(*entries), entries + place - 1, sizeof(*entries));
-        if (error != 0) {
-            CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
-            closeGap(place);
-            return nullptr;
-        }
-    }
-    ConfConfigIndexEntry *place = entries + position;
-    const int error = memset_s(place, sizeof(*place), 0, sizeof(*place));
+    ConfConfigIndexEntry *place = entries + g_itemNum;
+    int error = memset_s(place, sizeof(*place), 0, sizeof(*place));
     if (error != 0) {
         CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
-        closeGap(position);
         return nullptr;
     }
-    g_itemNum++;
+    const size_t behind = orderBytes(g_itemNum - position);
+    if (behind != 0) {
+        error = memmove_s(order + position + 1, behind, order + position, behind);
+    }
+    if (error != 0) {
+        CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
+        restoreOrder();
+        return nullptr;
+    }
+    order[position] = g_itemNum++;
     return place;
 }
 
@@ -131,8 +152,8 @@ ConfConfigIndexEntry *ConfConfigAddIndex(const char *name, bool create) {
         return nullptr;
     }
     const int32_t position = lowerBound(name);
-    if (position < g_itemNum && compareNames(name, entries[position].name) == 0) {
-        return entries + position;
+    if (position < g_itemNum && compareNames(name, entries[order[position]].name) == 0) {
+        return entries + order[position];
     }
     if (!create) {
         return nullptr;
@@ -145,7 +166,7 @@ ConfConfigIndexEntry *ConfConfigAddIndex(const char *name, bool create) {
                  position);
         return nullptr;
     }
-    /* The name is copied before the entries move: a refused name leaves the index untouched. */
+    /* The name is copied first: a refused one leaves the index untouched. */
     ConfConfigIndexEntry entry = {};
     const int error = strcpy_s(entry.name, sizeof(entry.name), name);
     if (error != 0) {
@@ -173,7 +194,7 @@ int32_t boundItemCount() {
 }
 
 const ConfConfigIndexEntry &boundItem(int32_t position) {
-    return entries[position];
+    return entries[order[position]];
 }
 
 int32_t lowerBoundItem(const char *name) {
@@ -209,7 +230,7 @@ int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
     }
     itemsAreBound.store(false, std::memory_order_release);
     connectService(ownerName, moduleName, __func__, "TamoOmConfigInit failed");
-    Entries first = takeBlock<ConfConfigIndexEntry>(entryBytes(kFirstCapacity), kUnit);
+    Entries first = takeEntries(kFirstCapacity);
     if (first == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "ConfConfigInit Malloc fail");
         itemsAreBound.store(entries != nullptr, std::memory_order_release);
@@ -218,6 +239,7 @@ int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
     if (entries != nullptr) {
         releaseEntries();
     }
+    order = orderOf(first, kFirstCapacity);
     entries = first.release();
     g_itemNum = 0;
     g_itemCache = kFirstCapacity;

@@ -107,22 +107,25 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
         bindKey("Key." + std::to_string(i));
     }
     const struct {
-        const char *operation, *record;
+        const char *operation;
+        uint64_t call;
+        const char *record;
     } failures[] = {
-        {"OsMemMallocSetCharMon", "[ConfConfigAddIndex]ConfConfigAddIndex malloc error \n"},
-        {"memcpy_s", "[ConfConfigAddIndex]memcpy error = "}};
+        {"OsMemMallocSetCharMon", 1, "[ConfConfigAddIndex]ConfConfigAddIndex malloc error \n"},
+        {"memcpy_s", 1, "[ConfConfigAddIndex]memcpy error = "},
+        {"memcpy_s", 2, "[ConfConfigAddIndex]memcpy error = "}};
     for (const auto &failure : failures) {
         platform::clearRecords();
-        platform::failCall(failure.operation, 1);
+        platform::failCall(failure.operation, failure.call);
         bindKey("Key.");
         EXPECT_TRUE(platform::hasRecord(1, "conf_config", failure.record));
         EXPECT_TRUE(platform::hasRecord(
             1, "conf_config", "ConfConfigAddIndex fail g_itemNum == g_itemCache Key. 0\n"));
         EXPECT_FALSE(isBound("Key."));
     }
-    for (const auto &[operation, call] : {std::pair("memset_s", 1), {"memmove_s", 7}}) {
+    for (const char *operation : {"memset_s", "memmove_s"}) {
         platform::clearRecords();
-        platform::failCall(operation, static_cast<uint64_t>(call));
+        platform::failCall(operation, 1);
         bindKey("Key.");
         EXPECT_TRUE(platform::hasRecord(1, "conf_config",
                                         "[ConfConfigInsertIndex]conf secure func failed, err = "));
