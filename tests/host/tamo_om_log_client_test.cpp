@@ -184,7 +184,9 @@ TEST_F(LogClient, LongTextIsCutBetweenCharactersAndMarked) {
 TEST_F(LogClient, WithoutAFileOnlySevereRecordsAreShown) {
     const uint16_t id = create();
     ASSERT_EQ(record(id, "first"), 0);
-    const auto expectShown = [](uint16_t unknown) {
+    ASSERT_EQ(TamoOmLogClientUnInit(), 0);
+    for (const uint16_t unknown :
+         std::initializer_list<uint16_t>{0, static_cast<uint16_t>(id + 1), UINT16_MAX, id}) {
         const std::string shown = standardErrorOf([unknown] {
             for (uint8_t level = 0; level <= 5; ++level) {
                 errno = 77;
@@ -192,21 +194,14 @@ TEST_F(LogClient, WithoutAFileOnlySevereRecordsAreShown) {
                 EXPECT_EQ(errno, 77);
             }
         });
-        EXPECT_NE(shown.find("ERROR"), std::string::npos);
         EXPECT_NE(shown.find("unit:7 level 1\n"), std::string::npos);
         EXPECT_NE(shown.find("unit:7 level 2\n"), std::string::npos);
         EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 2);
-    };
-    expectShown(0);
-    expectShown(static_cast<uint16_t>(id + 1));
-    expectShown(UINT16_MAX);
-    ASSERT_EQ(TamoOmLogClientUnInit(), 0);
-    expectShown(id);
+    }
     OmLogCreateParam param = limits();
     uint16_t other = 9;
     standardErrorOf([&] { EXPECT_NE(TamoOmLogCreateLog(&param, &other), 0) << "not started"; });
     EXPECT_EQ(other, 9);
-    ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
     ASSERT_EQ(TamoOmLogClientInit("C", 1), 0);
     EXPECT_EQ(create(), id);
     EXPECT_EQ(record(id, "second"), 0);

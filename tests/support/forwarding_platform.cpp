@@ -134,7 +134,6 @@ struct Capture {
     std::mutex mutex;
     std::vector<Record> records;
     std::atomic<bool> on{false};
-    std::atomic<bool> forward{true};
 };
 
 Capture &capture() {
@@ -241,7 +240,7 @@ bool captureRecord(uint8_t level, uint16_t logFileId, const char *unit, int32_t 
     }
     const std::lock_guard lock(state.mutex);
     state.records.push_back(Record{level, logFileId, unit != nullptr ? unit : "", line, text});
-    return state.forward.load(std::memory_order_relaxed);
+    return false;
 }
 
 void blockTaken() {
@@ -307,10 +306,6 @@ bool hasRecord(uint8_t level, std::string_view unit, std::string_view part) {
     });
 }
 
-void forwardRecords(bool on) {
-    capture().forward = on;
-}
-
 int64_t outstanding() {
     return blocks;
 }
@@ -321,14 +316,12 @@ void reset() {
     }
     clearRecords();
     blocks = 0;
-    capture().forward = false;
     capture().on = true;
 }
 
 void release() {
     reset();
     capture().on = false;
-    capture().forward = true;
 }
 
 namespace {

@@ -104,10 +104,6 @@ void clearRecords();
 /* Is there a record of `unit` at `level` whose text contains `part`? */
 bool hasRecord(uint8_t level, std::string_view unit, std::string_view part);
 
-/* Do captured records go to the real log as well? Not in a PlatformTest that does not ask for it.
- */
-void forwardRecords(bool on);
-
 /* ---- memory ---- */
 
 /* Blocks taken and not released since the last reset, negative when more were released. */

@@ -4,12 +4,11 @@
 
 namespace support {
 
-/* Creates the root (mode 0700, below $TMPDIR or /tmp) and names it in the environment. A watcher
- * process removes it when this process has ended, however it ends. Called once, by main, before any
- * thread exists. */
+/* Creates the root (mode 0700, below $TMPDIR or /tmp) and names it in the environment. Called once, by
+ * main. */
 void beginScratchRoot();
 
-/* Ends the watcher and waits until the root is gone. */
+/* Removes the root. A program that is killed leaves it behind. */
 void endScratchRoot();
 
 /* The root that this process and its children use. */
