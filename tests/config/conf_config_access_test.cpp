@@ -64,18 +64,20 @@ TEST_F(ConfigAccess, SecuritySettingsAreOnUntilStored) {
 
 TEST_F(ConfigAccess, MissingArgumentsAndTooLongKeysAreRefused) {
     uint64_t number = 7;
+    const string longKey(128, 'k');
     EXPECT_EQ(ConfConfigGetIntValue(nullptr), 1);
-    EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigGetIntValue]Null ptr."));
+    EXPECT_EQ(ConfConfigGetIntValue(longKey.c_str()), 1);
     EXPECT_EQ(ConfConfigGetUint64Value(nullptr, &number), 1);
     EXPECT_EQ(ConfConfigGetUint64Value("k", nullptr), 1);
-    EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigGetUint64Value]Null ptr."));
-    EXPECT_EQ(ConfConfigSetUint64Value(nullptr, 1), 1);
-    EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigSetUint64Value]key is null."));
-    const string longKey(128, 'k');
-    EXPECT_EQ(ConfConfigGetIntValue(longKey.c_str()), 1);
-    EXPECT_TRUE(hasRecord(3, "conf_config", "Call TamoOmConfigcopyStr2Key failed! key:" + longKey));
     EXPECT_EQ(ConfConfigGetUint64Value(longKey.c_str(), &number), 1);
+    EXPECT_EQ(ConfConfigSetUint64Value(nullptr, 1), 1);
     EXPECT_EQ(number, 7u);
+    for (const char *text :
+         {"[ConfConfigGetIntValue]Null ptr.", "[ConfConfigGetUint64Value]Null ptr.",
+          "[ConfConfigSetUint64Value]key is null."}) {
+        EXPECT_TRUE(hasRecord(1, "conf_config", text)) << text;
+    }
+    EXPECT_TRUE(hasRecord(3, "conf_config", "Call TamoOmConfigcopyStr2Key failed! key:" + longKey));
 }
 
 TEST_F(ConfigAccess, EveryFailedStepOfAWriteIsNamed) {

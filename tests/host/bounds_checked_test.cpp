@@ -139,22 +139,20 @@ TEST(BoundsChecked, OverlapIsRefusedWhereverItBegins) {
 
 TEST(BoundsChecked, UnusableDestinationIsLeftAlone) {
     char dst[4] = {'x', 'x', 'x', 'x'};
+    const auto expectRefused = [](char *at, size_t size) {
+        EXPECT_GT(memcpy_s(at, size, "a", 1), 0);
+        EXPECT_GT(memmove_s(at, size, "a", 1), 0);
+        EXPECT_GT(memset_s(at, size, 0, 1), 0);
+        EXPECT_GT(strcpy_s(at, size, "a"), 0);
+        EXPECT_GT(strncpy_s(at, size, "a", 1), 0);
+        EXPECT_GT(strcat_s(at, size, "a"), 0);
+        EXPECT_EQ(sprintf_s(at, size, "a"), -1);
+    };
     for (size_t size : {size_t{0}, kTooLarge, SIZE_MAX}) {
-        EXPECT_GT(memcpy_s(dst, size, "a", 1), 0);
-        EXPECT_GT(memmove_s(dst, size, "a", 1), 0);
-        EXPECT_GT(memset_s(dst, size, 0, 1), 0);
-        EXPECT_GT(strcpy_s(dst, size, "a"), 0);
-        EXPECT_GT(strncpy_s(dst, size, "a", 1), 0);
-        EXPECT_GT(strcat_s(dst, size, "a"), 0);
-        EXPECT_EQ(sprintf_s(dst, size, "a"), -1);
+        expectRefused(dst, size);
     }
+    expectRefused(nullptr, 4);
     EXPECT_EQ(std::string(dst, 4), "xxxx");
-    EXPECT_GT(memcpy_s(nullptr, 4, "a", 1), 0);
-    EXPECT_GT(memmove_s(nullptr, 4, "a", 1), 0);
-    EXPECT_GT(memset_s(nullptr, 4, 0, 1), 0);
-    EXPECT_GT(strcpy_s(nullptr, 4, "a"), 0);
-    EXPECT_GT(strncpy_s(nullptr, 4, "a", 1), 0);
-    EXPECT_GT(strcat_s(nullptr, 4, "a"), 0);
 }
 
 TEST(BoundsChecked, NullSourceAndNegativeCountClearTheDestination) {
