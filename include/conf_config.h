@@ -170,6 +170,51 @@ int32_t SetEnableEofb(uint8_t flag);
 /* Stores "Conf.SIPCallParam.PreventAttack", 0 to 255. Returns 0, or 1 on failure. */
 int32_t SetSipPreventAttack(uint8_t flag);
 
+/* Writes the device's own address into a buffer of 42 bytes: the service's
+ * "DEVM.NET.LAN1.IPV4ADDR" (IPv6: "DEVM.NET.LAN1.IPV6ADDR"), or, where the switch file forbids the
+ * kit capability, device management's for `selector`. Clear the buffer before: the service's text
+ * comes without a terminator, and nothing is written when there is none, which gives 0 too. Returns
+ * 0, 1 for a null buffer, an error of the copy when the text is too long, or device management's
+ * result. */
+int32_t ConfConfigGetLocalIpv4(uint32_t selector, char *buffer);
+int32_t ConfConfigGetLocalIpv6(uint32_t selector, char *buffer);
+
+/* Stores the device's own address as text, IPv4 for `family` 0, IPv6 for 1. Returns 0, 1 for a null
+ * or too long text or another family, or the service's result. */
+int32_t ConfConfigSetLocalIp(uint32_t family, const char *address);
+
+/* Loads the device's switch file, conference/conf_config.xml in the device's configuration
+ * directory: the children of its root are switches, each with a "name" and a value of at most 127
+ * characters.
+ *
+ *     <switches><switch name="ignoreLayoutStrategy">1</switch></switches>
+ *
+ * All of it is loaded or nothing, once in a process: 0 when it was loaded now, or was tried before,
+ * 1 when it cannot be loaded. Any thread may call this and ask for switches. */
+int32_t ConfConfigXmlInit(void);
+
+/* Copies the value of the first switch called `name`, in any letter case, into a buffer of `size`
+ * bytes. Returns 0, or 1 when there is none or it does not fit. */
+int32_t ConfConfigGetValueByName(const char *name, char *buffer, uint32_t size);
+
+/* Switches of the switch file; 0 when it has no such switch, or no number for it. */
+
+/* "isCloseWirelessCastWhenStopShare": does wireless casting end when sharing stops? */
+int32_t IsCloseWirelessCast(void);
+
+/* "isStopCastWhenConfEnd": does casting stop with the conference? */
+int32_t IsStopCastWhenConfEnd(void);
+
+/* "forbiddenSdkStopWirelessCast": is the SDK kept from stopping wireless casting? */
+int32_t IsForbiddenSdkStopWirelessCast(void);
+
+/* "onlyReportPresentationDevicePlug": is only a presentation device reported when it is plugged in?
+ */
+int32_t OnlyReportPresentationDevicePlug(void);
+
+/* "ignoreLayoutStrategy": is the layout strategy ignored? */
+int32_t IgnoreLayoutStrategy(void);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -144,6 +144,18 @@ static void checkConfig(void) {
     ConfConfigClientCallBack(65536, 0, 0, NULL);
 }
 
+static void checkSwitches(void) {
+    char text[42] = "";
+    CHECK(ConfConfigXmlInit() == 1 && ConfConfigXmlInit() == 0);
+    CHECK(ConfConfigGetValueByName("ignoreLayoutStrategy", text, sizeof(text)) == 1);
+    CHECK(IsCloseWirelessCast() + IsStopCastWhenConfEnd() + IsForbiddenSdkStopWirelessCast() +
+              OnlyReportPresentationDevicePlug() + IgnoreLayoutStrategy() ==
+          0);
+    CHECK(ConfConfigSetLocalIp(0, "192.0.2.7") == 0 && ConfConfigSetLocalIp(1, "::7") == 0);
+    CHECK(ConfConfigGetLocalIpv4(0, text) == 0 && strcmp(text, "192.0.2.7") == 0);
+    CHECK(ConfConfigGetLocalIpv6(0, text) == 0 && memcmp(text, "::7", 3) == 0);
+}
+
 static uint32_t notifications;
 
 static uint32_t count(uint32_t notifyId, const void *data, uint32_t dataLength, uint32_t result) {
@@ -297,6 +309,7 @@ int boundaryFromC(void) {
     checkProcessValues();
     checkNetwork();
     checkConfig();
+    checkSwitches();
     checkNotifications();
     checkMessages();
     checkTimers();

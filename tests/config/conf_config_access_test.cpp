@@ -97,4 +97,42 @@ TEST_F(ConfigAccess, EveryFailedStepOfAWriteIsNamed) {
         hasRecord(1, "conf_config", "[ConfConfigSetUint64Value]TamoOmConfigsetUintValue fail"));
 }
 
+TEST_F(ConfigAccess, TheLocalAddressGoesToTheServiceAndComesBack) {
+    const struct {
+        uint32_t family;
+        int32_t (*get)(uint32_t, char *);
+        const char *key, *address, *missing;
+    } families[] = {
+        {0, ConfConfigGetLocalIpv4, "DEVM.NET.LAN1.IPV4ADDR", "192.0.2.7",
+         "[ConfConfigGetLocalIpv4]ipInfo is NULL!"},
+        {1, ConfConfigGetLocalIpv6, "DEVM.NET.LAN1.IPV6ADDR", "2001:db8::7",
+         "[ConfConfigGetLocalIpv6]ipInfo is NULL!"},
+    };
+    for (const auto &c : families) {
+        char buffer[43] = "??????????????????????????????????????????";
+        EXPECT_EQ(c.get(0, buffer), 0);
+        EXPECT_EQ(string(buffer), string(42, '?')) << "no value is stored";
+        EXPECT_EQ(ConfConfigSetLocalIp(c.family, c.address), 0);
+        EXPECT_EQ(stored(c.key), c.address);
+        EXPECT_EQ(c.get(0, buffer), 0);
+        EXPECT_EQ(string(buffer, 42).substr(0, strlen(c.address)), c.address);
+        store(c.key, string(43, '1').c_str());
+        EXPECT_NE(c.get(0, buffer), 0);
+        EXPECT_EQ(buffer[0], 0);
+        EXPECT_TRUE(hasRecord(1, "conf_config", "conf secure func failed, err = "));
+        EXPECT_EQ(c.get(0, nullptr), 1);
+        EXPECT_TRUE(hasRecord(1, "conf_config", c.missing));
+    }
+    EXPECT_TRUE(hasRecord(1, "conf_config",
+                          "[CallServiceIsForbiddenKitCap]forbiddenKitCap ConfConfigGetValueByName "
+                          "error, iRes:1"));
+    EXPECT_EQ(ConfConfigSetLocalIp(0, nullptr), 1);
+    EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigSetLocalIp]param is NULL!"));
+    EXPECT_EQ(ConfConfigSetLocalIp(2, "x"), 1);
+    EXPECT_EQ(ConfConfigSetLocalIp(0, string(1024, 'x').c_str()), 1);
+    EXPECT_EQ(stored("DEVM.NET.LAN1.IPV4ADDR"), string(43, '1'));
+    platform::failCall("TamoOmConfigStringSet", 1);
+    EXPECT_EQ(ConfConfigSetLocalIp(0, "x"), 1);
+}
+
 }  // namespace

@@ -21,6 +21,8 @@
 #include "platform/ip_helper.h"
 #include "platform/tamo_common.h"
 #include "platform/tamo_om_config_client.h"
+#include "platform/tamo_om_cust_util.h"
+#include "platform/tamo_om_devm_client.h"
 #include "platform/tamo_om_keym_client.h"
 #include "platform/tamo_om_log_client.h"
 #include "platform/tamo_os_file.h"

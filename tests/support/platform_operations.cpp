@@ -174,7 +174,7 @@ uint32_t GetIpAddrTable(IpAddrTable *table, uint32_t *size, int32_t sorted) {
     return forward<&GetIpAddrTable>(CALLER, kOne, table, size, sorted);
 }
 
-/* ---- tamo_om_config_client.h, tamo_om_keym_client.h ---- */
+/* ---- tamo_om_config_client.h, tamo_om_keym_client.h, tamo_om_devm_client.h, tamo_om_cust_util.h ---- */
 
 int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName) {
     return forward<&TamoOmConfigInit>(CALLER, kOne, zero, ownerName, moduleName);
@@ -248,6 +248,22 @@ int32_t TamoOmKeymEncrypt(const char *ownerName, const char *plain, uint32_t pla
                           uint32_t *outLength) {
     return forward<&TamoOmKeymEncrypt>(CALLER, clearText(out, 1), ownerName, plain, plainLength,
                                        out, outLength);
+}
+
+int32_t TamoOmDevmNetGetIpv4Block(uint32_t selector, char *buffer42) {
+    return forward<&TamoOmDevmNetGetIpv4Block>(CALLER, kOne, selector, buffer42);
+}
+
+int32_t TamoOmDevmNetGetIpv6Block(uint32_t selector, char *buffer42) {
+    return forward<&TamoOmDevmNetGetIpv6Block>(CALLER, kOne, selector, buffer42);
+}
+
+const char *TamoOmCustUtilGetCfgPath(uint32_t zero) {
+    return forward<&TamoOmCustUtilGetCfgPath>(CALLER, kNull, zero);
+}
+
+const char *TamoOmCustUtilGetStoragePath(void) {
+    return forward<&TamoOmCustUtilGetStoragePath>(CALLER, kNull);
 }
 
 /* ---- tamo_om_log_client.h ---- */
