@@ -1,5 +1,4 @@
-/* Masking as it is described, step by step and without a thought for its cost. The operations must
- * give the same to the byte. */
+/* Masking as it is described, step by step and without a thought for its cost. */
 #pragma once
 #include <algorithm>
 #include <string>
@@ -17,33 +16,24 @@ inline void maskSpan(string &text, size_t begin, size_t end) {
     }
 }
 
-inline void maskList(string &text, size_t begin, size_t end, size_t lineEnd) {
-    for (size_t at; (at = text.find(';', begin)) < lineEnd; begin = at + 1) {
-        maskSpan(text, begin, at);
-    }
-    maskSpan(text, begin, end);
-}
-
 inline string maskValues(string text, const string &key, const string &endMark) {
-    size_t found = text.find(key);
-    while (found != string::npos) {
-        const size_t value = found + key.size();
+    for (size_t found = text.find(key); found != string::npos;) {
+        size_t value = found + key.size();
         const size_t lineEnd = text.find('\r', value);
         size_t end = text.find(endMark, value);
-        if (key == "tel:") {
-            end = std::min(end, lineEnd);
-        }
+        end = key == "tel:" ? std::min(end, lineEnd) : end;
         if (end == string::npos) {
             break;
         }
-        size_t next = end;
+        size_t next = end == value ? end + endMark.size() : end;
         if (lineEnd < end) {
             next = value;
-        } else if (end == value) {
-            next = end + endMark.size();
-        } else if (key.find("-eid") != string::npos) {
-            maskList(text, value, end, std::min(lineEnd, text.size()));
-        } else {
+        } else if (end > value) {
+            const bool isList = key.find("-eid") != string::npos;
+            const size_t limit = isList ? std::min(lineEnd, text.size()) : 0;
+            for (size_t at; (at = text.find(';', value)) < limit; value = at + 1) {
+                maskSpan(text, value, at);
+            }
             maskSpan(text, value, end);
         }
         found = text.find(key, next);
@@ -54,28 +44,28 @@ inline string maskValues(string text, const string &key, const string &endMark) 
 /* After each address the whole rest is written, for the next one to be written over. */
 inline string replaceAddress(const string &text, const string &address, const string &masked) {
     const auto capacity = static_cast<long>(text.size()) + 100;
-    string output;
+    string output = text;
     string rest = text;
-    size_t written = 0;
+    string done;
     for (size_t at; (at = rest.find(address)) != string::npos;) {
-        long room = capacity - static_cast<long>(written) - static_cast<long>(at);
+        long room = capacity - static_cast<long>(done.size() + at);
         if (room < 2) {
             break;
         }
-        output = output.substr(0, written) + rest.substr(0, at);
+        output = done + rest.substr(0, at);
         room -= static_cast<long>(masked.size());
         if (room < 2) {
             break;
         }
-        output += masked;
-        written = output.size();
+        done = output += masked;
         rest = rest.substr(at + address.size());
-        if (room - static_cast<long>(rest.size()) < 2) {
+        room -= static_cast<long>(rest.size());
+        if (room < 2) {
             break;
         }
         output += rest;
     }
-    return output.empty() ? text : output;
+    return output;
 }
 
 }  // namespace model
