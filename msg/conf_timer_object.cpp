@@ -1,4 +1,11 @@
-/* Timer objects. */
+/* Timer objects.
+ *
+ * A one-shot object counts as running until its message is out. The message's receiver may have the
+ * object started again before that: such a start would only replace what no expiry delivers any more.
+ * So the expiry says beforehand which object fires for the last time, and a start that meets it
+ * creates the next timer at once. */
+#include <atomic>
+
 #include "common/log.h"
 #include "include/conf_timer.h"
 #include "msg/conf_timer_start.h"
@@ -9,9 +16,48 @@ namespace {
 constexpr const char *kUnit = kTimerUnit;
 constexpr uint32_t kObjectKind = 8;
 
-void deliver(const char *function, const ContentReader &content, const char *receiver,
-             ConfMsgHandler handler) {
-    const uint32_t result = sendExpiry(content, receiver, handler);
+/* Handles of one-shot objects whose expiries run; 0: a free place. More expiries than that at once go
+ * unannounced. */
+std::atomic<uint32_t> lastExpiries[16];
+
+/* Announces the last expiry of a timer until the end of the scope. */
+class LastExpiry {
+  public:
+    explicit LastExpiry(uint32_t handle) {
+        for (std::atomic<uint32_t> &place : lastExpiries) {
+            uint32_t free = 0;
+            if (place.compare_exchange_strong(free, handle)) {
+                place_ = &place;
+                return;
+            }
+        }
+    }
+    ~LastExpiry() {
+        if (place_ != nullptr) {
+            place_->store(0);
+        }
+    }
+    LastExpiry(const LastExpiry &) = delete;
+    LastExpiry &operator=(const LastExpiry &) = delete;
+
+  private:
+    std::atomic<uint32_t> *place_ = nullptr;
+};
+
+/* Takes a timer for a start whose last expiry is under way or over; false when it runs on. */
+bool beginStartAfterExpiry(const RunningTimer &running) {
+    const uint32_t handle = running.handle.load();
+    for (const std::atomic<uint32_t> &place : lastExpiries) {
+        if (handle != 0 && place.load() == handle && takeFired(running, handle)) {
+            return true;
+        }
+    }
+    return beginStart(running);
+}
+
+void deliver(const char *function, ConfTimer *timer) {
+    const ContentReader content(runningTimer(timer).content);
+    const uint32_t result = sendExpiry(content, timer->receiver, timer->handler);
     if (result != 0) {
         ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
                       "ConfCommTimerIDOut send msg fail! ret:%x", result);
@@ -37,15 +83,16 @@ void ConfCommTimerIDOut(OsTmrCreateParam *record) {
     if (isLeftToStart(running)) {
         return;
     }
-    const ContentReader content(running.content);
-    const char *receiver = timer->receiver;
-    const ConfMsgHandler handler = timer->handler;
-    /* Before the message goes, whose receiver may have the object started again. The last access: an
-     * owner that sees the object stopped may end it. */
-    if (timer->mode == CONF_TIMER_ONE_SHOT) {
-        running.handle.store(0);
+    if (timer->mode != CONF_TIMER_ONE_SHOT) {
+        deliver(__func__, timer);
+        return;
     }
-    deliver(__func__, content, receiver, handler);
+    uint32_t fired = running.handle.load();
+    const LastExpiry lastExpiry(fired);
+    deliver(__func__, timer);
+    /* The last access: an owner that sees the object stopped may end it. A start or a stop that came
+     * in between has left another handle. */
+    running.handle.compare_exchange_strong(fired, 0);
 }
 
 /* 0, with a record, when there is no timer. */
@@ -76,8 +123,8 @@ uint32_t startObject(ConfTimer *timer, uint32_t durationMs, const TimerStart &st
         ConfLogPrintf(CONF_LOG_ERROR, start.function, kUnit, __LINE__,
                       "TAMO_CONF_LOG_ERROR: CONF_MALLOC failed, timer->data is NULL!");
     }
-    if (!begun && beginStart(running)) {
-        /* The running timer has fired meanwhile, for the last time: the new content needs another. */
+    if (!begun && beginStartAfterExpiry(running)) {
+        /* The running timer fires, or has fired, for the last time: the new content needs another. */
         begun = true;
         created = createObjectTimer(start.function, timer, durationMs);
     }
@@ -119,8 +166,7 @@ uint32_t ConfTimerStart(ConfTimer *timer, uint32_t durationMs, uint32_t param, c
     const uint32_t result =
         startObject(timer, durationMs, {__func__, param, data, dataLength}, &fired);
     if (fired) {
-        deliver(__func__, ContentReader(runningTimer(timer).content), timer->receiver,
-                timer->handler);
+        deliver(__func__, timer);
     }
     return result;
 }

@@ -24,8 +24,11 @@ void logCopyFailure(const char *function, int error) {
 }  // namespace
 
 bool beginStart(const RunningTimer &timer) {
-    uint32_t stopped = 0;
-    return timer.handle.compare_exchange_strong(stopped, kStarting);
+    return takeFired(timer, 0);
+}
+
+bool takeFired(const RunningTimer &timer, uint32_t fired) {
+    return timer.handle.compare_exchange_strong(fired, kStarting);
 }
 
 uint32_t createTimer(const RunningTimer &timer, const char *function, OsTmrCreateParam *create,

@@ -61,6 +61,9 @@ struct TimerStart {
 /* Takes a stopped timer for a start; false when it runs. */
 bool beginStart(const RunningTimer &timer);
 
+/* Takes a timer for a start that has fired for the last time under the handle `fired`. */
+bool takeFired(const RunningTimer &timer, uint32_t fired);
+
 /* Completes a record whose key, kind and expiry are set, and creates the timer; 0, with a record in the
  * log, when there is none. The start is then off. */
 uint32_t createTimer(const RunningTimer &timer, const char *function, OsTmrCreateParam *create,
