@@ -12,11 +12,13 @@ namespace tamo {
 
 namespace {
 
-/* Two, since a handler may send a message of its own while the received one is in hand. */
-constexpr unsigned kSpares = 2;
+/* Those of one call that receives several, the one that is in hand, and one for a message that its
+ * handler sends. */
+constexpr unsigned kSpares = kReceivedAtOnce + 2;
 
 struct Spares {
     Message *messages[kSpares];
+    unsigned count;
     bool ended; /* the thread ends: nothing is kept any more */
 };
 
@@ -25,9 +27,8 @@ thread_local constinit Spares spares TAMO_FAST_TLS = {};
 
 struct SparesEnd {
     ~SparesEnd() {
-        for (Message *&spare : spares.messages) {
-            free(spare);
-            spare = nullptr;
+        while (spares.count > 0) {
+            free(spares.messages[--spares.count]);
         }
         spares.ended = true;
     }
@@ -38,19 +39,10 @@ thread_local SparesEnd sparesEnd;
 }  // namespace
 
 Message *takeMessage() {
-    void *block = nullptr;
-    for (Message *&spare : spares.messages) {
-        if (spare != nullptr) {
-            block = spare;
-            spare = nullptr;
-            break;
-        }
-    }
+    void *block = spares.count > 0 ? spares.messages[--spares.count]
+                                   : aligned_alloc(alignof(Message), sizeof(Message));
     if (block == nullptr) {
-        block = aligned_alloc(alignof(Message), sizeof(Message));
-        if (block == nullptr) {
-            return nullptr;
-        }
+        return nullptr;
     }
     auto *message = ::new (block) Message; /* leaves the bytes as they are */
     message->header = {};
@@ -77,16 +69,12 @@ void giveMessageBack(Message *message) {
         return;
     }
     forgetBody(message);
-    if (!spares.ended) {
-        for (Message *&spare : spares.messages) {
-            if (spare == nullptr) {
-                sparesEnd.arm();
-                spare = message;
-                return;
-            }
-        }
+    if (spares.ended || spares.count == kSpares) {
+        free(message);
+        return;
     }
-    free(message);
+    sparesEnd.arm();
+    spares.messages[spares.count++] = message;
 }
 
 void completeHeader(Message *message) {

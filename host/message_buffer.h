@@ -57,6 +57,9 @@ struct PacketHead {
 static_assert(sizeof(PacketHead) == 96 && offsetof(PacketHead, handlerOffset) == 80);
 static_assert(sizeof(PacketHead) % 16 == 0, "an inline body is aligned for any type");
 
+/* Packets that one call may receive. */
+constexpr unsigned kReceivedAtOnce = 16;
+
 /* As much as two packets of a stock kernel's socket buffer hold. */
 constexpr uint32_t kInlineLimit = 64U << 10;
 

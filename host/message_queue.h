@@ -9,6 +9,7 @@
 #include "message_peer.h"
 #include "message_status.h"
 #include "message_window.h"
+#include "message_wire.h"
 #include "tamo_host.h"
 
 namespace tamo {
@@ -40,8 +41,11 @@ struct TamoHostQueue {
     tamo::ProcessDescriptor acceptPause; /* a timer: accepting again when descriptors were short */
     tamo::StatusMapping status;
     tamo::Peer *peers = nullptr;
-    tamo::Peer *current = nullptr; /* is asked again without polling ... */
-    uint32_t burst = 0;            /* ... as many times */
+    tamo::Peer *current = nullptr;     /* is asked again without polling ... */
+    uint32_t burst = 0;                /* ... as many times */
+    tamo::Batch ahead;                 /* received from `current` and not handed out yet */
+    tamo::ProcessDescriptor aheadSign; /* readable, while a polling program has something ahead */
+    bool isPolled = false;             /* by the program: nothing more is received ahead */
     tamo::ModuleGuesses modules = {};
 };
 
@@ -62,6 +66,13 @@ void resumeAccepting(TamoHostQueue *queue);
 /* Adds a connection that was checked. */
 bool addPeer(TamoHostQueue *queue, Descriptor socket, const PeerIdentity &identity);
 
+/* Forgets also what was received ahead from the connection. */
 void dropPeer(TamoHostQueue *queue, Peer *peer);
+
+/* Gives back what was received ahead. */
+void forgetAhead(TamoHostQueue *queue);
+
+/* Lets the queue's descriptor poll readable until forgetAhead. */
+bool signAhead(TamoHostQueue *queue);
 
 }  // namespace tamo

@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
@@ -201,6 +202,24 @@ bool addPeer(TamoHostQueue *queue, Descriptor socket, const PeerIdentity &identi
     return true;
 }
 
+void forgetAhead(TamoHostQueue *queue) {
+    Batch &ahead = queue->ahead;
+    for (; ahead.next < ahead.count; ++ahead.next) {
+        giveMessageBack(ahead.messages[ahead.next]);
+        ahead.files[ahead.next] = Descriptor();
+    }
+    queue->aheadSign.shut();
+}
+
+bool signAhead(TamoHostQueue *queue) {
+    Descriptor sign(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!sign.isOpen() || !poll(*queue, EPOLL_CTL_ADD, sign.get(), &queue->aheadSign)) {
+        return false;
+    }
+    queue->aheadSign.adopt(std::move(sign));
+    return true;
+}
+
 void dropPeer(TamoHostQueue *queue, Peer *peer) {
     (peer->previous != nullptr ? peer->previous->next : queue->peers) = peer->next;
     if (peer->next != nullptr) {
@@ -209,6 +228,7 @@ void dropPeer(TamoHostQueue *queue, Peer *peer) {
     if (queue->current == peer) {
         queue->current = nullptr;
         queue->burst = 0;
+        forgetAhead(queue);
     }
     /* A message may hold the socket open for its answer. Its sender must find out with its next
      * message that nobody receives here any more. */

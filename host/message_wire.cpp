@@ -136,6 +136,18 @@ const char *faultOfLengths(const Message &message, bool hasFile) {
     return nullptr;
 }
 
+/* A packet whose descriptor was announced. */
+Arrival arrivalOfAnnounced(msghdr *header, Descriptor *file) {
+    if (!takeDescriptors(header, file)) {
+        return Arrival::kForeign;
+    }
+    if ((header->msg_flags & MSG_CTRUNC) != 0) {
+        /* Without any descriptor it was this process that could not take one. */
+        return file->isOpen() ? Arrival::kForeign : Arrival::kLost;
+    }
+    return Arrival::kPacket;
+}
+
 /* The costlier call, for a packet whose descriptor was announced. */
 Arrival receiveAnnounced(int socket, int flags, Message *message, Descriptor *file, ssize_t *size) {
     iovec part = {&message->packet, sizeof(message->packet) + sizeof(message->inlineBody)};
@@ -149,14 +161,7 @@ Arrival receiveAnnounced(int socket, int flags, Message *message, Descriptor *fi
     if (*size < 0) {
         return Arrival::kNothing;
     }
-    if (!takeDescriptors(&header, file)) {
-        return Arrival::kForeign;
-    }
-    if ((header.msg_flags & MSG_CTRUNC) != 0) {
-        /* Without any descriptor it was this process that could not take one. */
-        return file->isOpen() ? Arrival::kForeign : Arrival::kLost;
-    }
-    return Arrival::kPacket;
+    return arrivalOfAnnounced(&header, file);
 }
 
 Arrival receiveRecord(int socket, bool announced, int flags, Message *message, Descriptor *file,
@@ -167,6 +172,40 @@ Arrival receiveRecord(int socket, bool announced, int flags, Message *message, D
     *size = recv(socket, &message->packet, sizeof(message->packet) + sizeof(message->inlineBody),
                  flags | MSG_TRUNC);
     return Arrival::kPacket;
+}
+
+/* What a record that came is. */
+Arrival arrivalOfRecord(Arrival arrival, ssize_t size, bool *announced, Message *message,
+                        const Descriptor &file) {
+    *announced = false;
+    if (size == 0) {
+        return Arrival::kEnd;
+    }
+    constexpr ssize_t kLargest = sizeof(message->packet) + sizeof(message->inlineBody);
+    constexpr ssize_t kSmallest = sizeof(PacketHead);
+    if (size < kSmallest || size > kLargest || message->packet.magic != kPacketMagic) {
+        return Arrival::kForeign;
+    }
+    message->size = static_cast<uint32_t>(size);
+    if (message->packet.kind == kAnnouncement && arrival == Arrival::kPacket) {
+        *announced = true;
+        return file.isOpen() ? Arrival::kForeign : Arrival::kAnnouncement;
+    }
+    return arrival;
+}
+
+/* What the n-th record of a batch is. A descriptor that was not announced is closed, as the kernel
+ * does where none is asked for. */
+Arrival arrivalInBatch(mmsghdr *record, bool *announced, Batch *batch, unsigned n) {
+    Arrival arrival = Arrival::kPacket;
+    if (*announced) {
+        arrival = arrivalOfAnnounced(&record->msg_hdr, &batch->files[n]);
+    } else if (record->msg_hdr.msg_controllen > 0) {
+        Descriptor unasked;
+        (void)takeDescriptors(&record->msg_hdr, &unasked);
+    }
+    return arrivalOfRecord(arrival, static_cast<ssize_t>(record->msg_len), announced,
+                           batch->messages[n], batch->files[n]);
 }
 
 }  // namespace
@@ -218,24 +257,52 @@ Arrival receivePacket(int socket, bool *announced, int flags, Message *message, 
             return Arrival::kEnd;
         }
     }
-    if (size < 0) {
-        return arrivalOfError(errno);
+    return size < 0 ? arrivalOfError(errno)
+                    : arrivalOfRecord(arrival, size, announced, message, *file);
+}
+
+void receivePackets(int socket, bool *announced, unsigned most, Batch *batch) {
+    mmsghdr records[kReceivedAtOnce];
+    iovec parts[kReceivedAtOnce];
+    OneDescriptor controls[kReceivedAtOnce];
+    unsigned room = 0;
+    while (room < most && (batch->messages[room] = takeMessage()) != nullptr) {
+        Message *message = batch->messages[room];
+        parts[room] = {&message->packet, sizeof(message->packet) + sizeof(message->inlineBody)};
+        records[room] = {};
+        records[room].msg_hdr.msg_iov = &parts[room];
+        records[room].msg_hdr.msg_iovlen = 1;
+        records[room].msg_hdr.msg_control = controls[room].bytes;
+        records[room].msg_hdr.msg_controllen = CMSG_LEN(sizeof(int));
+        room++;
     }
-    *announced = false;
-    if (size == 0) {
-        return Arrival::kEnd;
+    batch->next = 0;
+    batch->count = 0;
+    if (room == 0) {
+        return;
     }
-    constexpr ssize_t kLargest = sizeof(message->packet) + sizeof(message->inlineBody);
-    constexpr ssize_t kSmallest = sizeof(PacketHead);
-    if (size < kSmallest || size > kLargest || message->packet.magic != kPacketMagic) {
-        return Arrival::kForeign;
+    const int received =
+        recvmmsg(socket, records, room, MSG_DONTWAIT | MSG_CMSG_CLOEXEC | MSG_TRUNC, nullptr);
+    if (received <= 0) {
+        const int error = received < 0 ? errno : EAGAIN;
+        batch->count = 1;
+        batch->arrivals[0] = arrivalOfError(error);
+        if (error == ECONNRESET) { /* as in receivePacket */
+            batch->arrivals[0] = receivePacket(socket, announced, MSG_DONTWAIT, batch->messages[0],
+                                               &batch->files[0]);
+        }
+        if (error == ECONNRESET && batch->arrivals[0] == Arrival::kNothing) {
+            batch->arrivals[0] = Arrival::kEnd;
+        }
+    } else {
+        batch->count = static_cast<unsigned>(received);
+        for (unsigned i = 0; i < batch->count; ++i) {
+            batch->arrivals[i] = arrivalInBatch(&records[i], announced, batch, i);
+        }
     }
-    message->size = static_cast<uint32_t>(size);
-    if (message->packet.kind == kAnnouncement && arrival == Arrival::kPacket) {
-        *announced = true;
-        return file->isOpen() ? Arrival::kForeign : Arrival::kAnnouncement;
+    while (room > batch->count) {
+        giveMessageBack(batch->messages[--room]);
     }
-    return arrival;
 }
 
 const char *faultOfPacket(const Message &message, bool hasFile) {

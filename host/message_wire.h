@@ -55,6 +55,19 @@ enum class Arrival {
  * checked yet. */
 Arrival receivePacket(int socket, bool *announced, int flags, Message *message, Descriptor *file);
 
+/* Packets that one call received, in their order. */
+struct Batch {
+    unsigned count = 0;
+    unsigned next = 0; /* the first that was not looked at yet */
+    Message *messages[kReceivedAtOnce] = {};
+    Descriptor files[kReceivedAtOnce];
+    Arrival arrivals[kReceivedAtOnce];
+};
+
+/* Receives up to `most` packets that are there, without waiting, into an empty batch: at the least
+ * one arrival, unless there is no memory. What a packet claims is not checked yet. */
+void receivePackets(int socket, bool *announced, unsigned most, Batch *batch);
+
 /* Says what is wrong with a received packet, null when nothing is. */
 const char *faultOfPacket(const Message &message, bool hasFile);
 

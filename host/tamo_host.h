@@ -44,8 +44,8 @@ typedef struct TamoHostQueue TamoHostQueue;
 uint32_t TamoHostMsgOpen(const char *name, TamoHostQueue **queue);
 
 /* A descriptor that polls readable when TamoHostMsgReceive has something to do. It stays the
- * queue's. */
-int TamoHostMsgDescriptor(const TamoHostQueue *queue);
+ * queue's. To be called by the thread that receives. */
+int TamoHostMsgDescriptor(TamoHostQueue *queue);
 
 /* Waits up to `timeoutMs` (0: does not wait, negative: for ever) for the next message and hands it
  * out, for ConfCommMsgProcess and then TamoHostMsgFree. TAMO_HOST_TIMEOUT when none came. Senders

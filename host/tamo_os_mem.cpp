@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 
 #include "host_record.h"
 #include "mem_account.h"
@@ -18,6 +19,7 @@ namespace {
 
 constexpr char kUnit[] = "tamo_os_mem";
 constexpr uint32_t kTaken = 0x54414B45;
+constexpr size_t kSmall = 1024;
 constexpr size_t kLarge = 128 * 1024; /* what the system's heap treats as large at first */
 constexpr int kLargestKept = 4 * 1024 * 1024;
 
@@ -51,6 +53,16 @@ void keepLargeBlocks() {
     }
 }
 
+/* malloc takes small blocks from its cache of the thread, which calloc passes by; calloc knows which
+ * pages are fresh from the system and need no clearing. */
+void *takeZeroed(size_t size) {
+    if (size > kSmall) {
+        return calloc(1, size);
+    }
+    void *memory = malloc(size);
+    return memory == nullptr ? nullptr : memset(memory, 0, size);
+}
+
 /* A plain store before free would be optimised away. */
 void wipeMark(BlockHeader *header) {
     *static_cast<volatile uint32_t *>(&header->mark) = 0;
@@ -66,8 +78,7 @@ void *OsMemMallocSetCharMon(size_t size, uint32_t, uint32_t, uint32_t, uint32_t 
     if (size >= kLarge) {
         keepLargeBlocks();
     }
-    /* calloc knows which pages are fresh from the system and need no clearing. */
-    auto *header = static_cast<BlockHeader *>(calloc(1, sizeof(BlockHeader) + size));
+    auto *header = static_cast<BlockHeader *>(takeZeroed(sizeof(BlockHeader) + size));
     if (header == nullptr) {
         return nullptr;
     }
