@@ -90,6 +90,36 @@ uint32_t TamoHostConfigList(const char *glob,
                             uint32_t (*visit)(const char *key, const char *value, void *context),
                             void *context);
 
+/* A watch of all changes of stored values. It is used by one thread at a time; a child of fork does
+ * not use its parent's. */
+typedef struct TamoHostConfigWatch TamoHostConfigWatch;
+
+/* One key that a write changed. */
+typedef struct TamoHostConfigChange {
+    const char *key;
+    const char *value;  /* the new one */
+    int64_t timeUs;     /* of the write, microseconds since 1970 */
+    const char *writer; /* the name of the process that wrote, and its id */
+    uint32_t writerPid;
+    uint8_t isAll; /* 1: changes were missed (see below), this is one of all keys as they stand */
+} TamoHostConfigChange;
+
+/* Begins to watch: every write from now on is shown, those of this process too. */
+uint32_t TamoHostConfigWatchOpen(TamoHostConfigWatch **watch);
+
+/* Waits up to `timeoutMs` (0: does not wait, negative: for ever) for the next write and calls `visit`
+ * for each key whose value it changed, until it returns other than 0; that value is returned.
+ * TAMO_HOST_TIMEOUT when nothing was written. Writes come one by one and in order. A watch that has
+ * fallen 64 MiB behind, or finds another store in place, is shown all keys as they stand instead of
+ * what it missed. What is shown is valid until `visit` returns; it may use the store. */
+uint32_t TamoHostConfigWatchNext(TamoHostConfigWatch *watch, int32_t timeoutMs,
+                                 uint32_t (*visit)(const TamoHostConfigChange *change,
+                                                   void *context),
+                                 void *context);
+
+/* Ends a watch. Null is ignored. */
+void TamoHostConfigWatchClose(TamoHostConfigWatch *watch);
+
 /* ---- key management ---- */
 
 /* Decrypts what TamoOmKeymEncrypt made for the same owner into `out` and terminates it;

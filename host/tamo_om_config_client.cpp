@@ -1,4 +1,4 @@
-/* libtamo_om_config_client: records, and the connections of a process's modules.
+/* libtamo_om_config_client: records, read and stored.
  *
  * Texts come from callers' own buffers and need not be terminated: every look is bounded by the
  * buffer's size. The lengths beside the texts are written here and never believed. */
@@ -8,8 +8,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <mutex>
-
 #include "host_record.h"
 #include "tamo_host.h"
 #include "tamo_om_config_store.h"
@@ -17,18 +15,8 @@
 namespace {
 
 constexpr const char *kUnit = "tamo_om_config_client";
-constexpr size_t kMaxModules = 32;
-constexpr size_t kModuleNameSize = 64;
 /* Far above any list, far below what a negative count looks like. */
 constexpr uint32_t kMaxRecords = 65536;
-
-struct Module {
-    char name[kModuleNameSize];
-    ConfConfigChangeHandler handler;
-};
-
-std::mutex modulesLock;
-Module modules[kMaxModules];
 
 int32_t refuse(int line, const char *why) {
     tamo::hostRecord(tamo::kError, kUnit, line, "%s", why);
@@ -38,21 +26,6 @@ int32_t refuse(int line, const char *why) {
 /* The length of a text that fits a buffer of `size` with its terminator, else `size`. */
 size_t fittingLength(const char *text, size_t size) {
     return text == nullptr ? size : strnlen(text, size);
-}
-
-bool isModuleName(const char *name) {
-    size_t length = fittingLength(name, kModuleNameSize);
-    return length != 0 && length != kModuleNameSize;
-}
-
-/* The module of that name, or of an empty name: a free place. Null when there is none. */
-Module *findModule(const char *name) {
-    for (Module &module : modules) {
-        if (strcmp(module.name, name) == 0) {
-            return &module;
-        }
-    }
-    return nullptr;
 }
 
 bool isStorable(const ConfConfigOmRecord &record) {
@@ -96,48 +69,6 @@ int32_t write(const ConfConfigOmRecord *records, uint32_t count) {
 }
 
 }  // namespace
-
-int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName) {
-    if (zero != 0 || !isModuleName(ownerName) || !isModuleName(moduleName)) {
-        return refuse(__LINE__,
-                      "a connection takes 0, an owner's and a module's name of 1 to 63 "
-                      "characters");
-    }
-    uint32_t code = tamo::configStoreOpen();
-    if (code != TAMO_HOST_OK) {
-        return static_cast<int32_t>(code);
-    }
-    std::lock_guard guard(modulesLock);
-    if (findModule(moduleName) != nullptr) {
-        return TAMO_HOST_OK;
-    }
-    Module *place = findModule("");
-    if (place == nullptr) {
-        return refuse(__LINE__, "too many modules are connected: disconnect one");
-    }
-    (void)snprintf(place->name, sizeof(place->name), "%s", moduleName);
-    return TAMO_HOST_OK;
-}
-
-int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName) {
-    std::lock_guard guard(modulesLock);
-    Module *module = isModuleName(moduleName) ? findModule(moduleName) : nullptr;
-    if (module == nullptr) {
-        return refuse(__LINE__, "a handler of changes is refused: its module is not connected");
-    }
-    module->handler = handler;
-    return TAMO_HOST_OK;
-}
-
-int32_t TamoOmConfigUnInit(const char *moduleName) {
-    std::lock_guard guard(modulesLock);
-    Module *module = isModuleName(moduleName) ? findModule(moduleName) : nullptr;
-    if (module == nullptr) {
-        return refuse(__LINE__, "a module that is not connected cannot be disconnected");
-    }
-    *module = {};
-    return TAMO_HOST_OK;
-}
 
 int32_t TamoOmConfigcopyStr2Key(ConfConfigOmRecord *record, const char *key) {
     if (record == nullptr) {

@@ -22,6 +22,8 @@
 #include "host_record.h"
 #include "tamo_host.h"
 #include "tamo_om_config_directory.h"
+#include "tamo_om_config_journal.h"
+#include "tamo_om_config_watchers.h"
 
 namespace tamo {
 namespace {
@@ -36,15 +38,10 @@ constexpr int kCheckedPages = 64;
 
 constexpr int kApplicationId = 0x54434F4E;
 /* Raised with every change of the tables. */
-constexpr int kVersion = 1;
+constexpr int kVersion = 2;
 constexpr const char *kSchema =
-    "PRAGMA synchronous = FULL;"
-    "BEGIN IMMEDIATE;"
     "PRAGMA application_id = 0x54434F4E;"
-    "PRAGMA user_version = 1;"
-    "CREATE TABLE setting (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;"
-    "COMMIT;"
-    "PRAGMA journal_mode = WAL;";
+    "CREATE TABLE setting (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;";
 
 enum class Verdict { good, damaged, foreign, newer, failed };
 
@@ -118,7 +115,29 @@ Verdict checkStructure(sqlite3 *database, const char *check, int *result) {
     return hasTable && strcmp(answer, "ok") == 0 ? Verdict::good : Verdict::damaged;
 }
 
-Verdict examine(sqlite3 *database, bool suspect, int *result) {
+/* Makes the tables of this version in one transaction: all of them, or the journal that a store of
+ * version 1 lacks. */
+int makeTables(sqlite3 *database, const char *first) {
+    const char *const steps[] = {"PRAGMA synchronous = FULL; BEGIN IMMEDIATE", first,
+                                 kConfigJournalSchema, "PRAGMA user_version = 2", "COMMIT"};
+    int result = SQLITE_OK;
+    for (const char *step : steps) {
+        if (result == SQLITE_OK) {
+            result = sqlite3_exec(database, step, nullptr, nullptr, nullptr);
+        }
+    }
+    if (result != SQLITE_OK && sqlite3_get_autocommit(database) == 0) {
+        (void)sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    return result;
+}
+
+bool hasJournal(sqlite3 *database) {
+    return sqlite3_table_column_metadata(database, "main", "change", "records", nullptr, nullptr,
+                                         nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+Verdict examine(sqlite3 *database, const OpenWish &wish, int *result) {
     int application = 0;
     int version = 0;
     int pages = 0;
@@ -134,12 +153,17 @@ Verdict examine(sqlite3 *database, bool suspect, int *result) {
     if (version > kVersion) {
         return Verdict::newer;
     }
-    const char *check = suspect                  ? "PRAGMA integrity_check(1)"
+    const char *check = wish.suspect             ? "PRAGMA integrity_check(1)"
                         : pages <= kCheckedPages ? "PRAGMA quick_check(1)"
                                                  : "SELECT 'ok' FROM sqlite_schema";
     Verdict verdict = checkStructure(database, check, result);
     if (verdict == Verdict::good &&
         (*result = ask(database, "PRAGMA journal_mode = WAL", mode, sizeof(mode))) != SQLITE_OK) {
+        return judge(*result);
+    }
+    /* A reader does without the journal: on a full disk it could not be made. */
+    if (verdict == Verdict::good && wish.forWriting && !hasJournal(database) &&
+        (*result = makeTables(database, "")) != SQLITE_OK) {
         return judge(*result);
     }
     return verdict;
@@ -152,7 +176,11 @@ uint32_t beginStore(int directory, const char *path) {
     ConfigFile file;
     int result = openDatabase(fresh, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &file.database);
     if (result == SQLITE_OK) {
-        result = sqlite3_exec(file.database, kSchema, nullptr, nullptr, nullptr);
+        result = makeTables(file.database, kSchema);
+    }
+    if (result == SQLITE_OK) {
+        result =
+            sqlite3_exec(file.database, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
     }
     if (result != SQLITE_OK) {
         uint32_t code =
@@ -162,7 +190,9 @@ uint32_t beginStore(int directory, const char *path) {
         return code;
     }
     closeConfigFile(&file);
-    return nameFreshConfig(directory);
+    uint32_t code = nameFreshConfig(directory);
+    wakeConfigWatchers(); /* theirs is another store now */
+    return code;
 }
 
 uint32_t diskFull(const char *what, int line) {
@@ -193,14 +223,14 @@ uint32_t prepareFile(int directory, const char *path, bool tight) {
     return code == TAMO_HOST_OK ? beginStore(directory, path) : code;
 }
 
-Verdict openAndExamine(const char *name, bool suspect, ConfigFile *file, int *result) {
+Verdict openAndExamine(const char *name, const OpenWish &wish, ConfigFile *file, int *result) {
     *result = openDatabase(name, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, &file->database);
     if (*result == SQLITE_OK) {
         sqlite3_db_config(file->database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
         *result =
             sqlite3_exec(file->database, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
     }
-    return *result == SQLITE_OK ? examine(file->database, suspect, result) : judge(*result);
+    return *result == SQLITE_OK ? examine(file->database, wish, result) : judge(*result);
 }
 
 /* Making room for the shared index on a full disk may end a process rather than fail: SQLite writes
@@ -209,7 +239,7 @@ uint32_t openPrepared(int directory, const char *path, const OpenWish &wish, boo
                       ConfigFile *file, Verdict *verdict) {
     int result = SQLITE_OK;
     if (!tight) {
-        *verdict = openAndExamine(path, wish.suspect, file, &result);
+        *verdict = openAndExamine(path, wish, file, &result);
         tight = *verdict == Verdict::failed && isDiskFull(file->database, result);
     }
     if (tight && wish.forWriting) {
@@ -221,7 +251,7 @@ uint32_t openPrepared(int directory, const char *path, const OpenWish &wish, boo
         closeConfigFile(file);
         keepConfigIndex(directory);
         nameWithOwnIndex(path, uri, sizeof(uri));
-        *verdict = openAndExamine(uri, wish.suspect, file, &result);
+        *verdict = openAndExamine(uri, wish, file, &result);
         file->ownIndex = true;
     }
     if (*verdict == Verdict::failed) {

@@ -48,8 +48,8 @@ typedef struct ConfConfigChangeList {
     ConfConfigChangeItem *items;
 } ConfConfigChangeList;
 
-/* Receives reports of changes, message id 65536, on a thread of the client's choice; the report is
- * valid until the handler returns. The two reserved words are 0. */
+/* Receives reports of changes, message id 65536, on the client's own thread; the report is valid until
+ * the handler returns. The two reserved words are 0. */
 typedef void (*ConfConfigChangeHandler)(uint32_t msgId, uint32_t reserved1, uint32_t reserved2,
                                         const ConfConfigChangeList *changes);
 
@@ -58,11 +58,21 @@ typedef void (*ConfConfigChangeHandler)(uint32_t msgId, uint32_t reserved1, uint
 int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName);
 
 /* Makes `handler` the receiver of change reports for a connected module; a later handler replaces
- * it, null removes it. Reports may come before this has returned; they come one after the other,
- * and the handler may call every operation of the client but TamoOmConfigUnInit. */
+ * it, null removes it.
+ *
+ * - Every write of another process from now on makes one report, of all keys whose stored value it
+ *   changed; a write that changes none makes none. Writes of this process, by whichever module, are
+ *   not reported to it.
+ * - Reports come one after the other in the order of the writes, and may come before this has
+ *   returned. None is lost while the process lives; a writer never waits for a handler. A client that
+ *   has fallen too far behind may report all keys as they stand in place of what it missed.
+ * - The handler may call every operation of the client.
+ * - The handler that was there before does not run any more once this has returned, unless it is the
+ *   one that calls. A child of fork has no handlers until it makes its own the receivers. */
 int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName);
 
-/* Disconnects a module. No report is delivered to its handler after this has returned. */
+/* Disconnects a module. Its handler does not run any more once this has returned, unless it is the one
+ * that calls: hold no lock here that the handler waits for. */
 int32_t TamoOmConfigUnInit(const char *moduleName);
 
 /* Puts a key text and its length into a record; an empty or too long text is refused and the key
