@@ -273,22 +273,6 @@ TEST_F(ConfigReports, RefusedWriteIsNotReportedAndTheJournalIsPartOfTheWrite) {
     EXPECT_EQ("b=3", watcher->hear());
 }
 
-TEST_F(ConfigReports, AnotherStoreInPlaceIsReportedAsAWhole) {
-    ASSERT_EQ(0, set("a", "1"));
-    auto watcher = startWatcher();
-    support::clearStore();
-    ConfConfigOmRecord write[] = {record("b", "2"), record("c", "3")};
-    ASSERT_EQ(0, TamoOmConfigStringMset(write, 2));
-    ASSERT_EQ(0, set("c", "4"));
-    std::string heard;
-    while (heard.find("c=4") == std::string::npos && !HasFailure()) {
-        heard = watcher->hear();
-        EXPECT_NE("", heard);
-    }
-    ASSERT_EQ(0, set("d", "5"));
-    EXPECT_EQ("d=5", watcher->hear()) << "goes on one by one";
-}
-
 TEST_F(ConfigReports, StoreOfTheFirstVersionGetsItsJournal) {
     ASSERT_EQ(0, set("a", "1"));
     ASSERT_EQ(-1, ask("DROP TABLE change"));
