@@ -30,6 +30,7 @@ namespace {
 
 constexpr const char *kUnit = "tamo_os_file";
 constexpr size_t kCopyChunk = 16U << 20;
+constexpr size_t kCompareChunk = 16U << 10;
 
 void recordFailure(int line, const char *what, const char *path) {
     int error = errno;
@@ -136,10 +137,38 @@ bool copyNamed(int source, const struct stat &status, int directory, const char 
     return false;
 }
 
+bool sameContents(int source, int target, off_t size) {
+    char expected[kCompareChunk];
+    char found[kCompareChunk];
+    for (off_t at = 0; at < size;) {
+        ssize_t length = pread(source, expected, sizeof(expected), at);
+        if (length <= 0 || pread(target, found, static_cast<size_t>(length), at) != length ||
+            memcmp(expected, found, static_cast<size_t>(length)) != 0) {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+/* Copying once more what is there already, as a refresh of a directory does, writes nothing. A
+ * destination that shares its contents with another name is not left that way. */
+bool isCopied(int source, const struct stat &status, int directory, const char *name) {
+    Descriptor target(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat there;
+    return target.value >= 0 && fstat(target.value, &there) == 0 && S_ISREG(there.st_mode) &&
+           there.st_nlink == 1 && there.st_size == status.st_size &&
+           (there.st_mode & 0777) == (status.st_mode & 0777) &&
+           sameContents(source, target.value, there.st_size);
+}
+
 bool copyInto(int source, const struct stat &status, const char *parent, const char *name) {
     Descriptor directory(open(parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.value < 0) {
         return false;
+    }
+    if (isCopied(source, status, directory.value, name)) {
+        return true;
     }
     Descriptor target(openat(directory.value, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
     if (target.value >= 0) {

@@ -89,6 +89,23 @@ TEST_F(FileLayer, CopyReplacesTheDestinationAndKeepsTheMode) {
     }
 }
 
+TEST_F(FileLayer, CopyOfWhatIsThereWritesNothing) {
+    struct stat before, after;
+    write("from", std::string(100000, 'x'));
+    ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
+    ASSERT_EQ(0, stat((place / "to").c_str(), &before));
+    ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
+    ASSERT_EQ(0, stat((place / "to").c_str(), &after));
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    write("from", std::string(99999, 'x') + "y");
+    ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
+    EXPECT_EQ(read("from"), read("to"));
+    fs::remove(place / "to");
+    fs::create_hard_link(place / "from", place / "to");
+    ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
+    EXPECT_EQ(1U, fs::hard_link_count(place / "to"));
+}
+
 TEST_F(FileLayer, CopyThatFailsLeavesTheDestinationAndNothingElse) {
     write("from", std::string(100000, 'n'));
     write("to", "old");

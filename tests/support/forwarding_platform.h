@@ -20,6 +20,8 @@
 #include "platform/bounds_checked.h"
 #include "platform/ip_helper.h"
 #include "platform/tamo_common.h"
+#include "platform/tamo_conference_sslex.h"
+#include "platform/tamo_om_cert_client.h"
 #include "platform/tamo_om_config_client.h"
 #include "platform/tamo_om_cust_util.h"
 #include "platform/tamo_om_devm_client.h"

@@ -1,0 +1,199 @@
+/* Equipping TLS contexts beside the same OpenSSL calls made bare, handshakes of both, and a refresh of
+ * the address CA directory that changes nothing. The certificate service is this program's own. */
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "bench/take_turns.h"
+#include "include/conf_cert.h"
+#include "include/conf_log_adapter.h"
+#include "platform/tamo_conference_sslex.h"
+#include "platform/tamo_om_cert_client.h"
+#include "platform/tamo_om_cust_util.h"
+#include "tests/cert/cert_files.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+using std::string;
+using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+
+constexpr char kCertificate[] = "/data/server/cert.pem";
+constexpr char kKey[] = "/data/server/key.pem";
+constexpr char kCa[] = "/data/certfile/CA";
+constexpr char kCrl[] = "/data/certfile/CRL";
+constexpr int kCaFiles = 30;
+constexpr int kLists = 100;
+constexpr int kRefreshedFiles = 1000;
+
+ConfOmCertHandler handler;
+
+void check(bool good, const char *what) {
+    if (!good) {
+        std::fprintf(stderr, "cert_bench: %s\n", what);
+        std::exit(1);
+    }
+}
+
+string native(const string &devicePath) {
+    return support::scratchRoot() + devicePath;
+}
+
+Context serverContext() {
+    return Context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+}
+
+/* ---- a server's context ---- */
+
+void loadBare(SSL_CTX *ctx) {
+    check(SSL_CTX_use_certificate_chain_file(ctx, native(kCertificate).c_str()) == 1 &&
+              SSL_CTX_use_PrivateKey_file(ctx, native(kKey).c_str(), SSL_FILETYPE_PEM) == 1 &&
+              SSL_CTX_check_private_key(ctx) == 1,
+          "the bare load failed");
+}
+
+void loadByKey(SSL_CTX *ctx) {
+    check(ConfLoadServerCert(ctx, 0) == 0, "ConfLoadServerCert failed");
+}
+
+void shakeHands(SSL_CTX *serverSide, SSL_CTX *clientSide) {
+    SSL *server = SSL_new(serverSide), *client = SSL_new(clientSide);
+    BIO *ends[2] = {};
+    BIO_new_bio_pair(&ends[0], 1 << 16, &ends[1], 1 << 16);
+    SSL_set_bio(server, ends[0], ends[0]);
+    SSL_set_bio(client, ends[1], ends[1]);
+    SSL_set_accept_state(server);
+    SSL_set_connect_state(client);
+    while (SSL_do_handshake(client) != 1 || SSL_do_handshake(server) != 1) {
+    }
+    SSL_free(client);
+    SSL_free(server);
+}
+
+/* ---- a client's context ---- */
+
+void addListsBare(SSL_CTX *ctx) {
+    X509_STORE *store = SSL_CTX_get_cert_store(ctx);
+    for (int i = 0; i < kLists; i++) {
+        const string path = native(kCrl) + "/crl" + std::to_string(i) + ".pem";
+        BIO *file = BIO_new_file(path.c_str(), "rb");
+        X509_CRL *list = PEM_read_bio_X509_CRL(file, nullptr, nullptr, nullptr);
+        BIO_free(file);
+        check(X509_STORE_add_crl(store, list) == 1, "a list was refused");
+        X509_CRL_free(list);
+        X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+    }
+}
+
+void equipBare() {
+    const Context ctx(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    for (int i = 0; i < kCaFiles; i++) {
+        const string path = native(kCa) + "/ca" + std::to_string(i) + ".pem";
+        check(SSL_CTX_load_verify_file(ctx.get(), path.c_str()) == 1, "a CA file was refused");
+    }
+    addListsBare(ctx.get());
+}
+
+void equip() {
+    const Context ctx(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    ConfCaCertEntry table[CONF_CERT_MAX_CA_FILES];
+    uint32_t count = 0;
+    check(ConfCertGetCaCertList(table, &count) == 0 && count == kCaFiles, "no CA files");
+    check(ConfCertLoadAllCaCert(ctx.get(), table, count) == 0, "the CA files were refused");
+    check(ConfAddCancelCrlToSslctx(ctx.get()) == 0, "the lists were refused");
+}
+
+/* ---- the program ---- */
+
+void putFiles(const certs::Party &leaf) {
+    certs::write(kCertificate, certs::pem(leaf));
+    certs::write(kKey, certs::keyPem(leaf));
+    std::vector<long> revoked(100);
+    for (size_t i = 0; i < revoked.size(); i++) {
+        revoked[i] = static_cast<long>(i) + 1;
+    }
+    for (int i = 0; i < kLists; i++) {
+        const certs::Party authority = certs::makeParty("Authority " + std::to_string(i), "EC");
+        const string number = std::to_string(i) + ".pem";
+        certs::write(kCrl + ("/crl" + number), certs::crlPem(authority, revoked));
+        if (i < kCaFiles) {
+            certs::write(kCa + ("/ca" + number), certs::pem(authority));
+        }
+    }
+}
+
+void measureRefreshes(const certs::Party &party) {
+    for (int i = 0; i < kRefreshedFiles; i++) {
+        certs::write(kCa + ("/more" + std::to_string(i) + ".pem"), certs::pem(party));
+    }
+    std::printf("Refresh of the address CA directory, %d files more\n", kRefreshedFiles);
+    for (const char *what : {"the first", "nothing changed"}) {
+        const auto begin = std::chrono::steady_clock::now();
+        handler(OM_CERT_MSG_CRL, 0);
+        const std::chrono::duration<double, std::milli> took =
+            std::chrono::steady_clock::now() - begin;
+        std::printf("  %-44s %12.1f ms\n", what, took.count());
+    }
+}
+
+}  // namespace
+
+int32_t TamoOmCertClientInit(void *) {
+    return 0;
+}
+int32_t TamoOmCertNotifyCallback(ConfOmCertHandler registered) {
+    handler = registered;
+    return 0;
+}
+int32_t TamoOmCertGetCertPath(uint32_t kind, uint32_t, uint32_t, ConfCertPathInfo *info) {
+    strcpy(info->certPath, kind == OM_CERT_PATH_CA    ? kCa
+                           : kind == OM_CERT_PATH_CRL ? kCrl
+                                                      : kCertificate);
+    strcpy(info->keyPath, kKey);
+    return 0;
+}
+int32_t TamoOmCertGetExpectedSrvCertSize(uint32_t, ConfCertSizes *) {
+    return 1;
+}
+int32_t TamoOmCertGetCapability(uint8_t *) {
+    return 0;
+}
+int32_t SSL_CTX_load_cacertificate_file(SSL_CTX *ctx, const char *path, uint32_t) {
+    string file = native(path);
+    file[file.rfind('\\')] = '/';
+    return SSL_CTX_load_verify_file(ctx, file.c_str());
+}
+
+int main() {
+    support::beginScratchRoot();
+    ConfLogInit();
+    const certs::Party leaf = certs::makeParty("Server", "RSA");
+    putFiles(leaf);
+    ConfCertInit(nullptr);
+
+    const Context bare = serverContext(), equipped = serverContext();
+    bool within =
+        bench::compare("A server's context, RSA key of 2048 bits",
+                       {{"the bare OpenSSL calls", 0, [&] { loadBare(bare.get()); }},
+                        {"ConfLoadServerCert, by key", 1.1, [&] { loadByKey(equipped.get()); }}},
+                       2);
+    within = bench::compare("A client's context, 30 CA files and 100 lists of 100",
+                            {{"the bare OpenSSL calls", 0, equipBare},
+                             {"list, load all, add the lists", 1.1, equip}},
+                            1) &&
+             within;
+    const Context client(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    within = bench::compare(
+                 "Handshakes, TLS 1.3",
+                 {{"a bare context", 0, [&] { shakeHands(bare.get(), client.get()); }},
+                  {"an equipped context", 1.02, [&] { shakeHands(equipped.get(), client.get()); }}},
+                 1) &&
+             within;
+    measureRefreshes(leaf);
+    support::endScratchRoot();
+    return within ? 0 : 1;
+}

@@ -1,0 +1,19 @@
+/* The platform's OpenSSL engine, which signs with keys that never leave it. */
+#pragma once
+
+#include <openssl/evp.h>
+#include <openssl/types.h>
+
+#include "cert/openssl_owner.h"
+
+/* Gives back a reference of ENGINE_by_id. */
+void releaseEngine(ENGINE *engine);
+
+using EngineOwner = OpensslOwner<ENGINE, releaseEngine>;
+using KeyOwner = OpensslOwner<EVP_PKEY, EVP_PKEY_free>;
+
+/* The engine, loaded on first use; null, with a record, when it cannot be. */
+ENGINE *GetOpensslEngine();
+
+/* The private key that a key identifier stands for; null when the engine has none. */
+EVP_PKEY *loadEngineKey(ENGINE *engine, const char *keyId);

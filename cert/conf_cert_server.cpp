@@ -1,0 +1,177 @@
+/* Server certificates and their keys into TLS contexts. */
+#include <openssl/crypto.h>
+#include <openssl/ssl.h>
+
+#include "cert/cert_engine.h"
+#include "cert/cert_table.h"
+#include "cert/openssl_owner.h"
+#include "common/log.h"
+#include "include/conf_cert.h"
+#include "platform/bounds_checked.h"
+
+namespace {
+
+constexpr const char *kUnit = kCertUnit;
+
+constexpr uint32_t kCapabilityCount = 10;
+
+/* Lends a context a pass phrase for the scope; without one, the context's settings are left alone. */
+class LentPassPhrase {
+  public:
+    LentPassPhrase(SSL_CTX *ctx, char *passPhrase) : ctx_(*passPhrase == '\0' ? nullptr : ctx) {
+        if (ctx_ != nullptr) {
+            before_ = SSL_CTX_get_default_passwd_cb_userdata(ctx_);
+            SSL_CTX_set_default_passwd_cb_userdata(ctx_, passPhrase);
+        }
+    }
+    ~LentPassPhrase() {
+        if (ctx_ != nullptr) {
+            SSL_CTX_set_default_passwd_cb_userdata(ctx_, before_);
+        }
+    }
+    LentPassPhrase(const LentPassPhrase &) = delete;
+    LentPassPhrase &operator=(const LentPassPhrase &) = delete;
+
+  private:
+    SSL_CTX *ctx_;
+    void *before_ = nullptr;
+};
+
+/* Loads a chain, or else a single certificate; 1, or the last loader's result. */
+int useCertificate(SSL_CTX *ctx, const char *devicePath) {
+    if (ctx == nullptr) {
+        return 0;
+    }
+    const NativePath path(devicePath);
+    ERR_set_mark();
+    if (SSL_CTX_use_certificate_chain_file(ctx, openable(path)) == 1) {
+        ERR_clear_last_mark();
+        return 1;
+    }
+    const int result = SSL_CTX_use_certificate_file(ctx, openable(path), SSL_FILETYPE_PEM);
+    if (result == 1) {
+        ERR_pop_to_mark();
+    } else {
+        ERR_clear_last_mark();
+    }
+    return result;
+}
+
+/* ---- keyless ---- */
+
+/* Stores whether the type's key stays in the platform; false when that cannot be told. */
+bool ConfCertIsSupportKeyless(uint32_t type, uint8_t *flag) {
+    uint8_t capabilities[kCapabilityCount] = {};
+    const int32_t result = TamoOmCertGetCapability(capabilities);
+    if (result != 0) {
+        CONF_LOG(CONF_LOG_ERROR, "TamoOmCertGetCapability fail, ret=%u.",
+                 static_cast<unsigned>(result));
+        return false;
+    }
+    const ConfCertRecord *row = findCertType(type);
+    if (row == nullptr) {
+        return false;
+    }
+    *flag = capabilities[static_cast<uint8_t>(row->capIndex)];
+    return true;
+}
+
+/* Leaves the identifier of a type without a row empty. */
+void ConfCertGetCertId(uint32_t type, char (&keyId)[kKeyIdSize + 1]) {
+    const ConfCertRecord *row = findCertType(type);
+    if (row == nullptr) {
+        return;
+    }
+    const ConfCertKey key = keyOf(*row);
+    const int error = memcpy_s(keyId, kKeyIdSize, key.keyId, sizeof(key.keyId));
+    if (error != 0) {
+        CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
+    }
+}
+
+int32_t ConfLoadServerCertificateKeyLess(SSL_CTX *ctx, uint32_t type) {
+    char path[kCertPathSize] = {};
+    const int32_t found = ConfCertGetSrvCertFilePath(type, path, sizeof(path));
+    if (found != 0) {
+        CONF_LOG(CONF_LOG_ERROR, "ConfCertGetSrvCertFilePath error, %d", found);
+        return -1;
+    }
+    const int used = useCertificate(ctx, path);
+    if (used != 1) {
+        CONF_LOG(CONF_LOG_ERROR, "server cert file error :%d", used);
+        return -1;
+    }
+    char keyId[kKeyIdSize + 1] = {};
+    ConfCertGetCertId(type, keyId);
+    CONF_LOG(CONF_LOG_INFO, "get cert from type [%s]", keyId);
+    const EngineOwner engine(GetOpensslEngine());
+    if (engine == nullptr) {
+        return -1;
+    }
+    const KeyOwner key(loadEngineKey(engine.get(), keyId));
+    if (SSL_CTX_use_PrivateKey(ctx, key.get()) != 1) {
+        CONF_LOG(CONF_LOG_ERROR, "use privkey error");
+        return -1;
+    }
+    if (SSL_CTX_check_private_key(ctx) == 0) {
+        CONF_LOG(CONF_LOG_ERROR, "check privKey error");
+        return -1;
+    }
+    return 0;
+}
+
+/* ---- by key ---- */
+
+/* Loads the files that the service named. */
+int32_t loadFiles(const char *function, SSL_CTX *ctx, ConfCertPathInfo *info) {
+    const LentPassPhrase lent(ctx, info->keyPassword);
+    const int used = useCertificate(ctx, info->certPath);
+    if (used != 1) {
+        ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__, "server cert file error :%d",
+                      used);
+        return -1;
+    }
+    const NativePath keyPath(info->keyPath);
+    if (SSL_CTX_use_PrivateKey_file(ctx, openable(keyPath), SSL_FILETYPE_PEM) != 1) {
+        ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
+                      "[TLS]SSL_ctxUsePrivateKeyFile err, %s", info->keyPath);
+        return -1;
+    }
+    if (SSL_CTX_check_private_key(ctx) != 1) {
+        ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
+                      "[TLS]SSL_ctxCheckPrivateKey err, %s", info->keyPath);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t ConfLoadServerCertificateByKey(SSL_CTX *ctx, uint32_t type) {
+    CertPaths paths;
+    ConfCertPathInfo &info = paths.info;
+    const int32_t result = paths.query(OM_CERT_PATH_SERVER, certIdOf(type));
+    if (result != 0) {
+        CONF_LOG(CONF_LOG_ERROR, "TamoOmCertGetCertPath, ret=%u.", static_cast<unsigned>(result));
+        return -1;
+    }
+    if (info.certPath[0] == '\0' || info.keyPath[0] == '\0') {
+        CONF_LOG(CONF_LOG_ERROR, "server cert is null");
+        return -1;
+    }
+    /* A path that fills its field must not run on into the pass phrase: it is nothing that opens. */
+    info.certPath[sizeof(info.certPath) - 1] = '\0';
+    info.keyPath[sizeof(info.keyPath) - 1] = '\0';
+    return loadFiles(__func__, ctx, &info);
+}
+
+}  // namespace
+
+int32_t ConfLoadServerCert(SSL_CTX *ctx, uint32_t type) {
+    uint8_t flag = 0;
+    if (!ConfCertIsSupportKeyless(type, &flag)) {
+        CONF_LOG(CONF_LOG_ERROR, "server cert check error");
+        return -1;
+    }
+    CONF_LOG(CONF_LOG_INFO, "type=%u flag=%u", type, unsigned{flag});
+    return flag != 0 ? ConfLoadServerCertificateKeyLess(ctx, type)
+                     : ConfLoadServerCertificateByKey(ctx, type);
+}

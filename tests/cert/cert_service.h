@@ -1,0 +1,104 @@
+/* A certificate service of the test's own, in place of the platform's client. */
+#pragma once
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <cstring>
+#include <string>
+
+#include "common/native_path.h"
+#include "include/conf_cert.h"
+#include "tests/cert/cert_files.h"
+#include "tests/support/forwarding_platform.h"
+
+using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+
+class CertService : public platform::PlatformTest {
+  protected:
+    const std::string ca = "/data/ca", crl = "/data/crl", storage = "/data/storage";
+
+    void SetUp() override {
+        PlatformTest::SetUp();
+        ERR_clear_error();
+        for (const std::string &folder : {ca, crl, storage}) {
+            certs::remove(folder);
+            certs::write(folder + "/x", "");
+            certs::remove(folder + "/x");
+        }
+        platform::override(TamoOmCertClientInit, [](void *) { return 0; });
+        platform::override(TamoOmCertNotifyCallback, [this](ConfOmCertHandler registered) {
+            handler = registered;
+            return 0;
+        });
+        platform::override(TamoOmCustUtilGetStoragePath, [this] { return storagePath.c_str(); });
+        platform::override(SSL_CTX_load_cacertificate_file,
+                           [](SSL_CTX *ctx, const char *path, uint32_t) {
+                               return SSL_CTX_load_verify_file(ctx, NativePath(path).get());
+                           });
+        answerQueries();
+        answerContents();
+    }
+
+    void answerQueries() {
+        platform::override(TamoOmCertGetCertPath, [this](uint32_t kind, uint32_t two,
+                                                         uint32_t certId, ConfCertPathInfo *info) {
+            const ConfCertPathInfo none = {};
+            EXPECT_TRUE(two == 2 && memcmp(info, &none, sizeof(none)) == 0);
+            askedFor = certId;
+            *info = files;
+            if (kind != OM_CERT_PATH_SERVER) {
+                strcpy(info->certPath, (kind == OM_CERT_PATH_CA ? ca : crl).c_str());
+            }
+            return 0;
+        });
+        platform::override(TamoOmCertGetCapability, [this](uint8_t *capabilities) {
+            memcpy(capabilities, keyless, sizeof(keyless));
+            return 0;
+        });
+    }
+
+    void answerContents() {
+        platform::override(TamoOmCertGetExpectedSrvCertSize, [this](uint32_t, ConfCertSizes *out) {
+            *out = sizes;
+            return 0;
+        });
+        platform::override(TamoOmCertGetServiceCert, [this](uint32_t certId, ConfCertContent *to) {
+            EXPECT_EQ(to->extraData != nullptr, certId == 259 || certId == 260);
+            memset(to->certData, 'c', 1048577);
+            if (to->extraData != nullptr) {
+                memset(to->extraData, 'e', to->extraLen + 1);
+            }
+            fetched.push_back(certId);
+            return 0;
+        });
+        platform::override(TamoOmCertGetCertId,
+                           [this](const ConfCertIdBuffer *contents, ConfCertIdBuffer *identifier) {
+                               EXPECT_TRUE(contents->data[0] == 'c' && identifier->length == 256);
+                               memcpy(identifier->data, keyId.data(), 256);
+                               identifier->length = keyIdLength;
+                               return 0;
+                           });
+    }
+
+    /* The unit's records since the last call, one a line: level and text. */
+    static std::string log() {
+        std::string lines;
+        for (const platform::Record &record : platform::records()) {
+            if (record.unit == "conf_cert") {
+                lines += std::to_string(record.level) + record.text + '\n';
+            }
+        }
+        platform::clearRecords();
+        return lines;
+    }
+
+    ConfOmCertHandler handler = nullptr;
+    std::string storagePath = storage;
+    ConfCertPathInfo files = {"/data/server/cert.pem", "/data/server/key.pem", ""};
+    uint8_t keyless[10] = {};
+    ConfCertSizes sizes = {1048576, 77, 0};
+    std::string keyId = std::string(256, 'k');
+    uint32_t keyIdLength = 256;
+    uint32_t askedFor = 0;
+    std::vector<uint32_t> fetched;
+};

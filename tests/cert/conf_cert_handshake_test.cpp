@@ -1,0 +1,171 @@
+/* What equipped contexts do in real handshakes, and the walks that equip them. */
+#include <algorithm>
+
+#include "tests/cert/cert_service.h"
+
+namespace {
+
+using std::string;
+
+using Endpoint = std::unique_ptr<SSL, decltype(&SSL_free)>;
+constexpr long kMissingIssuer = X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY;
+constexpr long kSelfSigned = X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT;
+
+/* Whether both ends finished, and the client's view of its peer. */
+struct Outcome {
+    bool done;
+    long verified;
+    bool operator==(const Outcome &) const = default;
+};
+
+Outcome shakeHands(SSL_CTX *serverContext, SSL_CTX *clientContext, int version) {
+    const Endpoint server(SSL_new(serverContext), SSL_free);
+    const Endpoint client(SSL_new(clientContext), SSL_free);
+    SSL_set_min_proto_version(client.get(), version);
+    SSL_set_max_proto_version(client.get(), version);
+    SSL_set_verify(client.get(), SSL_VERIFY_PEER, nullptr);
+    BIO *ends[2] = {};
+    BIO_new_bio_pair(&ends[0], 1 << 16, &ends[1], 1 << 16);
+    SSL_set_bio(server.get(), ends[0], ends[0]);
+    SSL_set_bio(client.get(), ends[1], ends[1]);
+    SSL_set_accept_state(server.get());
+    SSL_set_connect_state(client.get());
+    bool done = false;
+    for (int round = 0; round < 10 && !done; round++) {
+        const int asked = SSL_do_handshake(client.get());
+        done = SSL_do_handshake(server.get()) == 1 && asked == 1;
+    }
+    ERR_clear_error();
+    return {done, SSL_get_verify_result(client.get())};
+}
+
+class CertHandshake : public CertService {
+  protected:
+    Context serverWith(const certs::Party &leaf, const string &restOfChain = "") {
+        certs::write(files.certPath, certs::pem(leaf) + restOfChain);
+        certs::write(files.keyPath, certs::keyPem(leaf));
+        Context context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+        EXPECT_EQ(ConfLoadServerCert(context.get(), 1), 0);
+        return context;
+    }
+
+    Context client{SSL_CTX_new(TLS_client_method()), SSL_CTX_free};
+    ConfCaCertEntry table[CONF_CERT_MAX_CA_FILES] = {};
+    uint32_t count = 77;
+};
+
+TEST_F(CertHandshake, PeersAreJudgedByTrustAndLists) {
+    for (const char *kind : {"RSA", "EC", "ED25519"}) {
+        const certs::Party root = certs::makeParty("Root", kind);
+        const certs::Party issuer = certs::makeParty("Issuer", kind, &root, 2);
+        const certs::Party peer = certs::makeParty("Peer", kind, &issuer, 3);
+        const certs::Party loner = certs::makeParty("Loner", kind);
+        const string rootList = certs::crlPem(root), none;
+        const struct {
+            const char *what;
+            const certs::Party &peer, &trusted;
+            string lists[2];
+            Outcome expected;
+        } cases[] = {
+            {"good", peer, root, {rootList, certs::crlPem(issuer, {4})}, {true, X509_V_OK}},
+            {"no lists", peer, root, {none, none}, {true, X509_V_OK}},
+            {"missing list", peer, root, {rootList, none}, {true, X509_V_OK}},
+            {"unknown CA", peer, loner, {rootList, none}, {false, kMissingIssuer}},
+            {"revoked", peer, root, {rootList, certs::crlPem(issuer, {3})}, {false, 23}},
+            {"revoked CA", peer, root, {certs::crlPem(root, {2}), none}, {false, 23}},
+            {"old list", peer, root, {certs::crlPem(issuer, {}, -1), rootList}, {false, 12}},
+            {"self-signed", loner, root, {certs::crlPem(loner), rootList}, {true, kSelfSigned}},
+            {"self-signed, list forgiven", loner, root, {rootList, none}, {true, X509_V_OK}},
+            {"self-signed, no lists", loner, root, {none, none}, {false, kSelfSigned}}};
+        for (const auto &[what, shown, trusted, lists, expected] : cases) {
+            SetUp();
+            client.reset(SSL_CTX_new(TLS_client_method()));
+            certs::write(ca + "/root.pem", certs::pem(trusted));
+            for (int i = 0; i < 2 && !lists[i].empty(); i++) {
+                certs::write(crl + "/crl" + std::to_string(i) + ".pem", lists[i]);
+            }
+            EXPECT_EQ(ConfCertGetCaCertList(table, &count), 0);
+            EXPECT_EQ(ConfCertLoadAllCaCert(client.get(), table, count), 0);
+            EXPECT_EQ(ConfAddCancelCrlToSslctx(client.get()), 0);
+            const Context server = serverWith(shown, certs::pem(issuer));
+            for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+                EXPECT_EQ(shakeHands(server.get(), client.get(), version), expected)
+                    << kind << ' ' << what;
+            }
+        }
+    }
+}
+
+TEST_F(CertHandshake, AddressDirectoryIsAHashedDirectory) {
+    const certs::Party root = certs::makeParty("Root", "EC");
+    certs::write(ca + "/root.pem", certs::pem(root));
+    certs::write(crl + "/root_crl.pem", certs::crlPem(root, {3}));
+    ConfCertInit(nullptr);
+    char directory[512];
+    ConfCertGetAddrCaPath(directory);
+    SSL_CTX_load_verify_dir(client.get(), NativePath(directory).get());
+    X509_STORE_set_flags(SSL_CTX_get_cert_store(client.get()), X509_V_FLAG_CRL_CHECK);
+    const Context good = serverWith(certs::makeParty("Good", "EC", &root, 2));
+    const Context revoked = serverWith(certs::makeParty("Revoked", "EC", &root, 3));
+    EXPECT_EQ(shakeHands(good.get(), client.get(), TLS1_3_VERSION), (Outcome{true, X509_V_OK}));
+    EXPECT_EQ(shakeHands(revoked.get(), client.get(), TLS1_3_VERSION),
+              (Outcome{false, X509_V_ERR_CERT_REVOKED}));
+}
+
+TEST_F(CertHandshake, CaListTakesThirtyFilesByTheEndOfTheirNames) {
+    const string head = "1[ConfCertGetCaCertList]", unloaded = "1[ConfCertLoadOneCaCert]";
+    for (const char *name : {"/A.PEM", "/capem", "/x.pe", "/pem", "/x.crt"}) {
+        certs::write(ca + name, "");
+    }
+    EXPECT_EQ(ConfCertGetCaCertList(table, &count), 0);
+    ASSERT_EQ(count, 2U);
+    EXPECT_EQ(std::min<string>(table[0].path, table[1].path), "/data/ca\\A.PEM");
+    EXPECT_EQ(table[1].fileType, 1U);
+    EXPECT_EQ(ConfCertLoadAllCaCert(client.get(), table, count), 0);
+    EXPECT_EQ(ConfCertLoadAllCaCert(client.get(), nullptr, 1), -1);
+    EXPECT_EQ(log(), "3[ConfCertGetCaCertList]CA file number:2\n" + unloaded +
+                         "load ca file fail!\n" + unloaded +
+                         "load ca file fail!\n1[ConfCertLoadAllCaCert]invalid params!\n");
+    for (int i = 0; i < 40; i++) {
+        certs::write(ca + "/" + std::to_string(i) + ".pem", "");
+    }
+    EXPECT_EQ(ConfCertGetCaCertList(table, &count), 0);
+    EXPECT_EQ(count, 30U);
+    log();
+    certs::remove(ca);
+    EXPECT_EQ(ConfCertGetCaCertList(nullptr, &count), -1);
+    EXPECT_EQ(ConfCertGetCaCertList(table, &count), -1);
+    platform::failCall("TamoOmCertGetCertPath", 1);
+    EXPECT_EQ(ConfCertGetCaCertList(table, &count), -1);
+    EXPECT_EQ(count, 30U);
+    EXPECT_EQ(log(), head + "invalid params!\n" + head +
+                         "OsOpenDir error, [/data/ca]is not exist!\n"
+                         "1[ConfCertGetCaPath]TamoOmCertGetCertPath error, 1\n" +
+                         head + "ConfCertGetCaPath error.\n");
+}
+
+TEST_F(CertHandshake, OnlyFilesNamedLikeListsAreTried) {
+    const string head = "1[ConfAddCancelCrlToSslctx]";
+    for (const char *name : {"/c.CRL.PEM", "/ca.pem", "/crl.txt", "/Crl.Pem"}) {
+        certs::write(crl + name, "no list");
+    }
+    EXPECT_EQ(ConfAddCancelCrlToSslctx(client.get()), 0);
+    EXPECT_EQ(ERR_peek_error(), 0U);
+    EXPECT_EQ(log(), head + "crlPath /data/crl\n" + head +
+                         "crl acFileName /data/crl\\c.CRL.PEM\n"
+                         "1[AddCancelCrlToSslctxByFile]d2i_X509 failed\n" +
+                         head + "add file cert failed\n");
+    EXPECT_EQ(ConfAddCancelCrlToSslctx(nullptr), 1);
+    platform::failCall("OsOpenDir", 1);
+    EXPECT_EQ(ConfAddCancelCrlToSslctx(client.get()), 1);
+    platform::failCall("TamoOmCertGetCertPath", 1); /* a walk of the nameless directory */
+    EXPECT_EQ(ConfAddCancelCrlToSslctx(client.get()), 0);
+    platform::failCall("strcat_s", 1);
+    EXPECT_EQ(ConfAddCancelCrlToSslctx(client.get()), 0);
+    EXPECT_EQ(log(), head + "para err\n" + head + "crlPath /data/crl\n" + head +
+                         "OpenDir error\n1[ConfCertGetCrlPath]TamoOmCertGetCertPath error, 1\n" +
+                         head + "crlPath \n" + head + "crlPath /data/crl\n" + head +
+                         "strcat_s failed\n");
+}
+
+}  // namespace
