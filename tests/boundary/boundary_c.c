@@ -1,5 +1,6 @@
 /* The exported boundary as a plain C program uses it: each function once. A second thread serves the
  * queue that the first one sends to. */
+#include <conf_cert.h>
 #include <conf_config.h>
 #include <conf_config_value.h>
 #include <conf_digest.h>
@@ -293,6 +294,25 @@ static void checkXml(void) {
     ConfXmlFreeRootNode(root);
 }
 
+static void checkCertificates(void) {
+    char path[CONF_CERT_PATH_SIZE];
+    ConfCaCertEntry table[CONF_CERT_MAX_CA_FILES];
+    ConfGmSrvCertInfo info;
+    uint32_t count = 0;
+    ConfCertInit(NULL);
+    ConfCertNotifyCallback(NULL);
+    ConfCertUpdateNotifyCallback(NULL);
+    CHECK(ConfCertGetCaPath(path, sizeof(path)) == 0 && ConfCertGetCrlPath(path, 1) == 1);
+    ConfCertGetAddrCaPath(path);
+    CHECK(path[0] == '/');
+    CHECK(ConfCertGetSrvCertFilePath(9, path, sizeof(path)) == -1);
+    CHECK(ConfLoadServerCert(NULL, 9) == -1 && ConfCertGetGmSrvCertInfo(9, &info) == -1);
+    CHECK(ConfCertGetCaCertList(NULL, &count) == -1);
+    CHECK(ConfCertLoadAllCaCert(NULL, table, 0) == 0);
+    ConfCertLoadOneCaCert(NULL, "/data/none.pem", 1);
+    CHECK(ConfAddCancelCrlToSslctx(NULL) == 1);
+}
+
 static void end(void) {
     CHECK(ConfConfigDeInit() == 0);
     CHECK(ConfConfigUnInit() == 0);
@@ -314,6 +334,7 @@ int boundaryFromC(void) {
     checkMessages();
     checkTimers();
     checkXml();
+    checkCertificates();
     end();
     return failedLine;
 }

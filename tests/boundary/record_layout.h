@@ -3,12 +3,14 @@
  * terminal's; with 64-bit ones a pointer widens in place, or into unused words beside it. */
 #pragma once
 #include <assert.h>
+#include <conf_cert.h>
 #include <conf_config.h>
 #include <conf_config_value.h>
 #include <conf_msg_api.h>
 #include <conf_timer.h>
 #include <ip_helper.h>
 #include <stddef.h>
+#include <tamo_om_cert_client.h>
 #include <tamo_om_config_client.h>
 #include <tamo_om_log_client.h>
 #include <tamo_os_lock.h>
@@ -107,3 +109,15 @@ SIZE(OsTmrCreateParam, 68, 72);
 AT(OsTimeEx, day, 16, 16);
 AT(OsTimeEx, year, 24, 24);
 SIZE(OsTimeEx, 36, 36);
+
+AT(ConfGmSrvCertInfo, keyPath, 512, 512);
+AT(ConfGmSrvCertInfo, keyPassword, 1024, 1024);
+SIZE(ConfGmSrvCertInfo, 1152, 1152);
+AT(ConfCaCertEntry, fileType, 512, 512);
+SIZE(ConfCaCertEntry, 516, 516);
+AT(ConfCertPathInfo, keyPassword, 1024, 1024);
+SIZE(ConfCertPathInfo, 1088, 1088);
+SIZE(ConfCertSizes, 12, 12);
+AT(ConfCertContent, extraData, 8, 16);
+AT(ConfCertContent, spare, 16, 28);
+AT(ConfCertIdBuffer, length, 4, 8);
