@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -99,6 +100,6 @@ class CertService : public platform::PlatformTest {
     ConfCertSizes sizes = {1048576, 77, 0};
     std::string keyId = std::string(256, 'k');
     uint32_t keyIdLength = 256;
-    uint32_t askedFor = 0;
+    std::atomic<uint32_t> askedFor = 0;
     std::vector<uint32_t> fetched;
 };
