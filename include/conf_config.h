@@ -177,6 +177,8 @@ int32_t SetSipPreventAttack(uint8_t flag);
  * 0, 1 for a null buffer, an error of the copy when the text is too long, or device management's
  * result. */
 int32_t ConfConfigGetLocalIpv4(uint32_t selector, char *buffer);
+
+/* ConfConfigGetLocalIpv4 for the IPv6 address. */
 int32_t ConfConfigGetLocalIpv6(uint32_t selector, char *buffer);
 
 /* Stores the device's own address as text, IPv4 for `family` 0, IPv6 for 1. Returns 0, 1 for a null

@@ -130,13 +130,17 @@ const char *ConfXmlGetNodeStrAttr(ConfXmlNode *node, const char *name);
 
 /* The value of an attribute as a number; 0 when it is absent or no number. */
 int32_t ConfXmlGetNodeIntAttr(ConfXmlNode *node, const char *name);
+
+/* The same without a sign. */
 uint32_t ConfXmlGetNodeUintAttr(ConfXmlNode *node, const char *name);
 
 /* ---- building and changing ---- */
 
-/* Makes a new element, the first or the last child of `parent`, and returns it. Null, with a
- * record, for a null argument; null without memory. */
+/* Makes a new element, the first child of `parent`, and returns it. Null, with a record, for a null
+ * argument; null without memory. */
 ConfXmlNode *ConfXmlCreateFirstChildNode(ConfXmlNode *parent, const char *name);
+
+/* ConfXmlCreateFirstChildNode for a last child. */
 ConfXmlNode *ConfXmlCreateLastChildNode(ConfXmlNode *parent, const char *name);
 
 /* Sets an attribute from the value that `value` points to; one that exists keeps its place.

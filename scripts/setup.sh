@@ -9,6 +9,8 @@ set -euo pipefail
 packages=(
     g++ make cmake ninja-build pkg-config ca-certificates
     libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libtinyxml2-dev libmnl-dev iproute2
+    doxygen # the reference of the headers
+    dpkg-dev file # Debian packages
     libevent-dev # the benchmark of the timers compares with it
 )
 clang_packages=(clang lld clang-format libclang-rt-14-dev)
