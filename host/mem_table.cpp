@@ -138,7 +138,7 @@ bool isLeftover(int directory, const char *name) {
     if (pid == 0 || kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) {
         return false;
     }
-    const int file = openat(directory, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    const int file = openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (file < 0) {
         return false;
     }

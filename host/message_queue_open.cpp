@@ -208,7 +208,11 @@ void forgetAhead(TamoHostQueue *queue) {
         giveMessageBack(ahead.messages[ahead.next]);
         ahead.files[ahead.next] = Descriptor();
     }
-    queue->aheadSign.shut();
+    if (queue->aheadSign.isOpen()) {
+        /* Closing alone leaves it polled while a child between fork and exec has it, too. */
+        (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, queue->aheadSign.get(), nullptr);
+        queue->aheadSign.shut();
+    }
 }
 
 bool signAhead(TamoHostQueue *queue) {

@@ -57,8 +57,8 @@ bool isStatus(const QueueStatus &status) {
 
 /* Is the queue's lock held? Asking takes no lock, so it is in nobody's way. */
 bool hasOwner(int directory, const char *queue) {
-    const Descriptor file(
-        openat(directory, queueFileName(queue, ".lock").text, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    const Descriptor file(openat(directory, queueFileName(queue, ".lock").text,
+                                 O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct flock question = {};
     question.l_type = F_WRLCK;
     return file.isOpen() && fcntl(file.get(), F_OFD_GETLK, &question) == 0 &&
@@ -67,7 +67,7 @@ bool hasOwner(int directory, const char *queue) {
 
 bool describeQueue(int directory, const char *queue, TamoHostQueueInfo *info) {
     const Descriptor file(openat(directory, queueFileName(queue, kStatusSuffix).text,
-                                 O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+                                 O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     alignas(QueueStatus) char bytes[sizeof(QueueStatus)];
     if (!file.isOpen() || pread(file.get(), bytes, sizeof(bytes), 0) != sizeof(bytes)) {
         return false;

@@ -13,7 +13,7 @@
 
 #include <algorithm>
 #include <memory>
-#include <vector>
+#include <new>
 
 #include "host_record.h"
 
@@ -38,15 +38,21 @@ struct Address {
     const sockaddr *address;
 };
 
-/* All addresses of networks, those of one network together. */
-std::vector<Address> networkAddresses(const ifaddrs *list) {
-    std::vector<Address> addresses;
+/* All addresses of networks, those of one network together; null without memory. */
+std::unique_ptr<Address[]> networkAddresses(const ifaddrs *list, size_t *count) {
+    size_t room = 0;
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
+        room++;
+    }
+    std::unique_ptr<Address[]> addresses(new (std::nothrow) Address[room]);
+    *count = 0;
+    for (const ifaddrs *entry = list; entry != nullptr && addresses != nullptr;
+         entry = entry->ifa_next) {
         if (isNetworks(entry)) {
-            addresses.push_back({if_nametoindex(entry->ifa_name), entry->ifa_addr});
+            addresses[(*count)++] = {if_nametoindex(entry->ifa_name), entry->ifa_addr};
         }
     }
-    std::stable_sort(addresses.begin(), addresses.end(),
+    std::stable_sort(addresses.get(), addresses.get() + *count,
                      [](const Address &a, const Address &b) { return a.network < b.network; });
     return addresses;
 }
@@ -69,7 +75,10 @@ const sockaddr *findAddress(const ifaddrs *list, uint32_t selector, int family) 
     const sockaddr *found = nullptr;
     uint64_t networks = 0;
     unsigned network = 0;
-    for (const Address &each : networkAddresses(list)) {
+    size_t count = 0;
+    const std::unique_ptr<Address[]> addresses = networkAddresses(list, &count);
+    for (size_t i = 0; i < count; i++) {
+        const Address &each = addresses[i];
         networks += each.network != network ? 1 : 0;
         network = each.network;
         if (networks != uint64_t{selector} + 1 || each.address->sa_family != family) {

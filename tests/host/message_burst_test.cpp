@@ -4,7 +4,9 @@
 
 #include <thread>
 
+#include "host/message_descriptor.h"
 #include "tests/host/message_parties.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -33,6 +35,16 @@ void expectMessage(OsMsgHeader *message, uint32_t n) {
 bool pollsReadable(Queue *queue, int timeoutMs) {
     pollfd entry = {TamoHostMsgDescriptor(queue->get()), POLLIN, 0};
     return poll(&entry, 1, timeoutMs) == 1;
+}
+
+std::vector<tamo::Descriptor> copiesOf(const std::string &kind) {
+    std::vector<tamo::Descriptor> copies;
+    for (const auto &[number, target] : support::openDescriptors()) {
+        if (target.find(kind) != std::string::npos) {
+            copies.emplace_back(dup(number));
+        }
+    }
+    return copies;
 }
 
 TEST(MessageBurst, ArrivesInOrderAlsoFromASenderThatHasEnded) {
@@ -65,16 +77,21 @@ TEST(MessageBurst, LeavesASynchronousMessageItsAnswer) {
 
 TEST(MessageBurst, IsSeenByAProgramThatBeginsToPollInItsMiddle) {
     Queue queue("burst");
+    std::vector<tamo::Descriptor> held;
     sendBurst("burst", 30);
     for (uint32_t n = 0; n < 3; ++n) {
         expectMessage(queue.next(), n);
     }
     for (uint32_t n = 3; n < 30; ++n) {
         ASSERT_TRUE(pollsReadable(&queue, static_cast<int>(patienceMs()))) << n;
+        if (n == 3) {
+            held = copiesOf("[eventfd]"); /* as a child has them between fork and exec */
+        }
         expectMessage(queue.next(), n);
     }
-    EXPECT_TRUE(queue.isEmpty());
+    EXPECT_EQ(held.size(), 1u);
     EXPECT_FALSE(pollsReadable(&queue, 0));
+    EXPECT_TRUE(queue.isEmpty());
 }
 
 TEST(MessageBurst, EndsWithItsQueue) {

@@ -2,6 +2,7 @@
 #include "platform/tamo_os_mem.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -211,9 +212,11 @@ TEST(Account, IsReadByAnotherProcessWhileItsProcessLives) {
         }
         EXPECT_EQ(fs::exists(tableOf(pid)), isKilled);
         EXPECT_EQ(TamoHostMemReport(id, stopAtOnce, nullptr), uint32_t{TAMO_HOST_NO_RECEIVER});
+        ASSERT_EQ(mkfifo(tableOf(INT32_MAX).c_str(), 0600), 0);
         support::ChildProcess next("holder");
-        ASSERT_EQ(next.hear(), "ready");
+        ASSERT_EQ(next.hear(), "ready") << "nobody writes to that pipe";
         EXPECT_FALSE(fs::exists(tableOf(pid))) << "the next process cleans up";
+        EXPECT_FALSE(fs::exists(tableOf(INT32_MAX)));
     }
 }
 

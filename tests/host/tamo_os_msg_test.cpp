@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,6 +16,7 @@
 #include "platform/tamo_os_mem.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/scratch_root.h"
 
 using namespace parties;
 
@@ -276,6 +279,10 @@ TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
     queue.close();
     EXPECT_EQ(TamoHostMsgOpen("a.b_c-D9", &second), TAMO_HOST_OK);
     TamoHostMsgClose(second);
+    const std::string pipe = support::scratchRoot() + "/run/pipe.queue";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_EQ(queueInfo("pipe").name[0], '\0') << "nobody writes to that pipe";
+    EXPECT_EQ(unlink(pipe.c_str()), 0);
 }
 
 TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
