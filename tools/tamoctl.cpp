@@ -11,15 +11,15 @@ using namespace tamoctl;
 
 namespace {
 
-const Command *const kCommands[] = {&kGetCommand, &kSetCommand, &kListCommand,
-                                    &kLogCommand, &kMemCommand, &kQueuesCommand};
+const Command *const kCommands[] = {&kGetCommand, &kSetCommand,    &kListCommand, &kLogCommand,
+                                    &kMemCommand, &kQueuesCommand, &kCertCommand};
 
 void printHelp() {
     fputs(
         "Usage: tamoctl [--root DIR] COMMAND [ARGUMENT...]\n"
         "\n"
         "Shows and changes what the host platform of the conference library keeps: configuration\n"
-        "values, the log, message queues and the memory blocks of running processes.\n"
+        "values, the log, message queues, the memory blocks of running processes, certificates.\n"
         "\n"
         "Commands:\n",
         stdout);

@@ -21,7 +21,7 @@ struct Command {
 };
 
 extern const Command kGetCommand, kSetCommand, kListCommand, kMemCommand, kLogCommand,
-    kQueuesCommand;
+    kQueuesCommand, kCertCommand;
 
 /* Codes of options that have no letter. */
 enum LongOption : int {
