@@ -88,6 +88,25 @@ struct ThreadEnd {
 };
 thread_local ThreadEnd threadEnd;
 
+/* Receivers come and go, and their names with them. Closes this thread's connections to those that are
+ * gone, after as many openings as there are connections. */
+void closeGone() {
+    thread_local uint32_t countdown = kMaxIdle;
+    if (--countdown > 0) {
+        return;
+    }
+    countdown = kMaxIdle;
+    for (Connection *own = ownHead, *next = nullptr; own != nullptr; own = next) {
+        next = own->next;
+        pollfd entry = {own->socket.get(), 0, 0};
+        if (!own->socket.isOpen() || poll(&entry, 1, 0) > 0) {
+            dropConnection(own);
+        } else {
+            ++countdown;
+        }
+    }
+}
+
 /* Sets a socket's time-out, unless it is the one that it has. */
 void setTimeout(int socket, int option, uint32_t milliseconds, uint32_t *current) {
     if (*current == milliseconds) {
@@ -319,6 +338,7 @@ Connection *newConnection(const char (&queue)[kQueueNameSize], Deadline *deadlin
         }
     }
     threadEnd.arm();
+    closeGone();
     connection->next = ownHead;
     ownHead = connection;
     return connection;

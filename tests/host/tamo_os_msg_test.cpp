@@ -16,6 +16,7 @@
 #include "platform/tamo_os_mem.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/scratch_root.h"
 
 using namespace parties;
@@ -283,6 +284,16 @@ TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     EXPECT_EQ(queueInfo("pipe").name[0], '\0') << "nobody writes to that pipe";
     EXPECT_EQ(unlink(pipe.c_str()), 0);
+}
+
+TEST_F(Messages, ASenderKeepsNothingOfReceiversThatAreGone) {
+    const size_t before = support::openDescriptors().size();
+    for (int n = 0; n < 100; ++n) {
+        const std::string name = "passing." + std::to_string(n);
+        Queue queue(name);
+        ASSERT_EQ(sendAsync(name, bodyOf(doNothing, 0, {})), TAMO_HOST_OK);
+    }
+    EXPECT_LT(support::openDescriptors().size(), before + 30);
 }
 
 TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
