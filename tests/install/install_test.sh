@@ -29,6 +29,9 @@ grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of inst
 [ -f "$prefix/share/bash-completion/completions/tamoctl" ] || fail "no completion for tamoctl"
 "$prefix/bin/tamoctl" --help >/dev/null || fail "the installed tamoctl does not run"
 
+"$prefix/bin/tamoctl" cert list >/dev/null || fail "tamoctl cert does not run"
+[ -f "$TAMO_DEVICE_ROOT/system/lib64/libopenssl_engine.so" ] || fail "the engine is not found"
+
 cmake -S "$source/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
