@@ -1,6 +1,8 @@
 /* The assertions of record_layout.h in C++, and those of the library's own records. */
 #include "tests/boundary/record_layout.h"
 
+#include <conf_json.h>
+
 #include "config/config_index.h"
 #include "msg/message_format.h"
 
@@ -16,3 +18,7 @@ AT(ConfConfigIndexEntry, size, 136, 144);
 AT(ConfConfigIndexEntry, localOnly, 140, 148);
 AT(ConfConfigIndexEntry, callback, 144, 152);
 SIZE(ConfConfigIndexEntry, 148, 160);
+
+AT(ConfJsonItem, key, 4, 8);
+AT(ConfJsonItem, value, 8, 16);
+SIZE(ConfJsonItem, 16, 24);

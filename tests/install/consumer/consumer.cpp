@@ -1,4 +1,6 @@
-/* A small user of the installed library in C++: takes a block and gives it back. */
+/* A small user of the installed library in C++: takes a block and gives it back, and reads JSON. */
+#include <cjson/cJSON.h>
+#include <conf_json.h>
 #include <conf_msg_api.h>
 #include <tamo_host.h>
 #include <tamo_os_mem.h>
@@ -16,6 +18,11 @@ int main() {
     }
     OSMemTypeFreeMon(block, 0, 0, __LINE__, "consumer");
     TamoHostMsgClose(queue);
+    cJSON *root = ConfJsonParse("{\"site\": \"Berlin\"}");
+    if (ConfJsonGetString(root, "site", "") != "Berlin") {
+        return 3;
+    }
+    cJSON_Delete(root);
     std::puts("consumer: ok");
     return 0;
 }
