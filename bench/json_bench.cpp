@@ -67,8 +67,8 @@ uint64_t bareObject() {
     return cJSON_IsObject(item) ? reinterpret_cast<uintptr_t>(item) : 0;
 }
 
-template <typename Bare, typename Getter>
-bool measure(const char *name, Bare bare, Getter getter) {
+template <auto bare, typename Getter>
+bool measure(const char *name, Getter getter) {
     return bench::compare(
         name,
         {{"cJSON's own calls", 0, [=] { keep(bare()); }}, {name, kLimit, [=] { keep(getter()); }}},
@@ -106,23 +106,24 @@ void measureArrays() {
 
 int main() {
     root = ConfJsonParse(kRequest);
-    bool held = measure("ConfJsonGetInt", bareInt,
-                        [] { return static_cast<uint64_t>(ConfJsonGetInt(root, "number", 7)); });
-    held = measure("ConfJsonGetUInt64", bareUInt64,
-                   [] { return uint64_t{ConfJsonGetUInt64(root, "number", 7)}; }) &&
+    bool held = measure<bareInt>(
+        "ConfJsonGetInt", [] { return static_cast<uint64_t>(ConfJsonGetInt(root, "number", 7)); });
+    held = measure<bareUInt64>("ConfJsonGetUInt64",
+                               [] { return uint64_t{ConfJsonGetUInt64(root, "number", 7)}; }) &&
            held;
-    held = measure("ConfJsonGetBool", bareBool,
-                   [] { return uint64_t{ConfJsonGetBool(root, "bool", true)}; }) &&
-           held;
-    held = measure("ConfJsonGetString", bareString,
-                   [] { return uint64_t{ConfJsonGetString(root, "text", "").size()}; }) &&
+    held = measure<bareBool>("ConfJsonGetBool",
+                             [] { return uint64_t{ConfJsonGetBool(root, "bool", true)}; }) &&
            held;
     held =
-        measure("ConfJsonGetObject", bareObject,
-                [] {
-                    return uint64_t{reinterpret_cast<uintptr_t>(ConfJsonGetObject(root, "object"))};
-                }) &&
+        measure<bareString>("ConfJsonGetString",
+                            [] { return uint64_t{ConfJsonGetString(root, "text", "").size()}; }) &&
         held;
+    held = measure<bareObject>(
+               "ConfJsonGetObject",
+               [] {
+                   return uint64_t{reinterpret_cast<uintptr_t>(ConfJsonGetObject(root, "object"))};
+               }) &&
+           held;
     measureArrays();
     cJSON_Delete(root);
     return held ? 0 : 1;
