@@ -21,7 +21,7 @@ for package in "$scratch"/*.deb; do
 done
 usr=$scratch/unpacked/usr
 export LD_LIBRARY_PATH=$usr/lib
-[ "$(dpkg-deb -f "$scratch"/libconference-common-dev_*.deb Depends | tr , '\n' | wc -l)" = 2 ] ||
+[ "$(dpkg-deb -f "$scratch"/libconference-common-dev_*.deb Depends | tr , '\n' | grep -c '(= ')" = 2 ] ||
     fail "the development package does not ask for the two libraries"
 dpkg-deb -f "$scratch"/libtamo-host*.deb Depends | grep -q libsqlite3 ||
     fail "the host package does not say what it needs"
