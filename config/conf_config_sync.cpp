@@ -45,9 +45,17 @@ bool ConfConfigSetValue(const ConfConfigListItem &item, const ConfConfigValue &v
     return result != -1;
 }
 
+/* Is the item a text that fills its variable without an end? */
+bool lacksEnd(const ConfConfigIndexEntry &entry) {
+    return entry.type == CONF_VALUE_STR && entry.value != nullptr &&
+           memchr(entry.value, '\0', entry.size) == nullptr;
+}
+
+/* Adds what a variable holds. A text without an end must not be read beyond the variable: it goes on
+ * as a record without a text, which is refused as one that cannot be rendered. */
 void addItem(const ConfConfigIndexEntry &entry, ConfConfigOmBatch *batch) {
-    ConfConfigValue value = {};
-    if (ConfConfigD2VByType(&value, entry.value, entry.size, entry.type) == 0) {
+    ConfConfigValue value = {CONF_VALUE_STR, {}};
+    if (lacksEnd(entry) || ConfConfigD2VByType(&value, entry.value, entry.size, entry.type) == 0) {
         ConfConfigAddOmCfg(entry.name, &value, batch);
     }
 }

@@ -93,8 +93,9 @@ void ConfConfigBind(const char *name, int32_t type, void *value, uint32_t size,
                     ConfConfigItemCallback callback);
 
 /* Fills each bound variable that is not local with the service's value of its key, in order of
- * name. A variable keeps its value when the service has none or it does not convert; a text buffer
- * of less than 2 bytes is left alone. No callback is called. Done once, after ConfConfigInit. */
+ * name. A variable keeps its value when the service has none; a text that does not fit its buffer
+ * leaves it empty, and a buffer of less than 2 bytes is left alone. No callback is called. Done once,
+ * after ConfConfigInit. */
 void ConfConfigInitOmCfg(void);
 
 /* Applies `count` key/value texts to the variables bound to their keys. `writeBack` other than 0
@@ -112,7 +113,8 @@ int32_t ConfConfigSetList(const ConfConfigListItem *list, int32_t count, uint8_t
 
 /* Stores the values of bound variables in the service, 50 in an operation. Each of the `count`
  * keys selects some, in any letter case: "" all that are not local, a text that ends with "." those
- * whose names begin with it, any other text the one of that name; null keys are passed over. 0, or
+ * whose names begin with it, any other text the one of that name; null keys are passed over. A text
+ * of more than 1023 characters, or without an end in its variable, is recorded and not stored. 0, or
  * -1: a null array, no keys, no index, no memory, nothing selected, or a refused last operation. */
 int32_t ConfConfigSyncToOM(const char *const *keys, int32_t count);
 
@@ -127,7 +129,8 @@ int32_t ConfConfigSyncOmCfg(ConfConfigOmBatch *batch);
 
 /* The handler of change reports: hands the changed values (message id 65536) to the callbacks of
  * the items bound to them, each callback once per 255 of its items, in the order of the report.
- * Bound variables are not written: what a callback gets can go to ConfConfigSetList as it is. ConfConfigInit registers it; it needs no other caller. */
+ * Bound variables are not written: what a callback gets can go to ConfConfigSetList as it is.
+ * ConfConfigInit registers it; it needs no other caller. */
 void ConfConfigClientCallBack(uint32_t msgId, uint32_t reserved1, uint32_t reserved2,
                               const ConfConfigChangeList *changes);
 

@@ -195,9 +195,12 @@ TEST_F(ConfigSync, KeysSelectWhatIsWrittenBack) {
     EXPECT_EQ(recordTexts().back(), "1[ConfConfigSyncToOM]ConfConfigSyncOmCfg fail\n");
     EXPECT_EQ(recordTexts()[0], "3[ConfConfigAddOmCfgByKey]key strlen: 7  key: CO***a.");
     bind("Conf.long", CONF_VALUE_STR, longText.data(), longText.size() + 1);
-    EXPECT_EQ(ConfConfigSyncByKeyToOM("Conf.long"), -1) << "more than a record holds";
-    EXPECT_EQ(countOf("3[ConfConfigAddOmCfg]ConfConfigAddOmCfg ConfConfigV2Str fail Conf.long"),
-              1u);
+    bind("Conf.endless", CONF_VALUE_STR, data, 3);
+    for (const string name : {"Conf.long", "Conf.endless"}) {
+        EXPECT_EQ(ConfConfigSyncByKeyToOM(name.c_str()), -1) << "no text that a record holds";
+        EXPECT_EQ(countOf("3[ConfConfigAddOmCfg]ConfConfigAddOmCfg ConfConfigV2Str fail " + name),
+                  1u);
+    }
     platform::failCall("OsMemMallocSetCharMon", 1);
     EXPECT_EQ(ConfConfigSyncByKeyToOM(""), -1);
     EXPECT_EQ(recordTexts().back(), "1[ConfConfigSyncToOM]Null ptr.");
