@@ -105,8 +105,10 @@ ConfXmlNode *ConfXmlGetNodeIterator(ConfXmlNode *node) {
         return nullptr;
     }
     ConfXmlNode *next = ConfXmlGetNodeFirstChild(node);
-    for (ConfXmlNode *at = node; next == nullptr && at != nullptr; at = ConfXmlGetNodeParenet(at)) {
+    /* One step up at a time, and only where nothing follows: the step from the root is recorded. */
+    for (ConfXmlNode *at = node; next == nullptr && at != nullptr;) {
         next = handleOf(elementOf(at)->NextSiblingElement());
+        at = next == nullptr ? ConfXmlGetNodeParenet(at) : nullptr;
     }
     return next;
 }

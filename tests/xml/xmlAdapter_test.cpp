@@ -1,10 +1,10 @@
 /* Documents walked, searched, changed, printed and saved. */
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <tuple>
 
 #include "include/conf_log_adapter.h"
 #include "include/xmlAdapter.h"
@@ -47,6 +47,13 @@ TEST_F(XmlAdapter, StepsMeetElementsOnlyAndInDocumentOrder) {
     EXPECT_EQ(ConfXmlGetNodeNextSibling(ConfXmlGetNodeNextSibling(a)), nullptr);
 }
 
+TEST_F(XmlAdapter, StepsGoOnBehindTheRootWhereAnElementFollows) {
+    ConfXmlNode *second = ConfXmlGetNodeIterator(parse("<r/><s/>"));
+    EXPECT_STREQ(ConfXmlGetNodeName(second), "s");
+    EXPECT_EQ(ConfXmlGetNodeIterator(second), nullptr);
+    EXPECT_TRUE(platform::records().empty()) << "no step was one up from the root";
+}
+
 TEST_F(XmlAdapter, PathsLeadWhereTheirNamesSay) {
     parse("<A><B n='1'><A n='2'/></B><B n='3'/><a/b n='4'/></A>");
     EXPECT_EQ(root_, nullptr) << "a slash is no part of a name in a text";
@@ -61,53 +68,39 @@ TEST_F(XmlAdapter, PathsLeadWhereTheirNamesSay) {
         ConfXmlNode *found = ConfXmlGetNodeByPath(root_, c.path);
         EXPECT_EQ(found == nullptr ? -1 : ConfXmlGetNodeIntAttr(found, "n"), c.found) << c.path;
     }
-    EXPECT_TRUE(platform::records().size() == 1u) << "a miss leaves no record";
+    EXPECT_EQ(platform::records().size(), 1u) << "a miss leaves no record";
 }
 
 TEST_F(XmlAdapter, ValuesAreReadWithTheWidthAndTheSignOfTheirType) {
     const uint64_t ones = UINT64_MAX;
     const double half = 0.5;
     const float quarter = 0.25F;
-    const struct {
-        int32_t type;
-        const void *value;
-        const char *text;
-        uint32_t result;          /* of ConfXmlSetNodeText */
-        uint32_t attributeResult; /* of ConfXmlAddAttr */
-    } cases[] = {{0, "<&>", "&lt;&amp;&gt;", 0, 0},
-                 {1, &ones, "-1", 0, 0},
-                 {2, &ones, "4294967295", 0, 0},
-                 {3, &ones, "-1", 0, 2},
-                 {4, &ones, "255", 0, 2},
-                 {5, &ones, "-1", 0, 0},
-                 {6, &ones, "65535", 0, 0},
-                 {7, &ones, "-1", 0, 2},
-                 {8, &ones, "4294967295", 0, 2},
-                 {9, &ones, "-1", 0, 0},
-                 {10, &ones, "18446744073709551615", 0, 0},
-                 {11, &ones, "true", 0, 0},
-                 {12, &half, "0.5", 0, 0},
-                 {13, &quarter, "0.25", 0, 0},
-                 {14, &ones, nullptr, 15, 15},
-                 {-1, &ones, nullptr, 2, 15},
-                 {0, nullptr, nullptr, 15, 15}};
-    for (const auto &c : cases) {
+    const void *const values[] = {&ones, "<&>", &half, &quarter};
+    const string texts[] = {
+        "&lt;&amp;&gt;", "-1", "4294967295",           "-1",   "255", "-1",  "65535", "-1",
+        "4294967295",    "-1", "18446744073709551615", "true", "0.5", "0.25"};
+    for (int32_t type = 0; type < 14; type++) {
+        const void *value = values[type == 0 ? 1 : type > 11 ? type - 10 : 0];
+        const bool forAttributes = type != 3 && type != 4 && type != 7 && type != 8;
+        const string &text = texts[type];
         root_ = ConfXmlCreateRootNode("r");
-        EXPECT_EQ(ConfXmlSetNodeText(root_, c.type, c.value), c.result) << c.type;
-        EXPECT_EQ(ConfXmlAddAttr(root_, "a", c.type, c.value), c.attributeResult) << c.type;
-        const string text = c.text == nullptr ? "" : c.text;
-        const string attribute = c.attributeResult == 0 ? " a=\"" + text + '"' : "";
-        EXPECT_EQ(print(), "<r" + attribute + (c.result == 0 ? ">" + text + "</r>" : "/>"));
+        EXPECT_EQ(ConfXmlSetNodeText(root_, type, value), 0u) << type;
+        EXPECT_EQ(ConfXmlAddAttr(root_, "a", type, value), forAttributes ? 0u : 2u) << type;
+        EXPECT_EQ(print(), (forAttributes ? "<r a=\"" + text + "\">" : "<r>") + text + "</r>");
         ConfXmlFreeRootNode(root_);
     }
-    root_ = nullptr;
+    root_ = ConfXmlCreateRootNode("r");
+    for (const auto &[type, value, result] :
+         {std::tuple(14, values[0], 15u), {-1, values[0], 2u}, {0, nullptr, 15u}}) {
+        EXPECT_EQ(ConfXmlSetNodeText(root_, type, value), result);
+        EXPECT_EQ(ConfXmlAddAttr(root_, "a", type, value), 15u);
+    }
+    EXPECT_EQ(print(), "<r/>");
     EXPECT_TRUE(platform::records().empty());
 }
 
 TEST_F(XmlAdapter, ChangesShowInThePrintAndInTheFile) {
     parse("<?xml version=\"1.0\"?><r a='1' b='2'><m>7</m></r>");
-    const string first = print();
-    EXPECT_EQ(first, "<?xml version=\"1.0\"?><r a=\"1\" b=\"2\"><m>7</m></r>");
     EXPECT_EQ(ConfXmlAddAttr(root_, "a", CONF_XML_TEXT, "x"), 0u);
     EXPECT_EQ(ConfXmlDeleteAttr(root_, "b"), 0u);
     EXPECT_EQ(ConfXmlDeleteAttr(root_, "b"), 0u);
@@ -140,36 +133,34 @@ TEST_F(XmlAdapter, MissingArgumentsAreRefusedWithTheRecordOfTheirFunction) {
         const char *record;
         bool refused;
     } cases[] = {
-        {1, "[ConfXmlParseFileGetRoot]pszXmlFile is nullptr", !ConfXmlParseFileGetRoot(nullptr)},
-        {1, "[ConfXmlParseFileGetRoot]fp is null", !ConfXmlParseFileGetRoot("/data/none.xml")},
-        {1, "[ConfXmlParseBodyGetRoot]Parse doc failed", !ConfXmlParseBodyGetRoot(nullptr)},
-        {1, "[ConfXmlGetNodeChildNum]parentNode is nullptr", !ConfXmlGetNodeChildNum(nullptr)},
-        {4, "[ConfXmlGetNodeFirstChild]parentNode is nullptr", !ConfXmlGetNodeFirstChild(nullptr)},
-        {4, "[ConfXmlGetNodeFirstChild]this parentNode has no child!",
-         !ConfXmlGetNodeFirstChild(root_)},
-        {1, "[ConfXmlGetNodeStrAttr]invalid param!", !ConfXmlGetNodeStrAttr(root_, nullptr)},
-        {1, "[ConfXmlGetNodeIntAttr]invalid param!", !ConfXmlGetNodeIntAttr(nullptr, "a")},
-        {1, "[ConfXmlGetNodeUintAttr]invalid param!", !ConfXmlGetNodeUintAttr(root_, nullptr)},
-        {1, "[ConfXmlGetNodeName]node is nullptr!", !ConfXmlGetNodeName(nullptr)},
-        {1, "[ConfXmlGetNodeText]node is nullptr!", !ConfXmlGetNodeText(nullptr)},
-        {1, "[ConfXmlGetNodeIntText]node is nullptr!", !ConfXmlGetNodeIntText(nullptr)},
-        {1, "[ConfXmlGetRootNode]node is nullptr!", !ConfXmlGetRootNode(nullptr)},
-        {4, "[ConfXmlGetNodeNextSibling]node is nullptr!", !ConfXmlGetNodeNextSibling(nullptr)},
-        {1, "[ConfXmlCreateFirstChildNode]parentNode is nullptr!",
+        {1, "ParseFileGetRoot]pszXmlFile is nullptr", !ConfXmlParseFileGetRoot(nullptr)},
+        {1, "ParseFileGetRoot]fp is null", !ConfXmlParseFileGetRoot("/data/none.xml")},
+        {1, "ParseBodyGetRoot]Parse doc failed", !ConfXmlParseBodyGetRoot(nullptr)},
+        {1, "GetNodeChildNum]parentNode is nullptr", !ConfXmlGetNodeChildNum(nullptr)},
+        {4, "GetNodeFirstChild]parentNode is nullptr", !ConfXmlGetNodeFirstChild(nullptr)},
+        {4, "GetNodeFirstChild]this parentNode has no child!", !ConfXmlGetNodeFirstChild(root_)},
+        {1, "GetNodeStrAttr]invalid param!", !ConfXmlGetNodeStrAttr(root_, nullptr)},
+        {1, "GetNodeIntAttr]invalid param!", !ConfXmlGetNodeIntAttr(nullptr, "a")},
+        {1, "GetNodeUintAttr]invalid param!", !ConfXmlGetNodeUintAttr(root_, nullptr)},
+        {1, "GetNodeName]node is nullptr!", !ConfXmlGetNodeName(nullptr)},
+        {1, "GetNodeText]node is nullptr!", !ConfXmlGetNodeText(nullptr)},
+        {1, "GetNodeIntText]node is nullptr!", !ConfXmlGetNodeIntText(nullptr)},
+        {1, "GetRootNode]node is nullptr!", !ConfXmlGetRootNode(nullptr)},
+        {4, "GetNodeNextSibling]node is nullptr!", !ConfXmlGetNodeNextSibling(nullptr)},
+        {1, "CreateFirstChildNode]parentNode is nullptr!",
          !ConfXmlCreateFirstChildNode(nullptr, "n")},
-        {1, "[ConfXmlCreateLastChildNode]parentNode is nullptr!",
+        {1, "CreateLastChildNode]parentNode is nullptr!",
          !ConfXmlCreateLastChildNode(nullptr, "n")},
-        {1, "[ConfXmlCreateLastChildNode]name is nullptr!",
-         !ConfXmlCreateLastChildNode(root_, nullptr)},
-        {1, "[ConfXmlFreeRootNode]parentNode is nullptr!", (ConfXmlFreeRootNode(nullptr), true)},
-        {1, "[ConfXmlGetNodeByPath]invalid param!", !ConfXmlGetNodeByPath(root_, "")},
-        {4, "[ConfXmlGetNodeIterator]pstNode is nullptr!", !ConfXmlGetNodeIterator(nullptr)},
-        {1, "[ConfXmlTransformStr]rootNode is nullptr!", !ConfXmlTransformStr(nullptr)}};
+        {1, "CreateLastChildNode]name is nullptr!", !ConfXmlCreateLastChildNode(root_, nullptr)},
+        {1, "FreeRootNode]parentNode is nullptr!", (ConfXmlFreeRootNode(nullptr), true)},
+        {1, "GetNodeByPath]invalid param!", !ConfXmlGetNodeByPath(root_, "")},
+        {4, "GetNodeIterator]pstNode is nullptr!", !ConfXmlGetNodeIterator(nullptr)},
+        {1, "TransformStr]rootNode is nullptr!", !ConfXmlTransformStr(nullptr)}};
     const auto records = platform::records();
     ASSERT_EQ(records.size(), std::size(cases));
     for (size_t at = 0; at < records.size(); at++) {
         EXPECT_TRUE(cases[at].refused) << cases[at].record;
-        EXPECT_EQ(records[at].text, cases[at].record);
+        EXPECT_EQ(records[at].text, string("[ConfXml") + cases[at].record);
         EXPECT_EQ(records[at].level, cases[at].level) << cases[at].record;
     }
     platform::clearRecords();
