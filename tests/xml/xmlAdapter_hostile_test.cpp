@@ -11,6 +11,7 @@
 #include <fstream>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "include/xmlAdapter.h"
 #include "tests/support/forwarding_platform.h"
@@ -87,27 +88,14 @@ class XmlHostile : public platform::PlatformTest {
 
 TEST_F(XmlHostile, WhatIsNoDocumentGivesARecordAndNothing) {
     const string utf16("\xFF\xFE<\0r\0/\0>\0", 10);
-    const string cases[] = {"",
-                            "\n \v\f\r\t",
-                            "<",
-                            "<r",
-                            "<r>",
-                            "<r a",
-                            "<r a=",
-                            "<r a='1",
-                            "<r><b></r>",
-
-                            "<!--",
-                            "<![CDATA[",
-                            "<?xml",
-                            "<r a='1' a='2'/>",
-                            "text",
-                            "<r/>text",
-                            utf16,
-                            nested(99),
-                            nested(1000000),
-                            nested(1000000, false),
-                            string(1 << 20, '<')};
+    const string whole = "<r a='1'><!--c--><![CDATA[d]]></r>";
+    std::vector<string> cases = {
+        "\n \v\f\r\t",       "<?xml", "<r><b></r>", "<r a='1' a='2'/>", "text",
+        "<r/>text",          utf16,   nested(99),   nested(1000000),    nested(1000000, false),
+        string(1 << 20, '<')};
+    for (size_t length = 0; length < whole.size(); length++) {
+        cases.push_back(whole.substr(0, length));
+    }
     ConfXmlFreeRootNode(parseFile("<r/>"));
     const support::DescriptorCheck descriptors;
     for (const string &text : cases) {
