@@ -208,13 +208,14 @@ int openDirectory(const char *name, Failure *failure) {
         return -1;
     }
     if (mkdirat(rootDescriptor, name, 0700) != 0 && errno != EEXIST) {
-        fail(failure, __LINE__, "%s/%s cannot be created (%s)", rootPath, name, strerror(errno));
+        fail(failure, __LINE__, "%s/%s cannot be created (%s)%s", rootPath, name, strerror(errno),
+             adviceOn(errno));
         return -1;
     }
     int opened = openat(rootDescriptor, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (opened < 0) {
-        fail(failure, __LINE__, "%s/%s cannot be opened as a directory (%s): move it aside",
-             rootPath, name, strerror(errno));
+        fail(failure, __LINE__, "%s/%s cannot be opened as a directory (%s)%s", rootPath, name,
+             strerror(errno), adviceOn(errno));
     }
     return opened;
 }

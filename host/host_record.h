@@ -12,4 +12,8 @@ enum RecordLevel : uint8_t { kError = 1, kWarning = 2, kInfo = 3, kDebug = 4 };
 __attribute__((format(printf, 4, 5))) void hostRecord(RecordLevel level, const char *unit, int line,
                                                       const char *format, ...);
 
+/* What to do about an error of the system, to stand behind its text in a record; "" where the text
+ * must do. */
+const char *adviceOn(int error);
+
 }  // namespace tamo

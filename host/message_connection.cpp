@@ -184,7 +184,8 @@ uint32_t resultOfOpening(int error, const char *queue) {
                        queue);
             return TAMO_HOST_SYSTEM;
         default:
-            hostRecord(kError, kUnit, __LINE__, "no connection to %s: %s", queue, strerror(error));
+            hostRecord(kError, kUnit, __LINE__, "no connection to %s: %s%s", queue, strerror(error),
+                       adviceOn(error));
             return error == ENOMEM ? TAMO_HOST_NO_MEMORY : TAMO_HOST_SYSTEM;
     }
 }

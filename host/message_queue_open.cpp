@@ -30,8 +30,8 @@ constexpr long kAcceptPauseMs = 100;
 constexpr int kAcceptsInTurn = 16;
 
 uint32_t systemFailure(const char *queue, const char *what, int error) {
-    hostRecord(kError, kUnit, __LINE__, "the queue %s cannot be opened: %s: %s", queue, what,
-               strerror(error));
+    hostRecord(kError, kUnit, __LINE__, "the queue %s cannot be opened: %s: %s%s", queue, what,
+               strerror(error), adviceOn(error));
     return error == ENOMEM ? TAMO_HOST_NO_MEMORY : TAMO_HOST_SYSTEM;
 }
 

@@ -211,8 +211,8 @@ uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, voi
     const int count =
         scandirat(directory, ".", &entries, tamo::selectStatusFiles, tamo::orderByQueueName);
     if (count < 0) {
-        tamo::hostRecord(tamo::kError, kUnit, __LINE__, "the queues cannot be listed: %s",
-                         strerror(errno));
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__, "the queues cannot be listed: %s%s",
+                         strerror(errno), tamo::adviceOn(errno));
         return TAMO_HOST_SYSTEM;
     }
     uint32_t result = TAMO_HOST_OK;

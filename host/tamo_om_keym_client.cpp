@@ -83,8 +83,7 @@ uint32_t refuse(int line, uint32_t code, const char *why) {
 
 uint32_t keyFailure(int line, const char *what, const char *name) {
     tamo::hostRecord(tamo::kError, kUnit, line, "%s %s/keys/%s failed: %s%s", what,
-                     tamo::deviceRoot(), name, strerror(errno),
-                     errno == ENOSPC || errno == EDQUOT ? ", free space below it" : "");
+                     tamo::deviceRoot(), name, strerror(errno), tamo::adviceOn(errno));
     return TAMO_HOST_SYSTEM;
 }
 

@@ -36,7 +36,8 @@ void recordFailure(int line, const char *what, const char *path) {
     int error = errno;
     /* A file that is not there is an ordinary answer. */
     tamo::RecordLevel level = error == ENOENT ? tamo::kDebug : tamo::kWarning;
-    tamo::hostRecord(level, kUnit, line, "%s %s failed: %s", what, path, strerror(error));
+    tamo::hostRecord(level, kUnit, line, "%s %s failed: %s%s", what, path, strerror(error),
+                     tamo::adviceOn(error));
 }
 
 bool toNative(const char *path, char (&native)[PATH_MAX]) {

@@ -107,8 +107,8 @@ uint32_t compose(const OsMsgHeader *header, uint8_t flags, Packet *packet) {
 
 uint32_t resultOfError(int error, const char *queue) {
     const bool noMemory = error == ENOMEM || error == ENOBUFS || error == ENOSPC;
-    hostRecord(tamo::kError, kUnit, __LINE__, "no message could be sent to %s: %s", queue,
-               strerror(error));
+    hostRecord(tamo::kError, kUnit, __LINE__, "no message could be sent to %s: %s%s", queue,
+               strerror(error), tamo::adviceOn(error));
     return noMemory ? TAMO_HOST_NO_MEMORY : TAMO_HOST_SYSTEM;
 }
 

@@ -273,8 +273,8 @@ uint32_t OsTmrManagerInit(uint32_t, uint32_t tickMicroseconds, uint32_t) {
     }
     if (error != 0) {
         tamo::hostRecord(tamo::kError, kUnit, __LINE__,
-                         "the timer manager does not start with a tick of %u microseconds: %s",
-                         tickMicroseconds, strerror(error));
+                         "the timer manager does not start with a tick of %u microseconds: %s%s",
+                         tickMicroseconds, strerror(error), tamo::adviceOn(error));
     }
     return static_cast<uint32_t>(error);
 }
@@ -286,9 +286,12 @@ uint32_t OsTmrCreate(OsTmrCreateParam *param, uint32_t *handle) {
         error = createTimer(*param, handle);
     }
     if (error != 0) {
-        tamo::hostRecord(
-            tamo::kError, kUnit, __LINE__, "a timer is not created: %s",
-            error == ESRCH ? "call OsTmrManagerInit first, also after a fork" : strerror(error));
+        const char *what = error == ESRCH ? "call OsTmrManagerInit first, also after a fork"
+                           : error == EINVAL
+                               ? "give it an expiry function and a place for its handle"
+                               : strerror(error);
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__, "a timer is not created: %s%s", what,
+                         tamo::adviceOn(error));
     }
     return static_cast<uint32_t>(error);
 }
