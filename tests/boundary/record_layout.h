@@ -17,6 +17,7 @@
 #include <tamo_os_msg.h>
 #include <tamo_os_time.h>
 #include <tamo_os_timer.h>
+#include <xml_utility.h>
 
 #define AT(record, field, narrow, wide) \
     static_assert(offsetof(record, field) == (sizeof(void *) == 4 ? (narrow) : (wide)), #field)
@@ -121,3 +122,31 @@ SIZE(ConfCertSizes, 12, 12);
 AT(ConfCertContent, extraData, 8, 16);
 AT(ConfCertContent, spare, 16, 28);
 AT(ConfCertIdBuffer, length, 4, 8);
+
+AT(ConfXmlAttrDesc, value, 4, 8);
+SIZE(ConfXmlAttrDesc, 8, 16);
+AT(ConfXmlNodeDesc, attrCount, 8, 16);
+AT(ConfXmlNodeDesc, attrs, 12, 24);
+SIZE(ConfXmlNodeDesc, 16, 32);
+AT(ConfXmlEncodeDesc, nodeCount, 8, 16);
+SIZE(ConfXmlEncodeDesc, 12, 24);
+AT(ConfXmlEncodeRootDesc, childCount, 8, 16);
+SIZE(ConfXmlEncodeRootDesc, 12, 24);
+AT(ConfXmlNoteParam, isString, 68, 68);
+AT(ConfXmlNoteParam, dst, 72, 72);
+AT(ConfXmlNoteParam, dstSize, 76, 80);
+AT(ConfXmlNoteParam, asciiCodes, 81, 85);
+SIZE(ConfXmlNoteParam, 84, 88);
+AT(ConfXmlValue, value, 4, 8);
+AT(ConfXmlValue, charLen, 8, 16);
+SIZE(ConfXmlValue, 12, 24);
+SIZE(ConfXmlValueNodeDesc, 8, 16);
+AT(ConfXmlNodeInfo, nodeName, 4, 8);
+AT(ConfXmlNodeInfo, name, 37, 41);
+AT(ConfXmlNodeInfo, type, 70, 74);
+AT(ConfXmlNodeInfo, instId, 72, 76);
+AT(ConfXmlNodeInfo, charLen, 76, 80);
+SIZE(ConfXmlNodeInfo, 80, 88);
+AT(TransXMLContext, word, 4, 8);
+AT(TransXMLContext, spare, 8, 12);
+SIZE(TransXMLContext, 16, 24);

@@ -1,0 +1,223 @@
+/* What structures in files cost, beside the same documents through TinyXML-2 alone. The rows take
+ * turns; printed are medians per element. The library's save also flushes the file and copies it:
+ * TinyXML-2's rows do so too. */
+#include <fcntl.h>
+#include <tinyxml2.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "bench/take_turns.h"
+#include "include/xml_utility.h"
+#include "platform/tamo_os_file.h"
+#include "platform/tamo_os_mem.h"
+
+namespace {
+
+constexpr char kFile[] = "/data/bench.xml";
+constexpr char kBackup[] = "/data/bench.bak";
+constexpr size_t kSizes[] = {100, 1000, 10000, 100000};
+constexpr double kMost = 1.2;
+
+uint32_t values[100000];
+size_t count; /* instances, each an element with one field */
+
+void require(bool good) {
+    if (!good) {
+        std::fprintf(stderr, "xml_store_bench: a step failed\n");
+        std::exit(1);
+    }
+}
+
+/* ---- the library ---- */
+
+std::vector<std::string> names; /* of instances: their numbers have 16 bits only */
+
+ConfXmlNode *describe(int32_t) {
+    ConfXmlNode *root = ConfXmlAddSingleStructNode(nullptr, "Root");
+    for (size_t at = 0; at < count; at++) {
+        ConfXmlNode *item =
+            ConfXmlAddMultiStructNode(root, names[at >> 16].c_str(), static_cast<uint16_t>(at));
+        char address[24];
+        std::snprintf(address, sizeof(address), "%" PRIuPTR,
+                      reinterpret_cast<uintptr_t>(&values[at]));
+        const ConfXmlValueNodeDesc desc = {"value", "UINT32"};
+        ConfXmlValue value = {CONF_XML_ATTR_UINT32, {}, 0};
+        value.value.text = address;
+        ConfXmlAddSingleValueNode(item, &desc, &value);
+    }
+    return root;
+}
+
+void save() {
+    require(ConfXmlSave(describe, kFile, kBackup) == 0);
+}
+
+void load() {
+    require(ConfXmlLoad(describe, kFile, kBackup) == 0);
+}
+
+/* The descriptors' strings belong to the bench, not to what is measured. */
+std::vector<ConfXmlNodeDesc> descriptors;
+std::vector<std::string> texts;
+const ConfXmlAttrDesc kAttribute = {"type", "UINT32"};
+
+void encode() {
+    const ConfXmlEncodeDesc desc = {"Root", descriptors.data(), static_cast<uint32_t>(count)};
+    char *text = ConfXmlAdptEncode(&desc);
+    require(text != nullptr);
+    OSMemTypeFreeMon(text, 0, 0, __LINE__, "xml_store_bench");
+}
+
+/* ---- TinyXML-2 alone ---- */
+
+using tinyxml2::XMLDocument;
+using tinyxml2::XMLElement;
+
+/* A document as the table (`addresses`) and the file of the library have it. */
+void build(XMLDocument *document, bool addresses) {
+    XMLElement *root = document->NewElement("cfg");
+    document->InsertEndChild(root);
+    root->SetAttribute("name", "Root");
+    for (size_t at = 0; at < count; at++) {
+        XMLElement *item = document->NewElement("cfg");
+        root->InsertEndChild(item);
+        item->SetAttribute("name", names[at >> 16].c_str());
+        item->SetAttribute("InstID", static_cast<uint16_t>(at));
+        XMLElement *field = document->NewElement("val");
+        item->InsertEndChild(field);
+        field->SetAttribute("name", "value");
+        field->SetAttribute("type", "UINT32");
+        if (addresses) {
+            char address[24];
+            std::snprintf(address, sizeof(address), "%" PRIuPTR,
+                          reinterpret_cast<uintptr_t>(&values[at]));
+            field->SetText(address);
+        } else {
+            field->SetText(values[at]);
+        }
+    }
+}
+
+std::string native(const char *path) {
+    char buffer[PATH_MAX];
+    require(OsFileNativePath(path, buffer, sizeof(buffer)) != nullptr);
+    return buffer;
+}
+
+void saveAlone() {
+    XMLDocument table;
+    build(&table, true);
+    XMLDocument document;
+    build(&document, false);
+    static const std::string path = native("/data/alone.xml");
+    static const std::string beside = path + ".new";
+    require(document.SaveFile(beside.c_str()) == tinyxml2::XML_SUCCESS);
+    const int file = open(beside.c_str(), O_WRONLY);
+    require(fdatasync(file) == 0 && close(file) == 0);
+    require(rename(beside.c_str(), path.c_str()) == 0);
+    require(OsCopyFile("/data/alone.xml", "/data/alone.bak") == 0);
+}
+
+void encodeAlone() {
+    XMLDocument document;
+    XMLElement *root = document.NewElement("Root");
+    document.InsertEndChild(root);
+    for (size_t at = 0; at < count; at++) {
+        XMLElement *item = document.NewElement("val");
+        root->InsertEndChild(item);
+        item->SetText(texts[at].c_str());
+        item->SetAttribute("type", "UINT32");
+    }
+    tinyxml2::XMLPrinter printer(nullptr, true);
+    document.Print(&printer);
+    require(printer.CStrSize() > 1);
+}
+
+std::string body;
+
+void parse() {
+    ConfXmlNode *root = ConfXmlParseBodyGetRoot(body.c_str());
+    require(root != nullptr);
+    ConfXmlFreeRootNode(root);
+}
+
+void parseAlone() {
+    XMLDocument document;
+    require(document.Parse(body.c_str()) == tinyxml2::XML_SUCCESS);
+}
+
+/* ---- rows ---- */
+
+double perElement(const bench::Row &row, double elements) {
+    return bench::percentile(row.nanoseconds, 0.5) / elements;
+}
+
+/* Two rows in turns; prints the cost of both per element, false when the ratio is above the limit. */
+bool besides(const char *name, void (*ours)(), void (*alone)(), double elements) {
+    bench::Row rows[] = {{"", 0, alone}, {"", 0, ours}};
+    const auto rounds = static_cast<size_t>(std::min(60.0, 8 + 60000 / elements));
+    for (size_t round = 0; round < rounds; round++) {
+        for (size_t turn = 0; turn < 2; turn++) {
+            bench::takeTurn(rows[(round + turn) % 2], 1);
+        }
+    }
+    const double times = bench::ratio(rows[1], rows[0]);
+    std::printf("  %-8s %8zu %10.0f %10.0f %8.3f  limit %.1f: %s\n", name, count,
+                perElement(rows[1], elements), perElement(rows[0], elements), times, kMost,
+                times <= kMost ? "held" : "MISSED");
+    return times <= kMost;
+}
+
+double loadTime(double elements) {
+    bench::Row row = {"", 0, load};
+    for (size_t round = 0; round < 4; round++) {
+        bench::takeTurn(row, 1);
+    }
+    const double took = perElement(row, elements);
+    std::printf("  %-8s %8zu %10.0f\n", "load", count, took);
+    return took;
+}
+
+void prepare(size_t size) {
+    count = size;
+    descriptors.clear();
+    for (size_t at = 0; at < size; at++) {
+        descriptors.push_back({"val", texts[at].c_str(), 1, &kAttribute});
+    }
+    save();
+    std::ifstream file(native(kFile));
+    body.assign(std::istreambuf_iterator<char>(file), {});
+}
+
+}  // namespace
+
+int main() {
+    for (uint32_t at = 0; at < 100000; at++) {
+        values[at] = at * 40009U;
+        texts.push_back(std::to_string(values[at]));
+    }
+    names = {"item", "next"};
+    bool held = true;
+    std::vector<double> loads;
+    std::printf("  ns per element %14s %10s %8s\n", "library", "alone", "ratio");
+    for (const size_t size : kSizes) {
+        prepare(size);
+        const auto items = static_cast<double>(size);
+        held = besides("parse", parse, parseAlone, 2 * items) && held;
+        held = besides("encode", encode, encodeAlone, items) && held;
+        held = besides("save", save, saveAlone, 2 * items) && held;
+        loads.push_back(loadTime(2 * items));
+    }
+    const double growth = loads.back() / *std::min_element(loads.begin(), loads.end());
+    std::printf("  load: at most %.1f times the least per element\n", growth);
+    return held && growth < 3 ? 0 : 1;
+}

@@ -1,0 +1,164 @@
+#include "xml/whole_file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "common/native_path.h"
+#include "platform/bounds_checked.h"
+#include "xml/no_memory.h"
+#include "xml/xml_document.h"
+
+namespace {
+
+constexpr char kBeside[] = "%s.saving";
+
+/* Open for the scope; a stream takes it over. */
+class Descriptor {
+  public:
+    explicit Descriptor(int opened) : value_(opened) {}
+    ~Descriptor() {
+        if (value_ >= 0) {
+            (void)close(value_);
+        }
+    }
+    Descriptor(Descriptor &&other) noexcept : value_(other.release()) {}
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    int get() const { return value_; }
+    int release() {
+        const int value = value_;
+        value_ = -1;
+        return value;
+    }
+
+  private:
+    int value_;
+};
+
+struct StreamClose {
+    void operator()(FILE *stream) const { (void)fclose(stream); }
+};
+
+using Stream = std::unique_ptr<FILE, StreamClose>;
+
+bool flushDirectoryOf(const char *native) {
+    char directory[PATH_MAX];
+    if (strcpy_s(directory, sizeof(directory), native) != 0) {
+        return false;
+    }
+    char *slash = strrchr(directory, '/');
+    if (slash != nullptr) {
+        slash[1] = '\0';
+    }
+    const Descriptor opened(open(slash == nullptr ? "." : directory, O_RDONLY | O_CLOEXEC));
+    return opened.get() >= 0 && fsync(opened.get()) == 0;
+}
+
+/* The stream holds all of the document, or false. The XML library does not look whether it could
+ * write. */
+bool print(ConfXmlNode *root, FILE *stream) {
+    const bool printed = unlessNoMemory(false, [&] {
+        return elementOf(root)->GetDocument()->SaveFile(stream, false) == tinyxml2::XML_SUCCESS;
+    });
+    return printed && fflush(stream) == 0 && ferror(stream) == 0;
+}
+
+bool printAsItStands(ConfXmlNode *root, const char *native) {
+    const Stream stream(fopen(native, "we"));
+    return stream != nullptr && print(root, stream.get());
+}
+
+bool isStill(int descriptor, const char *name) {
+    struct stat held = {};
+    struct stat named = {};
+    return fstat(descriptor, &held) == 0 && lstat(name, &named) == 0 &&
+           held.st_ino == named.st_ino && held.st_dev == named.st_dev;
+}
+
+/* The file beside, empty and locked: a save by another process is waited for, what a killed one
+ * left is used again. */
+Descriptor takeBeside(const char *beside) {
+    for (;;) {
+        Descriptor file(open(beside, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666));
+        if (file.get() < 0) {
+            return file;
+        }
+        int locked = flock(file.get(), LOCK_EX);
+        while (locked != 0 && errno == EINTR) {
+            locked = flock(file.get(), LOCK_EX);
+        }
+        if (isStill(file.get(), beside)) {
+            return Descriptor(ftruncate(file.get(), 0) == 0 ? file.release() : -1);
+        }
+    }
+}
+
+/* Another user's file stays theirs where that is possible. */
+void keepOwner(int descriptor, const struct stat &old) {
+    if (fchown(descriptor, old.st_uid, old.st_gid) == 0 || geteuid() == old.st_uid) {
+        (void)fchmod(descriptor, old.st_mode & 07777);
+    }
+}
+
+/* `old`: of the file that is replaced, or null. */
+bool replace(ConfXmlNode *root, const char *native, const struct stat *old) {
+    char beside[PATH_MAX];
+    if (sprintf_s(beside, sizeof(beside), kBeside, native) < 0) {
+        return false;
+    }
+    Descriptor file = takeBeside(beside);
+    if (file.get() < 0) {
+        return false;
+    }
+    if (old != nullptr) {
+        keepOwner(file.get(), *old);
+    }
+    const Stream stream(fdopen(file.get(), "w"));
+    if (stream != nullptr) {
+        (void)file.release();
+    }
+    if (stream == nullptr || !print(root, stream.get()) || fdatasync(fileno(stream.get())) != 0 ||
+        rename(beside, native) != 0) {
+        (void)unlink(beside);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool saveWhole(ConfXmlNode *root, const char *path) {
+    const NativePath native(path);
+    if (native.get() == nullptr) {
+        return false;
+    }
+    struct stat old = {};
+    if (stat(native.get(), &old) != 0) {
+        return replace(root, native.get(), nullptr);
+    }
+    if (!S_ISREG(old.st_mode)) {
+        return printAsItStands(root, native.get());
+    }
+    /* The file, not a link that leads to it, is what the new one replaces. */
+    char target[PATH_MAX];
+    return realpath(native.get(), target) != nullptr && replace(root, target, &old);
+}
+
+bool flushFile(const char *path) {
+    const NativePath native(path);
+    if (native.get() == nullptr) {
+        return false;
+    }
+    const Descriptor file(open(native.get(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return file.get() >= 0 && fsync(file.get()) == 0 && flushDirectoryOf(native.get());
+}
