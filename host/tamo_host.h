@@ -90,6 +90,20 @@ uint32_t TamoHostConfigList(const char *glob,
                             uint32_t (*visit)(const char *key, const char *value, void *context),
                             void *context);
 
+/* A key and its value. */
+typedef struct TamoHostConfigPair {
+    const char *key;   /* 1 to 127 bytes */
+    const char *value; /* at most 1023 bytes */
+} TamoHostConfigPair;
+
+/* Stores `count` values in one transaction, which to others is one write: all of them, or none. Of
+ * several values of a key the last counts. With `replace` other than 0 every other key is removed;
+ * those who hear of changes are told an empty value of it. `progress` (null allowed) is called now and
+ * then with the number of values done so far, and must not use the store; it may begin again once,
+ * when another store has come in place. */
+uint32_t TamoHostConfigImport(const TamoHostConfigPair *pairs, uint32_t count, uint8_t replace,
+                              void (*progress)(uint32_t done, void *context), void *context);
+
 /* A watch of all changes of stored values. It is used by one thread at a time; a child of fork does
  * not use its parent's. */
 typedef struct TamoHostConfigWatch TamoHostConfigWatch;
@@ -97,7 +111,7 @@ typedef struct TamoHostConfigWatch TamoHostConfigWatch;
 /* One key that a write changed. */
 typedef struct TamoHostConfigChange {
     const char *key;
-    const char *value;  /* the new one */
+    const char *value;  /* the new one; empty when an import removed the key */
     int64_t timeUs;     /* of the write, microseconds since 1970 */
     const char *writer; /* the name of the process that wrote, and its id */
     uint32_t writerPid;

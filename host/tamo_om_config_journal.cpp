@@ -94,8 +94,7 @@ int fetchAll(Connection *connection, ConfigChange *change) {
     return result == SQLITE_OK && change->number == 0 ? SQLITE_DONE : result;
 }
 
-}  // namespace
-
+/* Notes what was changed, and trims what `slowest` has read. */
 int appendConfigChange(Connection *connection, const Texts &records, uint64_t slowest) {
     int result = prepareOnce(connection, kAppend, &connection->append);
     if (result == SQLITE_OK) {
@@ -115,6 +114,19 @@ int appendConfigChange(Connection *connection, const Texts &records, uint64_t sl
     if (result == SQLITE_OK) {
         sqlite3_bind_int64(connection->trim, 1, asStored(slowest));
         result = runStatement(connection->trim);
+    }
+    return result;
+}
+
+}  // namespace
+
+int finishConfigWrite(Connection *connection, int result, const Texts &changed, uint64_t slowest) {
+    if (changed.size() != 0 && result == SQLITE_OK) {
+        result = appendConfigChange(connection, changed, slowest);
+    }
+    result = finishTransaction(connection, result);
+    if (changed.size() != 0 && result == SQLITE_OK) {
+        wakeConfigWatchers();
     }
     return result;
 }

@@ -27,8 +27,9 @@ struct ConfigChange {
 /* For stores that have no journal. */
 extern const char *const kConfigJournalSchema;
 
-/* Within a write transaction: notes what was changed, and trims what `slowest` has read. */
-int appendConfigChange(Connection *connection, const Texts &records, uint64_t slowest);
+/* Ends a write transaction of which `result` came out: notes what was changed for those who watch,
+ * trims what the slowest of them has read, commits, wakes them. */
+int finishConfigWrite(Connection *connection, int result, const Texts &changed, uint64_t slowest);
 
 /* The number of the last change; 0 where there is none. */
 int lastConfigChange(Connection *connection, uint64_t *number);

@@ -163,14 +163,7 @@ int writeRecords(Connection *connection, const ConfConfigOmRecord *records, size
             result = writeRecord(connection, records[at]);
         }
     }
-    if (changed.size() != 0 && result == SQLITE_OK) {
-        result = appendConfigChange(connection, changed, audience.slowest);
-    }
-    result = finishTransaction(connection, result);
-    if (changed.size() != 0 && result == SQLITE_OK) {
-        wakeConfigWatchers();
-    }
-    return result;
+    return finishConfigWrite(connection, result, changed, audience.slowest);
 }
 
 /* Collects the matching keys with their values: whoever visits them may use the store. */

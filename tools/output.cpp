@@ -15,27 +15,6 @@ namespace tamoctl {
 
 namespace {
 
-/* The length of the UTF-8 character at the start of a text, 0 when it is none. */
-size_t characterLength(std::string_view text) {
-    auto byte = [&](size_t i) -> unsigned { return static_cast<unsigned char>(text[i]); };
-    unsigned first = byte(0);
-    size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-    if (length == 0 || first > 0xF4 || text.size() < length) {
-        return 0;
-    }
-    for (size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    // Forms that are longer than needed, surrogates, and what lies above U+10FFFF.
-    if ((first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) ||
-        (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F)) {
-        return 0;
-    }
-    return length;
-}
-
 bool isControl(std::string_view character) {
     unsigned first = static_cast<unsigned char>(character[0]);
     unsigned second = character.size() == 2 ? static_cast<unsigned char>(character[1]) : 0;
@@ -78,7 +57,37 @@ std::string validUtf8(std::string_view text) {
     return result;
 }
 
+/* Prints what the JSON library made, and releases it. */
+void printText(char *made) {
+    const std::unique_ptr<char, decltype(&cJSON_free)> text(made, cJSON_free);
+    if (text == nullptr) {
+        fputs("tamoctl: no memory for the JSON text: ask for fewer keys\n", stderr);
+        exit(kFailed);
+    }
+    printf("%s\n", text.get());
+}
+
 }  // namespace
+
+size_t characterLength(std::string_view text) {
+    auto byte = [&](size_t i) -> unsigned { return static_cast<unsigned char>(text[i]); };
+    unsigned first = byte(0);
+    size_t length = first < 0x80 ? 1 : first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    if (length == 0 || first > 0xF4 || text.size() < length) {
+        return 0;
+    }
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) {
+            return 0;
+        }
+    }
+    // Forms that are longer than needed, surrogates, and what lies above U+10FFFF.
+    if ((first == 0xE0 && byte(1) < 0xA0) || (first == 0xED && byte(1) > 0x9F) ||
+        (first == 0xF0 && byte(1) < 0x90) || (first == 0xF4 && byte(1) > 0x8F)) {
+        return 0;
+    }
+    return length;
+}
 
 bool onTerminal() {
     static const bool terminal = isatty(STDOUT_FILENO) == 1;
@@ -163,12 +172,11 @@ void addNumber(cJSON *object, const char *key, uint64_t number) {
 }
 
 void printJson(const Json &json) {
-    std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_Print(json.get()), cJSON_free);
-    if (text == nullptr) {
-        fputs("tamoctl: no memory for the JSON text: ask for fewer keys\n", stderr);
-        exit(kFailed);
-    }
-    printf("%s\n", text.get());
+    printText(cJSON_Print(json.get()));
+}
+
+void printJsonLine(const Json &json) {
+    printText(cJSON_PrintUnformatted(json.get()));
 }
 
 int finishOutput(int code) {

@@ -18,6 +18,9 @@ bool onTerminal();
 /* The text with control characters and bytes that are no UTF-8 written as \n, \t, \xNN. */
 std::string printable(std::string_view text);
 
+/* The length of the UTF-8 character at the start of a text that is not empty, 0 when it is none. */
+size_t characterLength(std::string_view text);
+
 /* Prints a value that stands alone on its line: escaped on a terminal, as it is in a pipe. */
 void printValue(std::string_view value);
 
@@ -50,6 +53,8 @@ void addText(cJSON *object, const char *key, std::string_view text);
 void addNumber(cJSON *object, const char *key, uint64_t number);
 
 void printJson(const Json &json);
+/* The same on one line. */
+void printJsonLine(const Json &json);
 
 /* Flushes standard output and returns `code`, or the failure code when the output could not be
  * written; a reader that went away is no failure worth a message. */

@@ -11,8 +11,9 @@ using namespace tamoctl;
 
 namespace {
 
-const Command *const kCommands[] = {&kGetCommand, &kSetCommand,    &kListCommand, &kLogCommand,
-                                    &kMemCommand, &kQueuesCommand, &kCertCommand};
+const Command *const kCommands[] = {&kGetCommand,    &kSetCommand,    &kListCommand, &kWatchCommand,
+                                    &kImportCommand, &kExportCommand, &kLogCommand,  &kMemCommand,
+                                    &kQueuesCommand, &kCertCommand};
 
 void printHelp() {
     fputs(
@@ -40,7 +41,9 @@ void printHelp() {
         "  tamoctl list 'Conf.SIPCallParam.*'\n"
         "  tamoctl log --follow --level warning\n"
         "\n"
-        "Exit status: 0 success, 1 not found or failed, 2 wrong usage.\n",
+        "Exit status: 0 success, 1 not found or failed, 2 wrong usage, 3 a watch that ended before "
+        "its\n"
+        "count was reached.\n",
         stdout);
 }
 

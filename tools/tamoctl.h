@@ -9,7 +9,7 @@
 
 namespace tamoctl {
 
-enum ExitCode : int { kSuccess = 0, kFailed = 1, kUsage = 2 };
+enum ExitCode : int { kSuccess = 0, kFailed = 1, kUsage = 2, kCountNotReached = 3 };
 
 /* One command of the tool. */
 struct Command {
@@ -21,7 +21,7 @@ struct Command {
 };
 
 extern const Command kGetCommand, kSetCommand, kListCommand, kMemCommand, kLogCommand,
-    kQueuesCommand, kCertCommand;
+    kQueuesCommand, kCertCommand, kWatchCommand, kImportCommand, kExportCommand;
 
 /* Codes of options that have no letter. */
 enum LongOption : int {
@@ -29,6 +29,7 @@ enum LongOption : int {
     kOptionRoot,
     kOptionLevel,
     kOptionColor,
+    kOptionReplace,
     kOptionVersion
 };
 

@@ -86,6 +86,10 @@ std::string Program::line() {
     return found;
 }
 
+void Program::signal(int number) {
+    EXPECT_EQ(kill(pid_, number), 0);
+}
+
 void Program::closeOutput() {
     if (output_ >= 0) {
         close(output_);

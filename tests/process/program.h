@@ -23,6 +23,8 @@ class Program {
     /* The next line of its output; empty, with a failed test, when none comes in time. */
     std::string line();
 
+    void signal(int number);
+
     /* Goes away as a reader. */
     void closeOutput();
 

@@ -74,11 +74,26 @@ TEST(TamoctlConfig, listMatchesAPatternAndPrintsAlignedOnATerminalOnly) {
 /* ---- usage ---- */
 
 TEST(TamoctlUsage, wrongUseIsOneLineAndCode2) {
-    for (const Words &words :
-         {Words{}, Words{"frobnicate"}, Words{"--bad", "list"}, Words{"get"}, Words{"set", "Ctl.A"},
-          Words{"list", "--jsn"}, Words{"list", "-x"}, Words{"mem", "-7x"}, Words{"mem", "12x"},
-          Words{"log", "-n", "many"}, Words{"log", "-n"}, Words{"log", "--level", "loud"},
-          Words{"log", "--color", "pink"}, Words{"log", "../keys/x"}, Words{"queues", "x"}}) {
+    for (const Words &words : {Words{},
+                               Words{"frobnicate"},
+                               Words{"--bad", "list"},
+                               Words{"get"},
+                               Words{"set", "Ctl.A"},
+                               Words{"list", "--jsn"},
+                               Words{"list", "-x"},
+                               Words{"mem", "-7x"},
+                               Words{"mem", "12x"},
+                               Words{"log", "-n", "many"},
+                               Words{"log", "-n"},
+                               Words{"log", "--level", "loud"},
+                               Words{"log", "--color", "pink"},
+                               Words{"log", "../keys/x"},
+                               Words{"queues", "x"},
+                               Words{"watch", "a", "b"},
+                               Words{"watch", "-n", "0"},
+                               Words{"watch", "--timeout", "soon"},
+                               Words{"import"},
+                               Words{"export", "a", "b"}}) {
         const Outcome outcome = tamoctl(words);
         EXPECT_EQ(outcome.code, 2) << testing::PrintToString(words);
         EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
@@ -92,7 +107,8 @@ TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
     ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
     ASSERT_EQ(chmod(root.c_str(), 0755), 0);
     for (const Words &words : {Words{"get", "Ctl.A"}, Words{"set", "Ctl.A", "1"}, Words{"list"},
-                               Words{"log"}, Words{"log", "-f"}, Words{"mem"}, Words{"queues"}}) {
+                               Words{"log"}, Words{"log", "-f"}, Words{"mem"}, Words{"queues"},
+                               Words{"watch", "-t", "0"}, Words{"export"}}) {
         Words all = {"--root", root};
         all.insert(all.end(), words.begin(), words.end());
         const Outcome outcome = tamoctl(all);
@@ -180,6 +196,8 @@ TEST(TamoctlCompletion, offersCommandsOptionsKeysAndProcesses) {
     EXPECT_EQ(completed("tamoctl l"), "list\nlog\n");
     EXPECT_EQ(completed("tamoctl log --l"), "--lines\n--level\n");
     EXPECT_EQ(completed("tamoctl log --level w"), "warning\n");
+    EXPECT_EQ(completed("tamoctl import '" TAMOCTL_COMPLETION "'"), TAMOCTL_COMPLETION "\n");
+    EXPECT_EQ(completed("tamoctl watch -t 2 Complete.b"), "Complete.b\n");
     EXPECT_EQ(completed("tamoctl get Complete.a Comp"), "Complete.a\nComplete.b\n");
     EXPECT_EQ(completed("tamoctl set Complete.a ''"), "\n") << "no values";
     void *block = OsMemMallocSetCharMon(1, 0, 0, 0, __LINE__, "test");

@@ -1,0 +1,252 @@
+/* tamoctl watch, import and export: changes as other processes make them, and whole stores. */
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "tamo_host.h"
+#include "tests/host/config_records.h"
+#include "tests/process/program.h"
+#include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
+
+namespace {
+
+using support::ChildArguments;
+using support::ChildProcess;
+using support::get;
+using support::set;
+
+std::string fileText(const std::string &name) {
+    std::ifstream file(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string exported() {
+    const Outcome outcome = tamoctl({"export"});
+    EXPECT_EQ(outcome.code, 0) << outcome.errors;
+    return outcome.output;
+}
+
+class TamoctlStore : public testing::Test {
+  protected:
+    void SetUp() override { support::clearStore(); }
+
+    /* A file with that text; the next one has another name. */
+    std::string file(const std::string &text) {
+        const std::string name = directory_.path() + "/" + std::to_string(files_++) + ".json";
+        std::ofstream(name, std::ios::binary) << text;
+        return name;
+    }
+
+    support::ScratchDirectory directory_;
+    int files_ = 0;
+};
+
+/* ---- watch ---- */
+
+const support::ChildRole writerRole("writer", [](const ChildArguments &) {
+    for (std::string key = support::hearParent(); !key.empty(); key = support::hearParent()) {
+        support::tellParent(set(key, "of " + key) == 0 ? "stored" : "failed");
+    }
+    return 0;
+});
+
+const support::ChildRole restlessRole("restless", [](const ChildArguments &) {
+    for (int number = 0; set("Watch.number", std::to_string(number)) == 0; number++) {
+    }
+    return 1;
+});
+
+TEST_F(TamoctlStore, watchShowsThreeWritesOfAnotherProcessWithTimeAndWriter) {
+    ASSERT_EQ(set("Watch.same", "of Watch.same"), 0);
+    Program watch({TAMOCTL, "watch", "--count", "3", "Watch.*"}, true);
+    EXPECT_TRUE(watch.line().starts_with("TIME "));
+    ChildProcess writer("writer");
+    for (const char *key : {"Watch.a", "Other", "Watch.same", "Watch.b\x1b", "Watch.c"}) {
+        writer.tell(key);
+        ASSERT_EQ(writer.hear(), "stored");
+    }
+    for (const char *key : {"Watch.a", "Watch.b\\x1b", "Watch.c"}) {
+        std::smatch match;
+        const std::string line = watch.line();
+        ASSERT_TRUE(
+            std::regex_match(line, match,
+                             std::regex("20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} "
+                                        "+(\\S+) +(\\d+) +(\\S+) +(.*)\r")))
+            << line;
+        EXPECT_EQ(match[1], "tamoctl_test");
+        EXPECT_EQ(match[2], std::to_string(writer.pid()));
+        EXPECT_EQ(match[3], key);
+        EXPECT_EQ(match[4], std::string("of ") + key);
+    }
+    EXPECT_EQ(watch.finish().code, 0);
+}
+
+TEST_F(TamoctlStore, watchPrintsOneObjectALine) {
+    ChildProcess writer("restless");
+    const Outcome watch = tamoctl({"watch", "--json", "-n", "2", "Watch.number"});
+    EXPECT_EQ(watch.code, 0) << watch.errors;
+    ASSERT_EQ(lineCount(watch.output), 2U) << watch.output;
+    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> json(
+        cJSON_Parse(watch.output.substr(0, watch.output.find('\n')).c_str()), cJSON_Delete);
+    EXPECT_EQ(cJSON_GetNumberValue(cJSON_GetObjectItem(json.get(), "pid")), writer.pid());
+    EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(json.get(), "key")), "Watch.number");
+    EXPECT_NE(cJSON_GetObjectItem(json.get(), "time"), nullptr);
+}
+
+TEST_F(TamoctlStore, watchEndsByTimeAndSignalAndTellsWhetherTheCountWasReached) {
+    EXPECT_EQ(tamoctl({"watch", "--timeout", "0.01"}).code, 0);
+    EXPECT_EQ(tamoctl({"watch", "--timeout", "0.01", "--count", "1"}).code, 3);
+    for (const int number : {SIGINT, SIGTERM}) {
+        Program endless({TAMOCTL, "watch"}, true);
+        Program counting({TAMOCTL, "watch", "-n", "2"}, true);
+        EXPECT_NE(endless.line() + counting.line(), "");
+        ASSERT_EQ(set("Watch.signal", std::to_string(number)), 0);
+        EXPECT_NE(endless.line().find("Watch.signal"), std::string::npos);
+        EXPECT_NE(counting.line().find("Watch.signal"), std::string::npos);
+        endless.signal(number);
+        counting.signal(number);
+        EXPECT_EQ(endless.finish().code, 0);
+        EXPECT_EQ(counting.finish().code, 3);
+    }
+}
+
+/* ---- import and export ---- */
+
+TEST_F(TamoctlStore, aThousandKeysMakeTheRoundTrip) {
+    std::vector<std::string> keys, values;
+    std::vector<TamoHostConfigPair> pairs;
+    for (int at = 0; at < 1000; at++) {
+        const std::string number = std::to_string(at);
+        keys.push_back("Key.\"" + number + "\\\x01\xC3\xBC" + std::string(at == 7 ? 113 : 0, 'k'));
+        values.push_back(at == 8   ? std::string(1023, 'v')
+                         : at == 9 ? ""
+                                   : "\n\t\x7F\xF0\x9F\x98\x80/\\u0000 " + number);
+    }
+    for (size_t at = 0; at < keys.size(); at++) {
+        pairs.push_back({keys[at].c_str(), values[at].c_str()});
+    }
+    ASSERT_EQ(TamoHostConfigImport(pairs.data(), 1000, 0, nullptr, nullptr), TAMO_HOST_OK);
+
+    const std::string name = file("what stood there before");
+    ASSERT_EQ(tamoctl({"export", name}).code, 0);
+    struct stat status = {};
+    ASSERT_EQ(stat(name.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
+    EXPECT_EQ(fileText(name), exported());
+
+    support::clearStore();
+    ASSERT_EQ(set("Key.of.old", "1"), 0);
+    const Outcome merged = tamoctl({"import", name});
+    EXPECT_EQ(merged.code, 0);
+    EXPECT_EQ(merged.output + merged.errors, "");
+    EXPECT_EQ(get("Key.of.old"), "1");
+    EXPECT_EQ(get(keys[7]), values[7]);
+    Program replacing({"sh", "-c", TAMOCTL " import --replace - <" + name + " 2>&1"}, true);
+    const Outcome replaced = replacing.finish();
+    EXPECT_EQ(replaced.code, 0);
+    EXPECT_NE(replaced.output.find("100%"), std::string::npos) << replaced.output;
+    EXPECT_EQ(exported(), fileText(name));
+}
+
+TEST_F(TamoctlStore, anImportIsOneWriteOfWhatItChanges) {
+    ASSERT_EQ(set("A", "1") + set("B", "1") + set("C", "1"), 0);
+    Program watch({TAMOCTL, "watch", "-n", "3"}, true);
+    EXPECT_NE(watch.line(), "");
+    ASSERT_EQ(tamoctl({"import", "--replace", file("{\"D\":\"4\",\"B\":\"2\",\"A\":\"1\"}")}).code,
+              0);
+    const std::string lines[] = {watch.line(), watch.line(), watch.line()};
+    const char *const ends[] = {"  2\r", "  4\r", "  \r"};
+    const char *const keys[] = {"  B ", "  D ", "  C "};
+    for (int at = 0; at < 3; at++) {
+        EXPECT_EQ(lines[at].substr(0, 26), lines[0].substr(0, 26)) << "one moment";
+        EXPECT_NE(lines[at].find(keys[at]), std::string::npos) << lines[at];
+        EXPECT_TRUE(lines[at].ends_with(ends[at])) << lines[at];
+    }
+    EXPECT_EQ(get("C"), support::kMissing);
+}
+
+TEST_F(TamoctlStore, aBadFileChangesNothing) {
+    ASSERT_EQ(set("Kept", "as it is"), 0);
+    const std::string before = exported();
+    const struct {
+        std::string text, named;
+    } bad[] = {
+        {"", "line 1, column 1"},
+        {"{\"a\": \"1\"", "line 1, column 10"},
+        {"{\"a\": \"1\",\n \"b\": }", "line 2, column 7"},
+        {"{\"a\": \"1\"} x", "column 12"},
+        {"{\"a\": \"1\"}" + std::string(1, '\0'), "column 11"},
+        {"{\"a\": \"\xFF\"}", "UTF-8"},
+        {"{\"a\": \"1\n\"}", "column 9"},
+        {"{\"a\": \"\\\\\\u0000\"}", "zero"},
+        {"[\"a\"]", "no object"},
+        {"{\"a\": \"1\", \"b\": 2}", "entry 2, 'b'"},
+        {"{\"a\": \"1\", \"\": \"2\"}", "entry 2, ''"},
+        {"{\"a\": \"1\", \"a\": \"1\"}", "entry 2, 'a'"},
+        {"{\"a\": \"1\", \"" + std::string(128, 'k') + "\": \"2\"}", "entry 2, 'kkk"},
+        {"{\"a\": \"1\", \"b\": \"" + std::string(1024, 'v') + "\"}", "entry 2, 'b'"},
+        {std::string(100000, '{'), "line 1"},
+    };
+    for (const auto &[text, named] : bad) {
+        const Outcome outcome = tamoctl({"import", "--replace", file(text)});
+        EXPECT_EQ(outcome.code, 1) << text;
+        EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
+        EXPECT_NE(outcome.errors.find(named), std::string::npos) << outcome.errors << named;
+    }
+    const TamoHostConfigPair pairs[] = {{"a", "1"}, {"", "2"}};
+    EXPECT_EQ(TamoHostConfigImport(pairs, 2, 1, nullptr, nullptr), TAMO_HOST_INVALID);
+    EXPECT_EQ(exported(), before);
+}
+
+TEST_F(TamoctlStore, whatJsonCannotHoldIsNotExportedAndLeavesTheFile) {
+    ASSERT_EQ(set("Bytes", "\xFF"), 0);
+    const std::string name = file("as it was");
+    const Outcome outcome = tamoctl({"export", name});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.errors.find("'Bytes'"), std::string::npos) << outcome.errors;
+    EXPECT_EQ(fileText(name), "as it was");
+    EXPECT_EQ(tamoctl({"export", "/dev/null"}).code, 1);
+}
+
+/* Stops in the middle of its transaction. */
+const support::ChildRole importerRole("importer", [](const ChildArguments &) {
+    std::vector<std::string> keys;
+    std::vector<TamoHostConfigPair> all = {{"Kept", "of the killed one"}};
+    for (int at = 0; at < 20000; at++) {
+        keys.push_back("New." + std::to_string(at));
+    }
+    for (const std::string &key : keys) {
+        all.push_back({key.c_str(), "1"});
+    }
+    const auto stop = [](uint32_t done, void *) {
+        if (done > 10000) {
+            support::tellParent("in the middle");
+            support::hearParent();
+        }
+    };
+    return static_cast<int>(
+        TamoHostConfigImport(all.data(), static_cast<uint32_t>(all.size()), 1, stop, nullptr));
+});
+
+TEST_F(TamoctlStore, aKilledImportChangesNothing) {
+    ASSERT_EQ(set("Kept", "as it is"), 0);
+    const std::string before = exported();
+    ChildProcess importer("importer");
+    ASSERT_EQ(importer.hear(), "in the middle");
+    EXPECT_EQ(exported(), before) << "nobody sees it before it is whole";
+    importer.kill();
+    EXPECT_EQ(exported(), before);
+    EXPECT_EQ(set("Kept", "next"), 0) << "nor does it keep anybody from writing";
+}
+
+}  // namespace
