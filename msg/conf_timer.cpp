@@ -73,7 +73,8 @@ void ConfCommTimerOut(OsTmrCreateParam *record) {
         return;
     }
     ConfCommTimerEntry *entry = findEntry(__func__, static_cast<uint32_t>(record->key));
-    if (entry != nullptr && !isLeftToStart(runningTimer(entry))) {
+    uint32_t handle = 0;
+    if (entry != nullptr && !isLeftToStart(runningTimer(entry), &handle)) {
         deliver(__func__, entry);
     }
 }

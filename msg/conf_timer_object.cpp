@@ -20,13 +20,13 @@ constexpr uint32_t kObjectKind = 8;
  * unannounced. */
 std::atomic<uint32_t> lastExpiries[16];
 
-/* Announces the last expiry of a timer until the end of the scope. */
+/* Announces the last expiry of a timer, unless that was stopped, until the end of the scope. */
 class LastExpiry {
   public:
     explicit LastExpiry(uint32_t handle) {
         for (std::atomic<uint32_t> &place : lastExpiries) {
             uint32_t free = 0;
-            if (place.compare_exchange_strong(free, handle)) {
+            if (handle != 0 && place.compare_exchange_strong(free, handle)) {
                 place_ = &place;
                 return;
             }
@@ -80,14 +80,14 @@ void ConfCommTimerIDOut(OsTmrCreateParam *record) {
         return;
     }
     const RunningTimer running = runningTimer(timer);
-    if (isLeftToStart(running)) {
+    uint32_t fired = 0;
+    if (isLeftToStart(running, &fired)) {
         return;
     }
     if (timer->mode != CONF_TIMER_ONE_SHOT) {
         deliver(__func__, timer);
         return;
     }
-    uint32_t fired = running.handle.load();
     const LastExpiry lastExpiry(fired);
     deliver(__func__, timer);
     /* The last access: an owner that sees the object stopped may end it. A start or a stop that came

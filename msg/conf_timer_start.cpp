@@ -88,9 +88,9 @@ void endTimer(const RunningTimer &timer) {
     releaseContent(timer.content);
 }
 
-bool isLeftToStart(const RunningTimer &timer) {
-    uint32_t seen = kStarting;
-    return timer.handle.compare_exchange_strong(seen, kFiredAtStart) || seen == kFiredAtStart;
+bool isLeftToStart(const RunningTimer &timer, uint32_t *handle) {
+    *handle = kStarting;
+    return timer.handle.compare_exchange_strong(*handle, kFiredAtStart) || *handle == kFiredAtStart;
 }
 
 uint32_t sendExpiry(const ContentReader &content, const char *receiver, ConfMsgHandler handler) {

@@ -83,8 +83,9 @@ void endTimer(const RunningTimer &timer);
 
 /* ---- expiry: without a lock ---- */
 
-/* Leaves an expiry to the start that is under way, if one is. */
-bool isLeftToStart(const RunningTimer &timer);
+/* Leaves an expiry to the start that is under way, if one is. If not, `*handle` is the timer's as of
+ * that moment, 0 for one that was stopped. */
+bool isLeftToStart(const RunningTimer &timer, uint32_t *handle);
 
 /* Sends what a timer delivers; the result is the message's. */
 uint32_t sendExpiry(const ContentReader &content, const char *receiver, ConfMsgHandler handler);
