@@ -1,8 +1,11 @@
-/* Attacks ConfJsonParse and every function that reads a tree, and what puts values back into text.
+/* Attacks ConfJsonParse and every function that reads a tree, and what puts values back into text, on
+ * a stack of 256 KiB.
  *
  * An input is a key, a NUL and a JSON text. What the getters say must be what cJSON holds. */
 #include <cjson/cJSON.h>
+#include <pthread.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -64,12 +67,8 @@ void readMember(cJSON *root, const char *key) {
     require(size == 0 || ConfJsonGetArrayItem(member, static_cast<unsigned int>(size) - 1));
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const std::string root = fuzz::scratchRoot();
-    SetLogLevel(0);
-    const std::string input(reinterpret_cast<const char *>(data), size);
+void *readInput(void *context) {
+    const std::string &input = *static_cast<const std::string *>(context);
     const std::string key = input.c_str();
     cJSON *tree = ConfJsonParse(input.c_str() + std::min(key.size() + 1, input.size()));
     readMember(tree, key.c_str());
@@ -78,5 +77,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         ConfJsonAddMultipleItemsToSubObject(tree, key.c_str(), &item, 1);
     }
     cJSON_Delete(tree);
+    return nullptr;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const std::string root = fuzz::scratchRoot();
+    SetLogLevel(0);
+    std::string input(reinterpret_cast<const char *>(data), size);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 256 << 10);
+    pthread_t thread;
+    require(pthread_create(&thread, &attributes, readInput, &input) == 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
     return 0;
 }

@@ -1,9 +1,7 @@
-/* Values out of parsed trees, and trees into text; garbage, and memory and stack that run out. */
+/* Values out of parsed trees, and trees into text; garbage, and memory that runs out. */
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include <cstring>
 #include <new>
 #include <string>
 
@@ -42,52 +40,45 @@ class Json : public platform::PlatformTest {
         string text;
         for (const auto &each : platform::records()) {
             EXPECT_TRUE(each.level == 1 && each.unit == "conf_json") << each;
-            text += '[' + each.text.substr(strlen("[ConfJson")) + ';';
+            text += '[' + each.text.substr(9) + ';';
         }
         platform::clearRecords();
         return text;
     }
 
     cJSON *root_ = ConfJsonParse(
-        "{\"a\": [4, 5], \"o\": {}, \"s\": \"5\", \"t\": true, \"f\": false, \"i\": 1e20,"
+        "{\"a\": [4, {\"e\": 5}], \"o\": {}, \"s\": \"5\", \"t\": true, \"f\": false, \"i\": -1e10,"
         "\"Name\": 0, \"s\": \"6\", \"z\": \"\xff\\u0000y\"}");
     cJSON *array_ = ConfJsonGetArray(root_, "a");
     string out_ = "as it was";
 };
 
 TEST_F(Json, NumbersInRangeAreCutAndOthersGiveTheDefault) {
-    const struct {
-        double number;
-        int asInt; /* 7: the default */
-        unsigned int asUInt32;
-        unsigned long long asUInt64;
-    } cases[] = {{2147483647, 2147483647, 2147483647, 2147483647},
-                 {2147483647.5, 7, 2147483647, 2147483647},
-                 {-2147483648.0, INT32_MIN, 7, 7},
-                 {-2147483648.5, 7, 7, 7},
-                 {-3.99, -3, 7, 7},
-                 {-0.5, 0, 7, 7},
-                 {4294967295, 7, 4294967295, 4294967295},
-                 {4294967295.5, 7, 7, 4294967295},
-                 {0x1.fffffffffffffp63, 7, 7, 0xfffffffffffff800},
-                 {0x1p64, 7, 7, 7},
-                 {__builtin_nan(""), 7, 7, 7}};
-    for (const auto &c : cases) {
-        ConfJsonFindItem(root_, "i")->valuedouble = c.number;
-        EXPECT_EQ(ConfJsonGetInt(root_, "i", 7), c.asInt) << c.number;
-        EXPECT_EQ(ConfJsonGetUInt32(root_, "i", 7), c.asUInt32) << c.number;
-        EXPECT_EQ(ConfJsonGetUInt64(root_, "i", 7), c.asUInt64) << c.number;
+    const double cases[][4] = {{2147483647, 2147483647, 2147483647, 2147483647},
+                               {2147483647.5, 7, 2147483647, 2147483647},
+                               {-2147483648.0, -2147483648.0, 7, 7},
+                               {-3.99, -3, 7, 7},
+                               {-0.5, 0, 7, 7},
+                               {4294967295, 7, 4294967295, 4294967295},
+                               {4294967295.5, 7, 7, 4294967295},
+                               {0x1.fffffffffffffp63, 7, 7, 0x1.fffffffffffffp63},
+                               {0x1p64, 7, 7, 7},
+                               {__builtin_nan(""), 7, 7, 7}};
+    for (const auto &[number, asInt, asUInt32, asUInt64] : cases) {
+        ConfJsonFindItem(root_, "i")->valuedouble = number;
+        EXPECT_EQ(ConfJsonGetInt(root_, "i", 7), asInt) << number;
+        EXPECT_EQ(ConfJsonGetUInt32(root_, "i", 7), asUInt32) << number;
+        EXPECT_EQ(static_cast<double>(ConfJsonGetUInt64(root_, "i", 7)), asUInt64) << number;
     }
 }
 
 TEST_F(Json, MembersAreFoundByTypeAndLetterCase) {
-    EXPECT_EQ(ConfJsonGetArraySize(array_), 2);
-    EXPECT_EQ(ConfJsonGetArrayItem(array_, 1)->valuedouble, 5);
+    EXPECT_EQ(ConfJsonGetArraySize(array_) + ConfJsonGetArraySize(root_), 2);
+    EXPECT_EQ(ConfJsonGetInt(ConfJsonGetArrayItem(array_, 1), "e", 0), 5);
     EXPECT_TRUE(ConfJsonGetBool(root_, "t", false) && !ConfJsonGetBool(root_, "f", true));
     EXPECT_EQ(ConfJsonGetString(root_, "s", "d") + ConfJsonGetString(root_, "z", "d"), "5\xff");
-    EXPECT_TRUE(ConfJsonGetObject(root_, "o") && !ConfJsonGetObject(root_, "a"));
-    EXPECT_TRUE(ConfJsonIsMember(root_, "name"));
-    EXPECT_EQ(ConfJsonGetArraySize(root_) + ConfJsonGetArraySize(nullptr), 0);
+    EXPECT_TRUE(ConfJsonGetObject(root_, "o") && ConfJsonIsMember(root_, "name"));
+    EXPECT_FALSE(ConfJsonGetObject(root_, "a"));
     EXPECT_EQ(logged(), "");
 }
 
@@ -124,13 +115,12 @@ TEST_F(Json, WhatIsMissingOrWrongIsRefusedUnderTheNameOfTheFunction) {
 
 TEST_F(Json, RefusalsOfTheirOwn) {
     cJSON_AddItemToObject(root_, "null", cJSON_CreateStringReference(nullptr));
-    const string texts[] = {ConfJsonGetString(nullptr, "s", "d"),
-                            ConfJsonGetString(array_, "", "d"),
-                            ConfJsonGetString(root_, "null", "d")};
-    EXPECT_EQ(texts[0] + texts[1] + texts[2], "ddd");
-    EXPECT_FALSE(ConfJsonGetInt(root_, "i", 0) || ConfJsonGetUInt32(root_, "i", 0) ||
-                 ConfJsonGetUInt64(root_, "i", 0) || ConfJsonGetBool(root_, nullptr, false) ||
-                 ConfJsonParse(nullptr) || ConfJsonParse("") || ConfJsonFindItem(root_, nullptr) ||
+    EXPECT_EQ(ConfJsonGetString(nullptr, "s", "d"), "d");
+    EXPECT_FALSE(!ConfJsonGetString(array_, "s", "").empty() ||
+                 !ConfJsonGetString(root_, "null", "").empty() || ConfJsonGetInt(root_, "i", 0) ||
+                 ConfJsonGetUInt32(root_, "i", 0) || ConfJsonGetUInt64(root_, "i", 0) ||
+                 ConfJsonGetBool(root_, nullptr, false) || ConfJsonParse(nullptr) ||
+                 ConfJsonParse("") || ConfJsonFindItem(root_, nullptr) ||
                  ConfJsonGetArrayItem(nullptr, 0) || ConfJsonGetArrayItem(root_, 0) ||
                  ConfJsonGetArrayItem(array_, 0x80000000U));
     EXPECT_TRUE(ConfJsonAddMultipleItems(root_, nullptr, 0) &&
@@ -140,65 +130,53 @@ TEST_F(Json, RefusalsOfTheirOwn) {
                 ConfJsonCreateAndPrintSingleNumber(out_, nullptr, 1) &&
                 ConfJsonCreateAndPrintSingleString(out_, "k", nullptr));
     ConfJsonReplaceStr(out_, "as", nullptr);
-    EXPECT_EQ(out_, "as it was");
-    const string number = " retrieved number[100000000000000000000.000000] is out of ";
     EXPECT_EQ(
         logged(),
-        "[GetString]null pointer;[GetString]not a valid json object;[GetString]not a valid json "
-        "string;[GetInt]ConfJsonGetInt" +
-            number + "int ranger;[GetUInt32]ConfJsonGetUInt32" + number +
-            "uint32_t ranger;[GetUInt64]ConfJsonGetUInt64" + number +
-            "uint64_t ranger;"
-            "[GetBool]ConfJsonGetBool item is not a valid json bool;"
-            "[Parse]ConfJsonParse null pointer;[Parse]ConfJsonParse input is not a valid json "
-            "string;"
-            "[FindItem]ConfJsonFindItem null pointer;[GetArrayItem]ConfJsonGetArrayItem null "
-            "pointer;"
-            "[GetArrayItem]ConfJsonGetArrayItem input root is not a valid json array;"
-            "[GetArrayItem]ConfJsonGetArrayItem retrieve root[index] failed;"
-            "[AddMultipleItems]ConfJsonAddMultipleItems input null pointer;"
-            "[AddMultipleItemsToSubObject]ConfJsonAddTwoLayerMultipleItems input null pointer;"
-            "[AddMultipleItemsToSubObject]Can't get or create subObject name;"
-            "[CreateAndPrintMultipleItems]ConfJsonCreateAndPrintMultipleItems input null pointer;"
-            "[CreateAndPrintSingleNumber]Add number item key:(null) failed;"
-            "[CreateAndPrintSingleString]Add string item key:k failed;"
-            "[ReplaceStr]CallJson::ReplaceStr null point;");
+        "[GetString]null pointer;[GetString]not a valid json object;"
+        "[GetString]not a valid json string;"
+        "[GetInt]ConfJsonGetInt retrieved number[-10000000000.000000] is out of int ranger;"
+        "[GetUInt32]ConfJsonGetUInt32 retrieved number[-10000000000.000000] is out of uint32_t "
+        "ranger;[GetUInt64]ConfJsonGetUInt64 retrieved number[-10000000000.000000] is out of "
+        "uint64_t ranger;[GetBool]ConfJsonGetBool item is not a valid json bool;"
+        "[Parse]ConfJsonParse null pointer;[Parse]ConfJsonParse input is not a valid json string;"
+        "[FindItem]ConfJsonFindItem null pointer;[GetArrayItem]ConfJsonGetArrayItem null pointer;"
+        "[GetArrayItem]ConfJsonGetArrayItem input root is not a valid json array;"
+        "[GetArrayItem]ConfJsonGetArrayItem retrieve root[index] failed;"
+        "[AddMultipleItems]ConfJsonAddMultipleItems input null pointer;"
+        "[AddMultipleItemsToSubObject]ConfJsonAddTwoLayerMultipleItems input null pointer;"
+        "[AddMultipleItemsToSubObject]Can't get or create subObject name;"
+        "[CreateAndPrintMultipleItems]ConfJsonCreateAndPrintMultipleItems input null pointer;"
+        "[CreateAndPrintSingleNumber]Add number item key:(null) failed;"
+        "[CreateAndPrintSingleString]Add string item key:k failed;"
+        "[ReplaceStr]CallJson::ReplaceStr null point;");
 }
 
 TEST_F(Json, ItemsAreAddedInTheirOrderUpToOneThatCannotBe) {
-    EXPECT_EQ(ConfJsonCreateAndPrintMultipleItems(out_, kItems, 3), 0);
+    ConfJsonCreateAndPrintMultipleItems(out_, kItems, 3);
     EXPECT_EQ(out_, "{\n\t\"n\":\t2.5,\n\t\"s\":\t\"a\\\"\xFF\",\n\t\"b\":\ttrue\n}");
-    EXPECT_EQ(ConfJsonCreateAndPrintSingleNumber(out_, "rate", 2.5), 0);
-    EXPECT_EQ(out_, "{\n\t\"rate\":\t2.5\n}");
     EXPECT_EQ(ConfJsonCreateAndPrintSingleString(out_, "site", ""), 0);
     EXPECT_EQ(ConfJsonAddMultipleItemsToSubObject(root_, "new", kItems, 0), 0);
-    EXPECT_EQ(logged(), "");
-    const char *const records[] = {
+    const string records[] = {
         "Unsupported type:-1 at array index:1", "Add number item key:(null) failed",
-        "Add string item key:(null) failed", "Add bool item key:(null) failed",
-        "Unsupported type:3 at array index:1"};
-    for (int type = -1; type < 4; type++) {
+        "Add string item key:(null) failed", "Add bool item key:(null) failed"};
+    for (int type = -1; type <= CONF_JSON_ITEM_BOOL; type++) {
+        EXPECT_EQ(logged(), "");
         const ConfJsonItem items[] = {kItems[0], {type, nullptr, {.string = "x"}}, kItems[1]};
         EXPECT_EQ(ConfJsonCreateAndPrintMultipleItems(out_, items, 3), 1);
         EXPECT_EQ(ConfJsonAddMultipleItemsToSubObject(root_, "new", items, 3), 1);
-        const string added = string("[AddMultipleItems]") + records[type + 1] + ';';
+        const string added = "[AddMultipleItems]" + records[type + 1] + ';';
         EXPECT_EQ(logged(),
                   added + "[CreateAndPrintMultipleItems]Add multiple items to json failed;" +
                       added +
                       "[AddMultipleItemsToSubObject]Add multiple items to subObject failed;");
     }
-    EXPECT_EQ(cJSON_GetArraySize(ConfJsonGetObject(root_, "new")), 5) << "those before stay";
+    EXPECT_EQ(cJSON_GetArraySize(ConfJsonGetObject(root_, "new")), 4) << "those before stay";
     EXPECT_EQ(out_, "{\n\t\"site\":\t\"\"\n}");
-}
-
-TEST_F(Json, TextsAreReplacedOnceAndOverwrittenWhole) {
-    ConfJsonReplaceStr(out_, "s", "+");
-    ConfJsonReplaceStr(out_, "is", "");
-    EXPECT_EQ(out_, "a+ it was");
+    ConfJsonReplaceStr(out_, "\t", "+");
     ConfJsonReplaceStr(out_, "", "was ");
-    EXPECT_EQ(out_, "was a+ it was");
+    EXPECT_EQ(out_, "was {\n+\"site\":\t\"\"\n}");
     ConfJsonClearStr(out_);
-    EXPECT_EQ(out_, string(13, '*'));
+    EXPECT_EQ(out_, string(19, '*'));
 }
 
 TEST_F(Json, MemoryThatRunsOutIsAFailureAndLeavesEverythingAsItWas) {
@@ -209,41 +187,20 @@ TEST_F(Json, MemoryThatRunsOutIsAFailureAndLeavesEverythingAsItWas) {
     bool good = false;
     int64_t failures = 0;
     for (; !good; failures++) {
-        string out, replaced, otherwise = "default";
+        string out, otherwise = "default";
         untilFailure = failures;
-        const int printed = ConfJsonCreateAndPrintMultipleItems(out, kItems, 3) +
-                            ConfJsonCreateAndPrintSingleNumber(out, "number", 1) +
-                            ConfJsonCreateAndPrintSingleString(out, "text", text.c_str());
-        ConfJsonReplaceStr(replaced, "", text.c_str());
+        const bool printed = ConfJsonCreateAndPrintMultipleItems(out, kItems, 3) == 0 &&
+                             ConfJsonCreateAndPrintSingleNumber(out, "number", 1) == 0 &&
+                             ConfJsonCreateAndPrintSingleString(out, "text", text.c_str()) == 0;
+        ConfJsonReplaceStr(out, "", text.c_str());
         const string copy = ConfJsonGetString(root_, "long", std::move(otherwise));
         good = untilFailure >= 0;
         untilFailure = -1;
-        EXPECT_EQ(printed + replaced.empty() + (copy == "default"), good ? 0 : 1) << failures;
-        EXPECT_EQ(logged().empty(), good) << failures;
+        EXPECT_EQ(printed && out.size() > 200 && copy == text, good) << failures;
+        EXPECT_TRUE(logged().empty() == good && (copy == text || copy == "default"));
     }
     EXPECT_GT(failures, 15);
     cJSON_InitHooks(nullptr);
-}
-
-/* The text, when it was parsed. */
-void *parseAndRelease(void *text) {
-    cJSON *tree = ConfJsonParse(static_cast<const char *>(text));
-    cJSON_Delete(tree);
-    return tree == nullptr ? nullptr : text;
-}
-
-TEST_F(Json, ASmallStackSufficesForAnyDepth) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 256 << 10), 0);
-    for (const size_t levels : {1000U, 100000U}) {
-        string text = string(levels, '[') + string(levels, ']');
-        pthread_t thread;
-        void *parsed = nullptr;
-        ASSERT_EQ(pthread_create(&thread, &attributes, parseAndRelease, text.data()), 0);
-        pthread_join(thread, &parsed);
-        EXPECT_EQ(parsed != nullptr, levels <= 1000) << levels;
-    }
 }
 
 }  // namespace
