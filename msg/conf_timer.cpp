@@ -87,12 +87,12 @@ uint32_t startEntry(ConfCommTimerEntry *entry, uint32_t durationMs, const TimerS
     uint32_t created = 0;
     if (beginStart(running)) {
         OsTmrCreateParam create = {};
+        nameReceiver(start.function, &create, entry->receiver);
         create.key = entry->timerId;
         create.kind = kTableKind;
         create.expiry = ConfCommTimerOut;
         const uint32_t duration = durationMs == 0 ? entry->defaultDuration : durationMs;
-        created =
-            createTimer(running, start.function, &create, entry->receiver, duration, entry->mode);
+        created = createTimer(running, start.function, &create, duration, entry->mode);
         if (created == 0) {
             return 1;
         }

@@ -98,6 +98,7 @@ void ConfCommTimerIDOut(OsTmrCreateParam *record) {
 /* 0, with a record, when there is no timer. */
 uint32_t createObjectTimer(const char *function, ConfTimer *timer, uint32_t durationMs) {
     OsTmrCreateParam create = {};
+    nameReceiver(function, &create, timer->receiver);
     const int error = memcpy_s(&create.key, sizeof(create.key), &timer, sizeof(timer));
     if (error != 0) {
         ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
@@ -105,8 +106,7 @@ uint32_t createObjectTimer(const char *function, ConfTimer *timer, uint32_t dura
     }
     create.kind = kObjectKind;
     create.expiry = ConfCommTimerIDOut;
-    return createTimer(runningTimer(timer), function, &create, timer->receiver, durationMs,
-                       timer->mode);
+    return createTimer(runningTimer(timer), function, &create, durationMs, timer->mode);
 }
 
 /* A start up to what it delivers itself; `fired` says whether it does. */

@@ -31,12 +31,15 @@ bool takeFired(const RunningTimer &timer, uint32_t fired) {
     return timer.handle.compare_exchange_strong(fired, kStarting);
 }
 
-uint32_t createTimer(const RunningTimer &timer, const char *function, OsTmrCreateParam *create,
-                     const char *receiver, uint32_t durationMs, uint32_t mode) {
+void nameReceiver(const char *function, OsTmrCreateParam *create, const char *receiver) {
     const int error = strcpy_s(create->receiver, sizeof(create->receiver), receiver);
     if (error != 0) {
         logCopyFailure(function, error);
     }
+}
+
+uint32_t createTimer(const RunningTimer &timer, const char *function, OsTmrCreateParam *create,
+                     uint32_t durationMs, uint32_t mode) {
     create->ticks = durationMs / kTickMs;
     create->periodic = mode == CONF_TIMER_ONE_SHOT ? 0 : 1;
     uint32_t created = 0;

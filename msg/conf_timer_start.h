@@ -64,10 +64,13 @@ bool beginStart(const RunningTimer &timer);
 /* Takes a timer for a start that has fired for the last time under the handle `fired`. */
 bool takeFired(const RunningTimer &timer, uint32_t fired);
 
-/* Completes a record whose key, kind and expiry are set, and creates the timer; 0, with a record in the
- * log, when there is none. The start is then off. */
+/* Names the receiver in a record; one that does not fit is recorded in the log, and stays empty. */
+void nameReceiver(const char *function, OsTmrCreateParam *create, const char *receiver);
+
+/* Completes a record whose receiver, key, kind and expiry are set, and creates the timer; 0, with a
+ * record in the log, when there is none. The start is then off. */
 uint32_t createTimer(const RunningTimer &timer, const char *function, OsTmrCreateParam *create,
-                     const char *receiver, uint32_t durationMs, uint32_t mode);
+                     uint32_t durationMs, uint32_t mode);
 
 /* Replaces what a timer delivers; false when there is no memory for the data, of which then none is
  * delivered. */
