@@ -4,7 +4,8 @@
  * reader does not wait for the flush of a writer, not even of the same process. After each
  * transaction a connection looks whether its file is still the one in place (it is not once another
  * process has moved a damaged one aside) and, if not, opens the new one and starts over: what was
- * acknowledged is in the file in place.
+ * acknowledged is in the file in place. Who followed the journal of the file before must begin anew:
+ * the new one may give the same numbers to other changes.
  *
  * SQLite's account of locks must not cross a fork, so that the connections are closed around it. */
 #include "tamo_om_config_connection.h"
@@ -39,7 +40,14 @@ constexpr const char *kWriteOne =
     "INSERT INTO setting (key, value) VALUES (?1, ?2) "
     "ON CONFLICT (key) DO UPDATE SET value = excluded.value WHERE value <> excluded.value";
 
+bool isMoved(const Connection &connection) {
+    return connection.file.database != nullptr && configFileMoved(connection.file);
+}
+
 void disconnect(Connection *connection) {
+    if (isMoved(*connection)) {
+        connection->replacements++;
+    }
     for (sqlite3_stmt **statement :
          {&connection->begin, &connection->commit, &connection->rollback, &connection->one,
           &connection->group, &connection->append, &connection->trim, &connection->fetch}) {
@@ -95,6 +103,21 @@ uint32_t connect(Connection *connection, bool suspect) {
     return code;
 }
 
+/* Leaves what is not in place any more, by both connections at once: SQLite keeps one index of a file
+ * for all that a process has, so that a new connection would share a removed one. */
+void leaveMoved(std::unique_lock<std::mutex> *guard) {
+    guard->unlock();
+    {
+        std::scoped_lock both(configWriter.lock, configReader.lock);
+        for (Connection *each : {&configWriter, &configReader}) {
+            if (isMoved(*each)) {
+                disconnect(each);
+            }
+        }
+    }
+    guard->lock();
+}
+
 }  // namespace
 
 int runStatement(sqlite3_stmt *statement) {
@@ -123,9 +146,13 @@ int finishTransaction(Connection *connection, int result) {
 
 uint32_t transactWith(Connection *connection, const char *what, ConfigTransaction transaction,
                       void *context) {
-    std::lock_guard guard(connection->lock);
+    std::unique_lock guard(connection->lock);
     bool suspect = false;
     for (int attempt = 1;; attempt++) {
+        /* Before a write too: who writes by a removed index spoils the log that others go on with. */
+        if (connection->forWriting && isMoved(*connection)) {
+            leaveMoved(&guard);
+        }
         if (connection->file.database == nullptr) {
             uint32_t code = connect(connection, suspect);
             if (code != TAMO_HOST_OK) {
@@ -135,7 +162,11 @@ uint32_t transactWith(Connection *connection, const char *what, ConfigTransactio
         int result = transaction(connection, context);
         suspect = isDamage(result);
         bool moved = configFileMoved(connection->file);
-        if (attempt < kAttempts && (suspect || moved)) {
+        if (attempt < kAttempts && moved) {
+            leaveMoved(&guard);
+            continue;
+        }
+        if (attempt < kAttempts && suspect) {
             disconnect(connection);
             continue;
         }

@@ -13,6 +13,7 @@ struct Connection {
     const bool forWriting;
     std::mutex lock = {};
     ConfigFile file = {};
+    uint32_t replacements = 0; /* so often its file was not in place any more */
     sqlite3_stmt *begin = nullptr;
     sqlite3_stmt *commit = nullptr;
     sqlite3_stmt *rollback = nullptr;

@@ -65,7 +65,7 @@ uint32_t syncDirectory(int directory) {
 }  // namespace
 
 OpenersTurn::OpenersTurn(int directory)
-    : descriptor(openat(directory, "config.lock", O_RDONLY | O_CREAT | O_CLOEXEC, 0600)) {
+    : descriptor(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     int result = -1;
     do {
         result = descriptor < 0 ? -1 : flock(descriptor, LOCK_EX);
@@ -77,6 +77,16 @@ OpenersTurn::~OpenersTurn() {
     if (descriptor >= 0) {
         close(descriptor);
     }
+}
+
+ConfigCompanions findConfigCompanions() {
+    const int directory = rootDirectory("config");
+    auto find = [directory](const char *name) {
+        struct stat status;
+        bool there = fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+        return there ? uint64_t{status.st_ino} : 0;
+    };
+    return {find("config.db-wal"), find("config.db-shm")};
 }
 
 uint32_t configDirectoryFailure(const char *what, int line) {

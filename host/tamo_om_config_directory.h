@@ -9,7 +9,8 @@ namespace tamo {
 constexpr const char *kConfigFile = "config.db";
 constexpr const char *kFreshConfigFile = "config.db.new";
 
-/* Held by the one process that opens, begins or moves the store. */
+/* Held by the one process that opens, begins or moves the store. It is a lock of the directory itself,
+ * which does not go with the files in it. */
 class OpenersTurn {
   public:
     explicit OpenersTurn(int directory);
@@ -23,6 +24,15 @@ class OpenersTurn {
     const int descriptor;
     bool isTaken = false;
 };
+
+/* The log and the shared index beside the store, by their numbers in the file system; 0 is none. */
+struct ConfigCompanions {
+    uint64_t log = 0;
+    uint64_t index = 0;
+    bool operator==(const ConfigCompanions &) const = default;
+};
+
+ConfigCompanions findConfigCompanions();
 
 /* Records the failure of a system call, told by errno; returns the TAMO_HOST_ code. */
 uint32_t configDirectoryFailure(const char *what, int line);

@@ -2,8 +2,10 @@
  *
  * - A fresh store is made under another name and renamed: a config.db that anybody sees is whole, so
  *   that an empty one is a truncated one.
- * - Openers take turns by a lock file, and whoever moves a file aside holds it. Those who have the
- *   file open meanwhile find out by configFileMoved, which they ask after each transaction.
+ * - Openers take turns, and whoever moves a file aside has the turn. Those who have the file open
+ *   meanwhile find out by configFileMoved, which they ask after each transaction. So they do when
+ *   somebody removes the log or its index alone: who opens the file then begins others, and neither
+ *   would see the other's writes.
  * - The file is opened by SQLite alone: closing any other descriptor of it would drop the locks that
  *   this process's connections hold.
  * - Closing leaves the write-ahead log as it is. Otherwise the last one out would delete it, and a
@@ -17,6 +19,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include "device_root.h"
 #include "host_record.h"
@@ -32,6 +35,7 @@ constexpr const char *kUnit = "tamo_om_config_file";
 /* SQLite's own limit, less the longest companion's name. */
 constexpr size_t kLongestPath = 500;
 constexpr int kBusyMs = 10000;
+constexpr int kBusyPollMs = 2;
 /* Up to this size (256 KiB) every opening checks the structure of the whole file, which takes less
  * than a millisecond; damage to a larger one is found when it is met. */
 constexpr int kCheckedPages = 64;
@@ -65,13 +69,20 @@ void nameWithOwnIndex(const char *path, char *uri, size_t size) {
     (void)snprintf(uri + length, size - length, "?readonly_shm=1");
 }
 
+/* By short naps: SQLite's own grow so long that one writer among busy ones meets no gap between them. */
+int waitWhileBusy(void *, int waits) {
+    struct timespec nap = {.tv_sec = 0, .tv_nsec = kBusyPollMs * 1000000L};
+    return waits < kBusyMs / kBusyPollMs && (nanosleep(&nap, nullptr) == 0 || errno == EINTR) ? 1
+                                                                                              : 0;
+}
+
 int openDatabase(const char *name, int flags, sqlite3 **database) {
     int result = sqlite3_open_v2(name, database, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     if (result != SQLITE_OK) {
         return result;
     }
     sqlite3_extended_result_codes(*database, 1);
-    sqlite3_busy_timeout(*database, kBusyMs);
+    sqlite3_busy_handler(*database, waitWhileBusy, nullptr);
     return result;
 }
 
@@ -280,6 +291,7 @@ uint32_t openInTurn(int directory, const char *path, const OpenWish &wish, Confi
             code = openPrepared(directory, path, wish, tight, file, &verdict);
         }
         if (code == TAMO_HOST_OK && verdict == Verdict::good) {
+            file->companions = findConfigCompanions();
             return code;
         }
         closeConfigFile(file);
@@ -311,9 +323,8 @@ void closeConfigFile(ConfigFile *file) {
 
 bool configFileMoved(const ConfigFile &file) {
     int moved = 0;
-    return sqlite3_file_control(file.database, "main", SQLITE_FCNTL_HAS_MOVED, &moved) ==
-               SQLITE_OK &&
-           moved != 0;
+    (void)sqlite3_file_control(file.database, "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+    return moved != 0 || (!file.ownIndex && file.companions != findConfigCompanions());
 }
 
 uint32_t configFileFailure(sqlite3 *database, int result, const char *what, int line) {
@@ -351,7 +362,7 @@ uint32_t openConfigFile(const OpenWish &wish, ConfigFile *file) {
     }
     OpenersTurn turn(directory);
     if (!turn.taken()) {
-        return configDirectoryFailure("locking config.lock", __LINE__);
+        return configDirectoryFailure("taking the turn", __LINE__);
     }
     return openInTurn(directory, path, wish, file);
 }

@@ -3,6 +3,8 @@
 #include <sqlite3.h>
 #include <stdint.h>
 
+#include "tamo_om_config_directory.h"
+
 namespace tamo {
 
 struct ConfigFile {
@@ -10,6 +12,7 @@ struct ConfigFile {
     /* Read through an index of this connection's own: the disk had no room for the shared one. Each
      * transaction then reads the whole log, so the file is better opened anew for the next. */
     bool ownIndex = false;
+    ConfigCompanions companions;
 };
 
 struct OpenWish {
@@ -24,7 +27,7 @@ uint32_t openConfigFile(const OpenWish &wish, ConfigFile *file);
 /* Closes the database, whose statements must be finalized. */
 void closeConfigFile(ConfigFile *file);
 
-/* Whether another file, or none, has taken the place of the open one. */
+/* Whether another file, or none, has taken the place of the open one, of its log or of its index. */
 bool configFileMoved(const ConfigFile &file);
 
 /* Records that `what` failed with a result of SQLite, and why; returns the TAMO_HOST_ code. */

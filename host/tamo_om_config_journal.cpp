@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -22,12 +23,14 @@ namespace {
 constexpr const char *kAppend =
     "INSERT INTO change SELECT max(number) + ?1, ?2, ?3, ?4, ?5, ?6 FROM change";
 /* Now and then, since it costs more than a write's share. What is kept for a watcher that does not
- * read has a bound (64 MiB); it is told all keys then. */
+ * read has a bound (64 MiB); it is told all keys then. One who has read further than the last change
+ * has read another store, and nothing of this one. */
 constexpr const char *kTrim =
-    "DELETE FROM change WHERE number < "
-    "max(?1, (SELECT max(number) FROM change) - 67108864) AND "
-    "(SELECT min(number) FROM change) + 262144 < "
-    "max(?1, (SELECT max(number) FROM change) - 67108864)";
+    "WITH span (first, last) AS (SELECT (SELECT min(number) FROM change),"
+    " (SELECT max(number) FROM change)),"
+    " kept (first) AS (SELECT max(iif(?1 > last, 0, ?1), last - 67108864) FROM span) "
+    "DELETE FROM change WHERE number < (SELECT first FROM kept) AND "
+    "(SELECT first FROM span) + 262144 < (SELECT first FROM kept)";
 constexpr const char *kFetch =
     "SELECT number, time, origin, pid, writer, records FROM change WHERE number >= ?1 "
     "ORDER BY number LIMIT 2";
@@ -67,6 +70,7 @@ int takeAll(sqlite3 *database, Texts *records) {
         for (int column = 0; column < 2; column++) {
             const void *text = sqlite3_column_blob(rows, column);
             size_t length = static_cast<size_t>(sqlite3_column_bytes(rows, column));
+            length = length == 0 ? 0 : strnlen(static_cast<const char *>(text), length);
             if (!records->append(text == nullptr ? "" : text, length)) {
                 result = SQLITE_NOMEM;
             }

@@ -75,12 +75,18 @@ bool hasHandlers() {
     return false;
 }
 
+/* False for what a foreign hand has put into the store's file. */
+bool fits(const tamo::TextPairs &pair) {
+    return pair.key[0] != '\0' && strlen(pair.key) < sizeof(ConfConfigOmKey::text) &&
+           strlen(pair.value) < sizeof(ConfConfigOmVal::text);
+}
+
 /* A change as a handler gets it: entries and, behind them, their values. */
 class Report {
   public:
     explicit Report(const tamo::ConfigChange &change) {
         for (tamo::TextPairs pair(change.records); pair.next();) {
-            list.count++;
+            list.count += fits(pair) ? 1 : 0;
         }
         list.items = static_cast<ConfConfigChangeItem *>(
             calloc(list.count + 1, sizeof(ConfConfigChangeItem) + sizeof(ConfConfigOmVal)));
@@ -89,12 +95,17 @@ class Report {
         }
         auto *value = reinterpret_cast<ConfConfigOmVal *>(list.items + list.count);
         ConfConfigChangeItem *item = list.items;
-        for (tamo::TextPairs pair(change.records); pair.next(); item++, value++) {
+        for (tamo::TextPairs pair(change.records); pair.next();) {
+            if (!fits(pair)) {
+                continue;
+            }
             item->key.length = static_cast<uint8_t>(
                 snprintf(item->key.text, sizeof(item->key.text), "%s", pair.key));
             value->length =
                 static_cast<uint32_t>(snprintf(value->text, sizeof(value->text), "%s", pair.value));
             item->value = value;
+            item++;
+            value++;
         }
     }
     ~Report() { free(list.items); }

@@ -33,6 +33,11 @@ uint32_t beginConfigWatch(ConfigWatch *watch, uint64_t origin) {
         return finishTransaction(connection, result);
     };
     uint32_t code = transact(&configWriter, "beginning to watch the configuration", begin);
+    (void)transact(&configReader, "beginning to watch the configuration",
+                   [watch](Connection *connection) {
+                       watch->replacements = connection->replacements;
+                       return SQLITE_OK;
+                   });
     if (code == TAMO_HOST_OK) {
         return taken ? code : uint32_t{TAMO_HOST_SYSTEM};
     }
@@ -55,8 +60,11 @@ uint32_t nextConfigChange(ConfigWatch *watch, ConfigChange *change) {
     }
     for (;;) {
         bool found = false;
+        uint32_t replacements = 0;
         auto fetch = [&](Connection *connection) {
-            int result = fetchConfigChange(connection, watch->seen, change);
+            const bool replaced = watch->replacements != connection->replacements;
+            int result = fetchConfigChange(connection, replaced ? 0 : watch->seen, change);
+            replacements = connection->replacements;
             found = result == SQLITE_OK;
             return result == SQLITE_DONE ? SQLITE_OK : result;
         };
@@ -65,6 +73,7 @@ uint32_t nextConfigChange(ConfigWatch *watch, ConfigChange *change) {
             return code == TAMO_HOST_OK ? uint32_t{TAMO_HOST_NOT_FOUND} : code;
         }
         watch->seen = change->number;
+        watch->replacements = replacements;
         watch->seat.setSeen(change->number);
         if (change->origin != watch->origin) {
             return TAMO_HOST_OK;

@@ -12,6 +12,7 @@ struct ConfigWatch {
     WatcherSeat seat;
     uint64_t origin = kNoOrigin; /* whose writes are not wanted */
     uint64_t seen = 0;
+    uint32_t replacements = 0; /* of the store, as far as it has been read */
 };
 
 /* Begins to watch: what is written after this has returned will be handed out, but for the writes of

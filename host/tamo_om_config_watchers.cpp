@@ -76,14 +76,17 @@ void watchForks() {
     std::call_once(once, [] { pthread_atfork(nullptr, nullptr, forgetSeats); });
 }
 
+/* Whether it has its name and its size: touching a page that was cut off would end the process. */
 bool isInPlace(int file) {
-    struct stat status;
-    return fstat(file, &status) == 0 && status.st_nlink != 0;
+    struct stat own;
+    struct stat named;
+    return fstat(file, &own) == 0 && own.st_size >= off_t{sizeof(WatcherBoard)} &&
+           fstatat(rootDirectory("run"), kBoardFile, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           named.st_ino == own.st_ino;
 }
 
 WatcherBoard *mapBoard(int file) {
-    struct stat status;
-    if (fstat(file, &status) != 0 || status.st_size < off_t{sizeof(WatcherBoard)}) {
+    if (!isInPlace(file)) {
         return nullptr;
     }
     void *memory = mmap(nullptr, sizeof(WatcherBoard), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
@@ -230,13 +233,13 @@ bool WatcherSeat::take(uint64_t origin) {
     }
     board->places[place].seen = 0;
     board->places[place].origin = origin;
-    return true;
+    return isHeld();
 }
 
 void WatcherSeat::leave() {
     int file = entry < 0 || madeAfter != forks ? 0 : seatFiles[entry].exchange(0);
     if (file != 0) {
-        if (board != nullptr && place < kPlaces) {
+        if (board != nullptr && place < kPlaces && isInPlace(file)) {
             board->places[place].origin = 0;
         }
         close(file);
@@ -248,28 +251,28 @@ void WatcherSeat::leave() {
 
 bool WatcherSeat::isHeld() const {
     int file = entry < 0 || madeAfter != forks ? 0 : seatFiles[entry].load();
-    return file != 0 && isInPlace(file);
+    return file != 0 && isInPlace(file) && board->places[place].origin != 0;
 }
 
 void WatcherSeat::setSeen(uint64_t number) {
-    if (board != nullptr) {
+    if (isHeld()) {
         board->places[place].seen = number;
     }
 }
 
 uint32_t WatcherSeat::wakes() const {
-    return board == nullptr ? 0 : board->wakes.load();
+    return isHeld() ? board->wakes.load() : 0;
 }
 
 void WatcherSeat::wait(uint32_t known, int64_t timeoutMs) const {
-    if (board == nullptr) {
-        return;
-    }
     struct timespec timeout = {};
     timeout.tv_sec = static_cast<time_t>(timeoutMs / 1000);
     timeout.tv_nsec = static_cast<long>(timeoutMs % 1000 * 1000000);
-    (void)syscall(SYS_futex, &board->wakes, FUTEX_WAIT, known, timeoutMs < 0 ? nullptr : &timeout,
-                  nullptr, 0);
+    if (board == nullptr) {
+        (void)nanosleep(&timeout, nullptr);
+        return;
+    }
+    (void)syscall(SYS_futex, &board->wakes, FUTEX_WAIT, known, &timeout, nullptr, 0);
 }
 
 }  // namespace tamo

@@ -53,7 +53,7 @@ class WatcherSeat {
 
     uint32_t wakes() const;
 
-    /* Sleeps until there were other wakes than `known`, at most so long; negative: no limit. */
+    /* Sleeps until there were other wakes than `known`, at most so long, and without a place so long. */
     void wait(uint32_t known, int64_t timeoutMs) const;
 
   private:

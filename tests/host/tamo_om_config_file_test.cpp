@@ -78,6 +78,12 @@ TEST_F(ConfigFile, WriteIsFlushedOnce) {
     EXPECT_EQ(before + 1, support::flushes) << "what is stored already needs no flush";
     ASSERT_EQ(0, TamoOmConfigStringMget(stored.data(), 50));
     EXPECT_EQ(before + 1, support::flushes);
+    TamoHostConfigWatch *watch = nullptr;
+    ASSERT_EQ(0U, TamoHostConfigWatchOpen(&watch));
+    before = support::flushes;
+    ASSERT_EQ(0, set("key1", "third"));
+    EXPECT_EQ(before + 1, support::flushes) << "so it is with its note in the journal";
+    TamoHostConfigWatchClose(watch);
 }
 
 TEST_F(ConfigFile, FullDiskFailsWritesWholeAndLetsReadsGoOn) {

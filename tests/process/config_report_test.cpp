@@ -132,7 +132,7 @@ const support::ChildRole slowRole("slow", [](const ChildArguments &) {
         if (changes->count != 1 || number != before + 1) {
             support::tellParent("lost or disordered: " + asText(changes));
         }
-        if (count == 3000) {
+        if (count == 1200) {
             support::tellParent("all");
         }
     };
@@ -142,7 +142,7 @@ const support::ChildRole slowRole("slow", [](const ChildArguments &) {
 });
 
 const support::ChildRole writerRole("writer", [](const ChildArguments &arguments) {
-    for (int number = 1; number <= 1000; number++) {
+    for (int number = 1; number <= 400; number++) {
         if (set(arguments[0], std::to_string(number)) != 0) {
             return 1;
         }
@@ -271,6 +271,63 @@ TEST_F(ConfigReports, RefusedWriteIsNotReportedAndTheJournalIsPartOfTheWrite) {
     ASSERT_EQ(0, set("b", "3"));
     EXPECT_EQ("a=1", watcher->hear());
     EXPECT_EQ("b=3", watcher->hear());
+}
+
+/* Whichever of its files are gone, reports go on: with all keys, for what was missed. */
+TEST_F(ConfigReports, RemovedFilesOfTheStoreDoNotEndReports) {
+    auto watcher = startWatcher();
+    const std::vector<std::string> removals[] = {{"config.db", "config.db-wal", "config.db-shm"},
+                                                 {"config.db"},
+                                                 {"config.db-wal", "config.db-shm"},
+                                                 {"config.db-shm"},
+                                                 {"config.db-wal"},
+                                                 {"config.db", "config.db-wal", "config.db-shm"}};
+    int number = 0;
+    for (const auto &removed : removals) {
+        SCOPED_TRACE(testing::PrintToString(removed));
+        for (const std::string &name : removed) {
+            std::filesystem::remove(support::configFile(name));
+        }
+        const std::string last = "last=" + std::to_string(++number);
+        ASSERT_EQ(0, set("first", std::to_string(number)));
+        ASSERT_EQ(0, set("last", std::to_string(number)));
+        for (std::string heard; heard.find(last) == std::string::npos;) {
+            heard = watcher->hear();
+            ASSERT_NE("", heard);
+        }
+        ASSERT_EQ(0, set("next", last));
+        EXPECT_EQ("next=" + last, watcher->hear()) << "goes on one by one";
+        EXPECT_EQ(std::to_string(number), get("first"));
+    }
+}
+
+TEST_F(ConfigReports, ListOfWatchersThatIsSpoiltIsMendedOrRefused) {
+    const auto board = std::filesystem::path(support::scratchRoot()) / "run/config.watchers";
+    auto watcher = startWatcher();
+    std::filesystem::resize_file(board, 0);
+    ASSERT_EQ(0, set("a", "1"));
+    auto other = startWatcher();
+    ASSERT_EQ(0, set("b", "2"));
+    EXPECT_EQ("b=2", other->hear());
+    EXPECT_EQ("a=1 b=2", watcher->hear()) << "all keys, for what it missed";
+    ASSERT_EQ(0, set("b", "3"));
+    EXPECT_EQ("b=3", watcher->hear());
+    std::filesystem::rename(board, board.string() + ".kept");
+    std::filesystem::create_symlink(board.string() + ".kept", board);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(watchWith(tell));
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find(board.string()));
+    std::filesystem::remove(board);
+}
+
+TEST_F(ConfigReports, ForeignValueThatFitsNoReportIsLeftOut) {
+    auto watcher = startWatcher();
+    ASSERT_EQ(-1, ask("INSERT INTO setting VALUES ('big', printf('%.2000c', 'x'))"));
+    ASSERT_EQ(-1, ask("INSERT INTO setting VALUES (printf('%.200c', 'k'), '')"));
+    ASSERT_EQ(-1, ask("INSERT INTO setting VALUES (CAST(x'63003D' AS TEXT), '1')"));
+    ASSERT_EQ(-1, ask("DELETE FROM change"));
+    ASSERT_EQ(0, set("d", "2"));
+    EXPECT_EQ("c=1 d=2", watcher->hear());
 }
 
 TEST_F(ConfigReports, StoreOfTheFirstVersionGetsItsJournal) {
