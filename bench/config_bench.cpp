@@ -9,10 +9,12 @@
 #include <string.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "include/conf_config.h"
@@ -235,6 +237,22 @@ void measureWriting(const std::string &root) {
     std::vector<Row> rows = {{"bare transaction, one flush", bareWrite, {}},
                              {"TamoOmConfigStringMset", clientWrite, {}}};
     compare("50 records written (wanted: at most 1.20)", rows, 10);
+
+    TamoHostConfigWatch *watch = nullptr;
+    check(TamoHostConfigWatchOpen(&watch) == TAMO_HOST_OK, "TamoHostConfigWatchOpen");
+    std::atomic<bool> over = false;
+    std::thread watcher([&] {
+        auto visit = [](const TamoHostConfigChange *, void *) -> uint32_t { return TAMO_HOST_OK; };
+        while (!over) {
+            (void)TamoHostConfigWatchNext(watch, 100, visit, nullptr);
+        }
+    });
+    std::vector<Row> watched = {{"bare transaction, one flush", bareWrite, {}},
+                                {"TamoOmConfigStringMset, a watcher reads", clientWrite, {}}};
+    compare("50 records written and reported", watched, 10);
+    over = true;
+    watcher.join();
+    TamoHostConfigWatchClose(watch);
 }
 
 }  // namespace
