@@ -115,9 +115,10 @@ bool KnownFiles::look(int directory, const KnownFiles &former) {
         const KnownFile *before = former.find(file.name);
         if ((before != nullptr && *before == file) || isWhole(again, file)) {
             complete = add(file);
-        } else if (before != nullptr) {
-            complete = add(*before);
+            continue;
         }
+        pending_ = true;
+        complete = before == nullptr || add(*before);
     }
     closedir(walk);
     std::sort(files_, files_ + count_, isBefore);

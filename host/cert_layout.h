@@ -25,6 +25,7 @@ constexpr uint32_t kCertIds = 10;
 /* Certificates of two parts. */
 constexpr uint32_t kTwoPartIds[] = {259, 260};
 
+constexpr char kCertDirectory[] = "/data/certfile";
 constexpr char kServerDirectory[] = "/data/certfile/server";
 constexpr char kCaDirectory[] = "/data/certfile/CA";
 constexpr char kCrlDirectory[] = "/data/certfile/CRL";

@@ -118,7 +118,7 @@ uint32_t makeCertDirectories() {
     if (data < 0 || rootDirectory("keys") < 0) {
         return TAMO_HOST_NO_ROOT;
     }
-    for (const char *path : {"/data/certfile", kServerDirectory, kCaDirectory, kCrlDirectory}) {
+    for (const char *path : {kCertDirectory, kServerDirectory, kCaDirectory, kCrlDirectory}) {
         if (mkdirat(data, path + sizeof("/data/") - 1, 0700) != 0 && errno != EEXIST) {
             hostRecord(kError, kUnit, __LINE__,
                        "%s%s cannot be created (%s): give this user the right to, or make it",

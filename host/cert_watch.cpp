@@ -10,6 +10,8 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "cert_version.h"
 #include "device_root.h"
 #include "host_record.h"
@@ -23,6 +25,10 @@ constexpr const char *kUnit = "cert_watch";
 /* A file is whole when its writer closes it or moves it in; links are only created. */
 constexpr uint32_t kEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_DELETE |
                              IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+/* A file is announced as closed a moment before it counts as closed, hence a second look at one that is
+ * being written; at a slow writer's file, ever more rarely. */
+constexpr int kLongestRetryMs = 1000;
 
 Descriptor openDeviceDirectory(const char *devicePath) {
     char native[PATH_MAX];
@@ -62,10 +68,12 @@ uint32_t CertWatch::open() {
 bool CertWatch::wait() {
     char events[4096];
     pollfd polled = {events_.get(), POLLIN, 0};
-    while (poll(&polled, 1, -1) < 0 && errno == EINTR) {
+    retryMs_ = retryMs_ == 0 ? 1 : std::min(2 * retryMs_, kLongestRetryMs);
+    while (poll(&polled, 1, pending_ ? retryMs_ : -1) < 0 && errno == EINTR) {
     }
     ssize_t got = 0;
     while ((got = read(events_.get(), events, sizeof(events))) > 0) {
+        retryMs_ = 0;
     }
     return got < 0 && (errno == EAGAIN || errno == EINTR);
 }
@@ -89,49 +97,63 @@ bool CertWatch::lookAtDirectory(const char *devicePath, int *watched, KnownFiles
     follow(devicePath, watched);
     KnownFiles now;
     const Descriptor directory = openDeviceDirectory(devicePath);
-    if (!now.look(directory.get(), *known) || now == *known) {
+    const bool complete = now.look(directory.get(), *known);
+    pending_ = pending_ || now.isPending();
+    if (!complete || now == *known) {
         return false;
     }
     known->swap(now);
     return true;
 }
 
-/* Without its chain there is no certificate, whatever else is left. */
-bool CertWatch::lookAtServer(uint32_t index) {
-    const uint32_t certId = kFirstCertId + index;
-    CertVersion version;
-    KnownFiles now;
-    if (findVersion(certId, &version)) {
-        follow(version.path, &watchedVersions_[index]);
-        const bool exists = hasFile(version, kChainFile);
-        if (!now.look(exists ? version.directory.get() : -1, versions_[index])) {
-            return false;
-        }
-    }
-    if (now == versions_[index]) {
-        torn_[index] = false;
-        return false;
-    }
-    const char *why = nullptr;
-    if (version.directory.isOpen() && hasFile(version, kChainFile) &&
-        !isWholeVersion(version, &why)) {
-        if (!torn_[index]) {
+/* Whether a version that has changed can be used, and `picture` still shows it. */
+bool CertWatch::isWhole(uint32_t index, const KnownFiles &picture, const CertVersion &version) {
+    const char *why = "a file is being written";
+    if (picture.isPending() || !isWholeVersion(version, &why)) {
+        if (!picture.isPending() && !torn_[index]) {
             hostRecord(kWarning, kUnit, __LINE__,
                        "the certificate %u changes, but is not reported before it is complete: in "
                        "%s%s, %s",
-                       certId, deviceRoot(), version.path, why);
+                       kFirstCertId + index, deviceRoot(), version.path, why);
+            torn_[index] = true;
         }
-        torn_[index] = true;
         return false;
     }
-    torn_[index] = false;
-    versions_[index].swap(now);
-    return true;
+    KnownFiles again;
+    const bool complete = again.look(version.directory.get(), versions_[index]);
+    pending_ = pending_ || again.isPending() || !(again == picture);
+    return complete && !again.isPending() && again == picture;
+}
+
+/* Without its chain there is no certificate, whatever else is left. */
+bool CertWatch::lookAtServer(uint32_t index) {
+    CertVersion version;
+    KnownFiles now;
+    bool exists = false;
+    if (findVersion(kFirstCertId + index, &version)) {
+        follow(version.path, &watchedVersions_[index]);
+        exists = hasFile(version, kChainFile);
+    }
+    if (!now.look(exists ? version.directory.get() : -1, versions_[index])) {
+        return false;
+    }
+    pending_ = pending_ || now.isPending();
+    const bool changed = !(now == versions_[index]);
+    if (changed && exists && !isWhole(index, now, version)) {
+        return false;
+    }
+    torn_[index] = torn_[index] && !changed && now.isPending();
+    if (changed) {
+        versions_[index].swap(now);
+    }
+    return changed;
 }
 
 CertChanges CertWatch::look() {
     CertChanges changes = {};
+    pending_ = false;
     (void)makeCertDirectories();
+    follow(kCertDirectory, &watchedAll_);
     follow(kServerDirectory, &watchedServer_);
     for (uint32_t index = 0; index < kCertIds; index++) {
         changes.server[index] = lookAtServer(index);

@@ -14,6 +14,7 @@
 namespace tamo {
 
 struct KnownFile;
+struct CertVersion;
 
 /* The files of one directory, in order of their names. */
 class KnownFiles {
@@ -27,6 +28,9 @@ class KnownFiles {
      * there is no memory. */
     bool look(int directory, const KnownFiles &former);
 
+    /* Whether a file was left as it was because somebody writes it. */
+    bool isPending() const { return pending_; }
+
     bool operator==(const KnownFiles &other) const;
     void swap(KnownFiles &other);
 
@@ -37,6 +41,7 @@ class KnownFiles {
     KnownFile *files_ = nullptr;
     size_t count_ = 0;
     size_t capacity_ = 0;
+    bool pending_ = false;
 };
 
 /* What a look found. */
@@ -52,7 +57,8 @@ class CertWatch {
     /* Begins to watch; TAMO_HOST_ codes, failures are recorded. */
     uint32_t open();
 
-    /* Waits until something has happened; false when the watch is gone. */
+    /* Waits until something has happened, or a file that was being written should be looked at again;
+     * false when the watch is gone. */
     bool wait();
 
     /* What changed since the look before, or since the beginning. */
@@ -63,14 +69,17 @@ class CertWatch {
 
   private:
     bool lookAtServer(uint32_t index);
+    bool isWhole(uint32_t index, const KnownFiles &picture, const CertVersion &version);
     bool lookAtDirectory(const char *devicePath, int *watched, KnownFiles *known);
     void follow(const char *devicePath, int *watched);
 
     Descriptor events_;
-    int watchedServer_ = -1, watchedCa_ = -1, watchedCrl_ = -1;
+    int watchedAll_ = -1, watchedServer_ = -1, watchedCa_ = -1, watchedCrl_ = -1;
     int watchedVersions_[kCertIds];
     KnownFiles versions_[kCertIds], ca_, crl_;
     bool torn_[kCertIds] = {};
+    bool pending_ = false; /* a file is being written */
+    int retryMs_ = 0;
 };
 
 }  // namespace tamo

@@ -200,6 +200,8 @@ TEST(TamoctlCompletion, offersCommandsOptionsKeysAndProcesses) {
     EXPECT_EQ(completed("tamoctl watch -t 2 Complete.b"), "Complete.b\n");
     EXPECT_EQ(completed("tamoctl get Complete.a Comp"), "Complete.a\nComplete.b\n");
     EXPECT_EQ(completed("tamoctl set Complete.a ''"), "\n") << "no values";
+    EXPECT_EQ(completed("tamoctl cert --json c"), "ca\ncrl\n");
+    EXPECT_EQ(completed("tamoctl cert ca r"), "remove\n");
     void *block = OsMemMallocSetCharMon(1, 0, 0, 0, __LINE__, "test");
     EXPECT_NE(completed("tamoctl mem ''").find(std::to_string(getpid()) + "\n"), std::string::npos);
     OSMemTypeFreeMon(block, 0, 0, __LINE__, "test");
