@@ -26,6 +26,7 @@ using File = std::unique_ptr<FILE, int (*)(FILE *)>;
 /* Far above any store: what has more is no file of ours, and may have no end. */
 constexpr size_t kLargestFile = size_t{1} << 30;
 
+/* Reads to the end before anything is stored: a pipe may break in the middle. */
 std::string readAll(const Command &command, const char *name) {
     const bool isInput = strcmp(name, "-") == 0;
     const File opened(isInput ? nullptr : fopen(name, "re"), fclose);
@@ -90,11 +91,13 @@ struct Entry {
     std::string key, value;
 };
 
+/* The listing's texts are gone with its call. */
 uint32_t collectEntry(const char *key, const char *value, void *entries) {
     static_cast<std::vector<Entry> *>(entries)->push_back({key, value});
     return 0;
 }
 
+/* All entries, or the end of the program: a store that lacks some would be no copy. */
 std::vector<Entry> readStore(const Command &command) {
     std::vector<Entry> entries;
     const uint32_t result = TamoHostConfigList(nullptr, collectEntry, &entries);

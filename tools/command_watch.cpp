@@ -49,6 +49,7 @@ struct Viewer {
     uint64_t shown = 0;
 };
 
+/* Ends the program when the text is no count, so that a script does not wait for ever. */
 uint64_t parseCount(const Command &command, const char *text) {
     uint64_t count = 0;
     const char *end = text + strlen(text);
@@ -123,6 +124,7 @@ void printChangeAsJson(const TamoHostConfigChange &change) {
     printJsonLine(json);
 }
 
+/* Rows come one at a time: their columns have fixed widths, where Table would wait for the last. */
 void printRow(const std::string &time, const std::string &writer, const std::string &pid,
               const std::string &key, const std::string &value) {
     printf(onTerminal() ? "%-26s  %-22s  %7s  %-36s  %s\n" : "%s\t%s\t%s\t%s\t%s\n", time.c_str(),
@@ -148,10 +150,12 @@ uint32_t showChange(const TamoHostConfigChange *change, void *context) {
     return finishOutput(kSuccess) != kSuccess || viewer->shown == options.count ? kEnough : 0;
 }
 
+/* Without a count there is nothing to miss: time and signals are how such a watch ends. */
 int endCode(const Viewer &viewer) {
     return viewer.shown < viewer.options.count ? kCountNotReached : kSuccess;
 }
 
+/* The second thread. */
 void endEarly(Viewer *viewer, int signals) {
     pollfd polled[] = {{signals, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
     while (poll(polled, 2, -1) < 0 && errno == EINTR) {

@@ -58,6 +58,7 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
+/* `keys` holds those of the members before. */
 std::string memberProblem(const cJSON *member, std::unordered_set<std::string_view> *keys) {
     if (!keys->insert(member->string).second) {
         return "its key stands there already: keep one of the two";
