@@ -1,6 +1,7 @@
 #include "xml/whole_file.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,6 +68,8 @@ bool flushDirectoryOf(const char *native) {
 /* The stream holds all of the document, or false. The XML library does not look whether it could
  * write. */
 bool print(ConfXmlNode *root, FILE *stream) {
+    /* It writes in pieces of a few bytes; no other thread knows the stream. */
+    (void)__fsetlocking(stream, FSETLOCKING_BYCALLER);
     const bool printed = unlessNoMemory(false, [&] {
         return elementOf(root)->GetDocument()->SaveFile(stream, false) == tinyxml2::XML_SUCCESS;
     });
