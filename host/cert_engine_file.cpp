@@ -24,7 +24,7 @@ namespace {
 constexpr const char *kUnit = "cert_engine_file";
 constexpr char kInstalledEngine[] = "conference_common/libopenssl_engine.so";
 
-/* The directory of this library, else that of its program, then the engine's place below it. */
+/* The engine's place below the directory of this library. */
 bool findInstalled(char (&path)[PATH_MAX]) {
     Dl_info self;
     if (dladdr(reinterpret_cast<const void *>(&placeEngine), &self) == 0 ||

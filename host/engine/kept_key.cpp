@@ -15,7 +15,6 @@ using ContextOwner = std::unique_ptr<EVP_PKEY_CTX, tamo::OpensslRelease<EVP_PKEY
 using DigestContextOwner = std::unique_ptr<EVP_MD_CTX, tamo::OpensslRelease<EVP_MD_CTX_free>>;
 using RsaOwner = std::unique_ptr<RSA, tamo::OpensslRelease<RSA_free>>;
 using EcOwner = std::unique_ptr<EC_KEY, tamo::OpensslRelease<EC_KEY_free>>;
-using SignatureOwner = std::unique_ptr<ECDSA_SIG, tamo::OpensslRelease<ECDSA_SIG_free>>;
 using NumberOwner = std::unique_ptr<BIGNUM, tamo::OpensslRelease<BN_free>>;
 
 constexpr int kEdwardsTypes[] = {EVP_PKEY_ED25519};
@@ -118,7 +117,7 @@ ECDSA_SIG *signEcParts(const unsigned char *digest, int length, const BIGNUM *, 
         return nullptr;
     }
     const unsigned char *at = encoded;
-    return d2i_ECDSA_SIG(nullptr, &at, size);
+    return d2i_ECDSA_SIG(nullptr, &at, static_cast<long>(size));
 }
 
 bool prepareEc() {
