@@ -47,7 +47,8 @@ namespace {
 constexpr const char *kUnit = "tamo_om_config_watchers";
 constexpr const char *kBoardFile = "config.watchers";
 
-static_assert(sizeof(WatcherBoard) == 4096 && std::atomic<uint64_t>::is_always_lock_free);
+/* With 32-bit pointers an 8-byte integer alone is aligned to 4, which a lock-free one must not be. */
+static_assert(sizeof(WatcherBoard) == 4096 && alignof(std::atomic<uint64_t>) == 8);
 
 /* The seats' descriptors, apart from their objects: a child of fork closes them, or it would hold its
  * parent's places beyond the parent's end. 0 is none. */
