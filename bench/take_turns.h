@@ -53,8 +53,9 @@ inline double ratio(const Row &row, const Row &first) {
 }
 
 /* Measures and prints the rows; false when one is above its limit. */
-inline bool compare(const char *title, std::vector<Row> rows, size_t runs) {
-    for (size_t round = 0; round < kRounds; round++) {
+inline bool compare(const char *title, std::vector<Row> rows, size_t runs,
+                    size_t rounds = kRounds) {
+    for (size_t round = 0; round < rounds; round++) {
         for (size_t turn = 0; turn < rows.size(); turn++) {
             takeTurn(rows[(round + turn) % rows.size()], runs);
         }
