@@ -146,6 +146,7 @@ int32_t ConfCertGetCaCertList(ConfCaCertEntry *table, uint32_t *count) {
 }
 
 void ConfCertLoadOneCaCert(SSL_CTX *ctx, const char *path, uint32_t fileType) {
+    const ForgivenErrors forgiven;
     if (SSL_CTX_load_cacertificate_file(ctx, path, fileType) != 1) {
         CONF_LOG(CONF_LOG_ERROR, "load ca file fail!");
     }

@@ -2,6 +2,8 @@
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
 
+#include <cstring>
+
 #include "cert/cert_engine.h"
 #include "cert/cert_table.h"
 #include "cert/openssl_owner.h"
@@ -122,6 +124,14 @@ int32_t ConfLoadServerCertificateKeyLess(SSL_CTX *ctx, uint32_t type) {
 
 /* ---- by key ---- */
 
+/* A path that fills its field would run on, at last into the pass phrase: it becomes one that does not
+ * open. Cut off, it might be another file's. */
+void refuseEndless(char (&path)[kCertPathSize]) {
+    if (memchr(path, '\0', sizeof(path)) == nullptr) {
+        path[0] = '\0';
+    }
+}
+
 /* Loads the files that the service named. */
 int32_t loadFiles(const char *function, SSL_CTX *ctx, ConfCertPathInfo *info) {
     const LentPassPhrase lent(ctx, info->keyPassword);
@@ -157,9 +167,8 @@ int32_t ConfLoadServerCertificateByKey(SSL_CTX *ctx, uint32_t type) {
         CONF_LOG(CONF_LOG_ERROR, "server cert is null");
         return -1;
     }
-    /* A path that fills its field must not run on into the pass phrase: it is nothing that opens. */
-    info.certPath[sizeof(info.certPath) - 1] = '\0';
-    info.keyPath[sizeof(info.keyPath) - 1] = '\0';
+    refuseEndless(info.certPath);
+    refuseEndless(info.keyPath);
     return loadFiles(__func__, ctx, &info);
 }
 

@@ -113,7 +113,8 @@ int32_t ConfCertLoadAllCaCert(SSL_CTX *ctx, const ConfCaCertEntry *table, uint32
 /* Adds all revocation lists (PEM) to a context. With the first one, the whole chain of each peer is
  * checked for revocation; a missing list is then forgiven, and so is a self-signed peer, for which
  * SSL_get_verify_result says X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT where its own list is there, and
- * X509_V_OK where that was forgiven too. 0, whatever became of the files; 1 for a null context and when the directory is not there. */
+ * X509_V_OK where that was forgiven too. 0, whatever became of the files; 1 for a null context and when
+ * the directory is not there. */
 int32_t ConfAddCancelCrlToSslctx(SSL_CTX *ctx);
 
 #pragma GCC visibility pop

@@ -14,6 +14,11 @@
 
 using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 
+/* A record as CertService::log gives it. */
+inline std::string error(const char *function, const std::string &text) {
+    return std::string("1[") + function + "]" + text + "\n";
+}
+
 class CertService : public platform::PlatformTest {
   protected:
     const std::string ca = "/data/ca", crl = "/data/crl", storage = "/data/storage";
@@ -32,10 +37,6 @@ class CertService : public platform::PlatformTest {
             return 0;
         });
         platform::override(TamoOmCustUtilGetStoragePath, [this] { return storagePath.c_str(); });
-        platform::override(SSL_CTX_load_cacertificate_file,
-                           [](SSL_CTX *ctx, const char *path, uint32_t) {
-                               return SSL_CTX_load_verify_file(ctx, NativePath(path).get());
-                           });
         answerQueries();
         answerContents();
     }
@@ -63,13 +64,12 @@ class CertService : public platform::PlatformTest {
             *out = sizes;
             return 0;
         });
-        platform::override(TamoOmCertGetServiceCert, [this](uint32_t certId, ConfCertContent *to) {
+        platform::override(TamoOmCertGetServiceCert, [](uint32_t certId, ConfCertContent *to) {
             EXPECT_EQ(to->extraData != nullptr, certId == 259 || certId == 260);
             memset(to->certData, 'c', 1048577);
             if (to->extraData != nullptr) {
                 memset(to->extraData, 'e', to->extraLen + 1);
             }
-            fetched.push_back(certId);
             return 0;
         });
         platform::override(TamoOmCertGetCertId,
@@ -101,5 +101,4 @@ class CertService : public platform::PlatformTest {
     std::string keyId = std::string(256, 'k');
     uint32_t keyIdLength = 256;
     std::atomic<uint32_t> askedFor = 0;
-    std::vector<uint32_t> fetched;
 };

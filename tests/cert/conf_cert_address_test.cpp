@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "include/conf_config.h"
 #include "tests/cert/cert_service.h"
@@ -91,8 +92,8 @@ TEST_F(CertAddress, WhatIsNoCertificateOrListIsRecordedAndTheWalkGoesOn) {
     while (hashName("")[0] != '0') { /* the file's name keeps the leading zero */
         party = certs::makeParty("Authority " + hashName(""), "ED25519");
     }
-    const string badCertificate = "1[ConfCertCreateCertSoftLink]PEM_read_bio_X509 err.\n";
-    const string badList = "1[ConfCertCreateCrlSoftLink]d2i_X509 failed\n";
+    const string badCertificate = error("ConfCertCreateCertSoftLink", "PEM_read_bio_X509 err.");
+    const string badList = error("ConfCertCreateCrlSoftLink", "d2i_X509 failed");
     const string whole = certs::pem(party);
     const struct {
         string name, contents, records;
@@ -110,35 +111,58 @@ TEST_F(CertAddress, WhatIsNoCertificateOrListIsRecordedAndTheWalkGoesOn) {
         certs::remove(storage + name);
     }
     EXPECT_EQ(ERR_peek_error(), 0U);
-    ASSERT_EQ(mkfifo((support::scratchRoot() + storage + "/pipe.pem").c_str(), 0600), 0);
-    EXPECT_EQ(refresh(), "1[ConfCertCreateCertSoftLink]BIO_new_file err.\n");
 }
 
-TEST_F(CertAddress, FailuresOfThePlatformAreRecorded) {
-    const string update = "1[ConfCertUpdateLdapCert]", copy = "1[ConfCertCopyDirFile]";
-    certs::write(ca + "/abcd", "");
-    platform::override(OsCopyFile, [](const char *, const char *) {
-        errno = 5;
-        return 9;
-    });
-    EXPECT_EQ(refresh(), copy + "copy error[9].errno[5]\n");
-    platform::failEveryCall("TamoOmCertGetCertPath");
-    EXPECT_EQ(refresh(), "1[ConfCertGetCaPath]TamoOmCertGetCertPath error, 1\n" + update +
-                             "ConfCertGetCaPath error.\n"
-                             "1[ConfCertGetCrlPath]TamoOmCertGetCertPath error, 1\n" +
-                             update + "ConfCertGetCrlPath error.\n" + copy + "path is null!\n" +
-                             copy + "path is null!\n");
-    platform::failCall("TamoOmCertGetCertPath", 0);
+TEST_F(CertAddress, WhatIsNoFileIsRecordedAndNobodyWaitsForIt) {
+    const string missing = error("ConfCertCreateCertSoftLink", "BIO_new_file err.");
+    const auto link = [](const char *to) {
+        return [to](const string &path) { std::filesystem::create_symlink(to, path); };
+    };
+    const struct {
+        std::function<void(const string &path)> make;
+        int code;
+        string hashed;
+    } cases[] = {
+        {[](const string &path) { mkfifo(path.c_str(), 0600); }, EINVAL, missing},
+        {[](const string &path) { mknod(path.c_str(), S_IFSOCK | 0600, 0); }, ENXIO, missing},
+        {link("odd.pem"), ELOOP, missing},
+        {link("nothing"), ENOENT, missing},
+        {link("/dev/zero"), EINVAL, missing},
+        {[](const string &path) { std::filesystem::create_directory(path); }, EINVAL,
+         "1[ConfCertCreateCertSoftLink]PEM_read_bio_X509 err.\n"}};
+    for (const auto &[make, code, hashed] : cases) {
+        make(support::scratchRoot() + ca + "/odd.pem");
+        make(support::scratchRoot() + storage + "/odd.pem");
+        EXPECT_EQ(refresh(), error("ConfCertCopyDirFile",
+                                   "copy error[-1].errno[" + std::to_string(code) + "]") +
+                                 hashed);
+        certs::remove(ca + "/odd.pem");
+        certs::remove(storage + "/odd.pem");
+    }
+}
+
+/* "abc" just fits behind the directory, "abcd" does not. */
+TEST_F(CertAddress, PathsThatDoNotFitOrAreNotThereAreRecorded) {
+    const char *copy = "ConfCertCopyDirFile";
     const string deep = storagePath = "/data/" + string(250, 'n') + "/" + string(250, 'n');
-    const string records = copy + "sprintf fail!\n" + copy + "/data/crl\\ is empty.\n";
+    const string records = error(copy, "sprintf fail!") + error(copy, "/data/crl\\ is empty.");
     certs::remove(crl);
+    certs::write(ca + "/abc", "");
     certs::write(ca + "/abcd", "");
     certs::write(deep + "/x", "");
     EXPECT_EQ(refresh(), records);
+    EXPECT_EQ(certs::list(deep), (Names{"abc", "x"}));
     storagePath = string(600, 's');
-    EXPECT_EQ(refresh().find(update + "conf secure func failed, err = "), 0U);
+    EXPECT_EQ(refresh(),
+              error("ConfCertUpdateLdapCert", "conf secure func failed, err = 34!\n") + records);
     storagePath = "";
-    EXPECT_EQ(refresh(), records);
+    platform::failEveryCall("TamoOmCertGetCertPath");
+    const char *update = "ConfCertUpdateLdapCert", *refused = "TamoOmCertGetCertPath error, 1";
+    EXPECT_EQ(refresh(), error("ConfCertGetCaPath", refused) +
+                             error(update, "ConfCertGetCaPath error.") +
+                             error("ConfCertGetCrlPath", refused) +
+                             error(update, "ConfCertGetCrlPath error.") +
+                             error(copy, "path is null!") + error(copy, "path is null!"));
     char directory[512];
     ConfCertGetAddrCaPath(directory);
     EXPECT_EQ(directory, deep + "\\");

@@ -13,10 +13,7 @@ string engineKeyId;
 
 EVP_PKEY *loadKey(ENGINE *, const char *keyId, UI_METHOD *, void *) {
     engineKeyId = keyId;
-    if (engineKey != nullptr) {
-        EVP_PKEY_up_ref(engineKey);
-    }
-    return engineKey;
+    return engineKey != nullptr && EVP_PKEY_up_ref(engineKey) == 1 ? engineKey : nullptr;
 }
 
 class CertServer : public CertService {
@@ -55,7 +52,7 @@ TEST_F(CertServer, ByKeyTakesChainAndEncryptedKeyAndReturnsThePassPhrase) {
 
 TEST_F(CertServer, ByKeyFailuresAreRecordedWithoutThePassPhrase) {
     const string badCertificate = "server cert file error :0";
-    const string badKey = "[TLS]SSL_ctxUsePrivateKeyFile err, /data/server/key.pem";
+    const string badKey = "[TLS]SSL_ctxUsePrivateKeyFile err, ";
     const struct {
         std::function<void()> spoil;
         string record;
@@ -67,14 +64,15 @@ TEST_F(CertServer, ByKeyFailuresAreRecordedWithoutThePassPhrase) {
         {[this] { certs::write(files.certPath, "\x30\x82"); }, badCertificate},
         {[this] { memset(files.certPath, '/', 512); }, badCertificate},
         {[this] { context.reset(); }, badCertificate},
-        {[this] { files.keyPassword[0] = '!'; }, badKey},
-        {[this] { certs::write(files.keyPath, certs::keyPem(other)); }, badKey}};
+        {[this] { memset(files.keyPath, '/', 512); }, badKey},
+        {[this] { files.keyPassword[0] = '!'; }, badKey + files.keyPath},
+        {[this] { certs::write(files.keyPath, certs::keyPem(other)); }, badKey + files.keyPath}};
     for (const auto &[spoil, record] : cases) {
         putFiles();
         spoil();
         EXPECT_EQ(load(), -1);
-        EXPECT_EQ(log(), "3[ConfLoadServerCert]type=0 flag=0\n1[ConfLoadServerCertificateByKey]" +
-                             record + "\n");
+        EXPECT_EQ(log(), "3[ConfLoadServerCert]type=0 flag=0\n" +
+                             error("ConfLoadServerCertificateByKey", record));
     }
 }
 
@@ -82,26 +80,21 @@ TEST_F(CertServer, KeylessTakesTheKeyThatTheIdentifierStandsFor) {
     keyless[6] = 255;
     ConfCertInit(nullptr);
     log();
+    const string flag = "3[ConfLoadServerCert]type=0 flag=255\n";
     const string begin =
-        "3[ConfLoadServerCert]type=0 flag=255\n"
-        "3[ConfLoadServerCertificateKeyLess]get cert from type [" +
-        keyId + "]\n";
+        flag + "3[ConfLoadServerCertificateKeyLess]get cert from type [" + keyId + "]\n";
     EXPECT_EQ(load(), -1);
-    EXPECT_EQ(log(), begin + "1[GetOpensslEngine]ENGINE_ctrl_cmd_string LOAD failed\n");
+    EXPECT_EQ(log(), begin + error("GetOpensslEngine", "ENGINE_ctrl_cmd_string LOAD failed"));
 
     ENGINE *engine = ENGINE_new();
     ENGINE_set_id(engine, "openssl_engine");
     ENGINE_set_name(engine, "of the test");
     ENGINE_set_load_privkey_function(engine, loadKey);
     ASSERT_TRUE(ENGINE_init(engine) == 1 && ENGINE_add(engine) == 1);
-    const struct {
-        EVP_PKEY *key;
-        int32_t result;
-        string record;
-    } cases[] = {{leaf.key.get(), 0, ""},
-                 {nullptr, -1, "1[ConfLoadServerCertificateKeyLess]use privkey error\n"},
-                 {other.key.get(), -1, "1[ConfLoadServerCertificateKeyLess]use privkey error\n"}};
-    for (const auto &[key, result, record] : cases) {
+    const string refused = error("ConfLoadServerCertificateKeyLess", "use privkey error");
+    for (const auto &[key, result, record] : {std::tuple{leaf.key.get(), 0, string()},
+                                              {nullptr, -1, refused},
+                                              {other.key.get(), -1, refused}}) {
         engineKey = key;
         EXPECT_EQ(load(), result);
         EXPECT_EQ(engineKeyId, keyId);
@@ -111,16 +104,19 @@ TEST_F(CertServer, KeylessTakesTheKeyThatTheIdentifierStandsFor) {
     ENGINE_finish(engine);
     ENGINE_free(engine);
 
-    platform::failCall("TamoOmCertGetCapability", 1);
-    EXPECT_EQ(load() + load(4), -2);
+    memset(files.certPath, '/', 512);
+    platform::failCall("TamoOmCertGetCapability", 2);
+    EXPECT_EQ(load() + load() + load(4), -3);
     EXPECT_EQ(log(),
-              "1[ConfCertIsSupportKeyless]TamoOmCertGetCapability fail, ret=1.\n"
-              "1[ConfLoadServerCert]server cert check error\n"
-              "1[ConfLoadServerCert]server cert check error\n");
+              flag + error("ConfCertGetSrvCertFilePath", "conf secure func failed, err = 34!\n") +
+                  error("ConfLoadServerCertificateKeyLess", "ConfCertGetSrvCertFilePath error, 1") +
+                  error("ConfCertIsSupportKeyless", "TamoOmCertGetCapability fail, ret=1.") +
+                  error("ConfLoadServerCert", "server cert check error") +
+                  error("ConfLoadServerCert", "server cert check error"));
 }
 
 TEST_F(CertServer, GmInfoCopiesFieldByField) {
-    const string head = "1[ConfCertGetGmSrvCertInfo]";
+    const char *function = "ConfCertGetGmSrvCertInfo";
     ConfGmSrvCertInfo info = {"old", "old", "old"};
     EXPECT_EQ(ConfCertGetGmSrvCertInfo(2, nullptr), -1);
     platform::failCall("TamoOmCertGetCertPath", 1);
@@ -129,16 +125,13 @@ TEST_F(CertServer, GmInfoCopiesFieldByField) {
     memset(files.keyPath, 'k', sizeof(files.keyPath));
     EXPECT_EQ(ConfCertGetGmSrvCertInfo(2, &info), 1);
     EXPECT_STREQ(info.certPath, files.certPath);
-    EXPECT_STREQ(info.keyPath, "old");
-    EXPECT_STREQ(info.keyPassword, "old");
-    EXPECT_EQ(log().find(head + "input null error\n" + head +
-                         "TamoOmCertGetCertPath error, ret=1, type=2.\n" + head +
-                         "conf secure func failed, err = "),
-              0U);
+    EXPECT_EQ(string(info.keyPath) + info.keyPassword, "oldold");
+    EXPECT_EQ(log(), error(function, "input null error") +
+                         error(function, "TamoOmCertGetCertPath error, ret=1, type=2.") +
+                         error(function, "conf secure func failed, err = 34!\n"));
     files.keyPath[1] = '\0';
     EXPECT_EQ(ConfCertGetGmSrvCertInfo(2, &info), 0);
-    EXPECT_STREQ(info.keyPath, "k");
-    EXPECT_STREQ(info.keyPassword, "secret words");
+    EXPECT_EQ(string(info.keyPath) + info.keyPassword, "ksecret words");
 }
 
 }  // namespace
