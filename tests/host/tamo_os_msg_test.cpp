@@ -4,20 +4,13 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstring>
 #include <future>
-#include <numeric>
 
 #include "platform/tamo_os_mem.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/allocation_count.h"
-#include "tests/support/open_descriptors.h"
-#include "tests/support/scratch_root.h"
 
 using namespace parties;
 
@@ -62,12 +55,6 @@ void releaseList(void *list) {
     EXPECT_EQ(OSMemTypeFreeMon(list, 0, 0, __LINE__, "test"), 0U);
 }
 
-double secondsOf(const std::function<void()> &action) {
-    const auto begin = std::chrono::steady_clock::now();
-    action();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
 /* Sends in a thread of its own; its result and response are looked at afterwards. */
 std::future<uint32_t> sendInThread(Bytes body, uint32_t msgId = 1) {
     return std::async(std::launch::async, [body = std::move(body), msgId] {
@@ -77,16 +64,13 @@ std::future<uint32_t> sendInThread(Bytes body, uint32_t msgId = 1) {
 
 TEST_F(Messages, BodiesOfEverySizeCrossBothWays) {
     const Server server(kQueue);
-    for (uint32_t size : {0U, 1U, 4U, 4096U, 32767U - kHead, 32768U - kHead, 32769U - kHead, 65536U,
-                          1000000U, kMaxData}) {
-        const Bytes data = pattern(size);
+    for (uint32_t size : {0U, 1U, 32768U - kHead, 32769U - kHead, 65536U, kMaxData}) {
+        Bytes data = pattern(size);
         const Exchange exchange(kQueue, bodyOf(increment, size, data));
         ASSERT_EQ(exchange.result, TAMO_HOST_OK) << size;
         ASSERT_EQ(exchange.response->bodyLength, kHead + size);
-        const uint8_t *returned = dataOf(exchange.response);
-        ASSERT_TRUE(std::equal(data.begin(), data.end(), returned, [](uint8_t a, uint8_t b) {
-            return uint8_t(a + 1) == b;
-        })) << size;
+        increment(0, data.data(), size);
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), dataOf(exchange.response))) << size;
     }
     EXPECT_EQ(Exchange(kQueue, Bytes(kLargest + 1)).result, TAMO_HOST_TOO_LARGE);
     EXPECT_EQ(sendAsync(kQueue, Bytes(kLargest + 1)), TAMO_HOST_TOO_LARGE);
@@ -94,38 +78,18 @@ TEST_F(Messages, BodiesOfEverySizeCrossBothWays) {
 
 TEST_F(Messages, AResultListCrossesAndBothSidesReleaseTheirOwn) {
     const Server server(kQueue);
-    for (uint32_t size : {0U, 1U, 1152U, 32000U, 40000U, kLargestList}) {
+    for (uint32_t size : {0U, 1152U, 40000U, kLargestList}) {
         const Exchange exchange(kQueue, bodyOf(answerWithList, size, Bytes(kBlock)), 2);
         ASSERT_EQ(exchange.result, TAMO_HOST_OK) << size;
         ASSERT_EQ(listSizeOf(exchange.response), size);
-        ASSERT_NE(listOf(exchange.response), nullptr);
         const auto *list = static_cast<const uint8_t *>(listOf(exchange.response));
+        ASSERT_NE(list, nullptr);
         EXPECT_EQ(Bytes(list, list + size), pattern(size, 9));
         releaseList(listOf(exchange.response));
     }
     /* One byte more cannot cross: the receiver keeps it, and here frees it with the message. */
     EXPECT_EQ(Exchange(kQueue, bodyOf(answerWithList, kLargestList + 1, Bytes(kBlock)), 2).result,
               TAMO_HOST_GONE);
-}
-
-TEST_F(Messages, AListThatTheRequesterCannotTakeIsNotMadeForIt) {
-    Queue queue(kQueue);
-    for (uint32_t claimed : {kBlock + 1, 79U}) { /* longer than sent; shorter than a block */
-        auto sent = std::async(std::launch::async, [] {
-            const Exchange exchange(kQueue, bodyOf(doNothing, 0, Bytes(kBlock)), 2);
-            EXPECT_EQ(exchange.result, TAMO_HOST_OK);
-            EXPECT_EQ(listOf(exchange.response), nullptr);
-            EXPECT_EQ(listSizeOf(exchange.response), 0U);
-        });
-        OsMsgHeader *message = queue.next();
-        answerWithList(100, dataOf(message), kBlock);
-        Bytes longer(static_cast<uint8_t *>(message->body), dataOf(message) + kBlock);
-        longer.resize(kHead + kBlock + 100);
-        std::memcpy(longer.data() + offsetof(BodyHead, dataLength), &claimed, sizeof(claimed));
-        EXPECT_EQ(OsMsgSynSendResp(message, longer.data(), kHead + kBlock + 100), 0U);
-        TamoHostMsgFree(message);
-        sent.wait();
-    }
 }
 
 TEST_F(Messages, ARequestBringsNoAddressOfItsSender) {
@@ -170,6 +134,7 @@ TEST_F(Messages, ALateResponseFailsAndLeavesItsListToTheReceiver) {
     TamoHostMsgFree(message);
 }
 
+/* More than one call receives ahead; a program that polls sees each. */
 TEST_F(Messages, MessagesStayInOrderAlsoAfterAGivenUpOne) {
     Queue queue(kQueue);
     uint32_t count = 0;
@@ -180,6 +145,9 @@ TEST_F(Messages, MessagesStayInOrderAlsoAfterAGivenUpOne) {
         EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, count++, {}), 1, 1).result, TAMO_HOST_TIMEOUT);
     }
     for (uint32_t expected = 0; expected < count; ++expected) {
+        pollfd entry = {TamoHostMsgDescriptor(queue.get()), POLLIN, 0};
+        ASSERT_EQ(poll(&entry, 1, static_cast<int>(patienceMs())), 1);
+        EXPECT_EQ(queueInfo(kQueue).received, expected) << "what is received ahead still waits";
         OsMsgHeader *message = queue.next();
         ASSERT_EQ(headOf(message).param, expected);
         TamoHostMsgFree(message);
@@ -225,19 +193,6 @@ TEST_F(Messages, ClosingFailsWhoWaitsUnreadAndLeavesWhatWasHandedOut) {
     EXPECT_EQ(queueInfo(kQueue).name[0], '\0') << "a closed queue leaves no trace";
 }
 
-TEST_F(Messages, WithoutAReceiverAnAsynchronousSendFailsAndASynchronousOneWaits) {
-    EXPECT_EQ(sendAsync("nobody", bodyOf(doNothing, 0, {})), TAMO_HOST_NO_RECEIVER);
-    EXPECT_EQ(Exchange("nobody", bodyOf(doNothing, 0, {}), 1, 0).result, TAMO_HOST_NO_RECEIVER);
-    EXPECT_GE(secondsOf([] {
-                  EXPECT_EQ(Exchange("nobody", bodyOf(doNothing, 0, {}), 1, 30).result,
-                            TAMO_HOST_NO_RECEIVER);
-              }),
-              0.030);
-    auto sent = sendInThread(bodyOf(doNothing, 0, {}));
-    const Server server(kQueue); /* most often after the send began */
-    EXPECT_EQ(sent.get(), TAMO_HOST_OK);
-}
-
 TEST_F(Messages, AFullQueueRefusesAsynchronousMessagesAtOnceAndTakesThemAgain) {
     Queue queue(kQueue);
     uint32_t sent = 0;
@@ -277,23 +232,6 @@ TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
     }
     EXPECT_EQ(TamoHostMsgOpen(nullptr, &second), TAMO_HOST_INVALID);
     EXPECT_EQ(TamoHostMsgOpen("x", nullptr), TAMO_HOST_INVALID);
-    queue.close();
-    EXPECT_EQ(TamoHostMsgOpen("a.b_c-D9", &second), TAMO_HOST_OK);
-    TamoHostMsgClose(second);
-    const std::string pipe = support::scratchRoot() + "/run/pipe.queue";
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_EQ(queueInfo("pipe").name[0], '\0') << "nobody writes to that pipe";
-    EXPECT_EQ(unlink(pipe.c_str()), 0);
-}
-
-TEST_F(Messages, ASenderKeepsNothingOfReceiversThatAreGone) {
-    const size_t before = support::openDescriptors().size();
-    for (int n = 0; n < 100; ++n) {
-        const std::string name = "passing." + std::to_string(n);
-        Queue queue(name);
-        ASSERT_EQ(sendAsync(name, bodyOf(doNothing, 0, {})), TAMO_HOST_OK);
-    }
-    EXPECT_LT(support::openDescriptors().size(), before + 30);
 }
 
 TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
@@ -311,37 +249,6 @@ TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
         threads.emplace_back(send, i);
     }
     for (std::thread &thread : threads) {
-        thread.join();
-    }
-}
-
-TEST_F(Messages, SendersAreServedInTurn) {
-    Queue queue(kQueue);
-    std::atomic<bool> ended{false};
-    std::vector<std::thread> flood;
-    for (int i = 0; i < 3; ++i) {
-        flood.emplace_back([&ended] {
-            while (!ended) {
-                sendAsync(kQueue, bodyOf(doNothing, 0, Bytes(64)));
-            }
-        });
-    }
-    while (queueInfo(kQueue).depth < 300) {
-        std::this_thread::yield();
-    }
-    ASSERT_EQ(
-        std::async(std::launch::async, [] { return sendAsync(kQueue, bodyOf(doNothing, 1, {})); })
-            .get(),
-        TAMO_HOST_OK);
-    uint32_t before = 0;
-    for (bool found = false; !found; ++before) {
-        OsMsgHeader *message = queue.next();
-        found = headOf(message).param == 1;
-        TamoHostMsgFree(message);
-        ASSERT_LT(before, 150U) << "a modest sender waits for a flood";
-    }
-    ended = true;
-    for (std::thread &thread : flood) {
         thread.join();
     }
 }
@@ -374,19 +281,6 @@ TEST_F(Messages, ALoopOfSendingAndReceivingAllocatesNothing) {
         }
         EXPECT_EQ(inThread.taken(), 0U);
     }).join();
-}
-
-TEST_F(Messages, WhatIsNoCodeIsNotAHandler) {
-    Queue queue(kQueue);
-    static int data = 0;
-    int local = 0;
-    for (void *address : {static_cast<void *>(&data), static_cast<void *>(&local),
-                          reinterpret_cast<void *>(uintptr_t{16})}) {
-        auto handler = reinterpret_cast<Handler>(address);
-        EXPECT_EQ(sendAsync(kQueue, bodyOf(handler, 0, {})), TAMO_HOST_REFUSED);
-        EXPECT_EQ(Exchange(kQueue, bodyOf(handler, 0, {})).result, TAMO_HOST_REFUSED);
-    }
-    EXPECT_TRUE(queue.isEmpty());
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
-/* Sending and processing, against a message layer that the test plays. */
+/* Sending and processing, against a message layer that the test plays; notifications and blocks. */
 #include "include/conf_msg_api.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "msg/message_format.h"
@@ -19,6 +21,10 @@ using std::string;
 
 constexpr uint32_t kFailed = CONF_COMM_ERR_FAILED;
 constexpr uint32_t kInvalid = CONF_COMM_ERR_MSG_INVALID;
+
+void expectRecord(const char *part) {
+    EXPECT_TRUE(hasRecord(1, "conf_msg_api", part)) << part;
+}
 
 uint32_t nothing(uint32_t, void *, uint32_t) {
     return 0;
@@ -98,10 +104,10 @@ TEST_F(MsgApi, LongerResponseLeavesAProcessSenderItsDataAndFailsATaskSender) {
               9u);
     EXPECT_EQ(memcmp(data, "keep", 4), 0);
     EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("p", nothing, 0, data, 4, 1), kFailed);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api",
-                          "[ConfCommMsgSynSendImplHaveResp]ConfCommMsgSynSend "
-                          "memcpy_s fail, ret:"));
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", " [4, 12]"));
+    expectRecord(
+        "[ConfCommMsgSynSendImplHaveResp]ConfCommMsgSynSend "
+        "memcpy_s fail, ret:");
+    expectRecord(" [4, 12]");
     EXPECT_EQ(freed.size(), 2u);
 }
 
@@ -118,24 +124,22 @@ TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
     freed.clear();
     platform::override(OsMsgSynSend, [](OsMsgHeader *, OsMsgHeader **, uint32_t) { return 0xABu; });
     EXPECT_EQ(ConfCommMsgSynSendImpl("proc", nothing, 0, nullptr, 0, 1), kFailed);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api",
-                          "[ConfCommMsgSynSendImpl]ConfCommMsgSynSend OsMsgSynSend fail 0xab "
-                          "recvProcName proc."));
+    expectRecord(
+        "[ConfCommMsgSynSendImpl]ConfCommMsgSynSend OsMsgSynSend fail 0xab "
+        "recvProcName proc.");
     EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("task", nothing, 0, nullptr, 0, 1), kFailed);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api",
-                          "[ConfCommMsgSynSendImplHaveResp]ConfCommMsgSynSend OsMsgSynSend fail "
-                          "0xab recvTaskName task."));
+    expectRecord(
+        "[ConfCommMsgSynSendImplHaveResp]ConfCommMsgSynSend OsMsgSynSend fail "
+        "0xab recvTaskName task.");
     EXPECT_EQ(freed, (std::vector<OsMsgHeader *>{nullptr, nullptr}));
 
     OsMsgHeader empty = {};
-    const auto shortBody = std::make_unique<char[]>(8);
-    for (uint32_t length : {0u, 8u, static_cast<uint32_t>(sizeof(ConfMsgBody))}) {
+    platform::override(OsMsgSynSend, [&](OsMsgHeader *, OsMsgHeader **r, uint32_t) {
+        *r = &empty;
+        return 0u;
+    });
+    for (const uint32_t length : {0u, static_cast<uint32_t>(sizeof(ConfMsgBody))}) {
         empty.bodyLength = length;
-        empty.body = length == 8 ? shortBody.get() : nullptr;
-        platform::override(OsMsgSynSend, [&](OsMsgHeader *, OsMsgHeader **r, uint32_t) {
-            *r = &empty;
-            return 0u;
-        });
         EXPECT_EQ(ConfCommMsgSynSendImpl("p", nothing, 0, nullptr, 0, 1), kFailed);
     }
 }
@@ -145,11 +149,11 @@ TEST_F(MsgApi, RefusedArgumentsReachNoMessageLayer) {
     char data[4] = {};
     EXPECT_EQ(ConfCommMsgSynSend(nullptr, nothing, 0, data, 4), kFailed);
     EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("t", nullptr, 0, data, 4, 1), kFailed);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", "[ConfCommMsgSynSendImpl]Null ptr."));
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", "[ConfCommMsgSynSendImplHaveResp]Null ptr."));
+    expectRecord("[ConfCommMsgSynSendImpl]Null ptr.");
+    expectRecord("[ConfCommMsgSynSendImplHaveResp]Null ptr.");
     EXPECT_TRUE(freed.empty());
     EXPECT_EQ(ConfCommMsgSynSend(kTooLong, nothing, 0, data, 4), kFailed);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", "ConfCommMsgSynSend strcpy_s fail"));
+    expectRecord("ConfCommMsgSynSend strcpy_s fail");
     EXPECT_EQ(freed.size(), 1u) << "the missing response is released too";
     EXPECT_EQ(ConfCommMsgSynSend("p", nothing, 0, data, UINT32_MAX), kFailed);
 
@@ -188,9 +192,9 @@ TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
     EXPECT_EQ(seen, "");
     platform::override(OsMsgAsynSend, [](OsMsgHeader *) { return 6u; });
     EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 1, nullptr, 0), kFailed);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api",
-                          "[ConfCommMsgAsynSend]ConfCommMsgAsynSend OsMsgAsynSend fail 0x6 "
-                          "recvProcName p"));
+    expectRecord(
+        "[ConfCommMsgAsynSend]ConfCommMsgAsynSend OsMsgAsynSend fail 0x6 "
+        "recvProcName p");
 }
 
 /* Every operation that a send calls is made to fail at each of its calls. */
@@ -236,26 +240,9 @@ struct Message {
     ConfMsgBody *body() { return reinterpret_cast<ConfMsgBody *>(bytes); }
 };
 
-uint32_t wantsNoData(uint32_t param, void *data, uint32_t dataLength) {
-    EXPECT_EQ(data, nullptr);
-    EXPECT_EQ(dataLength, 0u);
-    return param + 1;
-}
-
-TEST_F(MsgApi, ProcessRunsAHandlerWithoutDataAndStoresItsResult) {
-    Message message(1, wantsNoData, 0);
-    message.body()->param = 41;
-    EXPECT_EQ(ConfCommMsgProcess(&message.header), 0u);
-    EXPECT_EQ(message.body()->result, 42u);
-    EXPECT_EQ(platform::callCount("OsMsgSynSendResp"), 0u) << "nobody waits";
-    message.header.syncFlag = 1;
-    EXPECT_EQ(ConfCommMsgProcess(&message.header), 0u);
-    EXPECT_EQ(platform::callCount("OsMsgSynSendResp"), 1u);
-}
-
 TEST_F(MsgApi, ProcessRefusesWhatItCannotRun) {
     EXPECT_EQ(ConfCommMsgProcess(nullptr), 1u);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", "[ConfCommMsgProcess]Null ptr."));
+    expectRecord("[ConfCommMsgProcess]Null ptr.");
     const struct {
         uint32_t msgId;
         ConfMsgHandler handler;
@@ -290,7 +277,7 @@ TEST_F(MsgApi, ResultListThatNobodyGetsIsReleased) {
     message.header.syncFlag = 1;
     platform::override(OsMsgSynSendResp, [](OsMsgHeader *, void *, uint32_t) { return 0x1Fu; });
     EXPECT_EQ(ConfCommMsgProcess(&message.header), 0u);
-    EXPECT_TRUE(hasRecord(1, "conf_msg_api", "ConfCommMsgProcess Resp fail! msgId:2, ret:0x1f"));
+    expectRecord("ConfCommMsgProcess Resp fail! msgId:2, ret:0x1f");
     const auto *block = reinterpret_cast<MeetingServerMsgBlock *>(message.body() + 1);
     EXPECT_EQ(block->resultList, nullptr);
     EXPECT_EQ(platform::outstanding(), 0);
@@ -299,13 +286,141 @@ TEST_F(MsgApi, ResultListThatNobodyGetsIsReleased) {
     memset(tooShort.body() + 1, 0x5A, 80);
     tooShort.header.syncFlag = 1;
     EXPECT_EQ(ConfCommMsgProcess(&tooShort.header), 0u) << "no list field to look at";
-    Message foreign(2, nothing, 84);
-    memset(foreign.body() + 1, 0x5A, 80);
-    foreign.header.syncFlag = 1;
-    EXPECT_EQ(ConfCommMsgProcess(&foreign.header), 0u) << "an address that came with the request";
-
     EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("t", hangsAList, 0, nullptr, 84, 1), 0u)
         << "a sender without a buffer cannot take the list";
+}
+
+/* ---- notifications and message blocks ---- */
+
+constexpr uint32_t kPacket = 4194140;
+constexpr uint32_t kLimit = 33554432;
+
+struct Call {
+    uint32_t id;
+    const void *data;
+    uint32_t length, result;
+};
+std::vector<Call> calls;
+MultiPackHeader header;
+
+uint32_t remember(uint32_t id, const void *data, uint32_t length, uint32_t result) {
+    if (length == sizeof(header) && data != nullptr) {
+        memcpy(&header, data, sizeof(header));
+    }
+    calls.push_back({id, data, length, result});
+    return 40 + result;
+}
+
+class Notify : public platform::PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        calls.clear();
+    }
+};
+
+/* The first test of the program that needs no callback: none can be removed again. */
+TEST_F(Notify, CallbackGetsWhatIsNotified) {
+    EXPECT_EQ(ConfCommSendNotifyToApp(1, "x", 1), 1u) << "nobody is registered";
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(1, "x", 1), 0u);
+    ConfRegisterNotifyFunc(remember);
+    ConfRegisterNotifyFunc(nullptr);
+    EXPECT_EQ(ConfCommSendNotifyToApp(5, "xy", 2), 40u);
+    EXPECT_EQ(ConfCommSendNotifyAndResultToApp(6, nullptr, 9, 2), 42u);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].id, 6u);
+    EXPECT_EQ(calls[1].length, 9u);
+    EXPECT_EQ(platform::callCount("OsMutexLock"), platform::callCount("OsMutexUnLock"));
+}
+
+TEST_F(Notify, LargeBlockGoesInPacketsBehindAHeader) {
+    ConfRegisterNotifyFunc(remember);
+    const std::vector<char> data(kLimit + 1);
+    const struct {
+        uint32_t length, count, calls, last;
+    } cases[] = {
+        {1, 1, 2, 1}, {kPacket, 1, 2, kPacket}, {kPacket + 1, 2, 3, 1}, {kLimit, 9, 10, 1312}};
+    for (const auto &c : cases) {
+        calls.clear();
+        EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, data.data(), c.length), 0u);
+        ASSERT_EQ(calls.size(), c.calls) << c.length;
+        EXPECT_EQ(calls[0].length, 12u);
+        EXPECT_EQ(header.magic, 74565u);
+        EXPECT_EQ(header.packetCount, c.count);
+        EXPECT_EQ(header.totalLength, c.length);
+        for (uint32_t i = 1; i < c.calls; i++) {
+            EXPECT_EQ(calls[i].data, data.data() + (i - 1) * kPacket);
+        }
+        EXPECT_EQ(calls.back().length, c.last);
+    }
+    EXPECT_TRUE(hasRecord(3, "conf_msg_api",
+                          "[ConfCommSendMultiPackNotifyToApp]MultiPackNotify,pktnum:9, "
+                          "len:33554432"));
+    EXPECT_TRUE(hasRecord(3, "conf_msg_api", "MultiPackNotify Over"));
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, data.data(), kLimit + 1), 1u);
+    expectRecord("dataLen error .33554433");
+}
+
+TEST_F(Notify, NullDataIsToldOnceAndSendsNoPacket) {
+    ConfRegisterNotifyFunc(remember);
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, nullptr, 0), 1u);
+    expectRecord("dataLen error .0");
+    EXPECT_EQ(ConfCommSendMultiPackNotifyToApp(8, nullptr, 5000), 1u);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].data, nullptr);
+    EXPECT_EQ(calls[1].length, 5000u);
+    EXPECT_EQ(platform::callCount("OsMutexLock"), 0u);
+}
+
+TEST_F(Notify, PacketsOfTwoThreadsDoNotMix) {
+    ConfRegisterNotifyFunc(remember);
+    const std::vector<char> data(kPacket * 2);
+    const auto send = [&](uint32_t id) {
+        for (int i = 0; i < 50; i++) {
+            ConfCommSendMultiPackNotifyToApp(id, data.data(), kPacket * 2);
+        }
+    };
+    std::thread other(send, 1);
+    send(2);
+    other.join();
+    ASSERT_EQ(calls.size(), 300u);
+    for (size_t i = 0; i < calls.size(); i++) {
+        EXPECT_EQ(calls[i].id, calls[i - i % 3].id);
+    }
+}
+
+TEST_F(Notify, BlockHasItsBodyAndRoomForFourBytes) {
+    const std::vector<char> body(1152, 'b'), zeros(84);
+    const std::pair<const char *, uint32_t> bodies[] = {
+        {body.data(), 1152}, {nullptr, 10}, {nullptr, 0}};
+    for (const auto &[bytes, length] : bodies) {
+        MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(bytes, length);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(block->bodyLength, length);
+        EXPECT_EQ(GetMeetingServerMsgBlockSize(block), length == 0 ? 84u : length + 83);
+        EXPECT_EQ(memcmp(block, zeros.data(), offsetof(MeetingServerMsgBlock, bodyLength)), 0);
+        EXPECT_EQ(memcmp(block->body, bytes == nullptr ? zeros.data() : bytes, length), 0);
+        block->bodyLength = UINT32_MAX - 10;
+        EXPECT_EQ(GetMeetingServerMsgBlockSize(block), UINT32_MAX)
+            << "a size that wrapped would lie";
+        OSMemTypeFreeMon(block, 0, 0, 1, "test");
+    }
+}
+
+TEST_F(Notify, BlockFailuresAreRecorded) {
+    for (const char *operation : {"OsMemMallocSetCharMon", "memcpy_s"}) {
+        platform::forEachFailure(
+            operation, [] {}, [] { return GenerateMeetingServerMsgBlock("body", 4); },
+            [](uint64_t, MeetingServerMsgBlock *block) {
+                EXPECT_EQ(block, nullptr);
+                EXPECT_EQ(platform::records().size(), 1u);
+            },
+            [](MeetingServerMsgBlock *block) { OSMemTypeFreeMon(block, 0, 0, 1, "test"); });
+    }
+    EXPECT_EQ(GenerateMeetingServerMsgBlock(nullptr, UINT32_MAX), nullptr);
+    expectRecord("[GenerateMeetingServerMsgBlock]Null ptr.");
+    EXPECT_EQ(GetMeetingServerMsgBlockSize(nullptr), 0u);
+    expectRecord("[GetMeetingServerMsgBlockSize]msg is nullptr!");
 }
 
 }  // namespace

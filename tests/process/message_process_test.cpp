@@ -1,49 +1,63 @@
-/* Messages between real processes that end at the wrong moment. */
+/* Messages between real processes that differ: in where their modules lie, in which modules they have,
+ * in whose they are, in what they have left; and that end at the wrong moment. */
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "include/conf_log_adapter.h"
 #include "include/conf_msg_api.h"
-#include "tamo_host.h"
+#include "platform/tamo_os_mem.h"
+#include "tests/host/message_parties.h"
 #include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
 
-namespace {
-
+using namespace parties;
 using support::ChildArguments;
 using support::ChildProcess;
 using support::ChildRole;
 
-constexpr char kQueue[] = "Process.Test";
-constexpr uint32_t kTimeoutMs = 20000;
-constexpr uint32_t kFailed = CONF_COMM_ERR_FAILED;
+namespace {
 
-/* ---- handlers, run by whoever receives ---- */
+constexpr const char *kQueue = "modules";
+constexpr uint32_t kTimeoutMs = 20000;
+
+uint32_t answerWithList(uint32_t param, void *data, uint32_t) {
+    void *list = OsMemMallocSetCharMon(param, 0, 0, 0, __LINE__, "test");
+    std::memset(list, 'L', param);
+    hangList(data, list, param);
+    return 0;
+}
+
+uint32_t whereItIs(uint32_t, void *data, uint32_t) {
+    const auto address = reinterpret_cast<uintptr_t>(whereItIs);
+    std::memcpy(data, &address, sizeof(address));
+    return 0;
+}
 
 uint32_t addOne(uint32_t param, void *, uint32_t) {
     return param + 1;
 }
 
 uint32_t hang(uint32_t, void *, uint32_t) {
-    support::tellParent("running");
     support::hearParent();
     return 0;
 }
 
-/* ---- roles ---- */
-
-void serve(TamoHostQueue *queue) {
-    OsMsgHeader *message = nullptr;
-    while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
-        ConfCommMsgProcess(message);
-        TamoHostMsgFree(message);
-    }
+uint32_t countBlocks(uint32_t, void *, uint32_t) {
+    return static_cast<uint32_t>(outstandingBlocks());
 }
 
-const ChildRole receiver("receiver", [](const ChildArguments &) {
+const ChildRole server("server", [](const ChildArguments &) {
     TamoHostQueue *queue = nullptr;
     const uint32_t opened = TamoHostMsgOpen(kQueue, &queue);
     if (opened != TAMO_HOST_OK) {
@@ -51,52 +65,172 @@ const ChildRole receiver("receiver", [](const ChildArguments &) {
         return 1;
     }
     support::tellParent("ready");
-    serve(queue);
+    OsMsgHeader *message = nullptr;
+    while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
+        ConfCommMsgProcess(message);
+        TamoHostMsgFree(message);
+    }
+    return 2;
+});
+
+/* Its table of descriptors is full while a sender connects. The exit code names the failure. */
+const ChildRole crowded("crowded", [](const ChildArguments &) {
+    Queue queue("crowded");
+    const rlimit few = {64, 64};
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<int> taken;
+    for (int copy = dup(0); copy >= 0; copy = dup(0)) {
+        taken.push_back(copy);
+    }
+    support::tellParent("full");
+    support::hearParent(); /* a sender waits */
+    OsMsgHeader *message = nullptr;
+    if (TamoHostMsgReceive(queue.get(), &message, 100) != TAMO_HOST_TIMEOUT) {
+        return 1;
+    }
+    for (const int each : taken) {
+        close(each);
+    }
+    serve(queue.next());
     return 0;
 });
 
-class MessageProcesses : public testing::Test {
-  protected:
-    void SetUp() override { ConfLogInit(); }
-    void TearDown() override { ConfLogUnInit(); }
-};
-
-TEST_F(MessageProcesses, KilledReceiverFailsItsWaitingSenderAtOnceAndIsReplaced) {
-    ChildProcess first("receiver");
-    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u)
-        << "a receiver may start after its sender";
-    ASSERT_EQ(first.hear(), "ready");
-
-    ChildProcess second("receiver");
-    EXPECT_EQ(second.hear(), "refused 3") << "the name has a live owner";
-
-    ChildProcess killer("killer", {std::to_string(first.pid())});
-    char data[4] = {'k', 'e', 'e', 'p'};
-    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, hang, 0, data, 4, UINT32_MAX), kFailed)
-        << "it would wait for ever";
-    EXPECT_EQ(memcmp(data, "keep", 4), 0);
-    EXPECT_EQ(first.wait(), support::killed(SIGKILL));
-    EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 1, nullptr, 0), kFailed);
-
-    ChildProcess third("receiver");
-    ASSERT_EQ(third.hear(), "ready") << "what a dead owner left is taken over";
-    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 5, nullptr, 0, kTimeoutMs), 6u);
-    EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 1, nullptr, 0), 0u);
-}
-
-/* Waits until the receiver runs the handler that hangs, which the queue's counts tell, and kills it. */
-const ChildRole killer("killer", [](const ChildArguments &arguments) {
-    uint64_t received = 0;
-    while (received < 2) {
-        TamoHostMsgQueues(
-            [](const TamoHostQueueInfo *queue, void *context) {
-                *static_cast<uint64_t *>(context) = queue->received;
-                return 0u;
-            },
-            &received);
+TEST(CrowdedReceiver, TakesItsSendersWhenItHasDescriptorsAgain) {
+    ChildProcess receiver("crowded");
+    ASSERT_EQ(receiver.hear(), "full");
+    std::thread sender(
+        [] { EXPECT_EQ(Exchange("crowded", bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK); });
+    while (queueInfo("crowded").depth == 0) {
         sched_yield();
     }
-    return kill(std::stoi(arguments[0]), SIGKILL);
-});
+    receiver.tell("go");
+    sender.join();
+    EXPECT_EQ(receiver.wait(), support::exited(0));
+}
+
+class MessageProcesses : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(server_.hear(), "ready"); }
+    ChildProcess server_{"server"};
+};
+
+uint32_t blocksOfServer() {
+    const Exchange exchange(kQueue, bodyOf(countBlocks, 0, {}));
+    return exchange.result == TAMO_HOST_OK ? headOf(exchange.response).result : ~0U;
+}
+
+TEST_F(MessageProcesses, AHandlerIsFoundWhereverItsModuleLies) {
+    const Exchange exchange(kQueue, bodyOf(whereItIs, 0, Bytes(sizeof(uintptr_t))));
+    ASSERT_EQ(exchange.result, TAMO_HOST_OK);
+    uintptr_t address = 0;
+    std::memcpy(&address, dataOf(exchange.response), sizeof(address));
+    const auto own = reinterpret_cast<uintptr_t>(whereItIs);
+    EXPECT_EQ(address % 4096, own % 4096);
+    if (address == own) {
+        GTEST_SKIP() << "this system loads every program at one address";
+    }
+    EXPECT_EQ(headOf(exchange.response).handler, whereItIs);
+}
+
+TEST_F(MessageProcesses, AHandlerThatTheReceiverCannotRunFailsAtOnce) {
+    for (const char *path : {MODULE_OF_ONE_SIDE, MODULE_WITHOUT_ID}) {
+        void *module = dlopen(path, RTLD_NOW);
+        ASSERT_NE(module, nullptr) << dlerror();
+        auto handler = reinterpret_cast<Handler>(dlsym(module, "moduleHandler"));
+        EXPECT_EQ(Exchange(kQueue, bodyOf(handler, 0, {})).result, TAMO_HOST_REFUSED) << path;
+        dlclose(module);
+        EXPECT_EQ(Exchange(kQueue, bodyOf(handler, 0, {})).result, TAMO_HOST_REFUSED)
+            << "what was unloaded is no code any more";
+    }
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+}
+
+TEST_F(MessageProcesses, AListWhoseRequesterDiedOrGaveUpIsReleased) {
+    server_.signal(SIGSTOP);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Exchange(kQueue, bodyOf(answerWithList, 100000, Bytes(kBlock)), 2, 5).result,
+                  TAMO_HOST_TIMEOUT);
+    }
+    const pid_t dying = fork();
+    if (dying == 0) {
+        const Exchange never(kQueue, bodyOf(answerWithList, 100, Bytes(kBlock)), 2, 5000);
+        _exit(never.result == TAMO_HOST_OK ? 0 : 1);
+    }
+    while (queueInfo(kQueue).depth < 4) {
+        sched_yield();
+    }
+    kill(dying, SIGKILL);
+    waitpid(dying, nullptr, 0);
+    server_.signal(SIGCONT);
+    EXPECT_EQ(blocksOfServer(), 0U);
+}
+
+TEST_F(MessageProcesses, KilledReceiverFailsItsWaitingSenderAtOnceAndIsReplaced) {
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
+    ChildProcess second("server");
+    EXPECT_EQ(second.hear(), "refused 3") << "the name has a live owner";
+
+    std::thread killer([this] {
+        while (queueInfo(kQueue).received < 2) { /* until the handler runs that hangs */
+            sched_yield();
+        }
+        server_.signal(SIGKILL);
+    });
+    char data[4] = {'k', 'e', 'e', 'p'};
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, hang, 0, data, 4, UINT32_MAX), CONF_COMM_ERR_FAILED)
+        << "it would wait for ever";
+    killer.join();
+    EXPECT_EQ(memcmp(data, "keep", 4), 0);
+    EXPECT_EQ(server_.wait(), support::killed(SIGKILL));
+    EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 1, nullptr, 0), CONF_COMM_ERR_FAILED);
+
+    ChildProcess third("server");
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 5, nullptr, 0, kTimeoutMs), 6u)
+        << "a receiver may start after its sender, and takes over what a dead one left";
+}
+
+TEST_F(MessageProcesses, AReceiverKilledWithTheRequestUnreadFailsItAtOnce) {
+    server_.signal(SIGSTOP);
+    std::thread killer([this] {
+        while (queueInfo(kQueue).depth == 0) {
+            sched_yield();
+        }
+        server_.signal(SIGKILL);
+    });
+    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, UINT32_MAX).result, TAMO_HOST_GONE);
+    killer.join();
+    server_.kill(); /* until it is gone altogether */
+    const TamoHostQueueInfo info = queueInfo(kQueue);
+    EXPECT_STREQ(info.name, kQueue) << "what a killed owner left is still listed";
+    EXPECT_EQ(info.ownerPid, 0U);
+}
+
+TEST_F(MessageProcesses, AProcessOfAnotherUserIsTurnedAway) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    EXPECT_EQ(queueInfo(kQueue).received, 0U); /* the root is found private before it is opened */
+    /* Only a root that somebody opened wide lets another user come as far as the socket. */
+    const std::string run = support::scratchRoot() + "/run";
+    for (const std::string &path : {support::scratchRoot(), run}) {
+        ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    }
+    for (const char *suffix : {".sock", ".queue"}) {
+        ASSERT_EQ(chmod((run + "/" + kQueue + suffix).c_str(), 0666), 0);
+    }
+    const pid_t stranger = fork();
+    if (stranger == 0) {
+        const bool changed = setgid(65534) == 0 && setuid(65534) == 0;
+        const uint32_t result = Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, 5000).result;
+        _exit(changed && result == TAMO_HOST_GONE ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(stranger, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(queueInfo(kQueue).received, 0U);
+    for (const std::string &path : {support::scratchRoot(), run}) {
+        chmod(path.c_str(), 0700);
+    }
+}
 
 }  // namespace

@@ -63,19 +63,15 @@ class TimerProcess : public testing::Test {
     void TearDown() override {
         EXPECT_EQ(ConfTimerStop(&object), 0u);
         ConfCommTimerDeInit();
-        awaitNoBlocks();
-        if (stopsReceiver) {
-            EXPECT_EQ(ConfCommMsgAsynSend(kQueue, stopServing, 0, nullptr, 0), 0u);
-            EXPECT_EQ(child_.wait(), support::exited(0));
-        }
-    }
-
-    /* The last expiry may still be about to release its message. */
-    static void awaitNoBlocks() {
+        /* The last expiry may still be about to release its message. */
         const auto deadline = std::chrono::steady_clock::now() + support::patience();
         while (parties::outstandingBlocks() != 0 && std::chrono::steady_clock::now() < deadline) {
         }
         EXPECT_EQ(parties::outstandingBlocks(), 0u);
+        if (stopsReceiver) {
+            EXPECT_EQ(ConfCommMsgAsynSend(kQueue, stopServing, 0, nullptr, 0), 0u);
+            EXPECT_EQ(child_.wait(), support::exited(0));
+        }
     }
 
     /* The next line that is not `passed`. */

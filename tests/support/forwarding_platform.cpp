@@ -1,9 +1,8 @@
-/* See forwarding_platform.h: settings and accounts. The operations are in platform_operations.cpp and
- * platform_timers.cpp. */
+/* See forwarding_platform.h: settings and accounts. The operations are in platform_operations.cpp.
+ */
 #include "forwarding_platform.h"
 
 #include <dlfcn.h>
-#include <link.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -11,13 +10,8 @@
 #include <mutex>
 #include <ostream>
 #include <span>
-#include <sstream>
 
-#include "host/tamo_host.h"
 #include "platform_slot.h"
-
-// The report of sites is a workstation's; the account here works with any platform.
-extern "C" __attribute__((weak)) decltype(TamoHostMemReport) TamoHostMemReport;
 
 namespace platform {
 
@@ -26,94 +20,53 @@ using detail::Slot;
 namespace {
 
 struct Operation {
-    const char *name;
+    std::string_view name;
     const void *address;
     Slot *slot;
-    bool canFail;
 };
 
-#define OPERATION(name) \
-    { #name, reinterpret_cast < const void *>(&name), &detail::slotOf < &name>, true }
-#define INFALLIBLE(name) \
-    { #name, reinterpret_cast < const void *>(&name), &detail::slotOf < &name>, false }
+template <auto Address>
+Operation entry(const char *name) {
+    return {name, reinterpret_cast<const void *>(Address), &detail::slotOf<Address>};
+}
+
+#define OPERATIONS(X)                                                                              \
+    X(memcpy_s)                                                                                    \
+    X(memmove_s)                                                                                   \
+    X(memset_s)                                                                                    \
+    X(strcpy_s)                                                                                    \
+    X(strncpy_s)                                                                                   \
+    X(strcat_s) X(sprintf_s) X(sscanf_s) X(KIRU_StrLen) X(KIRU_StrStr) X(KIRU_StrCmp) X(           \
+        KIRU_StriCmp) X(KIRU_StrToInt32) X(MOX_UnicodeToUtf8) X(KIRU_Inet_Pton) X(KIRU_InetAddr)   \
+        X(MOX_Socket_Get_AF_INET6) X(GetBestInterfaceEx) X(GetAdaptersAddresses) X(                \
+            GetBestRoute) X(GetIpAddrTable) X(TamoOmConfigInit) X(TamoOmConfigNotifyCallback)      \
+            X(TamoOmConfigUnInit) X(TamoOmConfigcopyStr2Key) X(TamoOmConfigcopyStr2Val) X(         \
+                TamoOmConfigsetIntValue) X(TamoOmConfigsetUintValue) X(TamoOmConfigStringGet)      \
+                X(TamoOmConfigStringMget) X(TamoOmConfigStringMset) X(TamoOmConfigStringSet) X(    \
+                    TamoOmKeymEncrypt) X(TamoOmDevmNetGetIpv4Block) X(TamoOmDevmNetGetIpv6Block)   \
+                    X(TamoOmCustUtilGetCfgPath) X(TamoOmCustUtilGetStoragePath) X(                 \
+                        TamoOmCertClientInit) X(TamoOmCertNotifyCallback) X(TamoOmCertGetCertPath) \
+                        X(TamoOmCertGetExpectedSrvCertSize) X(TamoOmCertGetServiceCert)            \
+                            X(TamoOmCertGetCertId) X(TamoOmCertGetCapability)                      \
+                                X(SSL_CTX_load_cacertificate_file) X(TamoOmLogClientInit)          \
+                                    X(TamoOmLogClientUnInit) X(TamoOmLogCreateLog)                 \
+                                        X(TamoOmLogModuleLogRecord) X(OsOpenDir) X(OsReadDir)      \
+                                            X(OsCloseDir) X(OsCopyFile) X(OsRemove) X(OsFopen)     \
+                                                X(OsFileNativePath) X(OsMutexInit) X(OsMutexLock)  \
+                                                    X(OsMutexUnLock) X(OsMutexDestroy) X(          \
+                                                        OsMemMallocSetCharMon) X(OSMemTypeFreeMon) \
+                                                        X(OsMsgSynSend) X(OsMsgSynRespFree) X(     \
+                                                            OsMsgAsynSend) X(OsMsgSynSendResp)     \
+                                                            X(OsSigEmptySet) X(OsSigAddSet)        \
+                                                                X(OsPthreadSigmask) X(OsGetTimeEx) \
+                                                                    X(OsGetSysTimeSec)             \
+                                                                        X(OsTmrManagerInit)        \
+                                                                            X(OsTmrCreate)         \
+                                                                                X(OsTmrDelete)
+#define ENTRY(name) entry<&name>(#name),
 
 std::span<const Operation> operations() {
-    static const Operation all[] = {
-        OPERATION(memcpy_s),
-        OPERATION(memmove_s),
-        OPERATION(memset_s),
-        OPERATION(strcpy_s),
-        OPERATION(strncpy_s),
-        OPERATION(strcat_s),
-        OPERATION(sprintf_s),
-        OPERATION(sscanf_s),
-        INFALLIBLE(KIRU_StrLen),
-        INFALLIBLE(KIRU_StrStr),
-        INFALLIBLE(KIRU_StrCmp),
-        INFALLIBLE(KIRU_StriCmp),
-        OPERATION(KIRU_StrToInt32),
-        OPERATION(MOX_UnicodeToUtf8),
-        OPERATION(KIRU_Inet_Pton),
-        OPERATION(KIRU_InetAddr),
-        INFALLIBLE(MOX_Socket_Get_AF_INET6),
-        OPERATION(GetBestInterfaceEx),
-        OPERATION(GetAdaptersAddresses),
-        OPERATION(GetBestRoute),
-        OPERATION(GetIpAddrTable),
-        OPERATION(TamoOmConfigInit),
-        OPERATION(TamoOmConfigNotifyCallback),
-        OPERATION(TamoOmConfigUnInit),
-        OPERATION(TamoOmConfigcopyStr2Key),
-        OPERATION(TamoOmConfigcopyStr2Val),
-        OPERATION(TamoOmConfigsetIntValue),
-        OPERATION(TamoOmConfigsetUintValue),
-        OPERATION(TamoOmConfigStringGet),
-        OPERATION(TamoOmConfigStringMget),
-        OPERATION(TamoOmConfigStringMset),
-        OPERATION(TamoOmConfigStringSet),
-        OPERATION(TamoOmKeymEncrypt),
-        OPERATION(TamoOmDevmNetGetIpv4Block),
-        OPERATION(TamoOmDevmNetGetIpv6Block),
-        OPERATION(TamoOmCustUtilGetCfgPath),
-        OPERATION(TamoOmCustUtilGetStoragePath),
-        OPERATION(TamoOmCertClientInit),
-        OPERATION(TamoOmCertNotifyCallback),
-        OPERATION(TamoOmCertGetCertPath),
-        OPERATION(TamoOmCertGetExpectedSrvCertSize),
-        OPERATION(TamoOmCertGetServiceCert),
-        OPERATION(TamoOmCertGetCertId),
-        OPERATION(TamoOmCertGetCapability),
-        OPERATION(SSL_CTX_load_cacertificate_file),
-        OPERATION(TamoOmLogClientInit),
-        OPERATION(TamoOmLogClientUnInit),
-        OPERATION(TamoOmLogCreateLog),
-        OPERATION(TamoOmLogModuleLogRecord),
-        OPERATION(OsOpenDir),
-        OPERATION(OsReadDir),
-        INFALLIBLE(OsCloseDir),
-        OPERATION(OsCopyFile),
-        OPERATION(OsRemove),
-        OPERATION(OsFopen),
-        OPERATION(OsFileNativePath),
-        OPERATION(OsMutexInit),
-        OPERATION(OsMutexLock),
-        OPERATION(OsMutexUnLock),
-        OPERATION(OsMutexDestroy),
-        OPERATION(OsMemMallocSetCharMon),
-        OPERATION(OSMemTypeFreeMon),
-        OPERATION(OsMsgSynSend),
-        OPERATION(OsMsgSynRespFree),
-        OPERATION(OsMsgAsynSend),
-        OPERATION(OsMsgSynSendResp),
-        OPERATION(OsSigEmptySet),
-        OPERATION(OsSigAddSet),
-        OPERATION(OsPthreadSigmask),
-        INFALLIBLE(OsGetTimeEx),
-        INFALLIBLE(OsGetSysTimeSec),
-        OPERATION(OsTmrManagerInit),
-        OPERATION(OsTmrCreate),
-        OPERATION(OsTmrDelete),
-    };
+    static const Operation all[] = {OPERATIONS(ENTRY)};
     return all;
 }
 
@@ -122,24 +75,23 @@ std::span<const Operation> operations() {
     std::abort();
 }
 
-const Operation &operationNamed(std::string_view name) {
+template <typename Wanted>
+const Operation &find(Wanted Operation::*field, const Wanted &wanted, const char *shown) {
     const auto all = operations();
     const auto found = std::find_if(all.begin(), all.end(),
-                                    [&](const Operation &each) { return each.name == name; });
+                                    [&](const Operation &each) { return each.*field == wanted; });
     if (found == all.end()) {
-        giveUp("there is no such operation", std::string(name).c_str());
+        giveUp("there is no such operation", shown);
     }
     return *found;
 }
 
+Slot &slotNamed(std::string_view name) {
+    return *find(&Operation::name, name, std::string(name).c_str()).slot;
+}
+
 const Operation &operationAt(const void *address) {
-    const auto all = operations();
-    const auto found = std::find_if(all.begin(), all.end(),
-                                    [&](const Operation &each) { return each.address == address; });
-    if (found == all.end()) {
-        giveUp("not the address of an operation", "override");
-    }
-    return *found;
+    return find(&Operation::address, address, "by its address");
 }
 
 struct Capture {
@@ -155,39 +107,14 @@ Capture &capture() {
 
 constinit std::atomic<int64_t> blocks{0};
 
-/* The address range of the module that holds `inside`. */
-struct Module {
-    uintptr_t inside, begin, end;
-};
-
-int findModule(dl_phdr_info *info, size_t, void *context) {
-    auto *module = static_cast<Module *>(context);
-    uintptr_t begin = UINTPTR_MAX;
-    uintptr_t end = 0;
-    for (const auto &header : std::span(info->dlpi_phdr, info->dlpi_phnum)) {
-        if (header.p_type == PT_LOAD) {
-            begin = std::min<uintptr_t>(begin, info->dlpi_addr + header.p_vaddr);
-            end = std::max<uintptr_t>(end, info->dlpi_addr + header.p_vaddr + header.p_memsz);
-        }
-    }
-    if (module->inside < begin || module->inside >= end) {
-        return 0;
-    }
-    module->begin = begin;
-    module->end = end;
-    return 1;
-}
-
 /* Does the call come from the module that holds the real platform? */
 bool comesFromPlatform(const void *caller) {
-    static const Module module = [] {
-        void *real = dlsym(RTLD_NEXT, "OsMemMallocSetCharMon");
-        Module found{reinterpret_cast<uintptr_t>(real), 0, 0};
-        dl_iterate_phdr(findModule, &found);
+    static const dl_find_object module = [] {
+        dl_find_object found = {};
+        _dl_find_object(dlsym(RTLD_NEXT, "OsMemMallocSetCharMon"), &found);
         return found;
     }();
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    return address >= module.begin && address < module.end;
+    return caller >= module.dlfo_map_start && caller < module.dlfo_map_end;
 }
 
 void forget(Slot &slot) {
@@ -201,14 +128,9 @@ void forget(Slot &slot) {
 }
 
 void setFailure(std::string_view operation, uint64_t at) {
-    const Operation &found = operationNamed(operation);
-    if (!found.canFail) {
-        giveUp("this operation cannot fail", found.name);
-    }
-    if (at != detail::kNever) {
-        found.slot->failed = false;
-    }
-    found.slot->failAt = at;
+    Slot &slot = slotNamed(operation);
+    slot.failed = slot.failed && at == detail::kNever;
+    slot.failAt = at;
 }
 
 }  // namespace
@@ -234,7 +156,7 @@ Verdict judge(Slot &slot, const void *caller) {
 void *resolve(Slot &slot, const void *operation) {
     void *next = slot.next.load(std::memory_order_relaxed);
     if (next == nullptr) {
-        const char *name = operationAt(operation).name;
+        const char *name = operationAt(operation).name.data();
         next = dlsym(RTLD_NEXT, name);
         if (next == nullptr) {
             giveUp("the platform does not have it", name);
@@ -279,7 +201,7 @@ void *nextDefinition(const void *operation) {
 }  // namespace detail
 
 void failCall(std::string_view operation, uint64_t n) {
-    const uint64_t calls = operationNamed(operation).slot->calls;
+    const uint64_t calls = slotNamed(operation).calls;
     setFailure(operation, n == 0 ? detail::kNever : calls + n);
 }
 
@@ -288,11 +210,11 @@ void failEveryCall(std::string_view operation) {
 }
 
 bool failureReached(std::string_view operation) {
-    return operationNamed(operation).slot->failed;
+    return slotNamed(operation).failed;
 }
 
 uint64_t callCount(std::string_view operation) {
-    return operationNamed(operation).slot->calls;
+    return slotNamed(operation).calls;
 }
 
 std::ostream &operator<<(std::ostream &out, const Record &record) {
@@ -336,23 +258,9 @@ void release() {
     capture().on = false;
 }
 
-namespace {
-
-uint32_t printSite(const TamoHostMemSite *site, void *context) {
-    *static_cast<std::ostream *>(context)
-        << "\n  " << site->blocks << " from " << site->file << ':' << site->line;
-    return 0;
-}
-
-}  // namespace
-
 void PlatformTest::TearDown() {
     if (outstanding() != 0 && !blocksMayStay_) {
-        std::ostringstream sites;
-        if (TamoHostMemReport != nullptr) {
-            TamoHostMemReport(0, printSite, &sites);
-        }
-        ADD_FAILURE() << "blocks taken and not released: " << outstanding() << sites.str();
+        ADD_FAILURE() << "blocks taken and not released: " << outstanding();
     }
     release();
 }

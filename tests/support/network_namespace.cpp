@@ -2,33 +2,19 @@
  * namespace of their own, where the system lets them. */
 #include "network_namespace.h"
 
-#include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 namespace support {
 namespace {
 
 bool writeFile(const char *path, const std::string &text) {
-    const int file = open(path, O_WRONLY | O_CLOEXEC);
-    const bool whole =
-        file >= 0 && write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    if (file >= 0) {
-        close(file);
-    }
-    return whole;
-}
-
-/* Without the map the programs that this process starts would have no rights. */
-bool becomeRoot(uid_t user, gid_t group) {
-    return writeFile("/proc/self/setgroups", "deny") &&
-           writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
-           writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+    return static_cast<bool>(std::ofstream(path) << text << std::flush);
 }
 
 bool leaveNetwork() {
@@ -37,7 +23,11 @@ bool leaveNetwork() {
     }
     const uid_t user = getuid();
     const gid_t group = getgid();
-    return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 && becomeRoot(user, group);
+    /* Without the map the programs that this process starts would have no rights. */
+    return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 &&
+           writeFile("/proc/self/setgroups", "deny") &&
+           writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
+           writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 /* The test program's definitions of all platform operations. Each says what a failure looks like by
- * the operation's contract; operations that cannot fail have none. */
+ * the operation's contract. */
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -43,6 +43,20 @@ auto clearText(char *dst, size_t size, int result = kRefused) {
     };
 }
 
+/* The records are zeroed. */
+template <typename Record>
+auto clear(Record *record) {
+    return [=] {
+        if (record != nullptr) {
+            *record = Record{};
+        }
+        return 1;
+    };
+}
+
+constexpr auto kMinusOne = [] { return -1; };
+constexpr auto kNothing = [] {};
+
 /* A finished text; one of usual length takes no memory, for tests that count allocations. */
 class PrintedText {
   public:
@@ -66,31 +80,40 @@ class PrintedText {
 
 }  // namespace
 
+/* Definitions: result, name, what a failure does with the arguments (a, b, ...), and their types. */
+#define FORWARD_0(Result, name, fail)        \
+    Result name(void) {                      \
+        return forward<&name>(CALLER, fail); \
+    }
+#define FORWARD_1(Result, name, fail, A)        \
+    Result name(A a) {                          \
+        return forward<&name>(CALLER, fail, a); \
+    }
+#define FORWARD_2(Result, name, fail, A, B)        \
+    Result name(A a, B b) {                        \
+        return forward<&name>(CALLER, fail, a, b); \
+    }
+#define FORWARD_3(Result, name, fail, A, B, C)        \
+    Result name(A a, B b, C c) {                      \
+        return forward<&name>(CALLER, fail, a, b, c); \
+    }
+#define FORWARD_4(Result, name, fail, A, B, C, D)        \
+    Result name(A a, B b, C c, D d) {                    \
+        return forward<&name>(CALLER, fail, a, b, c, d); \
+    }
+#define FORWARD_5(Result, name, fail, A, B, C, D, E)        \
+    Result name(A a, B b, C c, D d, E e) {                  \
+        return forward<&name>(CALLER, fail, a, b, c, d, e); \
+    }
+
 /* ---- bounds_checked.h ---- */
 
-int memcpy_s(void *dst, size_t dstSize, const void *src, size_t count) {
-    return forward<&memcpy_s>(CALLER, clearMemory(dst, dstSize), dst, dstSize, src, count);
-}
-
-int memmove_s(void *dst, size_t dstSize, const void *src, size_t count) {
-    return forward<&memmove_s>(CALLER, clearMemory(dst, dstSize), dst, dstSize, src, count);
-}
-
-int memset_s(void *dst, size_t dstSize, int value, size_t count) {
-    return forward<&memset_s>(CALLER, clearMemory(dst, dstSize), dst, dstSize, value, count);
-}
-
-int strcpy_s(char *dst, size_t dstSize, const char *src) {
-    return forward<&strcpy_s>(CALLER, clearText(dst, dstSize), dst, dstSize, src);
-}
-
-int strncpy_s(char *dst, size_t dstSize, const char *src, size_t count) {
-    return forward<&strncpy_s>(CALLER, clearText(dst, dstSize), dst, dstSize, src, count);
-}
-
-int strcat_s(char *dst, size_t dstSize, const char *src) {
-    return forward<&strcat_s>(CALLER, clearText(dst, dstSize), dst, dstSize, src);
-}
+FORWARD_4(int, memcpy_s, clearMemory(a, b), void *, size_t, const void *, size_t)
+FORWARD_4(int, memmove_s, clearMemory(a, b), void *, size_t, const void *, size_t)
+FORWARD_4(int, memset_s, clearMemory(a, b), void *, size_t, int, size_t)
+FORWARD_3(int, strcpy_s, clearText(a, b), char *, size_t, const char *)
+FORWARD_4(int, strncpy_s, clearText(a, b), char *, size_t, const char *, size_t)
+FORWARD_3(int, strcat_s, clearText(a, b), char *, size_t, const char *)
 
 int sprintf_s(char *dst, size_t dstSize, const char *format, ...) {
     va_list arguments;
@@ -117,115 +140,35 @@ int sscanf_s(const char *text, const char *format, ...) {
 
 /* ---- tamo_common.h, tamo_socket.h ---- */
 
-uint32_t KIRU_StrLen(const char *text) {
-    return forward<&KIRU_StrLen>(CALLER, kCannotFail, text);
-}
-
-char *KIRU_StrStr(const char *text, const char *search) {
-    return forward<&KIRU_StrStr>(CALLER, kNull, text, search);
-}
-
-int32_t KIRU_StrCmp(const char *a, const char *b) {
-    return forward<&KIRU_StrCmp>(CALLER, kCannotFail, a, b);
-}
-
-int32_t KIRU_StriCmp(const char *a, const char *b) {
-    return forward<&KIRU_StriCmp>(CALLER, kCannotFail, a, b);
-}
-
-int32_t KIRU_StrToInt32(const char *text, int32_t *value) {
-    return forward<&KIRU_StrToInt32>(CALLER, kOne, text, value);
-}
-
-char *MOX_UnicodeToUtf8(const uint16_t *wideText) {
-    return forward<&MOX_UnicodeToUtf8>(CALLER, kNull, wideText);
-}
-
-int32_t KIRU_Inet_Pton(int32_t family, const char *text, void *buffer16) {
-    return forward<&KIRU_Inet_Pton>(
-        CALLER, [] { return -1; }, family, text, buffer16);
-}
-
-uint32_t KIRU_InetAddr(const char *text) {
-    return forward<&KIRU_InetAddr>(
-        CALLER, [] { return UINT32_MAX; }, text);
-}
-
-int32_t MOX_Socket_Get_AF_INET6(void) {
-    return forward<&MOX_Socket_Get_AF_INET6>(CALLER, kCannotFail);
-}
+FORWARD_1(uint32_t, KIRU_StrLen, kCannotFail, const char *)
+FORWARD_2(char *, KIRU_StrStr, kNull, const char *, const char *)
+FORWARD_2(int32_t, KIRU_StrCmp, kCannotFail, const char *, const char *)
+FORWARD_2(int32_t, KIRU_StriCmp, kCannotFail, const char *, const char *)
+FORWARD_2(int32_t, KIRU_StrToInt32, kOne, const char *, int32_t *)
+FORWARD_1(char *, MOX_UnicodeToUtf8, kNull, const uint16_t *)
+FORWARD_3(int32_t, KIRU_Inet_Pton, kMinusOne, int32_t, const char *, void *)
+FORWARD_1(uint32_t, KIRU_InetAddr, kMinusOne, const char *)
+FORWARD_0(int32_t, MOX_Socket_Get_AF_INET6, kCannotFail)
 
 /* ---- ip_helper.h ---- */
 
-uint32_t GetBestInterfaceEx(const IpSocketAddress6 *destination, uint32_t *interfaceIndex) {
-    return forward<&GetBestInterfaceEx>(CALLER, kOne, destination, interfaceIndex);
-}
-
-uint32_t GetAdaptersAddresses(uint32_t family, uint32_t flags, void *reserved, IpAdapter *buffer,
-                              uint32_t *size) {
-    return forward<&GetAdaptersAddresses>(CALLER, kOne, family, flags, reserved, buffer, size);
-}
-
-uint32_t GetBestRoute(uint32_t destination, uint32_t source, IpForwardRow *route) {
-    return forward<&GetBestRoute>(CALLER, kOne, destination, source, route);
-}
-
-uint32_t GetIpAddrTable(IpAddrTable *table, uint32_t *size, int32_t sorted) {
-    return forward<&GetIpAddrTable>(CALLER, kOne, table, size, sorted);
-}
+FORWARD_2(uint32_t, GetBestInterfaceEx, kOne, const IpSocketAddress6 *, uint32_t *)
+FORWARD_5(uint32_t, GetAdaptersAddresses, kOne, uint32_t, uint32_t, void *, IpAdapter *, uint32_t *)
+FORWARD_3(uint32_t, GetBestRoute, kOne, uint32_t, uint32_t, IpForwardRow *)
+FORWARD_3(uint32_t, GetIpAddrTable, kOne, IpAddrTable *, uint32_t *, int32_t)
 
 /* ---- tamo_om_config_client.h, tamo_om_keym_client.h, tamo_om_devm_client.h, tamo_om_cust_util.h ---- */
 
-int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName) {
-    return forward<&TamoOmConfigInit>(CALLER, kOne, zero, ownerName, moduleName);
-}
-
-int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName) {
-    return forward<&TamoOmConfigNotifyCallback>(CALLER, kOne, handler, moduleName);
-}
-
-int32_t TamoOmConfigUnInit(const char *moduleName) {
-    return forward<&TamoOmConfigUnInit>(CALLER, kOne, moduleName);
-}
-
-int32_t TamoOmConfigcopyStr2Key(ConfConfigOmRecord *record, const char *key) {
-    const auto fail = [=] {
-        if (record != nullptr) {
-            record->key = ConfConfigOmKey{};
-        }
-        return 1;
-    };
-    return forward<&TamoOmConfigcopyStr2Key>(CALLER, fail, record, key);
-}
-
-int32_t TamoOmConfigcopyStr2Val(ConfConfigOmVal *value, const char *text) {
-    const auto fail = [=] {
-        if (value != nullptr) {
-            *value = ConfConfigOmVal{};
-        }
-        return 1;
-    };
-    return forward<&TamoOmConfigcopyStr2Val>(CALLER, fail, value, text);
-}
-
-int32_t TamoOmConfigsetIntValue(ConfConfigOmVal *value, int64_t number) {
-    return forward<&TamoOmConfigsetIntValue>(CALLER, kOne, value, number);
-}
-
-int32_t TamoOmConfigsetUintValue(ConfConfigOmVal *value, uint64_t number) {
-    return forward<&TamoOmConfigsetUintValue>(CALLER, kOne, value, number);
-}
-
-int32_t TamoOmConfigStringGet(ConfConfigOmRecord *record) {
-    const auto fail = [=] {
-        if (record != nullptr) {
-            record->value = ConfConfigOmVal{};
-        }
-        return 1;
-    };
-    return forward<&TamoOmConfigStringGet>(CALLER, fail, record);
-}
-
+FORWARD_3(int32_t, TamoOmConfigInit, kOne, uint32_t, const char *, const char *)
+FORWARD_2(int32_t, TamoOmConfigNotifyCallback, kOne, ConfConfigChangeHandler, const char *)
+FORWARD_1(int32_t, TamoOmConfigUnInit, kOne, const char *)
+FORWARD_2(int32_t, TamoOmConfigcopyStr2Key, clear(a == nullptr ? nullptr : &a->key),
+          ConfConfigOmRecord *, const char *)
+FORWARD_2(int32_t, TamoOmConfigcopyStr2Val, clear(a), ConfConfigOmVal *, const char *)
+FORWARD_2(int32_t, TamoOmConfigsetIntValue, kOne, ConfConfigOmVal *, int64_t)
+FORWARD_2(int32_t, TamoOmConfigsetUintValue, kOne, ConfConfigOmVal *, uint64_t)
+FORWARD_1(int32_t, TamoOmConfigStringGet, clear(a == nullptr ? nullptr : &a->value),
+          ConfConfigOmRecord *)
 int32_t TamoOmConfigStringMget(ConfConfigOmRecord *records, uint32_t count) {
     const auto fail = [=] {
         for (uint32_t i = 0; records != nullptr && i < count; ++i) {
@@ -236,49 +179,20 @@ int32_t TamoOmConfigStringMget(ConfConfigOmRecord *records, uint32_t count) {
     return forward<&TamoOmConfigStringMget>(CALLER, fail, records, count);
 }
 
-int32_t TamoOmConfigStringMset(const ConfConfigOmRecord *records, uint32_t count) {
-    return forward<&TamoOmConfigStringMset>(CALLER, kOne, records, count);
-}
-
-int32_t TamoOmConfigStringSet(ConfConfigOmRecord record) {
-    return forward<&TamoOmConfigStringSet>(CALLER, kOne, record);
-}
-
-int32_t TamoOmKeymEncrypt(const char *ownerName, const char *plain, uint32_t plainLength, char *out,
-                          uint32_t *outLength) {
-    return forward<&TamoOmKeymEncrypt>(CALLER, clearText(out, 1), ownerName, plain, plainLength,
-                                       out, outLength);
-}
-
-int32_t TamoOmDevmNetGetIpv4Block(uint32_t selector, char *buffer42) {
-    return forward<&TamoOmDevmNetGetIpv4Block>(CALLER, kOne, selector, buffer42);
-}
-
-int32_t TamoOmDevmNetGetIpv6Block(uint32_t selector, char *buffer42) {
-    return forward<&TamoOmDevmNetGetIpv6Block>(CALLER, kOne, selector, buffer42);
-}
-
-const char *TamoOmCustUtilGetCfgPath(uint32_t zero) {
-    return forward<&TamoOmCustUtilGetCfgPath>(CALLER, kNull, zero);
-}
-
-const char *TamoOmCustUtilGetStoragePath(void) {
-    return forward<&TamoOmCustUtilGetStoragePath>(CALLER, kNull);
-}
+FORWARD_2(int32_t, TamoOmConfigStringMset, kOne, const ConfConfigOmRecord *, uint32_t)
+FORWARD_1(int32_t, TamoOmConfigStringSet, kOne, ConfConfigOmRecord)
+FORWARD_5(int32_t, TamoOmKeymEncrypt, clearText(d, 1), const char *, const char *, uint32_t, char *,
+          uint32_t *)
+FORWARD_2(int32_t, TamoOmDevmNetGetIpv4Block, kOne, uint32_t, char *)
+FORWARD_2(int32_t, TamoOmDevmNetGetIpv6Block, kOne, uint32_t, char *)
+FORWARD_1(const char *, TamoOmCustUtilGetCfgPath, kNull, uint32_t)
+FORWARD_0(const char *, TamoOmCustUtilGetStoragePath, kNull)
 
 /* ---- tamo_om_log_client.h ---- */
 
-int32_t TamoOmLogClientInit(const char *mode, uint32_t flag) {
-    return forward<&TamoOmLogClientInit>(CALLER, kOne, mode, flag);
-}
-
-int32_t TamoOmLogClientUnInit(void) {
-    return forward<&TamoOmLogClientUnInit>(CALLER, kOne);
-}
-
-int32_t TamoOmLogCreateLog(const OmLogCreateParam *param, uint16_t *logFileId) {
-    return forward<&TamoOmLogCreateLog>(CALLER, kOne, param, logFileId);
-}
+FORWARD_2(int32_t, TamoOmLogClientInit, kOne, const char *, uint32_t)
+FORWARD_0(int32_t, TamoOmLogClientUnInit, kOne)
+FORWARD_2(int32_t, TamoOmLogCreateLog, kOne, const OmLogCreateParam *, uint16_t *)
 
 int32_t TamoOmLogModuleLogRecord(uint8_t level, uint16_t logFileId, const char *fileName,
                                  uint8_t fileNameLength, int32_t line, const char *format, ...) {
@@ -300,52 +214,20 @@ int32_t TamoOmLogModuleLogRecord(uint8_t level, uint16_t logFileId, const char *
 
 /* ---- tamo_os_file.h ---- */
 
-OsDir *OsOpenDir(const char *path) {
-    return forward<&OsOpenDir>(CALLER, kNull, path);
-}
-
-OsDirEntry *OsReadDir(OsDir *dir) {
-    return forward<&OsReadDir>(CALLER, kNull, dir);
-}
-
-void OsCloseDir(OsDir *dir) {
-    forward<&OsCloseDir>(
-        CALLER, [] {}, dir);
-}
-
-int32_t OsCopyFile(const char *source, const char *destination) {
-    return forward<&OsCopyFile>(CALLER, kOne, source, destination);
-}
-
-int32_t OsRemove(const char *path) {
-    return forward<&OsRemove>(CALLER, kOne, path);
-}
-
-FILE *OsFopen(const char *path, const char *mode) {
-    return forward<&OsFopen>(CALLER, kNull, path, mode);
-}
-
-const char *OsFileNativePath(const char *devicePath, char *buffer, size_t size) {
-    return forward<&OsFileNativePath>(CALLER, kNull, devicePath, buffer, size);
-}
+FORWARD_1(OsDir *, OsOpenDir, kNull, const char *)
+FORWARD_1(OsDirEntry *, OsReadDir, kNull, OsDir *)
+FORWARD_1(void, OsCloseDir, kNothing, OsDir *)
+FORWARD_2(int32_t, OsCopyFile, kOne, const char *, const char *)
+FORWARD_1(int32_t, OsRemove, kOne, const char *)
+FORWARD_2(FILE *, OsFopen, kNull, const char *, const char *)
+FORWARD_3(const char *, OsFileNativePath, kNull, const char *, char *, size_t)
 
 /* ---- tamo_os_lock.h ---- */
 
-uint32_t OsMutexInit(OsMutex *mutex, const void *attributes) {
-    return forward<&OsMutexInit>(CALLER, kOne, mutex, attributes);
-}
-
-uint32_t OsMutexLock(OsMutex *mutex) {
-    return forward<&OsMutexLock>(CALLER, kOne, mutex);
-}
-
-uint32_t OsMutexUnLock(OsMutex *mutex) {
-    return forward<&OsMutexUnLock>(CALLER, kOne, mutex);
-}
-
-uint32_t OsMutexDestroy(OsMutex *mutex) {
-    return forward<&OsMutexDestroy>(CALLER, kOne, mutex);
-}
+FORWARD_2(uint32_t, OsMutexInit, kOne, OsMutex *, const void *)
+FORWARD_1(uint32_t, OsMutexLock, kOne, OsMutex *)
+FORWARD_1(uint32_t, OsMutexUnLock, kOne, OsMutex *)
+FORWARD_1(uint32_t, OsMutexDestroy, kOne, OsMutex *)
 
 /* ---- tamo_os_mem.h ---- */
 
@@ -368,18 +250,29 @@ uint32_t OSMemTypeFreeMon(void *block, uint32_t a, uint32_t b, uint32_t line, co
 
 /* ---- tamo_os_msg.h ---- */
 
-uint32_t OsMsgSynSend(OsMsgHeader *header, OsMsgHeader **response, uint32_t timeout) {
-    return forward<&OsMsgSynSend>(CALLER, kOne, header, response, timeout);
-}
+FORWARD_3(uint32_t, OsMsgSynSend, kOne, OsMsgHeader *, OsMsgHeader **, uint32_t)
+FORWARD_1(uint32_t, OsMsgSynRespFree, kOne, OsMsgHeader *)
+FORWARD_1(uint32_t, OsMsgAsynSend, kOne, OsMsgHeader *)
+FORWARD_3(uint32_t, OsMsgSynSendResp, kOne, OsMsgHeader *, void *, uint32_t)
 
-uint32_t OsMsgSynRespFree(OsMsgHeader *response) {
-    return forward<&OsMsgSynRespFree>(CALLER, kOne, response);
-}
+/* ---- tamo_om_cert_client.h, tamo_conference_sslex.h ---- */
 
-uint32_t OsMsgAsynSend(OsMsgHeader *header) {
-    return forward<&OsMsgAsynSend>(CALLER, kOne, header);
-}
+FORWARD_1(int32_t, TamoOmCertClientInit, kOne, void *)
+FORWARD_1(int32_t, TamoOmCertNotifyCallback, kOne, ConfOmCertHandler)
+FORWARD_4(int32_t, TamoOmCertGetCertPath, kOne, uint32_t, uint32_t, uint32_t, ConfCertPathInfo *)
+FORWARD_2(int32_t, TamoOmCertGetExpectedSrvCertSize, kOne, uint32_t, ConfCertSizes *)
+FORWARD_2(int32_t, TamoOmCertGetServiceCert, kOne, uint32_t, ConfCertContent *)
+FORWARD_2(int32_t, TamoOmCertGetCertId, kOne, const ConfCertIdBuffer *, ConfCertIdBuffer *)
+FORWARD_1(int32_t, TamoOmCertGetCapability, kOne, uint8_t *)
+FORWARD_3(int32_t, SSL_CTX_load_cacertificate_file, kCannotFail, SSL_CTX *, const char *, uint32_t)
 
-uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) {
-    return forward<&OsMsgSynSendResp>(CALLER, kOne, header, body, bodyLength);
-}
+/* ---- tamo_os_signal.h, tamo_os_time.h, tamo_os_timer.h ---- */
+
+FORWARD_1(uint32_t, OsSigEmptySet, kOne, OsSigSet *)
+FORWARD_2(uint32_t, OsSigAddSet, kOne, OsSigSet *, int32_t)
+FORWARD_3(uint32_t, OsPthreadSigmask, kOne, int32_t, const OsSigSet *, OsSigSet *)
+FORWARD_1(void, OsGetTimeEx, kNothing, OsTimeEx *)
+FORWARD_0(uint32_t, OsGetSysTimeSec, kCannotFail)
+FORWARD_3(uint32_t, OsTmrManagerInit, kOne, uint32_t, uint32_t, uint32_t)
+FORWARD_2(uint32_t, OsTmrCreate, kOne, OsTmrCreateParam *, uint32_t *)
+FORWARD_1(uint32_t, OsTmrDelete, kOne, uint32_t)
