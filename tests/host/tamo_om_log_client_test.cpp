@@ -165,7 +165,8 @@ TEST_F(LogClient, LongTextIsCutBetweenCharactersAndMarked) {
 TEST_F(LogClient, WithoutAFileOnlySevereRecordsAreShown) {
     const uint16_t id = create();
     ASSERT_EQ(TamoOmLogClientUnInit(), 0);
-    for (const uint16_t unknown : {uint16_t{0}, static_cast<uint16_t>(id + 1), UINT16_MAX, id}) {
+    for (const uint16_t unknown :
+         std::initializer_list<uint16_t>{0, static_cast<uint16_t>(id + 1), UINT16_MAX, id}) {
         const std::string shown = standardErrorOf([unknown] {
             for (uint8_t level = 0; level <= 5; ++level) {
                 EXPECT_NE(record(unknown, "level " + std::to_string(level), level), 0);

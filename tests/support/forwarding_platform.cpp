@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <ostream>
-#include <span>
+#include <sstream>
 
 #include "platform_slot.h"
 
@@ -20,54 +20,48 @@ using detail::Slot;
 namespace {
 
 struct Operation {
-    std::string_view name;
+    std::string name;
     const void *address;
     Slot *slot;
 };
 
-template <auto Address>
-Operation entry(const char *name) {
-    return {name, reinterpret_cast<const void *>(Address), &detail::slotOf<Address>};
+#define OPERATIONS                                                                                 \
+    memcpy_s, memmove_s, memset_s, strcpy_s, strncpy_s, strcat_s, sprintf_s, sscanf_s,             \
+        KIRU_StrLen, KIRU_StrStr, KIRU_StrCmp, KIRU_StriCmp, KIRU_StrToInt32, MOX_UnicodeToUtf8,   \
+        KIRU_Inet_Pton, KIRU_InetAddr, MOX_Socket_Get_AF_INET6, GetBestInterfaceEx,                \
+        GetAdaptersAddresses, GetBestRoute, GetIpAddrTable, TamoOmConfigInit,                      \
+        TamoOmConfigNotifyCallback, TamoOmConfigUnInit, TamoOmConfigcopyStr2Key,                   \
+        TamoOmConfigcopyStr2Val, TamoOmConfigsetIntValue, TamoOmConfigsetUintValue,                \
+        TamoOmConfigStringGet, TamoOmConfigStringMget, TamoOmConfigStringMset,                     \
+        TamoOmConfigStringSet, TamoOmKeymEncrypt, TamoOmDevmNetGetIpv4Block,                       \
+        TamoOmDevmNetGetIpv6Block, TamoOmCustUtilGetCfgPath, TamoOmCustUtilGetStoragePath,         \
+        TamoOmCertClientInit, TamoOmCertNotifyCallback, TamoOmCertGetCertPath,                     \
+        TamoOmCertGetExpectedSrvCertSize, TamoOmCertGetServiceCert, TamoOmCertGetCertId,           \
+        TamoOmCertGetCapability, SSL_CTX_load_cacertificate_file, TamoOmLogClientInit,             \
+        TamoOmLogClientUnInit, TamoOmLogCreateLog, TamoOmLogModuleLogRecord, OsOpenDir, OsReadDir, \
+        OsCloseDir, OsCopyFile, OsRemove, OsFopen, OsFileNativePath, OsMutexInit, OsMutexLock,     \
+        OsMutexUnLock, OsMutexDestroy, OsMemMallocSetCharMon, OSMemTypeFreeMon, OsMsgSynSend,      \
+        OsMsgSynRespFree, OsMsgAsynSend, OsMsgSynSendResp, OsSigEmptySet, OsSigAddSet,             \
+        OsPthreadSigmask, OsGetTimeEx, OsGetSysTimeSec, OsTmrManagerInit, OsTmrCreate, OsTmrDelete
+#define TEXT(...) #__VA_ARGS__
+#define TEXT_OF(...) TEXT(__VA_ARGS__)
+
+template <auto... Functions>
+std::vector<Operation> operationsOf(std::istringstream names) {
+    std::vector<Operation> all;
+    const auto add = [&](const void *address, Slot *slot) {
+        std::string name;
+        std::getline(names >> std::ws, name, ',');
+        all.push_back({name, address, slot});
+    };
+    (add(reinterpret_cast<const void *>(Functions), &detail::slotOf<Functions>), ...);
+    return all;
 }
 
-#define OPERATIONS(X)                                                                              \
-    X(memcpy_s)                                                                                    \
-    X(memmove_s)                                                                                   \
-    X(memset_s)                                                                                    \
-    X(strcpy_s)                                                                                    \
-    X(strncpy_s)                                                                                   \
-    X(strcat_s) X(sprintf_s) X(sscanf_s) X(KIRU_StrLen) X(KIRU_StrStr) X(KIRU_StrCmp) X(           \
-        KIRU_StriCmp) X(KIRU_StrToInt32) X(MOX_UnicodeToUtf8) X(KIRU_Inet_Pton) X(KIRU_InetAddr)   \
-        X(MOX_Socket_Get_AF_INET6) X(GetBestInterfaceEx) X(GetAdaptersAddresses) X(                \
-            GetBestRoute) X(GetIpAddrTable) X(TamoOmConfigInit) X(TamoOmConfigNotifyCallback)      \
-            X(TamoOmConfigUnInit) X(TamoOmConfigcopyStr2Key) X(TamoOmConfigcopyStr2Val) X(         \
-                TamoOmConfigsetIntValue) X(TamoOmConfigsetUintValue) X(TamoOmConfigStringGet)      \
-                X(TamoOmConfigStringMget) X(TamoOmConfigStringMset) X(TamoOmConfigStringSet) X(    \
-                    TamoOmKeymEncrypt) X(TamoOmDevmNetGetIpv4Block) X(TamoOmDevmNetGetIpv6Block)   \
-                    X(TamoOmCustUtilGetCfgPath) X(TamoOmCustUtilGetStoragePath) X(                 \
-                        TamoOmCertClientInit) X(TamoOmCertNotifyCallback) X(TamoOmCertGetCertPath) \
-                        X(TamoOmCertGetExpectedSrvCertSize) X(TamoOmCertGetServiceCert)            \
-                            X(TamoOmCertGetCertId) X(TamoOmCertGetCapability)                      \
-                                X(SSL_CTX_load_cacertificate_file) X(TamoOmLogClientInit)          \
-                                    X(TamoOmLogClientUnInit) X(TamoOmLogCreateLog)                 \
-                                        X(TamoOmLogModuleLogRecord) X(OsOpenDir) X(OsReadDir)      \
-                                            X(OsCloseDir) X(OsCopyFile) X(OsRemove) X(OsFopen)     \
-                                                X(OsFileNativePath) X(OsMutexInit) X(OsMutexLock)  \
-                                                    X(OsMutexUnLock) X(OsMutexDestroy) X(          \
-                                                        OsMemMallocSetCharMon) X(OSMemTypeFreeMon) \
-                                                        X(OsMsgSynSend) X(OsMsgSynRespFree) X(     \
-                                                            OsMsgAsynSend) X(OsMsgSynSendResp)     \
-                                                            X(OsSigEmptySet) X(OsSigAddSet)        \
-                                                                X(OsPthreadSigmask) X(OsGetTimeEx) \
-                                                                    X(OsGetSysTimeSec)             \
-                                                                        X(OsTmrManagerInit)        \
-                                                                            X(OsTmrCreate)         \
-                                                                                X(OsTmrDelete)
-#define ENTRY(name) entry<&name>(#name),
-
-std::span<const Operation> operations() {
-    static const Operation all[] = {OPERATIONS(ENTRY)};
-    return all;
+const std::vector<Operation> &operations() {
+    static const auto *all = /* asked for after the end of main too */
+        new std::vector(operationsOf<OPERATIONS>(std::istringstream(TEXT_OF(OPERATIONS))));
+    return *all;
 }
 
 [[noreturn]] void giveUp(const char *what, const char *name) {
@@ -77,7 +71,7 @@ std::span<const Operation> operations() {
 
 template <typename Wanted>
 const Operation &find(Wanted Operation::*field, const Wanted &wanted, const char *shown) {
-    const auto all = operations();
+    const auto &all = operations();
     const auto found = std::find_if(all.begin(), all.end(),
                                     [&](const Operation &each) { return each.*field == wanted; });
     if (found == all.end()) {
@@ -87,7 +81,8 @@ const Operation &find(Wanted Operation::*field, const Wanted &wanted, const char
 }
 
 Slot &slotNamed(std::string_view name) {
-    return *find(&Operation::name, name, std::string(name).c_str()).slot;
+    const std::string text(name);
+    return *find(&Operation::name, text, text.c_str()).slot;
 }
 
 const Operation &operationAt(const void *address) {
@@ -156,7 +151,7 @@ Verdict judge(Slot &slot, const void *caller) {
 void *resolve(Slot &slot, const void *operation) {
     void *next = slot.next.load(std::memory_order_relaxed);
     if (next == nullptr) {
-        const char *name = operationAt(operation).name.data();
+        const char *name = operationAt(operation).name.c_str();
         next = dlsym(RTLD_NEXT, name);
         if (next == nullptr) {
             giveUp("the platform does not have it", name);
