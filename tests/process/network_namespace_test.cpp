@@ -186,7 +186,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(NetworkNamespace, TheDevicesAddressesAreInTheOrderOfTheirNetworks) {
     EXPECT_EQ(ask("own4 0"), "none") << "the loopback is no network";
-    configure("addr add 192.0.2.2/24 dev net2;addr add 192.0.2.1/24 dev net0");
+    configure(
+        "link set net1 down;link set net3 down;addr add 192.0.2.2/24 dev net2;"
+        "addr add 192.0.2.1/24 dev net0");
     EXPECT_EQ(ask("own4 0"), "192.0.2.1");
     EXPECT_EQ(ask("own4 1"), "192.0.2.2");
     EXPECT_EQ(ask("own4 2"), "none");
