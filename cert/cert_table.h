@@ -58,7 +58,7 @@ class CertPaths {
     ConfCertPathInfo info = {};
 
   private:
-    char end_[4] = {};
+    [[maybe_unused]] char end_[4] = {};
 };
 
 /* Fills the address CA directory anew. Two refreshes at once end as one: each copies after it has

@@ -81,7 +81,7 @@ TEST_F(MaskKeyword, RefusedOperationsAreFailures) {
         {"memcpy_s", name},  {"OsMemMallocSetCharMon", name}};
     for (const auto &[operation, address] : cases) {
         platform::forEachFailure(
-            operation, [&] { EXPECT_EQ(ConfFilterSetIPStr(address), 0u); },
+            operation, [text = address] { EXPECT_EQ(ConfFilterSetIPStr(text), 0u); },
             [] {
                 char *out = nullptr;
                 uint32_t length = 0;
