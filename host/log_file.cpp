@@ -104,15 +104,26 @@ bool takeDescriptor(LogFile *file, int opened) {
     return taken;
 }
 
-/* A writer that was killed, or the machine's sudden end, may have cut the last line off. */
+/* A writer that was killed, or the machine's sudden end, may have cut the last line off. A line that
+ * is being written may show in parts, too: a change of the mode waits for its end, and what ends
+ * without a line feed before and after that is cut off. */
 bool endsWithinLine(const LogFile &file) {
-    char last = '\n';
     const int reader =
         openat(rootDirectory("log"), file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (reader >= 0) {
-        (void)!pread(reader, &last, 1, static_cast<off_t>(currentLogSize(file)) - 1);
-        close(reader);
+    if (reader < 0) {
+        return false;
     }
+    char last = '\n';
+    struct stat status = {};
+    for (off_t before = -1; fstat(reader, &status) == 0 && status.st_size > before;) {
+        before = status.st_size;
+        (void)fchmod(reader, status.st_mode & 07777);
+        if (before == 0 || pread(reader, &last, 1, before - 1) != 1 || last == '\n') {
+            last = '\n';
+            break;
+        }
+    }
+    close(reader);
     return last != '\n';
 }
 

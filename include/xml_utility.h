@@ -126,18 +126,23 @@ uint32_t ConfXmlAdptAddChildNodes(ConfXmlNode *parent, const ConfXmlNodeDesc *no
  *
  *     const ConfXmlNodeDesc site = {"site", "Berlin", 0, NULL};
  *     const ConfXmlEncodeDesc desc = {"conf", &site, 1};
- *     char *text = ConfXmlAdptEncode(&desc); // <conf><site>Berlin</site></conf> */
+ *     // conf with the one child site, whose text is Berlin
+ *     char *text = ConfXmlAdptEncode(&desc); */
 char *ConfXmlAdptEncode(const ConfXmlEncodeDesc *desc);
+
+/* ConfXmlAdptEncode for a root that has attributes, or a text. */
 char *ConfXmlAdptEncodeWithRootAttr(const ConfXmlEncodeRootDesc *desc);
 
 /* Puts the XML declaration and a line feed in front of a text. `*result` is the caller's to
  * release. CONF_XML_INVALID also without memory, 16 when the text is too long to be printed. */
 uint32_t ConfXmlDumpWithHeader(const char *body, char **result);
 
-/* Makes a document, or a new last child, with children. A text, attribute or child that fails is
- * recorded and left out. The caller releases the document with ConfXmlFreeRootNode. */
+/* Makes a document with children of the root. A text, attribute or child that fails is recorded and
+ * left out. The caller releases the document with ConfXmlFreeRootNode. */
 ConfXmlNode *ConfXmlCreateRootNodeByNodeSet(const ConfXmlNodeDesc *root,
                                             const ConfXmlNodeDesc *children, uint32_t childCount);
+
+/* The same for a new last child of `parent`, which belongs to the parent's document. */
 ConfXmlNode *ConfXmlCreateChildNodeByNodeSet(ConfXmlNode *parent, const ConfXmlNodeDesc *node,
                                              const ConfXmlNodeDesc *children, uint32_t childCount);
 
@@ -211,12 +216,18 @@ typedef uint32_t (*ConfXmlTraverseFn)(ConfXmlNodeInfo *info, TransXMLContext *co
 typedef int32_t (*ConfXmlCompareFn)(const ConfXmlNodeInfo *a, const ConfXmlNodeInfo *b,
                                     uint32_t word);
 
-/* Builders of index tables: a structure (without a parent: the root of a new document), an array
- * with its number of instances, an instance, and a field. They return the new element, the last
- * child of the parent. Failed, they may leave an incomplete element in the parent. */
+/* Adds a structure to an index table; without a parent, it is the root of a new document. This and
+ * the next three return the new element, the last child of the parent. Failed, they may leave an
+ * incomplete element in the parent. */
 ConfXmlNode *ConfXmlAddSingleStructNode(ConfXmlNode *parent, const char *name);
+
+/* Adds an array of `count` instances, which are added one by one. */
 ConfXmlNode *ConfXmlAddMultiInstanceNode(ConfXmlNode *parent, const char *name, uint16_t count);
+
+/* Adds an instance of an array. */
 ConfXmlNode *ConfXmlAddMultiStructNode(ConfXmlNode *parent, const char *name, uint16_t instId);
+
+/* Adds a field. */
 ConfXmlNode *ConfXmlAddSingleValueNode(ConfXmlNode *parent, const ConfXmlValueNodeDesc *desc,
                                        const ConfXmlValue *value);
 
@@ -246,12 +257,18 @@ void ConfXmlBakFile(const char *path, const char *backupPath);
 uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, TransXMLContext *context,
                                 ConfXmlTraverseFn callback);
 
-/* The callbacks of save and load. They set the context to the element's counterpart. */
+/* The callback of save: makes the element's counterpart in the document that is saved, with the
+ * field's value, and sets the context to it. */
 uint32_t ConfXmlWriteCallBack(ConfXmlNodeInfo *info, TransXMLContext *context);
+
+/* The callback of load: finds the element's counterpart in the loaded document, stores its value in
+ * the field, and sets the context to it. */
 uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context);
 
-/* Reads all that is known of an element, and its "name", "type" and "CharLen" alone. */
+/* Reads all that is known of an element. */
 uint32_t ConfXmlGetXmlNodeAttrAndValue(ConfXmlNode *node, ConfXmlNodeInfo *info);
+
+/* Reads an element's "name", "type" and "CharLen". */
 uint32_t ConfXmlGetXmlNodeAttr(ConfXmlNode *node, ConfXmlNodeInfo *info);
 
 /* 1 for a "val" element, else 0. */

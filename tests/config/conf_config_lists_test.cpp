@@ -19,7 +19,6 @@ using platform::hasRecord;
 using std::string;
 
 constexpr uint32_t kFailed = 0xFFFFFFFF;
-constexpr char kPassword[] = "Conf.SIPCallParam.sipPwd";
 
 using Item = std::pair<string, string>;
 

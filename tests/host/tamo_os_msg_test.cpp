@@ -253,6 +253,37 @@ TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
     }
 }
 
+TEST_F(Messages, SendersAreServedInTurn) {
+    Queue queue(kQueue);
+    std::atomic<bool> ended{false};
+    std::vector<std::thread> flood;
+    for (int i = 0; i < 3; ++i) {
+        flood.emplace_back([&ended] {
+            while (!ended) {
+                sendAsync(kQueue, bodyOf(doNothing, 0, Bytes(64)));
+            }
+        });
+    }
+    while (queueInfo(kQueue).depth < 300) {
+        std::this_thread::yield();
+    }
+    ASSERT_EQ(
+        std::async(std::launch::async, [] { return sendAsync(kQueue, bodyOf(doNothing, 1, {})); })
+            .get(),
+        TAMO_HOST_OK);
+    uint32_t before = 0;
+    for (bool found = false; !found; ++before) {
+        OsMsgHeader *message = queue.next();
+        found = headOf(message).param == 1;
+        TamoHostMsgFree(message);
+        ASSERT_LT(before, 150U) << "a modest sender waits for a flood";
+    }
+    ended = true;
+    for (std::thread &thread : flood) {
+        thread.join();
+    }
+}
+
 TEST_F(Messages, ALoopOfSendingAndReceivingAllocatesNothing) {
     Queue queue(kQueue);
     Bytes body = bodyOf(doNothing, 0, Bytes(64));

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -84,6 +85,55 @@ class Walk {
     unsigned char bytes_[kMostBytes];
 };
 
+/* Fires what was created, again and again, from several threads. */
+class CarelessManager {
+  public:
+    CarelessManager() {
+        platform::override(OsTmrManagerInit, [](uint32_t, uint32_t, uint32_t) { return 0u; });
+        platform::override(OsTmrDelete, [](uint32_t) { return 0u; });
+        platform::override(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
+            const std::lock_guard lock(mutex_);
+            const auto known = [&](const OsTmrCreateParam &each) { return each.key == param->key; };
+            if (std::none_of(timers_.begin(), timers_.end(), known)) {
+                timers_.push_back(*param);
+            }
+            *handle = ++lastHandle_;
+            return 0u;
+        });
+        for (std::thread &thread : threads_) {
+            thread = std::thread([this] { fire(); });
+        }
+    }
+    ~CarelessManager() {
+        end_ = true;
+        for (std::thread &thread : threads_) {
+            thread.join();
+        }
+    }
+
+  private:
+    void fire() {
+        for (size_t i = 0; !end_; i++) {
+            OsTmrCreateParam record = {};
+            {
+                const std::lock_guard lock(mutex_);
+                if (!timers_.empty()) {
+                    record = timers_[i % timers_.size()];
+                }
+            }
+            if (record.expiry != nullptr) {
+                record.expiry(&record);
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    std::vector<OsTmrCreateParam> timers_;
+    uint32_t lastHandle_ = 0;
+    std::atomic<bool> end_{false};
+    std::thread threads_[3];
+};
+
 class TimerStress : public platform::PlatformTest {
   protected:
     void SetUp() override {
@@ -129,20 +179,29 @@ class TimerStress : public platform::PlatformTest {
         }
     }
 
+    void meetExpiries() {
+        ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
+        walkUntil(20000);
+        for (ConfTimer &object : objects) {
+            EXPECT_EQ(ConfTimerStop(&object), 0u);
+        }
+        ConfCommTimerDeInit();
+        endAndStart(300);
+        EXPECT_EQ(torn, 0u);
+    }
+
     ConfCommTimerEntry table[kTimers] = {};
     ConfTimer objects[kTimers] = {};
 };
 
-TEST_F(TimerStress, ExpiriesReadWholeStarts) {
+TEST_F(TimerStress, ExpiriesOfTheRealManagerReadWholeStarts) {
     ASSERT_EQ(platform::next(OsTmrManagerInit)(0, kTickUs, 0), 0u);
-    ASSERT_EQ(ConfCommTimerInit(table, kTimers), 0u);
-    walkUntil(20000);
-    for (ConfTimer &object : objects) {
-        EXPECT_EQ(ConfTimerStop(&object), 0u);
-    }
-    ConfCommTimerDeInit();
-    endAndStart(300);
-    EXPECT_EQ(torn, 0u);
+    meetExpiries();
+}
+
+TEST_F(TimerStress, ExpiriesOfACarelessManagerReadNoReleasedData) {
+    const CarelessManager manager;
+    meetExpiries();
 }
 
 }  // namespace

@@ -215,6 +215,19 @@ TEST_F(Timer, StartThatMeetsTheExpiryOfAOneShotObjectGetsATimerOfItsOwn) {
     ASSERT_EQ(created.size(), 2u);
     EXPECT_EQ(created[1].ticks, 2u);
     EXPECT_EQ(object.handle, 2u);
+
+    /* It fires, and its message is out before the object is stopped: the receiver has it started. */
+    platform::override(OsMsgAsynSend, [this](OsMsgHeader *) {
+        EXPECT_EQ(object.handle, 2u);
+        for (const uint32_t param : {3u, 4u}) {
+            EXPECT_EQ(ConfTimerStart(&object, 30, param, nullptr, 0), 0u);
+            EXPECT_EQ(object.handle, 3u) << "one more timer, however often it is started";
+        }
+        return 0u;
+    });
+    expire(2);
+    EXPECT_EQ(object.handle, 3u);
+    EXPECT_EQ(object.param, 4u);
 }
 
 /* ---- start-up and end ---- */

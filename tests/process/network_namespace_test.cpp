@@ -240,4 +240,21 @@ TEST_F(Ipv6Namespace, HundredsOfAddresses) {
     EXPECT_EQ(ask("count net2"), "no list") << "more than 15,000 bytes";
 }
 
+TEST_F(NetworkNamespace, TenThousandRoutesAndAddressesThatComeAndGo) {
+    string lines =
+        "addr add 10.0.0.5/24 dev net0;addr add 10.1.0.5/24 dev net2;"
+        "route add default via 10.1.0.1";
+    for (int i = 0; i < 10000; i++) {
+        lines += ";route add 172." + std::to_string(16 + i / 4096) + "." +
+                 std::to_string(i / 16 % 256) + "." + std::to_string(i % 16 * 16) +
+                 "/28 via 10.0.0.1";
+    }
+    configure(lines);
+    EXPECT_EQ(localFor("172.16.0.1"), "10.0.0.5");
+    EXPECT_EQ(localFor("172.18.112.241"), "10.0.0.5");
+    EXPECT_EQ(localFor("172.18.113.1"), "10.1.0.5") << "behind the last one";
+    configure("addr del 10.0.0.5/24 dev net0;addr add 10.0.0.6/24 dev net0");
+    EXPECT_EQ(localFor("10.0.0.9"), "10.0.0.6");
+}
+
 }  // namespace
