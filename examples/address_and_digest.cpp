@@ -1,9 +1,9 @@
 /* Two small services of the library in one program, for this machine as it is:
  *
- *     example_address_and_digest DESTINATION [FILE]
+ *     example_address_and_digest [DESTINATION [FILE]]
  *
- * tells the local address from which packets to DESTINATION leave, and the digests of FILE (of this
- * program itself when there is none). Nothing is sent.
+ * tells the local address from which packets to DESTINATION (127.0.0.1 when there is none) leave, and
+ * the digests of FILE (of this program itself when there is none). Nothing is sent.
  */
 #include <cstdio>
 #include <memory>
@@ -67,11 +67,11 @@ bool showDigest(FILE *file, const Algorithm &algorithm) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc < 2 || argc > 3) {
-        fprintf(stderr, "usage: %s DESTINATION [FILE]\n", argv[0]);
+    if (argc > 3) {
+        fprintf(stderr, "usage: %s [DESTINATION [FILE]]\n", argv[0]);
         return 2;
     }
-    bool good = showLocalAddress(argv[1]);
+    bool good = showLocalAddress(argc > 1 ? argv[1] : "127.0.0.1");
 
     const char *path = argc == 3 ? argv[2] : "/proc/self/exe";
     const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path, "rb"), fclose);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "conf_json.h"
+#include "conf_log_adapter.h"
 
 namespace {
 
@@ -75,6 +76,7 @@ bool answer(cJSON *request) {
 }  // namespace
 
 int main() {
+    ConfLogInit();  // "tamoctl log" tells which members had to be defaults
     const Tree request(ConfJsonParse(kRequest));
     bool good = read(request.get());
     good = show(request.get()) && good;
