@@ -2,7 +2,7 @@
  *
  *     tamoctl cert install 263 chain.pem key.pem
  *     example_tls_server 4433 &
- *     openssl s_client -connect 127.0.0.1:4433 -CAfile chain.pem </dev/null
+ *     openssl s_client -connect 127.0.0.1:4433 -CAfile chain.pem -quiet -ign_eof </dev/null
  *     tamoctl cert install 263 other_chain.pem other_key.pem    # running connections go on
  *
  * Each client gets one line. Certificate 263 is the library's type 0; installed with --engine, its key

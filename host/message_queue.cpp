@@ -111,11 +111,13 @@ void recordMissingHandler(const TamoHostQueue &queue, const PacketHead &head) {
     for (unsigned i = 0; i < head.buildIdLength; ++i) {
         (void)snprintf(buildId + 2 * i, 3, "%02x", head.buildId[i]);
     }
-    hostRecord(tamo::kError, kUnit, __LINE__,
-               "a message to %s names a handler at %#llx of the module with build id %s, which is "
-               "no code of a module loaded here: load the same build of it, and link both programs "
-               "position-independent",
-               queue.name, static_cast<unsigned long long>(head.handlerOffset), buildId);
+    hostRecord(
+        tamo::kError, kUnit, __LINE__,
+        "a message to %s names a handler at %#llx of the module with build id %s, which is "
+        "no code of a module loaded here: load the same build of it (-Wl,--no-as-needed keeps a "
+        "library of which a program calls nothing), and link both programs "
+        "position-independent",
+        queue.name, static_cast<unsigned long long>(head.handlerOffset), buildId);
 }
 
 void countReceived(const TamoHostQueue &queue, const PacketHead &head) {

@@ -50,7 +50,9 @@ int TamoHostMsgDescriptor(TamoHostQueue *queue);
 /* Waits up to `timeoutMs` (0: does not wait, negative: for ever) for the next message and hands it
  * out, for ConfCommMsgProcess and then TamoHostMsgFree. TAMO_HOST_TIMEOUT when none came. Senders
  * are served in turn. One thread at a time receives from a queue; the messages may be processed and
- * freed on other threads.
+ * freed on other threads. Messages whose handler is in no module that this process has loaded are
+ * refused, with a record; a linker leaves out a library of handlers of which the program itself calls
+ * nothing, unless told -Wl,--no-as-needed.
  *
  *     OsMsgHeader *message;
  *     while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
