@@ -52,17 +52,23 @@ struct StreamClose {
 
 using Stream = std::unique_ptr<FILE, StreamClose>;
 
-bool flushDirectoryOf(const char *native) {
-    char directory[PATH_MAX];
-    if (strcpy_s(directory, sizeof(directory), native) != 0) {
-        return false;
-    }
-    char *slash = strrchr(directory, '/');
-    if (slash != nullptr) {
-        slash[1] = '\0';
-    }
-    const Descriptor opened(open(slash == nullptr ? "." : directory, O_RDONLY | O_CLOEXEC));
+bool flush(const char *native) {
+    const Descriptor opened(open(native, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     return opened.get() >= 0 && fsync(opened.get()) == 0;
+}
+
+struct Directory {
+    char text[PATH_MAX];
+};
+
+/* Of a file; empty when its path is too long. */
+void nameDirectory(const char *native, Directory *directory) {
+    if (strcpy_s(directory->text, sizeof(directory->text), native) != 0) {
+        directory->text[0] = '\0';
+        return;
+    }
+    char *slash = strrchr(directory->text, '/');
+    (void)strcpy_s(slash == nullptr ? directory->text : slash + 1, 2, slash == nullptr ? "." : "");
 }
 
 /* The stream holds all of the document, or false. The XML library does not look whether it could
@@ -81,11 +87,10 @@ bool printAsItStands(ConfXmlNode *root, const char *native) {
     return stream != nullptr && print(root, stream.get());
 }
 
-bool isStill(int descriptor, const char *name) {
-    struct stat held = {};
+bool isStill(int descriptor, const char *name, struct stat *held) {
     struct stat named = {};
-    return fstat(descriptor, &held) == 0 && lstat(name, &named) == 0 &&
-           held.st_ino == named.st_ino && held.st_dev == named.st_dev;
+    return fstat(descriptor, held) == 0 && lstat(name, &named) == 0 &&
+           held->st_ino == named.st_ino && held->st_dev == named.st_dev;
 }
 
 /* The file beside, empty and locked: a save by another process is waited for, what a killed one
@@ -100,15 +105,23 @@ Descriptor takeBeside(const char *beside) {
         while (locked != 0 && errno == EINTR) {
             locked = flock(file.get(), LOCK_EX);
         }
-        if (isStill(file.get(), beside)) {
-            return Descriptor(ftruncate(file.get(), 0) == 0 ? file.release() : -1);
+        struct stat held = {};
+        if (isStill(file.get(), beside, &held)) {
+            const bool empty = held.st_size == 0 || ftruncate(file.get(), 0) == 0;
+            return Descriptor(empty ? file.release() : -1);
         }
     }
 }
 
 /* Another user's file stays theirs where that is possible. */
 void keepOwner(int descriptor, const struct stat &old) {
-    if (fchown(descriptor, old.st_uid, old.st_gid) == 0 || geteuid() == old.st_uid) {
+    struct stat now = {};
+    const bool known = fstat(descriptor, &now) == 0;
+    const bool owned = known && now.st_uid == old.st_uid && now.st_gid == old.st_gid;
+    if (!owned && fchown(descriptor, old.st_uid, old.st_gid) != 0 && geteuid() != old.st_uid) {
+        return;
+    }
+    if (!owned || now.st_mode != old.st_mode) {
         (void)fchmod(descriptor, old.st_mode & 07777);
     }
 }
@@ -157,11 +170,18 @@ bool saveWhole(ConfXmlNode *root, const char *path) {
     return realpath(native.get(), target) != nullptr && replace(root, target, &old);
 }
 
-bool flushFile(const char *path) {
+bool flushFiles(const char *path, const char *otherPath) {
     const NativePath native(path);
-    if (native.get() == nullptr) {
+    const NativePath otherNative(otherPath);
+    if (native.get() == nullptr || otherNative.get() == nullptr) {
         return false;
     }
-    const Descriptor file(open(native.get(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    return file.get() >= 0 && fsync(file.get()) == 0 && flushDirectoryOf(native.get());
+    Directory directory;
+    Directory other;
+    nameDirectory(native.get(), &directory);
+    nameDirectory(otherNative.get(), &other);
+    const bool same = strcmp(directory.text, other.text) == 0;
+    const bool flushed = flush(native.get());
+    return flush(otherNative.get()) && flushed && flush(directory.text) &&
+           (same || flush(other.text));
 }

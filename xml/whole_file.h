@@ -8,5 +8,5 @@
  * was. */
 bool saveWhole(ConfXmlNode *root, const char *path);
 
-/* Flushes a file, by its device path, and its name to the disk. */
-bool flushFile(const char *path);
+/* Flushes two files, by their device paths, and their names to the disk. */
+bool flushFiles(const char *path, const char *otherPath);

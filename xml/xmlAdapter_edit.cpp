@@ -1,4 +1,6 @@
 /* New elements, and attributes and texts of typed values. */
+#include <charconv>
+
 #include "common/log.h"
 #include "platform/bounds_checked.h"
 #include "xml/no_memory.h"
@@ -17,6 +19,20 @@ Number numberAt(const void *place) {
     return number;
 }
 
+/* An integer as the XML library would print it, without the cost of its format. */
+struct Decimal {
+    template <typename Integer>
+    explicit Decimal(Integer number) {
+        *std::to_chars(text, text + sizeof(text) - 1, number).ptr = '\0';
+    }
+    char text[24];
+};
+
+template <typename Integer>
+Decimal decimalAt(const void *place) {
+    return Decimal(numberAt<Integer>(place));
+}
+
 /* Hands the value of a type to `put`, in the type that the XML library writes. */
 template <typename Put>
 uint32_t putValue(int32_t type, const void *value, Put put) {
@@ -26,29 +42,29 @@ uint32_t putValue(int32_t type, const void *value, Put put) {
             break;
         case CONF_XML_INT:
         case CONF_XML_INT32:
-            put(numberAt<int32_t>(value));
+            put(decimalAt<int32_t>(value).text);
             break;
         case CONF_XML_UINT:
         case CONF_XML_UINT32:
-            put(numberAt<uint32_t>(value));
+            put(decimalAt<uint32_t>(value).text);
             break;
         case CONF_XML_INT8:
-            put(int{numberAt<int8_t>(value)});
+            put(Decimal(int{numberAt<int8_t>(value)}).text);
             break;
         case CONF_XML_UINT8:
-            put(int{numberAt<uint8_t>(value)});
+            put(Decimal(int{numberAt<uint8_t>(value)}).text);
             break;
         case CONF_XML_INT16:
-            put(int{numberAt<int16_t>(value)});
+            put(Decimal(int{numberAt<int16_t>(value)}).text);
             break;
         case CONF_XML_UINT16:
-            put(int{numberAt<uint16_t>(value)});
+            put(Decimal(int{numberAt<uint16_t>(value)}).text);
             break;
         case CONF_XML_INT64:
-            put(numberAt<int64_t>(value));
+            put(decimalAt<int64_t>(value).text);
             break;
         case CONF_XML_UINT64:
-            put(numberAt<uint64_t>(value));
+            put(decimalAt<uint64_t>(value).text);
             break;
         case CONF_XML_BOOL:
             put(numberAt<uint8_t>(value) != 0);

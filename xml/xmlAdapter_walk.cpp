@@ -41,6 +41,22 @@ bool isRoot(const XMLElement *element) {
            parent->FirstChildElement() == element;
 }
 
+/* One to nine digits and nothing else, as most numbers are: the XML library would scan them with a
+ * format, at many times the cost. */
+bool isPlainNumber(const char *text, uint32_t *number) {
+    constexpr size_t kMostDigits = 9;
+    uint32_t sum = 0;
+    size_t digits = 0;
+    for (; text[digits] >= '0' && text[digits] <= '9' && digits < kMostDigits; digits++) {
+        sum = 10 * sum + static_cast<uint32_t>(text[digits] - '0');
+    }
+    if (digits == 0 || text[digits] != '\0') {
+        return false;
+    }
+    *number = sum;
+    return true;
+}
+
 }  // namespace
 
 ConfXmlNode *ConfXmlGetRootNode(ConfXmlNode *node) {
@@ -178,5 +194,10 @@ uint32_t ConfXmlGetNodeUintAttr(ConfXmlNode *node, const char *name) {
         CONF_LOG(CONF_LOG_ERROR, "invalid param!");
         return 0;
     }
-    return elementOf(node)->UnsignedAttribute(name, 0);
+    const tinyxml2::XMLAttribute *attribute = elementOf(node)->FindAttribute(name);
+    uint32_t number = 0;
+    if (attribute == nullptr || isPlainNumber(attribute->Value(), &number)) {
+        return number;
+    }
+    return attribute->UnsignedValue();
 }

@@ -45,19 +45,36 @@ void goBelow(TransXMLContext *context, ConfXmlNode *counterpart) {
     context->word = 0;
 }
 
-/* Copies the attributes that an element of an index table has. */
-bool cloneNumbers(ConfXmlNode *clone, const ConfXmlNodeInfo &info) {
-    const struct {
-        const char *name;
-        uint16_t value;
-    } numbers[] = {{"NumOfInst", info.numOfInst}, {"InstID", info.instId}};
-    for (const auto &number : numbers) {
-        if (ConfXmlGetNodeStrAttr(info.node, number.name) != nullptr &&
-            ConfXmlAddAttr(clone, number.name, CONF_XML_UINT16, &number.value) != 0) {
-            return false;
+/* What a clone takes over of an element of an index table; found in one walk. */
+struct IndexAttributes {
+    const char *name = nullptr;
+    const char *type = nullptr;
+    bool hasNumOfInst = false;
+    bool hasInstId = false;
+};
+
+IndexAttributes attributesOf(ConfXmlNode *indexElement) {
+    IndexAttributes found;
+    for (const tinyxml2::XMLAttribute *at = elementOf(indexElement)->FirstAttribute();
+         at != nullptr; at = at->Next()) {
+        const char *key = at->Name();
+        if (strcmp(key, "name") == 0) {
+            found.name = at->Value();
+        } else if (strcmp(key, "type") == 0) {
+            found.type = at->Value();
+        } else if (strcmp(key, "NumOfInst") == 0) {
+            found.hasNumOfInst = true;
+        } else if (strcmp(key, "InstID") == 0) {
+            found.hasInstId = true;
         }
     }
-    return true;
+    return found;
+}
+
+bool cloneNumbers(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const IndexAttributes &has) {
+    return (!has.hasNumOfInst ||
+            ConfXmlAddAttr(clone, "NumOfInst", CONF_XML_UINT16, &info.numOfInst) == 0) &&
+           (!has.hasInstId || ConfXmlAddAttr(clone, "InstID", CONF_XML_UINT16, &info.instId) == 0);
 }
 
 bool cloneType(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const char *type) {
@@ -72,16 +89,16 @@ ConfXmlNode *ConfXmlCloneSelfAsLastChildNode(ConfXmlNode *parent, const ConfXmlN
         CONF_LOG(CONF_LOG_ERROR, "ConfXmlCreateLastChildNode fail!");
         return nullptr;
     }
-    const char *name = ConfXmlGetNodeStrAttr(info->node, "name");
-    const char *type = ConfXmlGetNodeStrAttr(info->node, "type");
-    const bool named = name == nullptr || ConfXmlAddAttr(clone, "name", CONF_XML_TEXT, name) == 0;
-    const bool typed = named && (type == nullptr || cloneType(clone, *info, type));
+    const IndexAttributes has = attributesOf(info->node);
+    const bool named =
+        has.name == nullptr || ConfXmlAddAttr(clone, "name", CONF_XML_TEXT, has.name) == 0;
+    const bool typed = named && (has.type == nullptr || cloneType(clone, *info, has.type));
     if (!named) {
         CONF_LOG(CONF_LOG_ERROR, "ConfXmlAddAttr name fail!");
     } else if (!typed) {
         CONF_LOG(CONF_LOG_ERROR, "ConfXmlAddAttr type fail");
     }
-    if (!typed || !cloneNumbers(clone, *info)) {
+    if (!typed || !cloneNumbers(clone, *info, has)) {
         elementOf(parent)->DeleteChild(elementOf(clone));
         return nullptr;
     }
@@ -131,13 +148,12 @@ uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context, Ch
     return 0;
 }
 
-/* Files of the disk that the command would flush are flushed one by one where it is absent. */
+/* Where the command that flushes all is absent, the two files are flushed. */
 int flushToDisk(const char *path, const char *backupPath) {
     if (access(kSync, X_OK) == 0) {
         return system(kSync);
     }
-    const bool flushed = flushFile(path);
-    return flushFile(backupPath) && flushed ? 0 : -1;
+    return flushFiles(path, backupPath) ? 0 : -1;
 }
 
 }  // namespace
