@@ -95,7 +95,8 @@ uint32_t snapshotOf(uint32_t pid, SnapshotOwner *snapshot) {
     return *snapshot == nullptr ? TAMO_HOST_NO_MEMORY : TAMO_HOST_OK;
 }
 
-uint32_t printSite(const TamoHostMemSite *site, void *) {
+uint32_t printSite(const TamoHostMemSite *site, void *isAny) {
+    *static_cast<bool *>(isAny) = true;
     dprintf(STDERR_FILENO, "  %s:%u: %llu blocks, %llu bytes\n", site->file, site->line,
             static_cast<unsigned long long>(site->blocks),
             static_cast<unsigned long long>(site->bytes));
@@ -108,7 +109,10 @@ __attribute__((destructor)) void reportAtExit() {
     if (wanted != nullptr && strcmp(wanted, "1") == 0) {
         dprintf(STDERR_FILENO, "%s[%d]: outstanding memory blocks:\n",
                 program_invocation_short_name, getpid());
-        (void)TamoHostMemReport(0, printSite, nullptr);
+        bool isAny = false;
+        if (TamoHostMemReport(0, printSite, &isAny) == TAMO_HOST_OK && !isAny) {
+            dprintf(STDERR_FILENO, "  none\n");
+        }
     }
 }
 
