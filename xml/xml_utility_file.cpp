@@ -77,10 +77,9 @@ bool cloneNumbers(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const IndexAt
            (!has.hasInstId || ConfXmlAddAttr(clone, "InstID", CONF_XML_UINT16, &info.instId) == 0);
 }
 
-bool cloneType(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const char *type) {
-    return ConfXmlAddAttr(clone, "type", CONF_XML_TEXT, type) == 0 &&
-           (strcmp(type, "CHAR") != 0 ||
-            ConfXmlAddAttr(clone, "CharLen", CONF_XML_UINT16, &info.charLen) == 0);
+bool cloneLength(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const IndexAttributes &has) {
+    return has.type == nullptr || strcmp(has.type, "CHAR") != 0 ||
+           ConfXmlAddAttr(clone, "CharLen", CONF_XML_UINT16, &info.charLen) == 0;
 }
 
 ConfXmlNode *ConfXmlCloneSelfAsLastChildNode(ConfXmlNode *parent, const ConfXmlNodeInfo *info) {
@@ -92,13 +91,14 @@ ConfXmlNode *ConfXmlCloneSelfAsLastChildNode(ConfXmlNode *parent, const ConfXmlN
     const IndexAttributes has = attributesOf(info->node);
     const bool named =
         has.name == nullptr || ConfXmlAddAttr(clone, "name", CONF_XML_TEXT, has.name) == 0;
-    const bool typed = named && (has.type == nullptr || cloneType(clone, *info, has.type));
+    const bool typed = named && (has.type == nullptr ||
+                                 ConfXmlAddAttr(clone, "type", CONF_XML_TEXT, has.type) == 0);
     if (!named) {
         CONF_LOG(CONF_LOG_ERROR, "ConfXmlAddAttr name fail!");
     } else if (!typed) {
         CONF_LOG(CONF_LOG_ERROR, "ConfXmlAddAttr type fail");
     }
-    if (!typed || !cloneNumbers(clone, *info, has)) {
+    if (!typed || !cloneLength(clone, *info, has) || !cloneNumbers(clone, *info, has)) {
         elementOf(parent)->DeleteChild(elementOf(clone));
         return nullptr;
     }
