@@ -25,9 +25,9 @@
 #include <vector>
 
 #include "bench/message_rivals.h"
-#include "host/tamo_host.h"
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
+#include "tamo_host.h"
 
 namespace {
 

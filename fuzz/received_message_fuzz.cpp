@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "fuzz/scratch.h"
-#include "host/message_buffer.h"
+#include "host/messages/buffer.h"
 #include "include/conf_log_adapter.h"
 #include "include/conf_msg_api.h"
 #include "msg/message_format.h"

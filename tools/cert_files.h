@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "cert_key.h"
-#include "message_descriptor.h"
+#include "host/base/descriptor.h"
+#include "host/certificates/key.h"
 #include "tamoctl.h"
 
 namespace tamoctl {

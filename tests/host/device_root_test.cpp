@@ -1,6 +1,6 @@
 /* The device root, built into this program: it is found once per process, so each case is a child
  * process of its own. */
-#include "host/device_root.h"
+#include "host/base/device_root.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/host_record.h"
+#include "host/base/log.h"
 
 namespace fs = std::filesystem;
 

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/tamo_host.h"
 #include "platform/tamo_os_msg.h"
+#include "tamo_host.h"
 
 namespace parties {
 

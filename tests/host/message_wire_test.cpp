@@ -1,6 +1,6 @@
 /* Packets written by hand, to a queue and to a waiting sender: each lie is refused, costs its
  * connection at most, and leaves no descriptor behind. The bytes here are the format's second
- * description: host/message_buffer.h is the first. */
+ * description: host/messages/buffer.h is the first. */
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>

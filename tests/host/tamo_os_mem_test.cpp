@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/tamo_host.h"
+#include "tamo_host.h"
 #include "tests/support/child_process.h"
 #include "tests/support/scratch_root.h"
 

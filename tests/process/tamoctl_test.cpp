@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "host/tamo_host.h"
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
+#include "tamo_host.h"
 #include "tests/process/program.h"
 #include "tests/support/child_process.h"
 

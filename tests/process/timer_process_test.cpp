@@ -4,9 +4,9 @@
 #include <chrono>
 #include <string>
 
-#include "host/tamo_host.h"
 #include "include/conf_msg_api.h"
 #include "include/conf_timer.h"
+#include "tamo_host.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/child_process.h"
 #include "tests/support/deadline.h"

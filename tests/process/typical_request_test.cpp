@@ -9,11 +9,11 @@
 #include <iterator>
 #include <vector>
 
-#include "host/tamo_host.h"
 #include "include/conf_config.h"
 #include "include/conf_log_adapter.h"
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
+#include "tamo_host.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/child_process.h"
 

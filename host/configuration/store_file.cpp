@@ -1,0 +1,370 @@
+/* The configuration store's file: how it is opened, judged, begun and kept aside.
+ *
+ * - A fresh store is made under another name and renamed: a config.db that anybody sees is whole, so
+ *   that an empty one is a truncated one.
+ * - Openers take turns, and whoever moves a file aside has the turn. Those who have the file open
+ *   meanwhile find out by configFileMoved, which they ask after each transaction. So they do when
+ *   somebody removes the log or its index alone: who opens the file then begins others, and neither
+ *   would see the other's writes.
+ * - The file is opened by SQLite alone: closing any other descriptor of it would drop the locks that
+ *   this process's connections hold.
+ * - Closing leaves the write-ahead log as it is. Otherwise the last one out would delete it, and a
+ *   later start would need room on the disk to read. */
+#include "host/configuration/store_file.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include "host/base/device_root.h"
+#include "host/base/log.h"
+#include "host/configuration/change_log.h"
+#include "host/configuration/store_directory.h"
+#include "host/configuration/subscribers.h"
+#include "tamo_host.h"
+
+namespace tamo {
+namespace {
+
+constexpr const char *kUnit = "tamo_om_config_file";
+/* SQLite's own limit, less the longest companion's name. */
+constexpr size_t kLongestPath = 500;
+constexpr int kBusyMs = 10000;
+constexpr int kBusyPollMs = 2;
+/* Up to this size (256 KiB) every opening checks the structure of the whole file, which takes less
+ * than a millisecond; damage to a larger one is found when it is met. */
+constexpr int kCheckedPages = 64;
+
+constexpr int kApplicationId = 0x54434F4E;
+/* Raised with every change of the tables. */
+constexpr int kVersion = 2;
+constexpr const char *kSchema =
+    "PRAGMA application_id = 0x54434F4E;"
+    "CREATE TABLE setting (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;";
+
+enum class Verdict { good, damaged, foreign, newer, failed };
+
+bool isDiskFull(sqlite3 *database, int result) {
+    int primary = result & 0xFF;
+    int system = database == nullptr ? 0 : sqlite3_system_errno(database);
+    return primary == SQLITE_FULL || result == SQLITE_IOERR_SHMSIZE ||
+           ((primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN) &&
+            (system == ENOSPC || system == EDQUOT));
+}
+
+/* The path as SQLite takes it with a parameter; `size` has room for all of it being escaped. */
+void nameWithOwnIndex(const char *path, char *uri, size_t size) {
+    size_t length = static_cast<size_t>(snprintf(uri, size, "file:"));
+    for (const char *at = path; *at != '\0'; at++) {
+        unsigned char c = static_cast<unsigned char>(*at);
+        bool plain = isalnum(c) != 0 || strchr("/.-_", c) != nullptr;
+        length +=
+            static_cast<size_t>(snprintf(uri + length, size - length, plain ? "%c" : "%%%02X", c));
+    }
+    (void)snprintf(uri + length, size - length, "?readonly_shm=1");
+}
+
+/* By short naps: SQLite's own grow so long that one writer among busy ones meets no gap between them. */
+int waitWhileBusy(void *, int waits) {
+    struct timespec nap = {.tv_sec = 0, .tv_nsec = kBusyPollMs * 1000000L};
+    return waits < kBusyMs / kBusyPollMs && (nanosleep(&nap, nullptr) == 0 || errno == EINTR) ? 1
+                                                                                              : 0;
+}
+
+int openDatabase(const char *name, int flags, sqlite3 **database) {
+    int result = sqlite3_open_v2(name, database, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (result != SQLITE_OK) {
+        return result;
+    }
+    sqlite3_extended_result_codes(*database, 1);
+    sqlite3_busy_handler(*database, waitWhileBusy, nullptr);
+    return result;
+}
+
+/* The first column of the first row, as a text; what SQLite answers otherwise is its result. */
+int ask(sqlite3 *database, const char *question, char *answer, int size) {
+    sqlite3_stmt *statement = nullptr;
+    int result = sqlite3_prepare_v2(database, question, -1, &statement, nullptr);
+    if (result == SQLITE_OK) {
+        result = sqlite3_step(statement);
+    }
+    if (result == SQLITE_ROW) {
+        const unsigned char *text = sqlite3_column_text(statement, 0);
+        (void)snprintf(answer, static_cast<size_t>(size), "%s",
+                       text == nullptr ? "" : reinterpret_cast<const char *>(text));
+    }
+    sqlite3_finalize(statement);
+    return result == SQLITE_ROW ? SQLITE_OK : result;
+}
+
+int askNumber(sqlite3 *database, const char *question, int *number) {
+    char answer[32] = "";
+    int result = ask(database, question, answer, sizeof(answer));
+    *number = atoi(answer);
+    return result;
+}
+
+Verdict judge(int result) {
+    return result == SQLITE_NOTADB ? Verdict::foreign
+           : isDamage(result)      ? Verdict::damaged
+                                   : Verdict::failed;
+}
+
+Verdict checkStructure(sqlite3 *database, const char *check, int *result) {
+    char answer[64] = "";
+    *result = ask(database, check, answer, sizeof(answer));
+    if (*result != SQLITE_OK) {
+        return judge(*result);
+    }
+    bool hasTable = sqlite3_table_column_metadata(database, "main", "setting", "value", nullptr,
+                                                  nullptr, nullptr, nullptr, nullptr) == SQLITE_OK;
+    return hasTable && strcmp(answer, "ok") == 0 ? Verdict::good : Verdict::damaged;
+}
+
+/* Makes the tables of this version in one transaction: all of them, or the journal that a store of
+ * version 1 lacks. */
+int makeTables(sqlite3 *database, const char *first) {
+    const char *const steps[] = {"PRAGMA synchronous = FULL; BEGIN IMMEDIATE", first,
+                                 kConfigJournalSchema, "PRAGMA user_version = 2", "COMMIT"};
+    int result = SQLITE_OK;
+    for (const char *step : steps) {
+        if (result == SQLITE_OK) {
+            result = sqlite3_exec(database, step, nullptr, nullptr, nullptr);
+        }
+    }
+    if (result != SQLITE_OK && sqlite3_get_autocommit(database) == 0) {
+        (void)sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    return result;
+}
+
+bool hasJournal(sqlite3 *database) {
+    return sqlite3_table_column_metadata(database, "main", "change", "records", nullptr, nullptr,
+                                         nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+Verdict examine(sqlite3 *database, const OpenWish &wish, int *result) {
+    int application = 0;
+    int version = 0;
+    int pages = 0;
+    char mode[16] = "";
+    if ((*result = askNumber(database, "PRAGMA application_id", &application)) != SQLITE_OK ||
+        (*result = askNumber(database, "PRAGMA user_version", &version)) != SQLITE_OK ||
+        (*result = askNumber(database, "PRAGMA page_count", &pages)) != SQLITE_OK) {
+        return judge(*result);
+    }
+    if (application != kApplicationId || version < 1) {
+        return Verdict::foreign;
+    }
+    if (version > kVersion) {
+        return Verdict::newer;
+    }
+    const char *check = wish.suspect             ? "PRAGMA integrity_check(1)"
+                        : pages <= kCheckedPages ? "PRAGMA quick_check(1)"
+                                                 : "SELECT 'ok' FROM sqlite_schema";
+    Verdict verdict = checkStructure(database, check, result);
+    if (verdict == Verdict::good &&
+        (*result = ask(database, "PRAGMA journal_mode = WAL", mode, sizeof(mode))) != SQLITE_OK) {
+        return judge(*result);
+    }
+    /* A reader does without the journal: on a full disk it could not be made. */
+    if (verdict == Verdict::good && wish.forWriting && !hasJournal(database) &&
+        (*result = makeTables(database, "")) != SQLITE_OK) {
+        return judge(*result);
+    }
+    return verdict;
+}
+
+uint32_t beginStore(int directory, const char *path) {
+    char fresh[kLongestPath + 8];
+    (void)snprintf(fresh, sizeof(fresh), "%s.new", path);
+    removeUnfinishedConfig(directory);
+    ConfigFile file;
+    int result = openDatabase(fresh, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, &file.database);
+    if (result == SQLITE_OK) {
+        result = makeTables(file.database, kSchema);
+    }
+    if (result == SQLITE_OK) {
+        result =
+            sqlite3_exec(file.database, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+    }
+    if (result != SQLITE_OK) {
+        uint32_t code =
+            configFileFailure(file.database, result, "beginning the configuration store", __LINE__);
+        closeConfigFile(&file);
+        removeUnfinishedConfig(directory);
+        return code;
+    }
+    closeConfigFile(&file);
+    uint32_t code = nameFreshConfig(directory);
+    wakeConfigWatchers(); /* theirs is another store now */
+    return code;
+}
+
+uint32_t diskFull(const char *what, int line) {
+    hostRecord(kError, kUnit, line, "%s failed, disk full: free space below %s", what,
+               deviceRoot());
+    return TAMO_HOST_SYSTEM;
+}
+
+/* Makes sure that a file is there that may be a store; SQLite takes an empty one for a new one. */
+uint32_t prepareFile(int directory, const char *path, bool tight) {
+    struct stat status;
+    bool there = fstatat(directory, kConfigFile, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!there && errno != ENOENT) {
+        return configDirectoryFailure("looking for the configuration store", __LINE__);
+    }
+    if (there && S_ISREG(status.st_mode) && status.st_size != 0) {
+        return TAMO_HOST_OK;
+    }
+    if (tight) {
+        return diskFull("beginning the configuration store", __LINE__);
+    }
+    uint32_t code = TAMO_HOST_OK;
+    if (there) {
+        code = moveConfigAside(directory, S_ISREG(status.st_mode) ? "empty" : "not a regular file");
+    } else if (configDirectoryHas(directory, "config.db-wal")) {
+        code = moveConfigAside(directory, "gone and has left its log");
+    }
+    return code == TAMO_HOST_OK ? beginStore(directory, path) : code;
+}
+
+Verdict openAndExamine(const char *name, const OpenWish &wish, ConfigFile *file, int *result) {
+    *result = openDatabase(name, SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI, &file->database);
+    if (*result == SQLITE_OK) {
+        sqlite3_db_config(file->database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        *result =
+            sqlite3_exec(file->database, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
+    }
+    return *result == SQLITE_OK ? examine(file->database, wish, result) : judge(*result);
+}
+
+/* Making room for the shared index on a full disk may end a process rather than fail: SQLite writes
+ * to the index as to memory. So a reader then builds an index of its own, and a writer is refused. */
+uint32_t openPrepared(int directory, const char *path, const OpenWish &wish, bool tight,
+                      ConfigFile *file, Verdict *verdict) {
+    int result = SQLITE_OK;
+    if (!tight) {
+        *verdict = openAndExamine(path, wish, file, &result);
+        tight = *verdict == Verdict::failed && isDiskFull(file->database, result);
+    }
+    if (tight && wish.forWriting) {
+        closeConfigFile(file);
+        return diskFull("opening the configuration store for writing", __LINE__);
+    }
+    if (tight) {
+        char uri[3 * kLongestPath + 32];
+        closeConfigFile(file);
+        keepConfigIndex(directory);
+        nameWithOwnIndex(path, uri, sizeof(uri));
+        *verdict = openAndExamine(uri, wish, file, &result);
+        file->ownIndex = true;
+    }
+    if (*verdict == Verdict::failed) {
+        return configFileFailure(file->database, result, "opening the configuration store",
+                                 __LINE__);
+    }
+    if (*verdict == Verdict::newer) {
+        hostRecord(kError, kUnit, __LINE__,
+                   "the configuration store %s is of a newer version than this program knows: "
+                   "install the newer libtamo_host or use another TAMO_DEVICE_ROOT",
+                   path);
+        return TAMO_HOST_REFUSED;
+    }
+    return TAMO_HOST_OK;
+}
+
+/* Opens the file in place, whatever it takes; what is no good store is moved aside but on a full
+ * disk, where none could be begun. */
+uint32_t openInTurn(int directory, const char *path, const OpenWish &wish, ConfigFile *file) {
+    bool tight = configDirectoryIsTight(directory);
+    /* The second round meets a fresh store. */
+    for (int round = 0; round < 2; round++) {
+        Verdict verdict = Verdict::failed;
+        uint32_t code = prepareFile(directory, path, tight);
+        if (code == TAMO_HOST_OK) {
+            code = openPrepared(directory, path, wish, tight, file, &verdict);
+        }
+        if (code == TAMO_HOST_OK && verdict == Verdict::good) {
+            file->companions = findConfigCompanions();
+            return code;
+        }
+        closeConfigFile(file);
+        if (code == TAMO_HOST_OK) {
+            code = tight
+                       ? diskFull("replacing the damaged configuration store", __LINE__)
+                       : moveConfigAside(directory, verdict == Verdict::foreign ? "not one of ours"
+                                                                                : "damaged");
+        }
+        if (code != TAMO_HOST_OK) {
+            return code;
+        }
+    }
+    hostRecord(kError, kUnit, __LINE__, "a fresh configuration store in %s/config does not open",
+               deviceRoot());
+    return TAMO_HOST_SYSTEM;
+}
+
+}  // namespace
+
+bool isDamage(int result) {
+    return (result & 0xFF) == SQLITE_CORRUPT || (result & 0xFF) == SQLITE_NOTADB;
+}
+
+void closeConfigFile(ConfigFile *file) {
+    sqlite3_close(file->database);
+    *file = {};
+}
+
+bool configFileMoved(const ConfigFile &file) {
+    int moved = 0;
+    (void)sqlite3_file_control(file.database, "main", SQLITE_FCNTL_HAS_MOVED, &moved);
+    return moved != 0 || (!file.ownIndex && file.companions != findConfigCompanions());
+}
+
+uint32_t configFileFailure(sqlite3 *database, int result, const char *what, int line) {
+    if (isDiskFull(database, result)) {
+        return diskFull(what, line);
+    }
+    int primary = result & 0xFF;
+    if (primary == SQLITE_BUSY) {
+        hostRecord(kError, kUnit, line,
+                   "%s failed: another process has held the store for %d s, end it if it hangs",
+                   what, kBusyMs / 1000);
+        return TAMO_HOST_TIMEOUT;
+    }
+    int system =
+        primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN ? sqlite3_system_errno(database) : 0;
+    hostRecord(kError, kUnit, line, "%s failed: %s (%d)%s%s, look at %s/config", what,
+               sqlite3_errstr(result), result, system == 0 ? "" : ": ",
+               system == 0 ? "" : strerror(system), deviceRoot());
+    return primary == SQLITE_NOMEM ? TAMO_HOST_NO_MEMORY : TAMO_HOST_SYSTEM;
+}
+
+uint32_t openConfigFile(const OpenWish &wish, ConfigFile *file) {
+    int directory = rootDirectory("config");
+    if (directory < 0) {
+        return TAMO_HOST_NO_ROOT;
+    }
+    char path[kLongestPath];
+    if (snprintf(path, sizeof(path), "%s/config/%s", deviceRoot(), kConfigFile) >=
+        int{sizeof(path)}) {
+        hostRecord(kError, kUnit, __LINE__,
+                   "the path of the configuration store in %s/config is too long for SQLite: set "
+                   "TAMO_DEVICE_ROOT to a path of at most %zu characters",
+                   deviceRoot(), kLongestPath - sizeof("/config/config.db"));
+        return TAMO_HOST_NO_ROOT;
+    }
+    OpenersTurn turn(directory);
+    if (!turn.taken()) {
+        return configDirectoryFailure("taking the turn", __LINE__);
+    }
+    return openInTurn(directory, path, wish, file);
+}
+
+}  // namespace tamo
