@@ -1,6 +1,6 @@
 # Builds for 32-bit pointers, as a terminal has them, on a 64-bit workstation: clang and lld against a
 # sysroot of Debian's i386 packages (scripts/ilp32-sysroot). What is built runs as it is, by the
-# sysroot's own loader and libraries.
+# sysroot's own loader and libraries; or, where the kernel refuses 32-bit programs, by an emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
@@ -44,3 +44,32 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CONF_ILP32_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
     "${CONF_ILP32_SYSROOT}/usr/lib/i386-linux-gnu/pkgconfig:${CONF_ILP32_SYSROOT}/usr/share/pkgconfig")
+
+# The loader is a small 32-bit program.
+if(NOT DEFINED CACHE{CONF_EMULATE})
+    execute_process(COMMAND "${CONF_ILP32_SYSROOT}/lib/ld-linux.so.2" --version
+        RESULT_VARIABLE _refused OUTPUT_QUIET ERROR_QUIET)
+    set(CONF_EMULATE OFF)
+    if(_refused)
+        set(CONF_EMULATE ON)
+    endif()
+    set(CONF_EMULATE ${CONF_EMULATE} CACHE BOOL "Run what is built with qemu-user")
+endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CONF_EMULATE)
+
+# An emulated program starts others through the kernel, which refuses them. So what is linked becomes
+# NAME.i386, and NAME a script that starts the emulator with it: everybody starts NAME. CMake itself
+# looks into the programs that it tries.
+get_property(_trying GLOBAL PROPERTY IN_TRY_COMPILE)
+if(CONF_EMULATE AND NOT _trying)
+    find_program(CONF_EMULATOR qemu-i386 REQUIRED)
+    file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/emulated" @ONLY CONTENT
+        "#!/bin/sh\nexec '@CONF_EMULATOR@' -0 \"$0\" \"$0.i386\" \"$@\"\n")
+    file(CHMOD "${CMAKE_BINARY_DIR}/emulated"
+        PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE)
+    foreach(_language C CXX)
+        set(CMAKE_${_language}_LINK_EXECUTABLE
+            "<CMAKE_${_language}_COMPILER> <FLAGS> <CMAKE_${_language}_LINK_FLAGS> <LINK_FLAGS> <OBJECTS> -o <TARGET>.i386 <LINK_LIBRARIES>"
+            "<CMAKE_COMMAND> -E copy \"${CMAKE_BINARY_DIR}/emulated\" <TARGET>")
+    endforeach()
+endif()

@@ -3,7 +3,7 @@
 #
 #   scripts/setup.sh [--clang]
 #
-#   --clang   those of the 32-bit build, the fuzz targets and the rule check too
+#   --clang   those of the 32-bit build, the fuzz targets and the checks too
 set -euo pipefail
 
 packages=(
@@ -13,7 +13,7 @@ packages=(
     dpkg-dev file # Debian packages
     libevent-dev # the benchmark of the timers compares with it
 )
-clang_packages=(clang lld clang-format libclang-rt-14-dev)
+clang_packages=(clang lld clang-format clang-tidy libclang-rt-14-dev qemu-user)
 
 case ${1-} in
     '') ;;

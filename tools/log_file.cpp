@@ -87,11 +87,9 @@ std::vector<std::string> LogFile::tail(size_t count, const LineTest &wanted) {
     ino_t newer = inodeOf(current_.file);
     for (size_t index = 1; lines.size() < count && index < kMostFiles; ++index) {
         const Descriptor file = openFile(path(index));
-        if (!file.isOpen()) {
-            break;
-        }
-        // A rotation since the last step gives the same file another name.
-        if (inodeOf(file) == newer) {
+        // A rotation that was killed left no file here, or one since the last step gave the same file
+        // another name.
+        if (!file.isOpen() || inodeOf(file) == newer) {
             continue;
         }
         newer = inodeOf(file);
@@ -123,23 +121,27 @@ void LogFile::drain(Source &source, const LineFunction &line) const {
 }
 
 /* The name of the file with the inode `held`, else kMostFiles; `*oldest` is the last name in use. A
- * rotation that goes on, or that was killed, leaves one name free between others. */
+ * rotation that goes on, or that was killed, leaves names free between others. */
 size_t LogFile::findName(ino_t held, size_t *oldest) const {
-    int missing = 0;
     *oldest = 0;
-    for (size_t index = 0; index < kMostFiles && missing < 2; ++index) {
+    for (size_t index = 0; index < kMostFiles; ++index) {
         const ino_t inode = inodeOf(path(index));
         if (inode == held) {
             return index;
         }
-        if (inode == 0) {
-            ++missing;
-        } else {
-            missing = 0;
+        if (inode != 0) {
             *oldest = index;
         }
     }
     return kMostFiles;
+}
+
+/* Whether no file has one of these names. */
+bool LogFile::areFree(size_t first, size_t end) const {
+    while (first < end && inodeOf(path(first)) == 0) {
+        ++first;
+    }
+    return first >= end;
 }
 
 Descriptor LogFile::openNext() const {
@@ -153,14 +155,14 @@ Descriptor LogFile::openNext() const {
         // Rotated out of existence: the oldest that is left is the next.
         const bool found = index != kMostFiles;
         const size_t end = found ? index : oldest + 1;
-        size_t nearest = end - 1;
-        Descriptor next = openFile(path(nearest));
-        if (!next.isOpen() && nearest > 0) {
+        size_t nearest = end;
+        Descriptor next;
+        while (!next.isOpen() && nearest > 0) {
             next = openFile(path(--nearest));
         }
         // Did a rotation move files while they were looked at?
         const bool stays = found ? inodeOf(path(index)) == held : inodeOf(path(end)) == 0;
-        if (stays && (nearest + 1 == end || inodeOf(path(nearest + 1)) == 0)) {
+        if (stays && areFree(nearest + 1, end)) {
             return next;
         }
     }

@@ -57,6 +57,7 @@ class LogFile {
     std::string path(size_t index) const;
     void drain(Source &source, const LineFunction &line) const;
     size_t findName(ino_t held, size_t *oldest) const;
+    bool areFree(size_t first, size_t end) const;
     Descriptor openNext() const;
 
     std::string base_;

@@ -91,30 +91,31 @@ class SharedLog : public testing::Test {
         }
     }
 
-    /* From the oldest file on: how many records each writer has, in their order. */
+    /* From the oldest file on: how many records each writer has, in their order. A rotation that was
+     * killed leaves a number without a file. */
     static std::map<std::string, int> readRecords() {
-        uint32_t oldest = 0;
-        while (fs::exists(logFile(oldest + 1))) {
-            ++oldest;
-        }
-        EXPECT_GT(oldest, 3u) << "the file was rotated";
+        EXPECT_TRUE(fs::exists(logFile(4))) << "the file was rotated";
         std::map<std::string, int> next;
-        for (uint32_t number = oldest + 1; number-- > 0;) {
+        for (uint32_t number = kFileCount; number-- > 0;) {
             std::ifstream file(logFile(number));
             for (std::string line; std::getline(file, line);) {
-                takeLine(line, &next);
+                if (!takeLine(line, &next)) {
+                    ADD_FAILURE() << "the first line out of order, in file " << number << ": " << line;
+                    return next;
+                }
             }
         }
         return next;
     }
 
-    static void takeLine(const std::string &line, std::map<std::string, int> *next) {
+    static bool takeLine(const std::string &line, std::map<std::string, int> *next) {
         const size_t unit = line.rfind(" unit:7 ");
         const size_t blank = line.rfind(' ');
-        ASSERT_TRUE(unit != std::string::npos && blank > unit + 8) << line;
-        const std::string name = line.substr(unit + 8, blank - unit - 8);
-        ASSERT_EQ(line.substr(blank + 1), std::to_string((*next)[name])) << line;
-        ++(*next)[name];
+        if (unit == std::string::npos || blank <= unit + 8) {
+            return false;
+        }
+        int *number = &(*next)[line.substr(unit + 8, blank - unit - 8)];
+        return line.substr(blank + 1) == std::to_string((*number)++);
     }
 
     std::vector<std::unique_ptr<support::ChildProcess>> writers_;

@@ -149,7 +149,7 @@ TEST_F(TamoctlStore, aThousandKeysMakeTheRoundTrip) {
     EXPECT_EQ(merged.output + merged.errors, "");
     EXPECT_EQ(get("Key.of.old"), "1");
     EXPECT_EQ(get(keys[7]), values[7]);
-    Program replacing({"sh", "-c", TAMOCTL " import --replace - <" + name + " 2>&1"}, true);
+    Program replacing({"sh", "-c", "'" TAMOCTL "' import --replace - <'" + name + "' 2>&1"}, true);
     const Outcome replaced = replacing.finish();
     EXPECT_EQ(replaced.code, 0);
     EXPECT_NE(replaced.output.find("100%"), std::string::npos) << replaced.output;

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <filesystem>
 #include <string>
 
 #include "platform/tamo_om_log_client.h"
 #include "tests/process/program.h"
+#include "tests/support/scratch_root.h"
 
 namespace {
 
@@ -43,6 +45,15 @@ TEST_F(TamoctlLog, tailReaches) {
     EXPECT_EQ(outcome.output.find("record 40."), std::string::npos);
     EXPECT_LT(outcome.output.find("record 41."), outcome.output.find("record 100."));
     EXPECT_EQ(tamoctl({"log", "no.such.log"}).code, 1);
+
+    const std::filesystem::path file = std::filesystem::path(support::scratchRoot()) / "log" / name_;
+    for (int number = 9; number >= 2; number--) {
+        std::error_code missing;
+        std::filesystem::rename(file.string() + "." + std::to_string(number),
+                                file.string() + "." + std::to_string(number + 2), missing);
+    }
+    EXPECT_EQ(tamoctl({"log", "-n", "60", name_}).output, outcome.output)
+        << "across the numbers that killed rotations left free";
 }
 
 TEST_F(TamoctlLog, levels) {

@@ -93,7 +93,7 @@ pid_t spawn(const char *role, const ChildArguments &arguments, int line) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, line, kParentLine);
     pid_t pid = -1;
-    const int error = posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         ADD_FAILURE() << "cannot start a child: " << std::strerror(error);
