@@ -62,12 +62,6 @@ void takeLastLines(std::string_view text, size_t count, const LineTest &wanted,
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
-
 std::string LogFile::path(size_t index) const {
     return index == 0 ? base_ : base_ + "." + std::to_string(index);
 }

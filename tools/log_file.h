@@ -7,25 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "host/base/descriptor.h"
+
 namespace tamoctl {
 
-/* A descriptor that is closed with its owner. */
-class Descriptor {
-  public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(Descriptor &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    Descriptor &operator=(Descriptor &&other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~Descriptor();
-
-    int get() const { return fd_; }
-    bool isOpen() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
+using tamo::Descriptor;
 
 using LineFunction = std::function<void(std::string_view line)>;
 using LineTest = std::function<bool(std::string_view line)>;

@@ -1,7 +1,10 @@
 /* The list of descriptors that end with this process's own life, and what fork does to them. */
 #include "host/base/descriptor.h"
 
-#include <pthread.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "host/base/fork.h"
 
 namespace tamo {
 
@@ -10,12 +13,11 @@ constinit std::mutex forkMutex;
 namespace {
 
 constinit ProcessDescriptor *listHead = nullptr;
-constinit pthread_once_t guardInstalled = PTHREAD_ONCE_INIT;
 
 }  // namespace
 
 /* The child of a program with threads may do nothing here that allocates. */
-struct ForkGuard {
+struct DescriptorList {
     static void beforeFork() { forkMutex.lock(); }
 
     static void inParent() { forkMutex.unlock(); }
@@ -47,17 +49,30 @@ struct ForkGuard {
     }
 };
 
+namespace {
+
+__attribute__((constructor)) void watchForks() {
+    guardForks(ForkStage::kDescriptors,
+               {DescriptorList::beforeFork, DescriptorList::inParent, DescriptorList::inChild});
+}
+
+}  // namespace
+
+bool hasName(int file, int directory, const char *name) {
+    struct stat own = {};
+    struct stat named = {};
+    return fstat(file, &own) == 0 && fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+}
+
 void ProcessDescriptor::adopt(Descriptor opened) {
-    pthread_once(&guardInstalled, [] {
-        (void)pthread_atfork(ForkGuard::beforeFork, ForkGuard::inParent, ForkGuard::inChild);
-    });
     shut();
     if (!opened.isOpen()) {
         return;
     }
     const std::lock_guard<std::mutex> lock(forkMutex);
     value_ = opened.release();
-    ForkGuard::link(*this);
+    DescriptorList::link(*this);
 }
 
 void ProcessDescriptor::shut() {
@@ -65,7 +80,7 @@ void ProcessDescriptor::shut() {
         return;
     }
     const std::lock_guard<std::mutex> lock(forkMutex);
-    ForkGuard::unlink(*this);
+    DescriptorList::unlink(*this);
     close(std::exchange(value_, -1));
 }
 

@@ -1,4 +1,4 @@
-/* The message layer's descriptors. */
+/* Owners of descriptors. */
 #pragma once
 #include <unistd.h>
 
@@ -7,9 +7,12 @@
 
 namespace tamo {
 
-/* Held across fork, so that a child finds whole what it guards: the list of the descriptors below,
- * and whatever else the message layer keeps for the process. Never held while waiting. */
+/* Held across fork, so that a child finds whole what it guards: the list of the process descriptors
+ * below, and whatever else the message layer keeps for the process. Never held while waiting. */
 extern std::mutex forkMutex;
+
+/* Whether `file` still has this name: neither moved nor removed nor replaced. */
+bool hasName(int file, int directory, const char *name);
 
 /* Owns a descriptor for the length of a scope. */
 class Descriptor {
@@ -53,7 +56,7 @@ class ProcessDescriptor {
     bool isOpen() const { return value_ >= 0; }
 
   private:
-    friend struct ForkGuard;
+    friend struct DescriptorList;
     int value_ = -1;
     ProcessDescriptor *next_ = nullptr;
     ProcessDescriptor *previous_ = nullptr;

@@ -22,6 +22,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "host/base/fork.h"
 #include "host/base/log.h"
 
 namespace tamo {
@@ -51,6 +52,11 @@ int rootDescriptor = -1;
 /* Entries below the count never change, so that they are read without the lock. */
 Directory directories[kMaxDirectories];
 std::atomic<size_t> directoryCount;
+
+__attribute__((constructor)) void watchForks() {
+    guardForks(ForkStage::kDeviceRoot,
+               {[] { rootLock.lock(); }, [] { rootLock.unlock(); }, [] { rootLock.unlock(); }});
+}
 
 __attribute__((format(printf, 3, 4))) bool fail(Failure *failure, int line, const char *format,
                                                 ...) {

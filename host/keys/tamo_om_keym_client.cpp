@@ -18,6 +18,7 @@
 
 #include <memory>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
 #include "tamo_host.h"
@@ -62,19 +63,7 @@ class QuietErrors {
     QuietErrors &operator=(const QuietErrors &) = delete;
 };
 
-class Descriptor {
-  public:
-    explicit Descriptor(int opened) : value(opened) {}
-    ~Descriptor() {
-        if (value >= 0) {
-            close(value);
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    const int value;
-};
+using tamo::Descriptor;
 
 uint32_t refuse(int line, uint32_t code, const char *why) {
     tamo::hostRecord(tamo::kError, kUnit, line, "%s", why);
@@ -134,11 +123,11 @@ uint32_t makeKey(int directory, const char *name) {
     }
     (void)snprintf(fresh, sizeof(fresh), ".fresh-%016llx", static_cast<unsigned long long>(number));
     Descriptor file(openat(directory, fresh, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (file.value < 0) {
+    if (!file.isOpen()) {
         return keyFailure(__LINE__, "making", name);
     }
     errno = EIO;
-    bool made = fillKey(file.value) &&
+    bool made = fillKey(file.get()) &&
                 (linkat(directory, fresh, directory, name, 0) == 0 || errno == EEXIST);
     uint32_t code = made ? uint32_t{TAMO_HOST_OK} : keyFailure(__LINE__, "making", name);
     unlinkat(directory, fresh, 0);
@@ -158,8 +147,8 @@ uint32_t ownerKey(const char *owner, bool make, Key *key) {
     (void)snprintf(name, sizeof(name), "%s.key", owner);
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     Descriptor file(openat(directory, name, kFlags));
-    if (file.value >= 0) {
-        return readKey(file.value, name, key);
+    if (file.isOpen()) {
+        return readKey(file.get(), name, key);
     }
     if (errno != ENOENT || !make) {
         return keyFailure(__LINE__, "opening the key", name);
@@ -169,8 +158,8 @@ uint32_t ownerKey(const char *owner, bool make, Key *key) {
         return code;
     }
     Descriptor made(openat(directory, name, kFlags));
-    return made.value < 0 ? keyFailure(__LINE__, "opening the key", name)
-                          : readKey(made.value, name, key);
+    return !made.isOpen() ? keyFailure(__LINE__, "opening the key", name)
+                          : readKey(made.get(), name, key);
 }
 
 /* A context that knows key, nonce and what is authenticated besides the text. */

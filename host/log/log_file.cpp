@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "host/base/device_root.h"
+#include "host/base/fork.h"
 #include "host/log/log_counters.h"
 
 namespace tamo {
@@ -35,9 +36,9 @@ class Locked {
 };
 
 __attribute__((constructor)) void watchForks() {
-    (void)pthread_atfork([] { pthread_mutex_lock(&fileLock); },
-                         [] { pthread_mutex_unlock(&fileLock); },
-                         [] { pthread_mutex_unlock(&fileLock); });
+    guardForks(ForkStage::kLogFile,
+               {[] { pthread_mutex_lock(&fileLock); }, [] { pthread_mutex_unlock(&fileLock); },
+                [] { pthread_mutex_unlock(&fileLock); }});
 }
 
 /* True for one thread when `interval` passed since it last was. The clock may be set back and the

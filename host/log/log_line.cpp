@@ -13,6 +13,8 @@
 #include <charconv>
 #include <chrono>
 
+#include "host/base/fork.h"
+
 namespace tamo {
 namespace {
 
@@ -59,7 +61,7 @@ void afterForkInChild() {
 /* Reading the time zone allocates, and only the first time: hence here, before any record. */
 __attribute__((constructor)) void prepareProcess() {
     (void)utcOffset(time(nullptr));
-    (void)pthread_atfork(nullptr, nullptr, afterForkInChild);
+    guardForks(ForkStage::kLogLine, {nullptr, nullptr, afterForkInChild});
 }
 
 char *putText(char *at, const char *text, size_t length) {

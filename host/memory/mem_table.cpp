@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "host/base/device_root.h"
+#include "host/base/fork.h"
 #include "host/base/log.h"
 
 namespace tamo {
@@ -38,7 +39,6 @@ pthread_mutex_t tableLock = PTHREAD_MUTEX_INITIALIZER;
 MemTable *inherited; /* a fork's copy that has no file yet */
 int tableFile = -1;  /* open for its lock */
 int tableDirectory = -1;
-bool forkWatched;
 
 FileName fileName(uint32_t pid) {
     FileName name;
@@ -185,6 +185,10 @@ void afterForkInChild() {
     pthread_mutex_unlock(&tableLock);
 }
 
+__attribute__((constructor)) void watchForks() {
+    guardForks(ForkStage::kMemory, {beforeFork, afterForkInParent, afterForkInChild});
+}
+
 /* Runs last: the report at the end may still make a table. */
 __attribute__((destructor(101))) void removeTable() {
     if (tableFile >= 0) {
@@ -200,9 +204,6 @@ MemTable *openMemTable() {
     pthread_mutex_lock(&tableLock);
     MemTable *table = mappedMemTable.load(std::memory_order_relaxed);
     if (table == nullptr) {
-        if (!forkWatched) {
-            forkWatched = pthread_atfork(beforeFork, afterForkInParent, afterForkInChild) == 0;
-        }
         tableDirectory = directory;
         if (directory >= 0) {
             removeLeftovers(directory);

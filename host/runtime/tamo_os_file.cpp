@@ -18,6 +18,7 @@
 
 #include <new>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
 
@@ -27,6 +28,8 @@ struct OsDir {
 };
 
 namespace {
+
+using tamo::Descriptor;
 
 constexpr const char *kUnit = "tamo_os_file";
 constexpr size_t kCopyChunk = 16U << 20;
@@ -48,20 +51,6 @@ bool toNative(const char *path, char (&native)[PATH_MAX]) {
     }
     return tamo::nativePath(path, native, sizeof(native));
 }
-
-class Descriptor {
-  public:
-    explicit Descriptor(int opened) : value(opened) {}
-    ~Descriptor() {
-        if (value >= 0) {
-            close(value);
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    const int value;
-};
 
 /* A name that no other copy uses; hidden, for those who see it all the same. */
 bool temporaryName(char (&name)[32]) {
@@ -126,10 +115,10 @@ bool copyNamed(int source, const struct stat &status, int directory, const char 
         return false;
     }
     Descriptor target(openat(directory, temporary, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (target.value < 0) {
+    if (!target.isOpen()) {
         return false;
     }
-    if (fillCopy(source, status, target.value)) {
+    if (fillCopy(source, status, target.get())) {
         return moveTo(directory, temporary, name);
     }
     int error = errno;
@@ -157,28 +146,28 @@ bool sameContents(int source, int target, off_t size) {
 bool isCopied(int source, const struct stat &status, int directory, const char *name) {
     Descriptor target(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat there;
-    return target.value >= 0 && fstat(target.value, &there) == 0 && S_ISREG(there.st_mode) &&
+    return target.isOpen() && fstat(target.get(), &there) == 0 && S_ISREG(there.st_mode) &&
            there.st_nlink == 1 && there.st_size == status.st_size &&
            (there.st_mode & 0777) == (status.st_mode & 0777) &&
-           sameContents(source, target.value, there.st_size);
+           sameContents(source, target.get(), there.st_size);
 }
 
 bool copyInto(int source, const struct stat &status, const char *parent, const char *name) {
     Descriptor directory(open(parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.value < 0) {
+    if (!directory.isOpen()) {
         return false;
     }
-    if (isCopied(source, status, directory.value, name)) {
+    if (isCopied(source, status, directory.get(), name)) {
         return true;
     }
-    Descriptor target(openat(directory.value, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
-    if (target.value >= 0) {
-        return copyUnnamed(source, status, target.value, directory.value, name);
+    Descriptor target(openat(directory.get(), ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
+    if (target.isOpen()) {
+        return copyUnnamed(source, status, target.get(), directory.get(), name);
     }
     if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
         return false;
     }
-    return copyNamed(source, status, directory.value, name);
+    return copyNamed(source, status, directory.get(), name);
 }
 
 }  // namespace
@@ -232,7 +221,7 @@ int32_t OsCopyFile(const char *source, const char *destination) {
     /* Not blocking: a pipe is refused instead of waited for. */
     Descriptor opened(open(from, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status;
-    if (opened.value < 0 || fstat(opened.value, &status) != 0) {
+    if (!opened.isOpen() || fstat(opened.get(), &status) != 0) {
         recordFailure(__LINE__, "copying", source);
         return -1;
     }
@@ -245,7 +234,7 @@ int32_t OsCopyFile(const char *source, const char *destination) {
         return -1;
     }
     *name++ = '\0';
-    if (!copyInto(opened.value, status, to, name)) {
+    if (!copyInto(opened.get(), status, to, name)) {
         recordFailure(__LINE__, "copying to", destination);
         return -1;
     }

@@ -20,7 +20,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "host/base/clock.h"
+#include "host/base/fork.h"
 #include "host/base/log.h"
+#include "host/base/thread.h"
 #include "host/timers/timer_table.h"
 
 namespace {
@@ -29,7 +32,6 @@ using tamo::kNoSlot;
 
 constexpr char kUnit[] = "tamo_os_timer";
 constexpr uint64_t kNever = UINT64_MAX;
-constexpr uint64_t kNsPerSecond = 1000000000;
 /* A periodic timer makes up for expiries that it missed, unless it is further behind than this: a
  * process that stood still in a debugger is not flooded. */
 constexpr uint64_t kTicksToMakeUp = 100;
@@ -59,12 +61,6 @@ class Locked {
     Locked &operator=(const Locked &) = delete;
 };
 
-uint64_t clockNs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * kNsPerSecond + static_cast<uint64_t>(now.tv_nsec);
-}
-
 /* The first tick that is not before `ns`, as a time. */
 uint64_t tickFrom(uint64_t ns) {
     const uint64_t ticks = (ns - manager.startNs + manager.tickNs - 1) / manager.tickNs;
@@ -76,8 +72,8 @@ uint64_t tickFrom(uint64_t ns) {
 int setAlarm(uint64_t due) {
     const uint64_t tick = tickFrom(due);
     itimerspec when = {};
-    when.it_value.tv_sec = static_cast<time_t>(tick / kNsPerSecond);
-    when.it_value.tv_nsec = static_cast<long>(tick % kNsPerSecond);
+    when.it_value.tv_sec = static_cast<time_t>(tick / tamo::kNsPerSecond);
+    when.it_value.tv_nsec = static_cast<long>(tick % tamo::kNsPerSecond);
     if (timerfd_settime(manager.alarm, TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
         return errno;
     }
@@ -133,7 +129,7 @@ void expireFirst(uint64_t now) {
 /* Runs what is due with the ticks until now. */
 void expireDue(uint32_t start) {
     while (manager.starts == start) {
-        const uint64_t now = clockNs();
+        const uint64_t now = tamo::monotonicNs();
         if (manager.timers.queued == 0 || tickFrom(tamo::firstDue(manager.timers)) > now) {
             return;
         }
@@ -153,7 +149,6 @@ bool sleepUntilAlarm(int alarm) {
 
 void *runManager(void *) {
     isManagerThread = true;
-    (void)pthread_setname_np(pthread_self(), "tamo_timer");
     pthread_mutex_lock(&managerLock);
     const uint32_t start = manager.starts;
     const int alarm = manager.alarm;
@@ -202,22 +197,9 @@ void afterForkInChild() {
 }
 
 __attribute__((constructor)) void watchForks() {
-    (void)pthread_atfork([] { pthread_mutex_lock(&managerLock); },
-                         [] { pthread_mutex_unlock(&managerLock); }, afterForkInChild);
-}
-
-/* A thread that no signal of the program's interrupts. */
-int startThread() {
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
-    const int error = pthread_create(&thread, nullptr, runManager, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error == 0) {
-        pthread_detach(thread);
-    }
-    return error;
+    tamo::guardForks(tamo::ForkStage::kTimers,
+                     {[] { pthread_mutex_lock(&managerLock); },
+                      [] { pthread_mutex_unlock(&managerLock); }, afterForkInChild});
 }
 
 /* Under the lock; 0, or the system's error. */
@@ -227,11 +209,11 @@ int startManager(uint32_t tickMicroseconds) {
         return errno;
     }
     tamo::clearTimers(&manager.timers); /* those of before a fork */
-    manager.startNs = clockNs();
+    manager.startNs = tamo::monotonicNs();
     manager.tickNs = uint64_t{tickMicroseconds} * 1000;
     manager.alarmNs = 0;
     manager.starts++;
-    const int error = startThread();
+    const int error = tamo::startThread("tamo_timer", runManager, nullptr);
     if (error != 0) {
         close(manager.alarm);
         return error;
@@ -250,7 +232,7 @@ int createTimer(const OsTmrCreateParam &param, uint32_t *handle) {
         return ENOMEM;
     }
     *handle = manager.timers.slots[slot].handle;
-    const uint64_t due = clockNs() + param.ticks * manager.tickNs;
+    const uint64_t due = tamo::monotonicNs() + param.ticks * manager.tickNs;
     tamo::queueTimer(&manager.timers, slot, due);
     /* An earlier tick than the alarm's. */
     if (due + manager.tickNs <= manager.alarmNs) {

@@ -100,7 +100,8 @@ class SharedLog : public testing::Test {
             std::ifstream file(logFile(number));
             for (std::string line; std::getline(file, line);) {
                 if (!takeLine(line, &next)) {
-                    ADD_FAILURE() << "the first line out of order, in file " << number << ": " << line;
+                    ADD_FAILURE() << "the first line out of order, in file " << number << ": "
+                                  << line;
                     return next;
                 }
             }

@@ -46,7 +46,8 @@ TEST_F(TamoctlLog, tailReaches) {
     EXPECT_LT(outcome.output.find("record 41."), outcome.output.find("record 100."));
     EXPECT_EQ(tamoctl({"log", "no.such.log"}).code, 1);
 
-    const std::filesystem::path file = std::filesystem::path(support::scratchRoot()) / "log" / name_;
+    const std::filesystem::path file =
+        std::filesystem::path(support::scratchRoot()) / "log" / name_;
     for (int number = 9; number >= 2; number--) {
         std::error_code missing;
         std::filesystem::rename(file.string() + "." + std::to_string(number),
