@@ -1,103 +1,145 @@
-/* Opening, mapping and locking the counters of a log file. */
+/* Finding, making and locking the counters of a log file. */
 #include "host/log/log_counters.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/mman.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
+#include "host/base/shared_page.h"
 
-namespace tamo {
+namespace tamo::log {
 namespace {
 
-constexpr uint32_t kMagic = 0x4C4F4731; /* "LOG1" */
-constexpr size_t kCountersSize = 4096;
+constexpr uint32_t kMagic = 0x4C4F4732; /* "LOG2": also the version of the layout */
 
-static_assert(sizeof(LogCounters) == 16);
+/* What run/log.NAME holds. */
+struct CountersFile {
+    uint32_t magic;
+    int32_t number;
+};
 
-/* New counters begin with another generation than this process's: it cannot know whether the file
- * that it has open is still the current one. */
-void useCounters(LogFile *file, LogCounters *counters) {
-    if (counters->magic.load(std::memory_order_acquire) != kMagic) {
-        counters->place.store(makePlace(file->generation.load() + 1, currentLogSize(*file)));
-        counters->torn.store(0);
-        counters->magic.store(kMagic, std::memory_order_release);
-    }
-    file->counters.store(counters, std::memory_order_release);
-}
+static_assert(sizeof(LogCounters) == 80 && sizeof(CountersFile) == 8);
 
-/* The space is taken at once: a full disk must not show as a bus error later. An earlier mapping
- * stays, since another thread may be counting in it; that is one page each time that somebody
- * deletes the file. */
-void mapCounters(LogFile *file) {
-    void *memory = MAP_FAILED;
-    if (posix_fallocate(file->countersFile, 0, kCountersSize) == 0) {
-        memory =
-            mmap(nullptr, kCountersSize, PROT_READ | PROT_WRITE, MAP_SHARED, file->countersFile, 0);
-    }
-    useCounters(file,
-                memory == MAP_FAILED ? &file->privateCounters : static_cast<LogCounters *>(memory));
-}
-
-bool waitForLock(int descriptor) {
+bool setLock(int file, int command, short type) {
     struct flock lock = {};
-    lock.l_type = F_WRLCK;
+    lock.l_type = type;
     lock.l_whence = SEEK_SET;
     int result = 0;
     do {
-        result = fcntl(descriptor, F_SETLKW, &lock);
+        result = fcntl(file, command, &lock);
     } while (result != 0 && errno == EINTR);
     return result == 0;
 }
 
-void dropCounters(LogFile *file) {
-    close(file->countersFile);
-    file->countersFile = -1;
+int numberInFile(int file) {
+    CountersFile content = {};
+    const ssize_t size = pread(file, &content, sizeof(content), 0);
+    return size == ssize_t{sizeof(content)} && content.magic == kMagic ? content.number : -1;
+}
+
+void name(LogCounters *counters, const char *name) {
+    struct stat directory = {};
+    (void)fstat(rootDirectory("log"), &directory);
+    counters->device = directory.st_dev;
+    counters->directory = directory.st_ino;
+    (void)snprintf(counters->name, sizeof(counters->name), "%s", name);
+}
+
+bool isOf(const LogCounters &counters, const char *wanted) {
+    LogCounters named = {};
+    name(&named, wanted);
+    return counters.magic.load(std::memory_order_acquire) == kMagic &&
+           counters.device == named.device && counters.directory == named.directory &&
+           memcmp(counters.name, named.name, sizeof(named.name)) == 0;
+}
+
+LogCounters *join(int number, const char *name) {
+    auto *counters =
+        number < 0 ? nullptr
+                   : static_cast<LogCounters *>(joinSharedPage(number, sizeof(LogCounters), false));
+    if (counters != nullptr && !isOf(*counters, name)) {
+        leaveSharedPage(counters);
+        return nullptr;
+    }
+    return counters;
+}
+
+LogCounters *make(const char *wanted, int *number) {
+    auto *counters = static_cast<LogCounters *>(makeSharedPage(sizeof(LogCounters), number));
+    if (counters != nullptr) {
+        name(counters, wanted);
+        counters->magic.store(kMagic, std::memory_order_release);
+    }
+    return counters;
+}
+
+/* With the lock: uses the counters that the file tells, or has it tell those that this process has,
+ * or new ones. */
+bool useCounters(CountersAccess *access, const char *name) {
+    const int told = numberInFile(access->file);
+    if (access->number >= 0 && told == access->number) {
+        return false;
+    }
+    int number = told;
+    LogCounters *counters = join(told, name);
+    if (counters == nullptr && access->number < 0) {
+        counters = make(name, &number);
+    }
+    if (counters != nullptr) {
+        if (access->number >= 0) {
+            leaveSharedPage(access->shared);
+        }
+        access->shared = counters;
+        access->number = number;
+    }
+    const bool anew = counters != nullptr || access->shared == nullptr;
+    if (access->shared == nullptr) {
+        access->shared = &access->privateOnes;
+    }
+    if (access->number >= 0 && access->number != told) {
+        const CountersFile content = {kMagic, access->number};
+        (void)!pwrite(access->file, &content, sizeof(content), 0);
+    }
+    return anew;
 }
 
 }  // namespace
 
-uint64_t currentLogSize(const LogFile &file) {
-    struct stat status = {};
-    const int result = fstatat(rootDirectory("log"), file.name, &status, AT_SYMLINK_NOFOLLOW);
-    return result == 0 ? static_cast<uint64_t>(status.st_size) : 0;
-}
-
-bool lockLogCounters(LogFile *file) {
-    char name[kLogNameMax + 8];
-    (void)snprintf(name, sizeof(name), "log.%s", file->name);
+bool lockLogCounters(CountersAccess *access, const char *name, bool *anew) {
+    char path[kLogNameMax + 8];
+    (void)snprintf(path, sizeof(path), "log.%s", name);
     const int directory = rootDirectory("run");
     for (;;) {
-        const bool opened = file->countersFile < 0;
-        if (opened) {
-            file->countersFile =
-                openat(directory, name, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLogFileMode);
+        if (access->file < 0) {
+            access->file =
+                openat(directory, path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLogFileMode);
         }
-        if (file->countersFile < 0 || !waitForLock(file->countersFile)) {
+        if (access->file < 0 || !setLock(access->file, F_SETLKW, F_WRLCK)) {
             return false;
         }
-        struct stat mine = {};
-        struct stat named = {};
-        if (fstat(file->countersFile, &mine) == 0 &&
-            fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino) {
-            if (opened || file->counters.load() == &file->privateCounters) {
-                mapCounters(file);
-            }
+        /* One that was deleted keeps nobody out. */
+        if (hasName(access->file, directory, path)) {
+            *anew = useCounters(access, name);
             return true;
         }
-        dropCounters(file);
+        close(access->file);
+        access->file = -1;
     }
 }
 
-void unlockLogCounters(LogFile *file) {
-    struct flock lock = {};
-    lock.l_type = F_UNLCK;
-    lock.l_whence = SEEK_SET;
-    (void)fcntl(file->countersFile, F_SETLK, &lock);
+void unlockLogCounters(CountersAccess *access) {
+    (void)setLock(access->file, F_SETLK, F_UNLCK);
 }
 
-}  // namespace tamo
+bool areCountersInPlace(const CountersAccess &access) {
+    struct stat status = {};
+    return access.file >= 0 && fstat(access.file, &status) == 0 && status.st_nlink != 0 &&
+           (access.number < 0 || numberInFile(access.file) == access.number);
+}
+
+}  // namespace tamo::log

@@ -9,19 +9,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
+#include "host/base/fast_tls.h"
 #include "host/base/fork.h"
-#include "host/log/log_counters.h"
 
-namespace tamo {
+namespace tamo::log {
 namespace {
 
 constexpr uint32_t kCheckInterval = 100;       /* milliseconds */
 constexpr uint32_t kComplaintInterval = 10000; /* milliseconds */
-constexpr int kOpenFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr int kOpenFlags = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-/* One thread of this process opens or rotates at a time. Record locks tell processes apart only. */
+/* One thread of this process writes, opens or rotates at a time. */
 pthread_mutex_t fileLock = PTHREAD_MUTEX_INITIALIZER;
+uint32_t forks; /* under the lock */
+__thread bool isInside TAMO_FAST_TLS;
 
 struct NumberedName {
     char text[kLogNameMax + 16];
@@ -29,23 +32,36 @@ struct NumberedName {
 
 class Locked {
   public:
-    Locked() { pthread_mutex_lock(&fileLock); }
-    ~Locked() { pthread_mutex_unlock(&fileLock); }
+    Locked() {
+        pthread_mutex_lock(&fileLock);
+        isInside = true;
+    }
+    ~Locked() {
+        isInside = false;
+        pthread_mutex_unlock(&fileLock);
+    }
     Locked(const Locked &) = delete;
     Locked &operator=(const Locked &) = delete;
 };
 
-__attribute__((constructor)) void watchForks() {
-    guardForks(ForkStage::kLogFile,
-               {[] { pthread_mutex_lock(&fileLock); }, [] { pthread_mutex_unlock(&fileLock); },
-                [] { pthread_mutex_unlock(&fileLock); }});
+void afterForkInChild() {
+    forks++;
+    pthread_mutex_unlock(&fileLock);
 }
 
-/* True for one thread when `interval` passed since it last was. The clock may be set back and the
- * milliseconds wrap around: either only makes it true too early. */
-bool isTime(std::atomic<uint32_t> *last, uint32_t interval, uint32_t now) {
-    uint32_t before = last->load(std::memory_order_relaxed);
-    return now - before >= interval && last->compare_exchange_strong(before, now);
+__attribute__((constructor)) void watchForks() {
+    guardForks(ForkStage::kLogFile, {[] { pthread_mutex_lock(&fileLock); },
+                                     [] { pthread_mutex_unlock(&fileLock); }, afterForkInChild});
+}
+
+/* True when `interval` passed since it last was. The clock may be set back and the milliseconds wrap
+ * around: either only makes it true too early. */
+bool isTime(uint32_t *last, uint32_t interval, uint32_t now) {
+    if (now - *last < interval) {
+        return false;
+    }
+    *last = now;
+    return true;
 }
 
 NumberedName numbered(const LogFile &file, uint32_t number) {
@@ -75,67 +91,44 @@ void complain(LogFile *file, uint32_t now, const char *what, int error) {
     (void)!write(STDERR_FILENO, line.text, line.length);
 }
 
-bool isSameFile(const LogFile &file, const struct stat &status) {
-    return status.st_dev == file.device && status.st_ino == file.inode;
-}
-
 /* ---- opening and rotating, with both locks held ---- */
 
-/* Makes `opened` the file that records go to. */
-bool takeDescriptor(LogFile *file, int opened) {
+/* The descriptor's file becomes the one that records go to. */
+bool openCurrent(LogFile *file) {
+    Descriptor opened(openat(rootDirectory("log"), file->name, kOpenFlags, kLogFileMode));
     struct stat status = {};
-    bool taken = fstat(opened, &status) == 0;
-    if (taken && !S_ISREG(status.st_mode)) {
-        errno = EINVAL;
-        taken = false;
-    }
-    const int current = file->descriptor.load();
-    if (taken && current < 0) {
-        file->descriptor.store(opened);
-    } else {
-        taken = taken && dup3(opened, current, O_CLOEXEC) >= 0;
-        const int error = errno;
-        close(opened);
-        errno = error;
-    }
-    if (taken) {
-        file->device = status.st_dev;
-        file->inode = status.st_ino;
-    }
-    return taken;
-}
-
-/* A writer that was killed, or the machine's sudden end, may have cut the last line off. A line that
- * is being written may show in parts, too: a change of the mode waits for its end, and what ends
- * without a line feed before and after that is cut off. */
-bool endsWithinLine(const LogFile &file) {
-    const int reader =
-        openat(rootDirectory("log"), file.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (reader < 0) {
+    if (!opened.isOpen() || fstat(opened.get(), &status) != 0) {
         return false;
     }
-    char last = '\n';
-    struct stat status = {};
-    for (off_t before = -1; fstat(reader, &status) == 0 && status.st_size > before;) {
-        before = status.st_size;
-        (void)fchmod(reader, status.st_mode & 07777);
-        if (before == 0 || pread(reader, &last, 1, before - 1) != 1 || last == '\n') {
-            last = '\n';
-            break;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
+    if (file->descriptor >= 0) {
+        close(file->descriptor);
+    }
+    file->descriptor = opened.release();
+    file->forks = forks;
+
+    LogCounters *counters = file->counters.shared;
+    uint64_t place = counters->place.load();
+    const auto size = static_cast<uint64_t>(status.st_size);
+    if (counters->inode.exchange(status.st_ino) != status.st_ino) {
+        /* Another file than the counters were of: whoever has that one open must look, too. What
+         * ended here before may have ended within a line: nobody stands alone yet. */
+        place = makePlace(generationOf(place) + 1, size);
+        counters->place.store(place);
+        if (size != 0) {
+            (void)counters->writers.fetch_add(1);
+        }
+    } else {
+        /* Bytes that none of the writers took are somebody else's. */
+        while (bytesOf(place) < size && !counters->place.compare_exchange_weak(
+                                            place, makePlace(generationOf(place), size))) {
         }
     }
-    close(reader);
-    return last != '\n';
-}
-
-bool openCurrent(LogFile *file) {
-    const int opened = openat(rootDirectory("log"), file->name, kOpenFlags, kLogFileMode);
-    return opened >= 0 && takeDescriptor(file, opened);
-}
-
-void setPlace(LogFile *file, uint32_t generation, uint64_t bytes) {
-    file->counters.load()->place.store(makePlace(generation, bytes));
-    file->generation.store(generation);
+    file->generation = generationOf(place);
+    return true;
 }
 
 /* Moves a file to a free name. A file system that cannot tell whether it is free just moves. */
@@ -167,22 +160,24 @@ bool moveUp(const LogFile &file, int directory) {
     return true;
 }
 
-/* Without room for a new file, the one that is open stays the current one. */
+/* Without room for a new file, the one that is open stays the current one, and may grow by its size
+ * once more: the failure is not repeated for every record. */
 bool rotate(LogFile *file) {
     const int directory = rootDirectory("log");
-    if (!moveUp(*file, directory)) {
-        return false;
+    bool done = moveUp(*file, directory);
+    if (done && !openCurrent(file)) {
+        const int error = errno;
+        (void)moveFile(directory, numbered(*file, 1).text, file->name);
+        errno = error;
+        done = false;
     }
-    if (openCurrent(file)) {
-        return true;
+    if (!done) {
+        file->counters.shared->place.store(makePlace(file->generation, 0));
     }
-    const int error = errno;
-    (void)moveFile(directory, numbered(*file, 1).text, file->name);
-    errno = error;
-    return false;
+    return done;
 }
 
-/* ---- what writers do now and then ---- */
+/* ---- what writers do now and then, with this process's lock ---- */
 
 bool isFull(const LogFile &file, uint64_t place, size_t length) {
     return bytesOf(place) != 0 && bytesOf(place) + length > file.limits.fileSize.load();
@@ -191,134 +186,153 @@ bool isFull(const LogFile &file, uint64_t place, size_t length) {
 /* Follows another process's rotation, or rotates; false when that fails, and the file that is open
  * takes the record all the same. */
 bool advance(LogFile *file, size_t length, uint32_t now) {
-    const Locked locked;
-    if (!lockLogCounters(file)) {
+    bool anew = false;
+    if (!lockLogCounters(&file->counters, file->name, &anew)) {
         complain(file, now, "locked", errno);
         return false;
     }
-    const uint64_t place = file->counters.load()->place.load();
+    const uint64_t place = file->counters.shared->place.load();
     bool done = true;
-    if (generationOf(place) != file->generation.load()) {
+    if (anew || generationOf(place) != file->generation || file->forks != forks) {
         done = openCurrent(file);
-        if (done) {
-            file->generation.store(generationOf(place));
-        }
     } else if (isFull(*file, place, length)) {
         done = rotate(file);
-        /* A failure is not repeated for every record: the file may grow by its size once more. */
-        setPlace(file, generationOf(place) + (done ? 1 : 0), 0);
     }
     if (!done) {
         complain(file, now, "rotated", errno);
     }
-    unlockLogCounters(file);
+    unlockLogCounters(&file->counters);
     return done;
 }
 
-/* Finds out whether somebody deleted or replaced the file or the counters, and begins anew then;
- * the next generation makes every other writer look, too. */
+/* Finds out whether somebody deleted or replaced the file or the counters, and begins anew then. */
 void check(LogFile *file, uint32_t now) {
-    if (!isTime(&file->lastCheck, kCheckInterval, now)) {
+    if (!isTime(&file->lastCheck, kCheckInterval, now) ||
+        (hasName(file->descriptor, rootDirectory("log"), file->name) &&
+         areCountersInPlace(file->counters))) {
         return;
     }
-    const Locked locked;
-    struct stat named = {};
-    struct stat counters = {};
-    if (fstatat(rootDirectory("log"), file->name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-        isSameFile(*file, named) && fstat(file->countersFile, &counters) == 0 &&
-        counters.st_nlink != 0) {
-        return;
-    }
-    if (!lockLogCounters(file)) {
+    bool anew = false;
+    if (!lockLogCounters(&file->counters, file->name, &anew)) {
         complain(file, now, "locked", errno);
         return;
     }
-    const uint32_t generation = generationOf(file->counters.load()->place.load());
-    const bool rotated = generation != file->generation.load();
     if (!openCurrent(file)) {
         complain(file, now, "opened", errno);
-    } else if (rotated) {
-        file->generation.store(generation);
-    } else {
-        setPlace(file, generation + 1, currentLogSize(*file));
     }
-    unlockLogCounters(file);
+    unlockLogCounters(&file->counters);
 }
 
 /* Takes `length` bytes of the current file. Gives the place that the writer has there. */
 uint64_t takeBytes(LogFile *file, size_t length, uint32_t now) {
     for (;;) {
-        LogCounters *counters = file->counters.load(std::memory_order_acquire);
-        uint64_t place = counters->place.load(std::memory_order_acquire);
-        const uint32_t generation = file->generation.load(std::memory_order_relaxed);
-        if (generationOf(place) == generation && !isFull(*file, place, length)) {
-            place = counters->place.fetch_add(length);
-            if (generationOf(place) == generation && !isFull(*file, place, length)) {
-                return place;
+        std::atomic<uint64_t> *place = &file->counters.shared->place;
+        uint64_t taken = place->load(std::memory_order_acquire);
+        if (generationOf(taken) == file->generation && file->forks == forks &&
+            !isFull(*file, taken, length)) {
+            taken = place->fetch_add(length);
+            if (generationOf(taken) == file->generation && !isFull(*file, taken, length)) {
+                return taken;
             }
         }
         if (!advance(file, length, now)) {
-            return place;
+            return taken;
         }
     }
 }
 
 /* Not when the next file has begun: its bytes are others'. */
 void returnBytes(LogFile *file, uint64_t taken, size_t length) {
-    std::atomic<uint64_t> *place = &file->counters.load()->place;
+    std::atomic<uint64_t> *place = &file->counters.shared->place;
     uint64_t current = place->load();
     while (generationOf(current) == generationOf(taken) && bytesOf(current) >= length &&
            !place->compare_exchange_weak(current, current - length)) {
     }
 }
 
+/* ---- one record ---- */
+
+/* Ends the piece of a line that may stand before the record of `length` bytes that was just written.
+ * The file position is behind that record: this process's threads take turns, and a child of fork
+ * opens the file anew. */
+void endPieceBefore(const LogFile &file, size_t length) {
+    const off_t start = lseek(file.descriptor, 0, SEEK_CUR) - static_cast<off_t>(length);
+    char last = '\n';
+    if (start <= 0 || pread(file.descriptor, &last, 1, start - 1) != 1 || last == '\n') {
+        return;
+    }
+    /* While it appends, the kernel heeds no other position. */
+    const int flags = fcntl(file.descriptor, F_GETFL);
+    (void)fcntl(file.descriptor, F_SETFL, flags & ~O_APPEND);
+    (void)!pwrite(file.descriptor, "\n", 1, start - 1);
+    (void)fcntl(file.descriptor, F_SETFL, flags);
+}
+
+/* Takes this writer off those that are under way, and behind a whole record all others with it when
+ * they have not moved for a while: they were killed. */
+void endRecord(LogFile *file, uint64_t begun, bool isWhole, uint32_t now) {
+    std::atomic<uint64_t> *writers = &file->counters.shared->writers;
+    if (underWay(begun) == 0 || begun != file->writersSeen) {
+        file->aloneSince = now;
+    }
+    uint64_t current = begun + kOneRecord + 1;
+    if (isWhole && now - file->aloneSince >= kCheckInterval &&
+        writers->compare_exchange_strong(current, current - underWay(current))) {
+        file->writersSeen = current - underWay(current);
+        return;
+    }
+    current = writers->load();
+    while (underWay(current) != 0 && !writers->compare_exchange_weak(current, current - 1)) {
+    }
+    file->writersSeen = underWay(current) != 0 ? current - 1 : current;
+}
+
+bool writeRecord(LogFile *file, const LogLine &line, uint32_t now) {
+    const uint64_t place = takeBytes(file, line.length, now);
+    std::atomic<uint64_t> *writers = &file->counters.shared->writers;
+    const uint64_t begun = writers->fetch_add(kOneRecord + 1);
+    ssize_t written = 0;
+    do {
+        written = write(file->descriptor, line.text, line.length);
+    } while (written < 0 && errno == EINTR);
+    const int error = written < 0 ? errno : ENOSPC;
+    const bool isWhole = written == static_cast<ssize_t>(line.length);
+    if (isWhole && (underWay(begun) != 0 || writers->load() != begun + kOneRecord + 1)) {
+        endPieceBefore(*file, line.length);
+    }
+    if (isWhole || written <= 0) {
+        endRecord(file, begun, isWhole, now);
+    }
+    if (!isWhole) { /* after a piece this writer stays under way: the next one looks behind itself */
+        returnBytes(file, place, line.length - static_cast<size_t>(written > 0 ? written : 0));
+        complain(file, now, "written", error);
+    }
+    return isWhole;
+}
+
 }  // namespace
 
 bool openLogFile(LogFile *file) {
     const Locked locked;
-    if (rootDirectory("log") < 0 || !lockLogCounters(file)) {
+    bool anew = false;
+    if (rootDirectory("log") < 0 || !lockLogCounters(&file->counters, file->name, &anew)) {
         return false;
     }
     const bool opened = openCurrent(file);
-    if (opened) {
-        file->lastComplaint.store(0);
-        setPlace(file, generationOf(file->counters.load()->place.load()), currentLogSize(*file));
-        if (endsWithinLine(*file)) {
-            file->counters.load()->torn.store(1);
-        }
-    }
     const int error = errno;
-    unlockLogCounters(file);
+    file->lastComplaint = opened ? 0 : file->lastComplaint;
+    unlockLogCounters(&file->counters);
     errno = error;
     return opened;
 }
 
-bool writeLogLine(LogFile *file, LogLine *line, uint32_t now) {
+bool writeLogLine(LogFile *file, const LogLine &line, uint32_t now) {
+    if (isInside) { /* a signal's handler: its thread holds the lock */
+        return false;
+    }
+    const Locked locked;
     check(file, now);
-    const uint64_t place = takeBytes(file, line->length, now);
-    LogCounters *counters = file->counters.load(std::memory_order_acquire);
-    const char *start = line->text;
-    size_t length = line->length;
-    /* Somebody's write ended early: this record must not continue that line. */
-    if (counters->torn.load(std::memory_order_relaxed) != 0 && counters->torn.exchange(0) != 0) {
-        line->before = '\n';
-        start = &line->before;
-        length++;
-    }
-    ssize_t written = 0;
-    do {
-        written = write(file->descriptor.load(std::memory_order_relaxed), start, length);
-    } while (written < 0 && errno == EINTR);
-    if (written == static_cast<ssize_t>(length)) {
-        return true;
-    }
-    const int error = written < 0 ? errno : ENOSPC;
-    if (written > 0 || start != line->text) {
-        counters->torn.store(1);
-    }
-    returnBytes(file, place, line->length);
-    complain(file, now, "written", error);
-    return false;
+    return writeRecord(file, line, now);
 }
 
-}  // namespace tamo
+}  // namespace tamo::log

@@ -15,7 +15,7 @@
 
 #include "host/base/fork.h"
 
-namespace tamo {
+namespace tamo::log {
 namespace {
 
 constexpr size_t kDateLength = 19;
@@ -262,4 +262,4 @@ uint32_t composeLogLine(LogLine *line, const LogOrigin &origin, const char *text
     return static_cast<uint32_t>(static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000);
 }
 
-}  // namespace tamo
+}  // namespace tamo::log

@@ -9,7 +9,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace tamo {
+namespace tamo::log {
 
 constexpr size_t kLogTextMax = 4096; /* bytes of a text before its characters are escaped */
 constexpr size_t kLogUnitMax = 64;
@@ -18,7 +18,6 @@ constexpr char kLogCutMark[] = "[cut]";
 
 struct LogLine {
     size_t length; /* with the line feed at its end */
-    char before;   /* room for a line feed, directly before the text */
     char text[kLogHeadMax + 4 * (kLogUnitMax + kLogTextMax) + 32];
 };
 
@@ -32,4 +31,4 @@ struct LogOrigin {
  * time in milliseconds, which wraps around. */
 uint32_t composeLogLine(LogLine *line, const LogOrigin &origin, const char *text, size_t limit);
 
-}  // namespace tamo
+}  // namespace tamo::log

@@ -17,7 +17,7 @@
 
 namespace {
 
-using tamo::LogFile;
+using namespace tamo::log;
 
 constexpr char kUnit[] = "tamo_om_log_client";
 constexpr uint8_t kLeastSevereShown = tamo::kWarning; /* on standard error, without a file */
@@ -44,23 +44,23 @@ LogFile *firstActiveFile() {
 }
 
 /* `file` null: to standard error, where only what is severe goes. */
-int32_t writeText(LogFile *file, const tamo::LogOrigin &origin, const char *text) {
+int32_t writeText(LogFile *file, const LogOrigin &origin, const char *text) {
     if (file == nullptr && (origin.level > kLeastSevereShown || origin.level == 0)) {
         return -1;
     }
-    const size_t limit = file == nullptr ? tamo::kLogTextMax : file->limits.recordSize.load();
-    tamo::LogLine line;
-    const uint32_t now = tamo::composeLogLine(&line, origin, text, limit);
+    const size_t limit = file == nullptr ? kLogTextMax : file->limits.recordSize.load();
+    LogLine line;
+    const uint32_t now = composeLogLine(&line, origin, text, limit);
     if (file == nullptr) {
         (void)!write(STDERR_FILENO, line.text, line.length);
         return -1;
     }
-    return tamo::writeLogLine(file, &line, now) ? 0 : -1;
+    return writeLogLine(file, line, now) ? 0 : -1;
 }
 
-int32_t writeFormatted(LogFile *file, const tamo::LogOrigin &origin, const char *format,
+int32_t writeFormatted(LogFile *file, const LogOrigin &origin, const char *format,
                        va_list arguments) {
-    char text[tamo::kLogTextMax + 2]; /* one more than the most, to see that it is cut */
+    char text[kLogTextMax + 2]; /* one more than the most, to see that it is cut */
     if (vsnprintf(text, sizeof(text), format, arguments) < 0) {
         return -1;
     }
@@ -68,7 +68,7 @@ int32_t writeFormatted(LogFile *file, const tamo::LogOrigin &origin, const char 
 }
 
 /* A name that stays within the log directory and apart from what lies there unseen. */
-bool isFileName(const char (&name)[tamo::kLogNameMax]) {
+bool isFileName(const char (&name)[kLogNameMax]) {
     const size_t length = strnlen(name, sizeof(name));
     if (length == 0 || length == sizeof(name) || name[0] == '.') {
         return false;
@@ -96,7 +96,7 @@ const char *faultOf(const OmLogCreateParam &param) {
     if (!isFileName(param.name)) {
         return "its name must have 1 to 31 characters and no separator, and not begin with a dot";
     }
-    if (param.recordSize == 0 || param.recordSize > tamo::kLogTextMax) {
+    if (param.recordSize == 0 || param.recordSize > kLogTextMax) {
         return "its records must be limited to 1 to 4096 bytes";
     }
     if (param.fileCount == 0 || param.fileCount > kMostFiles) {
@@ -162,7 +162,7 @@ int32_t TamoOmLogCreateLog(const OmLogCreateParam *param, uint16_t *logFileId) {
     file->limits.recordSize = param->recordSize;
     file->limits.fileCount = param->fileCount;
     file->limits.fileSize = param->fileSize;
-    if (!tamo::openLogFile(file)) {
+    if (!openLogFile(file)) {
         tamo::hostRecord(tamo::kError, kUnit, __LINE__,
                          "log/%s below the device root cannot be opened (%s): it must be a file "
                          "that is yours to write",
@@ -180,7 +180,7 @@ int32_t TamoOmLogModuleLogRecord(uint8_t level, uint16_t logFileId, const char *
         return -1;
     }
     const int error = errno;
-    const tamo::LogOrigin origin{level, fileName, line};
+    const LogOrigin origin{level, fileName, line};
     LogFile *file = activeFile(logFileId);
     int32_t result = -1;
     va_list arguments;

@@ -227,7 +227,7 @@ TEST_F(LogClient, ALineThatAKilledWriterLeftIsNotContinued) {
     const uint16_t id = create();
     EXPECT_EQ(record(id, "after"), 0);
     EXPECT_EQ(record(id, "later"), 0);
-    EXPECT_EQ(texts(), (std::vector<std::string>{"?whole", "?cut o", "after", "later"}));
+    EXPECT_EQ(texts(), (std::vector<std::string>{"?whole", "?cut ", "after", "later"}));
 }
 
 TEST_F(LogClient, AllocatesNothing) {

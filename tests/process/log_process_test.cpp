@@ -1,7 +1,11 @@
 /* Processes that share one log file: every record of every writer is there once, whole and in its
  * order, whatever happens to the files and to other writers meanwhile. */
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -24,6 +28,19 @@ constexpr uint32_t kFileSize = 20000;
 constexpr uint32_t kFileCount = 900; /* none is dropped here */
 constexpr int kThreads = 2;
 constexpr int kRecords = 4000;
+
+/* Stands before the C library's: after so many writes one is cut short by a kill. */
+std::atomic<int> cutAfter = 0;
+extern "C" ssize_t cutWrite(int, const void *, size_t) __asm__("write");
+
+ssize_t cutWrite(int file, const void *data, size_t size) {
+    const bool cut = file > STDERR_FILENO && cutAfter > 0 && --cutAfter == 0;
+    const ssize_t written = syscall(SYS_write, file, data, cut ? size * 2 / 3 : size);
+    if (cut) {
+        (void)raise(SIGKILL);
+    }
+    return written;
+}
 
 uint16_t create() {
     OmLogCreateParam param = {512, kFileCount, kFileSize, {}};
@@ -54,12 +71,26 @@ const support::ChildRole writer("writer", [](const support::ChildArguments &argu
     return written && other ? 0 : 1;
 });
 
-/* Writes until it is killed. */
+/* Writes until it is killed; with a number, by itself within its record of that number. */
 const support::ChildRole victim("victim", [](const support::ChildArguments &arguments) {
     const uint16_t id = create();
     support::tellParent(id == 0 ? "failed" : "ready");
+    cutAfter = arguments.size() > 1 ? std::stoi(arguments[1]) : 0;
     writeRecords(id, arguments.at(0), 1000000000);
     return 1;
+});
+
+/* Opens the log for each of its records. */
+const support::ChildRole opener("opener", [](const support::ChildArguments &arguments) {
+    support::tellParent("ready");
+    support::hearParent();
+    for (int i = 0; i < kRecords; ++i) {
+        if (TamoOmLogModuleLogRecord(3, create(), "unit", 4, 7, "%s %d", arguments[0].c_str(), i) !=
+            0) {
+            return 1;
+        }
+    }
+    return 0;
 });
 
 fs::path logFile(uint32_t number) {
@@ -109,11 +140,15 @@ class SharedLog : public testing::Test {
         return next;
     }
 
+    /* False when the line is neither a whole record, of its writer's next number, nor a piece of a
+     * killed writer's. */
     static bool takeLine(const std::string &line, std::map<std::string, int> *next) {
-        const size_t unit = line.rfind(" unit:7 ");
+        const std::string origin = "INFO   log_process_test[";
+        const size_t unit = line.find(" unit:7 ");
         const size_t blank = line.rfind(' ');
-        if (unit == std::string::npos || blank <= unit + 8) {
-            return false;
+        const bool isWhole = unit != std::string::npos && blank > unit + 8;
+        if (line.find(origin) != 27 || line.rfind(origin) != 27 || !isWhole) {
+            return line.find("writer") == std::string::npos && line.rfind(origin) <= 27;
         }
         int *number = &(*next)[line.substr(unit + 8, blank - unit - 8)];
         return line.substr(blank + 1) == std::to_string((*number)++);
@@ -122,16 +157,42 @@ class SharedLog : public testing::Test {
     std::vector<std::unique_ptr<support::ChildProcess>> writers_;
 };
 
-TEST_F(SharedLog, RotationKilledWritersAndDeletedCountersCostNoRecord) {
+TEST_F(SharedLog, WritersThatAreKilledWithinALineHarmNoRecordAndNoLimit) {
+    support::ChildProcess again("opener", {"writer.again"});
+    ASSERT_EQ(again.hear(), "ready");
+    again.tell("go");
+    for (auto &child : writers_) {
+        child->tell("go");
+    }
+    for (int i = 0; i < 20; ++i) {
+        support::ChildProcess child("victim",
+                                    {"victim" + std::to_string(i), std::to_string(1 + i)});
+        ASSERT_EQ(child.hear(), "ready");
+        EXPECT_EQ(child.wait(), support::killed(SIGKILL));
+    }
+    EXPECT_EQ(again.wait(60), support::exited(0));
+    expectEveryRecord();
+    for (uint32_t number = 0; number < kFileCount; ++number) {
+        std::error_code missing;
+        const auto size = fs::file_size(logFile(number), missing);
+        EXPECT_TRUE(missing || size <= kFileSize) << number << " has " << size << " bytes";
+    }
+}
+
+TEST_F(SharedLog, CountersThatSomebodyDeletesOrCutsCostNoRecord) {
     const fs::path counters =
         fs::path(support::scratchRoot()) / "run" / (std::string("log.") + kName);
     for (auto &child : writers_) {
         child->tell("go");
     }
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < 6; ++i) {
         support::ChildProcess child("victim", {"victim" + std::to_string(i)});
         ASSERT_EQ(child.hear(), "ready");
-        EXPECT_TRUE(fs::remove(counters));
+        if (i % 2 == 0) {
+            EXPECT_TRUE(fs::remove(counters));
+        } else {
+            fs::resize_file(counters, 0);
+        }
         child.kill();
     }
     expectEveryRecord();
