@@ -83,8 +83,8 @@ size_t pieceLength(const char *text) {
 /* Copies a segment into a terminated text; 0, or the platform's error codes added up. Any other value
  * is a failure: platforms differ in the sign of their codes. */
 int copySegment(char (&buffer)[kSegmentLength + 2], const char *data, uint32_t length) {
-    return memset_s(buffer, sizeof(buffer), 0, sizeof(buffer)) +
-           memcpy_s(buffer, sizeof(buffer), data, length);
+    const int cleared = memset_s(buffer, sizeof(buffer), 0, sizeof(buffer));
+    return cleared + memcpy_s(buffer, sizeof(buffer), data, length);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include "host/memory/mem_table.h"
 
-namespace tamo {
+namespace tamo::memory {
 namespace {
 
 /* Full up to here, the search ends and the block counts for the other site. */
@@ -110,4 +110,4 @@ void memAccountGive(uint32_t site, size_t bytes) {
     }
 }
 
-}  // namespace tamo
+}  // namespace tamo::memory

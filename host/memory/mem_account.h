@@ -1,9 +1,11 @@
 /* The account of outstanding memory blocks: per statement (file and line) how many blocks it took
  * that were not released yet, and their bytes.
  *
- * The table is a file, run/mem.<pid> below the device root, that its process maps and keeps locked
- * (a POSIX record lock) as long as it lives: any other process may read it at any time, and sees by
- * the lock whether the numbers are of a living process. The layout is the same in both pointer
+ * How it works. Every block's header (tamo_os_mem) knows its site in the table (mem_account), so that
+ * a release finds it without a search; counting takes no lock. The table (mem_table) lies in shared
+ * memory. The file run/mem.<pid> below the device root tells where, and its process keeps it locked
+ * (a POSIX record lock) as long as it lives: any other process may look at any time (mem_report), and
+ * sees by the lock whether the numbers are of a living process. The layout is the same in both pointer
  * widths. Without a usable device root the table is private memory. */
 #pragma once
 #include <stddef.h>
@@ -11,9 +13,9 @@
 
 #include <atomic>
 
-namespace tamo {
+namespace tamo::memory {
 
-constexpr uint32_t kMemTableMagic = 0x4D454D31; /* "MEM1": also the version of the layout */
+constexpr uint32_t kMemTableMagic = 0x4D454D32; /* "MEM2": also the version of the layout */
 constexpr uint32_t kMemSites = 1024;
 constexpr uint32_t kMemOtherSite = 0; /* what found no place in the table */
 constexpr size_t kMemFileSize = 40;
@@ -53,4 +55,4 @@ const MemTable *memTable();
 /* Copies the table of another process; false when no living process has one. */
 bool readMemTable(uint32_t pid, MemTable *copy);
 
-}  // namespace tamo
+}  // namespace tamo::memory

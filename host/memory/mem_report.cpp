@@ -23,13 +23,13 @@ struct Free {
 
 struct Snapshot {
     uint32_t count;
-    TamoHostMemSite sites[tamo::kMemSites];
+    TamoHostMemSite sites[tamo::memory::kMemSites];
 };
 
 using SnapshotOwner = std::unique_ptr<Snapshot, Free>;
 
 /* A counter as its process's width has it; a negative one counts nothing. */
-uint64_t reading(const tamo::MemCounter &counter) {
+uint64_t reading(const tamo::memory::MemCounter &counter) {
     uint64_t value = counter.value.load(std::memory_order_relaxed);
     if constexpr (sizeof(size_t) < sizeof(value)) {
         uint32_t upper = 0;
@@ -44,9 +44,9 @@ bool isOutstanding(uint64_t blocks) {
     return blocks != 0 && blocks < INT32_MAX;
 }
 
-void takeSite(const tamo::MemSite &site, Snapshot *snapshot) {
+void takeSite(const tamo::memory::MemSite &site, Snapshot *snapshot) {
     const uint64_t blocks = reading(site.blocks);
-    if (site.state.load(std::memory_order_acquire) != tamo::kMemSiteReady ||
+    if (site.state.load(std::memory_order_acquire) != tamo::memory::kMemSiteReady ||
         !isOutstanding(blocks)) {
         return;
     }
@@ -66,10 +66,10 @@ bool isLarger(const TamoHostMemSite &a, const TamoHostMemSite &b) {
     return order != 0 ? order < 0 : a.line < b.line;
 }
 
-SnapshotOwner takeSnapshot(const tamo::MemTable &table) {
+SnapshotOwner takeSnapshot(const tamo::memory::MemTable &table) {
     SnapshotOwner snapshot(static_cast<Snapshot *>(calloc(1, sizeof(Snapshot))));
     if (snapshot != nullptr) {
-        for (const tamo::MemSite &site : table.sites) {
+        for (const tamo::memory::MemSite &site : table.sites) {
             takeSite(site, snapshot.get());
         }
         std::sort(snapshot->sites, snapshot->sites + snapshot->count, isLarger);
@@ -79,15 +79,15 @@ SnapshotOwner takeSnapshot(const tamo::MemTable &table) {
 
 uint32_t snapshotOf(uint32_t pid, SnapshotOwner *snapshot) {
     if (pid == 0 || pid == static_cast<uint32_t>(getpid())) {
-        const tamo::MemTable *table = tamo::memTable();
+        const tamo::memory::MemTable *table = tamo::memory::memTable();
         *snapshot = table == nullptr ? nullptr : takeSnapshot(*table);
     } else {
         if (tamo::rootDirectory("run") < 0) {
             return TAMO_HOST_NO_ROOT;
         }
-        std::unique_ptr<tamo::MemTable, Free> copy(static_cast<tamo::MemTable *>(
-            aligned_alloc(alignof(tamo::MemTable), sizeof(tamo::MemTable))));
-        if (copy != nullptr && !tamo::readMemTable(pid, copy.get())) {
+        std::unique_ptr<tamo::memory::MemTable, Free> copy(static_cast<tamo::memory::MemTable *>(
+            aligned_alloc(alignof(tamo::memory::MemTable), sizeof(tamo::memory::MemTable))));
+        if (copy != nullptr && !tamo::memory::readMemTable(pid, copy.get())) {
             return TAMO_HOST_NO_RECEIVER;
         }
         *snapshot = copy == nullptr ? nullptr : takeSnapshot(*copy);

@@ -1,4 +1,5 @@
-/* The table's file: made at a process's first block, removed at its end, read by others.
+/* The table: made at a process's first block, gone at its end, read by others. It lies in a shared
+ * page, whose number the table's file tells.
  *
  * A child of fork gets a table of its own, a copy, since it also got the blocks. The copy becomes a
  * file when the child first takes or releases a block, so that a child that only calls exec leaves
@@ -16,11 +17,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/fork.h"
 #include "host/base/log.h"
+#include "host/base/shared_page.h"
 
-namespace tamo {
+namespace tamo::memory {
 
 std::atomic<MemTable *> mappedMemTable;
 
@@ -37,8 +40,16 @@ struct FileName {
 /* Everything below is changed with the lock held. */
 pthread_mutex_t tableLock = PTHREAD_MUTEX_INITIALIZER;
 MemTable *inherited; /* a fork's copy that has no file yet */
-int tableFile = -1;  /* open for its lock */
+int tableFile = -1;  /* open for its lock; without it the table is private memory */
 int tableDirectory = -1;
+
+/* What the file holds. */
+struct TableFile {
+    uint32_t magic;
+    int32_t number;
+};
+
+static_assert(sizeof(TableFile) == 8);
 
 FileName fileName(uint32_t pid) {
     FileName name;
@@ -46,9 +57,9 @@ FileName fileName(uint32_t pid) {
     return name;
 }
 
-MemTable *map(int file) {
-    const int flags = file < 0 ? MAP_PRIVATE | MAP_ANONYMOUS : MAP_SHARED;
-    void *memory = mmap(nullptr, sizeof(MemTable), PROT_READ | PROT_WRITE, flags, file, 0);
+MemTable *mapPrivate() {
+    void *memory =
+        mmap(nullptr, sizeof(MemTable), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return memory == MAP_FAILED ? nullptr : static_cast<MemTable *>(memory);
 }
 
@@ -67,28 +78,37 @@ bool isLocked(int file) {
     return fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-/* Takes the disk space at once, since a full disk must not show as a bus error later. */
-MemTable *mapNewFile(int directory, int *file) {
-    const FileName name = fileName(static_cast<uint32_t>(getpid()));
-    (void)unlinkat(directory, name.text, 0); /* of an earlier process with this id */
-    const int opened =
-        openat(directory, name.text, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (opened < 0) {
+/* Null, with errno set, when there is no memory or no room on the disk. */
+MemTable *fillFile(int file) {
+    TableFile content = {kMemTableMagic, -1};
+    void *page = makeSharedPage(sizeof(MemTable), &content.number);
+    if (page == nullptr) {
         return nullptr;
     }
-    MemTable *table = nullptr;
-    if (lockFile(opened)) {
-        errno = posix_fallocate(opened, 0, sizeof(MemTable));
-        table = errno == 0 ? map(opened) : nullptr;
+    errno = ENOSPC;
+    if (write(file, &content, sizeof(content)) != ssize_t{sizeof(content)}) {
+        leaveSharedPage(page);
+        return nullptr;
     }
+    return static_cast<MemTable *>(page);
+}
+
+MemTable *makeSharedTable(int directory, int *file) {
+    const FileName name = fileName(static_cast<uint32_t>(getpid()));
+    (void)unlinkat(directory, name.text, 0); /* of an earlier process with this id */
+    Descriptor opened(
+        openat(directory, name.text, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!opened.isOpen()) {
+        return nullptr;
+    }
+    MemTable *table = lockFile(opened.get()) ? fillFile(opened.get()) : nullptr;
     if (table == nullptr) {
         const int error = errno;
         (void)unlinkat(directory, name.text, 0);
-        close(opened);
         errno = error;
         return nullptr;
     }
-    *file = opened;
+    *file = opened.release();
     return table;
 }
 
@@ -172,11 +192,15 @@ void afterForkInParent() {
 void afterForkInChild() {
     MemTable *parents = mappedMemTable.exchange(nullptr);
     if (parents != nullptr) {
-        inherited = map(-1);
+        inherited = mapPrivate();
         if (inherited != nullptr) {
             copySites(parents, inherited);
         }
-        munmap(parents, sizeof(MemTable));
+        if (tableFile >= 0) {
+            leaveSharedPage(parents);
+        } else {
+            munmap(parents, sizeof(MemTable));
+        }
     }
     if (tableFile >= 0) {
         close(tableFile);
@@ -207,10 +231,10 @@ MemTable *openMemTable() {
         tableDirectory = directory;
         if (directory >= 0) {
             removeLeftovers(directory);
-            table = mapNewFile(directory, &tableFile);
+            table = makeSharedTable(directory, &tableFile);
             error = table == nullptr ? errno : 0;
         }
-        table = table != nullptr ? table : map(-1);
+        table = table != nullptr ? table : mapPrivate();
         if (table != nullptr) {
             prepareTable(table);
             mappedMemTable.store(table, std::memory_order_release);
@@ -232,17 +256,22 @@ const MemTable *memTable() {
 
 bool readMemTable(uint32_t pid, MemTable *copy) {
     const int directory = rootDirectory("run");
-    const int file = directory < 0 ? -1
-                                   : openat(directory, fileName(pid).text,
-                                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) {
+    const Descriptor file(directory < 0 ? -1
+                                        : openat(directory, fileName(pid).text,
+                                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    TableFile content = {};
+    if (!file.isOpen() || !isLocked(file.get()) ||
+        pread(file.get(), &content, sizeof(content), 0) != ssize_t{sizeof(content)} ||
+        content.magic != kMemTableMagic) {
         return false;
     }
-    const bool read = isLocked(file) &&
-                      pread(file, copy, sizeof(*copy), 0) == static_cast<ssize_t>(sizeof(*copy)) &&
-                      copy->magic == kMemTableMagic && copy->pid == pid;
-    close(file);
-    return read;
+    const void *page = joinSharedPage(content.number, sizeof(*copy), true);
+    if (page == nullptr) {
+        return false;
+    }
+    memcpy(static_cast<void *>(copy), page, sizeof(*copy));
+    leaveSharedPage(page);
+    return copy->magic == kMemTableMagic && copy->pid == pid;
 }
 
-}  // namespace tamo
+}  // namespace tamo::memory

@@ -4,7 +4,7 @@
 
 #include "host/memory/mem_account.h"
 
-namespace tamo {
+namespace tamo::memory {
 
 extern std::atomic<MemTable *> mappedMemTable;
 
@@ -16,4 +16,4 @@ inline MemTable *ownMemTable() {
     return table != nullptr ? table : openMemTable();
 }
 
-}  // namespace tamo
+}  // namespace tamo::memory

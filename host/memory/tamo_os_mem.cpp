@@ -39,7 +39,7 @@ uint32_t markOf(const BlockHeader *header) {
 __attribute__((no_sanitize("address"), no_sanitize("thread"), noinline)) bool isTaken(
     const BlockHeader *header) {
     return reinterpret_cast<uintptr_t>(header) % alignof(BlockHeader) == 0 &&
-           header->mark == markOf(header) && header->site < tamo::kMemSites;
+           header->mark == markOf(header) && header->site < tamo::memory::kMemSites;
 }
 
 /* Large blocks come and go with messages. The system's heap gives them back to the kernel as soon
@@ -84,7 +84,7 @@ void *OsMemMallocSetCharMon(size_t size, uint32_t, uint32_t, uint32_t, uint32_t 
     }
     header->mark = markOf(header);
     header->size = size;
-    header->site = tamo::memAccountTake(file, line, size);
+    header->site = tamo::memory::memAccountTake(file, line, size);
     return header + 1;
 }
 
@@ -100,7 +100,7 @@ uint32_t OSMemTypeFreeMon(void *block, uint32_t, uint32_t, uint32_t line, const 
                          file == nullptr ? "(unknown)" : file, line, block);
         return 1;
     }
-    tamo::memAccountGive(header->site, header->size);
+    tamo::memory::memAccountGive(header->site, header->size);
     wipeMark(header);
     free(header);
     return 0;

@@ -144,6 +144,9 @@ TEST(Account, IsReadByAnotherProcessWhileItsProcessLives) {
         EXPECT_EQ(account(id, 30, "holder"), "1/1000");
         EXPECT_EQ(TamoHostMemReport(id, stopAtOnce, nullptr), 7u);
         EXPECT_EQ(TamoHostMemReport(id, nullptr, nullptr), uint32_t{TAMO_HOST_INVALID});
+        fs::resize_file(tableOf(pid), 0);
+        EXPECT_EQ(TamoHostMemReport(id, stopAtOnce, nullptr), uint32_t{TAMO_HOST_NO_RECEIVER})
+            << "somebody cut its file, which harms only its report";
         if (isKilled) {
             child.kill();
         } else {
