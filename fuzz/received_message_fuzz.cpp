@@ -1,12 +1,11 @@
-/* Attacks what reads foreign bytes in a received message: tamo::receivePacket, tamo::faultOfPacket,
- * tamo::takeBody, tamo::codeAtPlace, the translation in TamoHostMsgReceive, and ConfCommMsgProcess.
+/* Attacks what reads foreign bytes in a received message: RingReader, faultOfHead, takeContent,
+ * codeAtPlace, the translation in TamoHostMsgReceive, and ConfCommMsgProcess.
  *
- * An input is one byte of choices and a packet. The choices give a packet what no mutation would find:
- * a true magic and version, the address of a handler that is really there, and a descriptor. */
+ * An input is one byte of choices and the bytes of a ring. The choices give the first record what no
+ * mutation would find: a true size and kind, the address of a handler that is really there, and a
+ * file. */
 #include <elf.h>
-#include <fcntl.h>
 #include <link.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -20,7 +19,7 @@
 #include <vector>
 
 #include "fuzz/scratch.h"
-#include "host/messages/buffer.h"
+#include "host/messages/ring.h"
 #include "include/conf_log_adapter.h"
 #include "include/conf_msg_api.h"
 #include "msg/message_format.h"
@@ -29,12 +28,14 @@
 
 namespace {
 
+using namespace tamo::messages;
+
 enum Choice : uint8_t {
     kTrueHead = 1,
     kTrueHandler = 2,
-    kWithFile = 4,   /* what follows the head goes into a memory file */
-    kSealed = 8,     /* ... that is sealed */
-    kWithSocket = 16 /* a socket comes with the packet */
+    kWithFile = 4,  /* what follows the head goes into a memory file */
+    kSealed = 8,    /* ... that is sealed */
+    kAsSegment = 16 /* the file is a ring that the first goes on in */
 };
 
 volatile uint32_t sum; /* so that the handler's reads are not optimised away */
@@ -55,7 +56,7 @@ uint32_t readAll(uint32_t param, void *data, uint32_t dataLength) {
 
 /* Puts this program's build id and the handler's offset into a head. */
 int describeHandler(dl_phdr_info *module, size_t, void *context) {
-    auto *head = static_cast<tamo::PacketHead *>(context);
+    auto *head = static_cast<RecordHead *>(context);
     for (int i = 0; i < module->dlpi_phnum; i++) {
         const ElfW(Phdr) &segment = module->dlpi_phdr[i];
         const auto *at = reinterpret_cast<const char *>(module->dlpi_addr + segment.p_vaddr);
@@ -64,9 +65,9 @@ int describeHandler(dl_phdr_info *module, size_t, void *context) {
             const auto *note = reinterpret_cast<const ElfW(Nhdr) *>(at);
             const char *description = at + sizeof(*note) + (note->n_namesz + 3) / 4 * 4;
             if (note->n_type == NT_GNU_BUILD_ID) {
-                head->buildIdLength =
+                head->prefix.buildIdLength =
                     static_cast<uint8_t>(std::min<uint32_t>(note->n_descsz, sizeof(head->buildId)));
-                memcpy(head->buildId, description, head->buildIdLength);
+                memcpy(head->buildId, description, head->prefix.buildIdLength);
             }
             at = description + (note->n_descsz + 3) / 4 * 4;
         }
@@ -87,72 +88,60 @@ int connectToQueue(const std::string &root) {
     return sender;
 }
 
-int fileOf(const uint8_t *data, size_t size, bool sealed) {
-    const int file = memfd_create("fuzz", MFD_ALLOW_SEALING | MFD_CLOEXEC);
-    if (write(file, data, size) != static_cast<ssize_t>(size)) {
-        abort();
-    }
-    if (sealed) {
-        fcntl(file, F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
+tamo::Descriptor fileOf(const std::vector<uint8_t> &bytes, uint8_t choices) {
+    tamo::Descriptor file;
+    Mapping mapping;
+    if ((choices & kSealed) != 0) {
+        (void)createSealed(bytes.data(), bytes.size(), nullptr, 0, &file);
+    } else if (createShared(kPage + kFirstRequests, &file, &mapping) == 0) {
+        const size_t size = std::min<size_t>(bytes.size(), kFirstRequests);
+        memcpy(mapping.bytes() + kPage, bytes.data(), size);
+        reinterpret_cast<RingControl *>(mapping.bytes())->written = static_cast<uint32_t>(size);
     }
     return file;
 }
 
-void sendWith(int sender, const void *bytes, size_t size, int descriptor) {
-    iovec part = {const_cast<void *>(bytes), size};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    if (descriptor >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        cmsghdr *head = CMSG_FIRSTHDR(&message);
-        *head = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-        memcpy(CMSG_DATA(head), &descriptor, sizeof(descriptor));
-    }
-    (void)sendmsg(sender, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-}
-
-tamo::PacketHead trueHead() {
-    tamo::PacketHead head = {};
-    head.magic = tamo::kPacketMagic;
-    head.version = tamo::kWireVersion;
-    head.pointerWidth = tamo::kPointerWidth;
-    return head;
-}
-
 void sendInput(int sender, const uint8_t *data, size_t size) {
     const uint8_t choices = data[0];
-    std::vector<uint8_t> packet(data + 1, data + size);
-    tamo::PacketHead head;
-    const bool hasHead = packet.size() >= sizeof(head);
-    if (hasHead && (choices & (kTrueHead | kTrueHandler)) != 0) {
-        memcpy(&head, packet.data(), sizeof(head));
+    std::vector<uint8_t> ring(data + 1, data + std::min<size_t>(size, kFirstRequests));
+    RecordHead head;
+    tamo::Descriptor passed;
+    if (ring.size() >= sizeof(head)) {
+        memcpy(&head, ring.data(), sizeof(head));
         if ((choices & kTrueHandler) != 0) {
             dl_iterate_phdr(describeHandler, &head);
         }
-        const tamo::PacketHead begin = trueHead();
-        memcpy(&head, &begin, offsetof(tamo::PacketHead, kind));
-        snprintf(head.receiver, sizeof(head.receiver), "Fuzz");
-        memcpy(packet.data(), &head, sizeof(head));
+        std::vector<uint8_t> rest(ring.begin() + sizeof(head), ring.end());
+        if ((choices & kWithFile) != 0) {
+            passed = fileOf(rest, choices);
+            ring.resize(sizeof(head));
+        }
+        ring.resize(ring.size() / 8 * 8);
+        if ((choices & kTrueHead) != 0) {
+            head.prefix.size = static_cast<uint32_t>(ring.size());
+            head.prefix.kind = kMessage;
+            head.prefix.flags &= kSenderWaits | kInFile;
+            head.listLength = 0;
+            head.sender[sizeof(head.sender) - 1] = '\0';
+        }
+        if ((choices & kAsSegment) != 0) {
+            head.prefix.size = sizeof(RecordPrefix);
+            head.prefix.kind = kSegment;
+        }
+        memcpy(ring.data(), &head, sizeof(head));
     }
-    int descriptor = -1;
-    if (hasHead && (choices & kWithFile) != 0) {
-        descriptor = fileOf(packet.data() + sizeof(head), packet.size() - sizeof(head),
-                            (choices & kSealed) != 0);
-        packet.resize(sizeof(head));
-    } else if ((choices & kWithSocket) != 0) {
-        descriptor = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    tamo::Descriptor file;
+    Mapping mapping;
+    if (createShared(kConnectionFile, &file, &mapping) != 0) {
+        abort();
     }
-    if (descriptor >= 0) {
-        tamo::PacketHead announcement = trueHead();
-        announcement.kind = tamo::kAnnouncement;
-        sendWith(sender, &announcement, sizeof(announcement), -1);
-    }
-    sendWith(sender, packet.data(), packet.size(), descriptor);
-    if (descriptor >= 0) {
-        close(descriptor);
+    const Segment requests = firstRequests(mapping);
+    memcpy(requests.bytes, ring.data(), ring.size());
+    requests.control->written = static_cast<uint32_t>(ring.size());
+    const Hello hello = {kWireMagic, kWireVersion, kPointerWidth, {}, 0};
+    (void)sendPacket(sender, &hello, sizeof(hello), file.get());
+    if (passed.isOpen()) {
+        (void)sendPacket(sender, "f", 1, passed.get());
     }
 }
 

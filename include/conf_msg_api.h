@@ -8,7 +8,11 @@
  * 3. A receiver's name has at most 15 characters.
  * 4. Any thread may send. Handlers run on the thread that calls ConfCommMsgProcess; the
  *    notification callback runs on the notifying thread.
- * 5. Failures leave an error record that names the receiver and the platform's code.
+ * 5. Failures leave an error record that names the receiver and the platform's code, except where an
+ *    asynchronous send says otherwise.
+ * 6. On a workstation a queue holds up to CONF_MSG_QUEUE_MESSAGES messages and CONF_MSG_QUEUE_BYTES
+ *    bytes of them, from all senders together; a send beyond is refused at once. A queued message
+ *    arrives also when its sender ends, in the order in which one thread sent.
  *
  *     uint32_t size = count * sizeof(ConfConfigListItem);
  *     MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(items, size);
@@ -33,6 +37,12 @@ typedef struct OsMsgHeader OsMsgHeader;
 enum {
     CONF_COMM_ERR_MSG_INVALID = 10001003, /* the message or its content is unusable */
     CONF_COMM_ERR_FAILED = 10001004       /* the message was not sent or not answered */
+};
+
+enum {
+    CONF_MSG_MAX_DATA = 33554432 + 83, /* bytes of data in one message: a block of 32 MiB */
+    CONF_MSG_QUEUE_MESSAGES = 2097152, /* that wait in one queue; see 6. */
+    CONF_MSG_QUEUE_BYTES = 134217728   /* of their bodies, each of 16 or 24 bytes and the data */
 };
 
 /* What a message makes its receiver run. `data` is the receiver's copy of the sender's data and may
@@ -67,8 +77,8 @@ typedef struct MeetingServerMsgBlock {
 uint32_t ConfCommMsgSynSend(const char *receiverProcess, ConfMsgHandler handler, uint32_t param,
                             void *data, uint32_t dataLength);
 
-/* Makes a process run `handler` and waits up to `timeout` (milliseconds on a workstation) for the
- * response. `data` holds `dataLength` bytes to send, or is null; the response's data replaces them,
+/* Makes a process run `handler` and waits up to `timeout` (milliseconds on a workstation, 0xFFFFFFFF:
+ * for ever) for the response, also for a process that comes to life meanwhile. `data` holds `dataLength` bytes to send, or is null; the response's data replaces them,
  * or leaves them as they were when it is longer. Returns the handler's result, or
  * CONF_COMM_ERR_FAILED with `data` untouched. */
 uint32_t ConfCommMsgSynSendImpl(const char *receiverProcess, ConfMsgHandler handler, uint32_t param,
@@ -82,7 +92,9 @@ uint32_t ConfCommMsgSynSendImplHaveResp(const char *receiverTask, ConfMsgHandler
                                         uint32_t timeout);
 
 /* Queues a message without waiting: 0, or CONF_COMM_ERR_FAILED. `data` may be null only when
- * `dataLength` is 0, and is the caller's again on return. */
+ * `dataLength` is 0, and is the caller's again on return. A null argument, a receiver's name of more
+ * than 15 characters and a lack of memory leave no record here; a send that the platform refuses
+ * does. */
 uint32_t ConfCommMsgAsynSend(const char *receiverProcess, ConfMsgHandler handler, uint32_t param,
                              const void *data, uint32_t dataLength);
 

@@ -3,7 +3,8 @@
  * 1. Results are 0 for success; another value tells why a message did not go.
  * 2. A message is a header, and a body that the header points to. The body begins with the address
  *    of the function that the receiver is asked to run (message ids 1 and 2).
- * 3. Time-outs are in milliseconds on the workstation host; on a device they are the device's.
+ * 3. Time-outs are in milliseconds on the workstation host, 0xFFFFFFFF waits for ever; on a device
+ *    they are the device's.
  * 4. Any thread may send. A sender keeps its header and body; the layer copies what it needs before
  *    a send returns.
  * 5. A message of id 2 carries a message block behind the body's header. In a received request its
@@ -12,7 +13,11 @@
  *    own from libtamo_os_mem, the receiver's block is released by the layer once the response went
  *    out, and by nobody else. When the response does not go out, the receiver keeps it; where the
  *    response's data is longer than the request's, the sender can take neither, and no buffer
- *    crosses. */
+ *    crosses.
+ * 6. A queue of the workstation host holds up to 2,097,152 messages and 134,217,728 bytes of their
+ *    bodies, from all senders together. The largest body is that of 33,554,432 + 83 bytes of data. A
+ *    send beyond these limits is refused at once, with a record that names the queue, what waits in
+ *    it and the limit. A queued message arrives also when its sender ends. */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -47,8 +52,8 @@ uint32_t OsMsgSynSend(OsMsgHeader *header, OsMsgHeader **response, uint32_t time
 uint32_t OsMsgSynRespFree(OsMsgHeader *response);
 
 /* Queues a message and returns without waiting, also when it cannot be queued: with no receiver, or
- * a receiver whose queue is full, it fails. Messages of one thread to one receiver arrive in order.
- */
+ * a receiver whose queue is full, it fails. Messages of one thread to one receiver arrive in order,
+ * those that it waits for and those that it does not. */
 uint32_t OsMsgAsynSend(OsMsgHeader *header);
 
 /* Answers the waiting sender of a received message with `bodyLength` bytes of `body`, once. Fails

@@ -7,48 +7,57 @@
 #include <sys/socket.h>
 
 #include "host/base/log.h"
-#include "host/messages/body.h"
+#include "host/messages/block.h"
 #include "host/messages/queue.h"
-#include "host/messages/wire.h"
 #include "tamo_os_mem.h"
 
-namespace {
+namespace tamo::messages {
 
-using tamo::hostRecord;
-using tamo::Message;
-using tamo::PacketHead;
+int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list) {
+    const std::lock_guard<std::mutex> lock(peer->answerLock);
+    if (peer->control->awaited.load(std::memory_order_acquire) != head->serial ||
+        !peer->socket.isOpen()) {
+        return EPIPE;
+    }
+    const int error = placeRecord(&peer->responses, peer->socket.get(), head, body, list);
+    if (error != 0) {
+        return error;
+    }
+    (void)peer->responses.publish();
+    return sendWakeUp(peer->socket.get());
+}
+
+void sendRefusal(Peer *peer, uint32_t serial, uint32_t reason) {
+    RecordHead head = {};
+    head.prefix.kind = kRefusal;
+    head.prefix.reason = static_cast<uint8_t>(reason);
+    head.serial = serial;
+    (void)sendAnswer(peer, &head, nullptr, nullptr); /* a sender that is gone needs none */
+}
+
+namespace {
 
 constexpr const char *kUnit = "tamo_os_msg";
 
 /* Sends a response, with the list that hangs on its block. 0, or a TAMO_HOST_ code. */
 uint32_t sendResponse(const Message &message, const void *body, uint32_t bodyLength,
-                      const tamo::ResultList &list) {
-    tamo::Packet packet;
-    PacketHead *head = &packet.head;
-    tamo::beginHead(head, tamo::kResponse, message.packet.serial);
-    head->msgId = message.packet.msgId;
-    memcpy(head->sender, message.packet.receiver, sizeof(head->sender));
-    memcpy(head->receiver, message.packet.sender, sizeof(head->receiver));
-    head->bodyLength = bodyLength;
-    packet.body = body;
+                      const ResultList &list) {
+    RecordHead head = {};
+    head.prefix.kind = kResponse;
+    head.serial = message.record.serial;
+    head.msgId = message.record.msgId;
+    head.bodyLength = bodyLength;
     if (list.list != nullptr) {
-        head->flags = tamo::kHasList;
-        head->listLength = list.size;
-        packet.list = list.list;
+        head.prefix.flags = kHasList;
+        head.listLength = list.size;
     }
-    /* A window is the sender's to make: where there is none, a file has to do. */
-    tamo::Window *window = message.peer->window.isOpen() ? &message.peer->window : nullptr;
-    tamo::Descriptor none;
-    int error = tamo::packBody(&packet, window, &none);
-    if (error == 0) {
-        error = tamo::sendPacket(message.peer->socket.get(), &packet, MSG_DONTWAIT);
-    }
+    const int error = sendAnswer(message.peer, &head, body, list.list);
     if (error == 0) {
         return TAMO_HOST_OK;
     }
     const bool gone = error == EPIPE || error == ECONNRESET || error == EBADF;
-    hostRecord(gone ? tamo::kWarning : tamo::kError, kUnit, __LINE__,
-               "no response could be sent to %s of process %d: %s", message.packet.sender,
+    hostRecord(gone ? kWarning : kError, kUnit, __LINE__,
+               "no response could be sent to %s of process %d: %s", message.record.sender,
                static_cast<int>(message.peer->identity.pid),
                gone ? "it no longer waits" : strerror(error));
     const bool noMemory = error == ENOMEM || error == ENOBUFS || error == ENOSPC;
@@ -56,16 +65,16 @@ uint32_t sendResponse(const Message &message, const void *body, uint32_t bodyLen
 }
 
 uint32_t checkResponse(const Message *message, const void *body, uint32_t bodyLength,
-                       const tamo::ResultList &list) {
+                       const ResultList &list) {
     if (message == nullptr || (body == nullptr && bodyLength > 0)) {
-        hostRecord(tamo::kWarning, kUnit, __LINE__, "a response without message or body was sent");
+        hostRecord(kWarning, kUnit, __LINE__, "a response without message or body was sent");
         return TAMO_HOST_INVALID;
     }
-    if (bodyLength > tamo::kMaxBody || list.size > tamo::kMaxList) {
+    if (bodyLength > kMaxBody || list.size > kMaxList) {
         hostRecord(
-            tamo::kWarning, kUnit, __LINE__,
+            kWarning, kUnit, __LINE__,
             "a response of %u bytes with a list of %u bytes was sent, %u and %u are the most",
-            bodyLength, list.size, tamo::kMaxBody, tamo::kMaxList);
+            bodyLength, list.size, kMaxBody, kMaxList);
         return TAMO_HOST_TOO_LARGE;
     }
     return TAMO_HOST_OK;
@@ -73,32 +82,35 @@ uint32_t checkResponse(const Message *message, const void *body, uint32_t bodyLe
 
 /* Releases the list on `body`, and forgets it there. */
 void releaseList(void *body) {
-    const tamo::ResultList list = tamo::readList(body);
+    const ResultList list = readList(body);
     if (list.list != nullptr) {
         (void)OSMemTypeFreeMon(list.list, 0, 0, __LINE__, kUnit);
-        tamo::writeList(body, {nullptr, 0});
+        writeList(body, {nullptr, 0});
     }
 }
 
 /* The list went out: the layer releases the block that it was in. */
-void releaseSentList(Message *message, void *body, const tamo::ResultList &list) {
-    void *own = tamo::bodyOf(message);
-    if (body != own && tamo::hasBlock(message->packet.msgId, message->packet.bodyLength) &&
-        tamo::readList(own).list == list.list) {
+void releaseSentList(Message *message, void *body, const ResultList &list) {
+    void *own = bodyOf(message);
+    if (body != own && hasBlock(message->record.msgId, message->record.bodyLength) &&
+        readList(own).list == list.list) {
         /* The response was a copy of the message's body, and both name the block. */
-        tamo::writeList(own, {nullptr, 0});
+        writeList(own, {nullptr, 0});
     }
     releaseList(body);
 }
 
 }  // namespace
 
+}  // namespace tamo::messages
+
+using namespace tamo::messages;
+
 uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) {
-    Message *message = header != nullptr ? tamo::messageOf(header) : nullptr;
-    tamo::ResultList list = {nullptr, 0};
-    if (message != nullptr && body != nullptr &&
-        tamo::hasBlock(message->packet.msgId, bodyLength)) {
-        list = tamo::readList(body);
+    Message *message = header != nullptr ? messageOf(header) : nullptr;
+    ResultList list = {nullptr, 0};
+    if (message != nullptr && body != nullptr && hasBlock(message->record.msgId, bodyLength)) {
+        list = readList(body);
         list.size = list.list != nullptr ? list.size : 0;
     }
     uint32_t result = checkResponse(message, body, bodyLength, list);
@@ -108,7 +120,7 @@ uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) 
     if (!message->waiting.exchange(false, std::memory_order_acq_rel)) {
         hostRecord(tamo::kWarning, kUnit, __LINE__,
                    "a message of %s was answered that nobody waits for any more",
-                   message->packet.sender);
+                   message->record.sender);
         return TAMO_HOST_INVALID;
     }
     result = sendResponse(*message, body, bodyLength, list);
@@ -125,16 +137,16 @@ void TamoHostMsgFree(OsMsgHeader *header) {
     if (header == nullptr) {
         return;
     }
-    Message *message = tamo::messageOf(header);
-    const PacketHead &packet = message->packet;
+    Message *message = messageOf(header);
+    const RecordHead &record = message->record;
     if (message->waiting.exchange(false, std::memory_order_acq_rel)) {
-        tamo::sendRefusal(message->peer->socket.get(), packet.serial, TAMO_HOST_GONE);
+        sendRefusal(message->peer, record.serial, TAMO_HOST_GONE);
     }
-    if (tamo::hasBlock(packet.msgId, packet.bodyLength)) {
-        releaseList(tamo::bodyOf(message));
+    if (hasBlock(record.msgId, record.bodyLength)) {
+        releaseList(bodyOf(message));
     }
     if (message->peer != nullptr) {
-        tamo::releasePeer(message->peer);
+        releasePeer(message->peer);
     }
-    tamo::giveMessageBack(message);
+    releaseMessage(message);
 }

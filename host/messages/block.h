@@ -5,7 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
-namespace tamo {
+namespace tamo::messages {
 
 constexpr uint32_t kProcessMessage = 1;
 constexpr uint32_t kTaskMessage = 2;
@@ -64,4 +64,4 @@ inline void writeList(void *body, ResultList list) {
     memcpy(static_cast<char *>(body) + kListSizeField, &list.size, sizeof(list.size));
 }
 
-}  // namespace tamo
+}  // namespace tamo::messages

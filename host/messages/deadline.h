@@ -3,7 +3,9 @@
 #include <stdint.h>
 #include <time.h>
 
-namespace tamo {
+namespace tamo::messages {
+
+constexpr uint32_t kForEver = UINT32_MAX;
 
 class Deadline {
   public:
@@ -12,13 +14,19 @@ class Deadline {
         end_ = timeoutMs > 0 ? nowMs() + timeoutMs + 1 : 0;
     }
 
-    /* Milliseconds that are left. */
+    /* Milliseconds that are left; kForEver stays so. */
     uint32_t remaining() const {
-        if (fresh_) {
+        if (fresh_ || timeout_ == kForEver) {
             return timeout_;
         }
         const uint64_t now = nowMs();
         return now < end_ ? static_cast<uint32_t>(end_ - now) : 0;
+    }
+
+    /* What is left, as poll and epoll_wait want it. */
+    int forPoll() const {
+        const uint32_t left = remaining();
+        return left == kForEver ? -1 : static_cast<int>(left < INT32_MAX ? left : INT32_MAX);
     }
 
     /* To be called after whatever may have taken time: until then the clock need not be looked at.
@@ -38,4 +46,4 @@ class Deadline {
     bool fresh_ = true;
 };
 
-}  // namespace tamo
+}  // namespace tamo::messages

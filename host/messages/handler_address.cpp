@@ -16,7 +16,7 @@
 
 #include "host/base/fast_tls.h"
 
-namespace tamo {
+namespace tamo::messages {
 
 namespace {
 
@@ -247,4 +247,4 @@ const void *codeAtPlace(const CodePlace &place, ModuleGuesses *guesses) {
     return address;
 }
 
-}  // namespace tamo
+}  // namespace tamo::messages

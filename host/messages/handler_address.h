@@ -6,7 +6,7 @@
 #pragma once
 #include <stdint.h>
 
-namespace tamo {
+namespace tamo::messages {
 
 constexpr uint8_t kMaxBuildId = 20; /* a longer one counts by its first bytes */
 
@@ -38,4 +38,4 @@ struct ModuleGuesses {
  * thread at a time. */
 const void *codeAtPlace(const CodePlace &place, ModuleGuesses *guesses);
 
-}  // namespace tamo
+}  // namespace tamo::messages

@@ -1,118 +1,48 @@
-/* Receiving messages.
- *
- * All connections of a queue are polled by one epoll descriptor, one event at a time: the kernel
- * puts a connection that still has something behind the others, so senders are served in turn. A
- * connection that brought an asynchronous message is asked a few times more without polling, which
- * is what makes a burst cheap; one that brought a synchronous message cannot have another.
- *
- * When more messages wait, one call receives several of them ahead. A program that polls the queue's
- * descriptor would not be told of those, so nothing is received ahead for it. */
+/* Receiving messages: see record.h for how it works. */
 #include "host/messages/queue.h"
 
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <new>
 
 #include "host/base/log.h"
-#include "host/messages/body.h"
+#include "host/messages/block.h"
 #include "host/messages/deadline.h"
-#include "host/messages/wire.h"
+
+namespace tamo::messages {
 
 namespace {
 
-using tamo::Arrival;
-using tamo::Descriptor;
-using tamo::hostRecord;
-using tamo::Message;
-using tamo::PacketHead;
-using tamo::Peer;
-
 constexpr const char *kUnit = "tamo_os_msg";
-constexpr uint32_t kBurst = 32;
-/* From here on, receiving several with one call costs less than a call each. */
-constexpr uint64_t kWorthABatch = 4;
+constexpr uint32_t kTurn = 32;
+constexpr uint32_t kDrainedAtOnce = 32;
 
-bool senderWaits(const PacketHead &head) {
-    return head.kind == tamo::kMessage && (head.flags & tamo::kSenderWaits) != 0;
+bool senderWaits(const RecordHead &head) {
+    return (head.prefix.flags & kSenderWaits) != 0;
 }
 
 /* Refuses one message: its sender learns it at once. */
-void refuse(const TamoHostQueue &queue, const Peer &peer, const PacketHead &head, uint32_t reason,
+void refuse(const TamoHostQueue &queue, Peer *peer, const RecordHead &head, uint32_t reason,
             const char *why) {
-    hostRecord(tamo::kWarning, kUnit, __LINE__, "a message of process %d to %s was refused: %s",
-               static_cast<int>(peer.identity.pid), queue.name, why);
+    hostRecord(kWarning, kUnit, __LINE__, "a message of process %d to %s was refused: %s",
+               static_cast<int>(peer->identity.pid), queue.name, why);
     if (senderWaits(head)) {
-        tamo::sendRefusal(peer.socket.get(), head.serial, reason);
+        sendRefusal(peer, head.serial, reason);
     }
 }
 
-/* Refuses a sender that does not keep to the format. Whether it waits, and for what, cannot be known
- * of one that is of another version. */
-void refuseSender(TamoHostQueue *queue, Peer *peer, uint32_t serial, const char *why) {
-    hostRecord(tamo::kWarning, kUnit, __LINE__, "the connection of process %d to %s was closed: %s",
-               static_cast<int>(peer->identity.pid), queue->name, why);
-    tamo::sendRefusal(peer->socket.get(), serial, TAMO_HOST_REFUSED);
-    tamo::dropPeer(queue, peer);
-}
-
-/* Goes on with the connection that replaces `peer`'s. */
-void takeSuccessor(TamoHostQueue *queue, Peer *peer, Descriptor socket) {
-    int domain = 0;
-    int type = 0;
-    socklen_t size = sizeof(int);
-    tamo::PeerIdentity sender;
-    if (getsockopt(socket.get(), SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
-        getsockopt(socket.get(), SOL_SOCKET, SO_TYPE, &type, &size) != 0 || domain != AF_UNIX ||
-        type != SOCK_SEQPACKET || !tamo::identifyPeer(socket.get(), &sender)) {
-        refuseSender(queue, peer, 0, "its new connection is none");
-        return;
-    }
-    (void)tamo::addPeer(queue, std::move(socket), sender);
-    tamo::dropPeer(queue, peer);
-}
-
-/* Puts this process's own address of the handler into a body, and takes out what only the sender
- * could use. False when the handler is not here. */
-bool translateBody(TamoHostQueue *queue, const Message &message) {
-    const PacketHead &head = message.packet;
-    if (!tamo::hasHandler(head.msgId) || head.bodyLength == 0) {
-        return true;
-    }
-    void *body = message.header.body;
-    if (head.bodyLength < sizeof(tamo::BodyHead)) {
-        memset(body, 0, std::min<size_t>(head.bodyLength, sizeof(void *)));
-        return true;
-    }
-    const void *handler = nullptr;
-    if (head.buildIdLength > 0) {
-        tamo::CodePlace place = {};
-        place.offset = head.handlerOffset;
-        place.buildIdLength = head.buildIdLength;
-        memcpy(place.buildId, head.buildId, sizeof(place.buildId));
-        handler = tamo::codeAtPlace(place, &queue->modules);
-        if (handler == nullptr) {
-            return false;
-        }
-    }
-    tamo::writeHandler(body, handler);
-    if (tamo::hasBlock(head.msgId, head.bodyLength)) {
-        tamo::writeList(body, {nullptr, 0});
-    }
-    return true;
-}
-
-void recordMissingHandler(const TamoHostQueue &queue, const PacketHead &head) {
-    char buildId[2 * tamo::kMaxBuildId + 1] = {};
-    for (unsigned i = 0; i < head.buildIdLength; ++i) {
+void recordMissingHandler(const TamoHostQueue &queue, const RecordHead &head) {
+    char buildId[2 * kMaxBuildId + 1] = {};
+    for (unsigned i = 0; i < head.prefix.buildIdLength; ++i) {
         (void)snprintf(buildId + 2 * i, 3, "%02x", head.buildId[i]);
     }
     hostRecord(
-        tamo::kError, kUnit, __LINE__,
+        kError, kUnit, __LINE__,
         "a message to %s names a handler at %#llx of the module with build id %s, which is "
         "no code of a module loaded here: load the same build of it (-Wl,--no-as-needed keeps a "
         "library of which a program calls nothing), and link both programs "
@@ -120,207 +50,331 @@ void recordMissingHandler(const TamoHostQueue &queue, const PacketHead &head) {
         queue.name, static_cast<unsigned long long>(head.handlerOffset), buildId);
 }
 
-void countReceived(const TamoHostQueue &queue, const PacketHead &head) {
-    /* The owner alone writes these: no locked instruction is needed. */
-    tamo::QueueStatus &status = *queue.status.get();
-    status.received.store(status.received.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-    status.receivedBytes.store(
-        status.receivedBytes.load(std::memory_order_relaxed) + head.bodyLength,
-        std::memory_order_relaxed);
-}
-
-/* Makes a message of a packet; true when it can be handed out. */
-bool acceptPacket(TamoHostQueue *queue, Peer *peer, Message *message, Descriptor *file) {
-    const PacketHead &head = message->packet;
-    const char *fault = tamo::faultOfPacket(*message, file->isOpen());
-    if (fault == nullptr && head.kind == tamo::kSuccessor) {
-        takeSuccessor(queue, peer, std::move(*file));
-        return false;
+/* Puts this process's own address of the handler into a body, and takes out what only the sender
+ * could use. False when the handler is not here. */
+bool translateBody(TamoHostQueue *queue, const Message &message) {
+    const RecordHead &head = message.record;
+    if (!hasHandler(head.msgId) || head.bodyLength == 0) {
+        return true;
     }
-    if (fault == nullptr &&
-        (head.kind != tamo::kMessage || !tamo::sameQueueName(head.receiver, queue->name))) {
-        fault = "it is none for this queue";
+    void *body = message.header.body;
+    if (head.bodyLength < sizeof(BodyHead)) {
+        memset(body, 0, std::min<size_t>(head.bodyLength, sizeof(void *)));
+        return true;
     }
-    if (fault != nullptr) {
-        refuseSender(queue, peer, head.serial, fault);
-        return false;
-    }
-    const bool inWindow = (head.flags & tamo::kInWindow) != 0;
-    if (inWindow && file->isOpen() && !peer->window.adopt(*file)) {
-        refuseSender(queue, peer, head.serial, "its window cannot be used");
-        return false;
-    }
-    countReceived(*queue, head);
-    fault = tamo::takeBody(message, peer->window, *file);
-    if (fault != nullptr) {
-        refuse(*queue, *peer, head, TAMO_HOST_REFUSED, fault);
-        return false;
-    }
-    if (!translateBody(queue, *message)) {
-        recordMissingHandler(*queue, head);
-        if (senderWaits(head)) {
-            tamo::sendRefusal(peer->socket.get(), head.serial, TAMO_HOST_REFUSED);
+    const void *handler = nullptr;
+    if (head.prefix.buildIdLength > 0) {
+        CodePlace place = {};
+        place.offset = head.handlerOffset;
+        place.buildIdLength = head.prefix.buildIdLength;
+        memcpy(place.buildId, head.buildId, sizeof(place.buildId));
+        handler = codeAtPlace(place, &queue->modules);
+        if (handler == nullptr) {
+            return false;
         }
-        tamo::forgetBody(message);
-        return false;
     }
-    if (senderWaits(head) || tamo::waitingMessages(*queue->status.get()) == 0) {
-        queue->burst = 0; /* nothing can be there: asking would only cost */
-    }
-    if (senderWaits(head)) {
-        tamo::holdPeer(peer);
-        message->peer = peer;
-        message->waiting.store(true, std::memory_order_relaxed);
+    writeHandler(body, handler);
+    if (hasBlock(head.msgId, head.bodyLength)) {
+        writeList(body, {nullptr, 0});
     }
     return true;
 }
 
-/* Does what a packet asks for. True when `message` can be handed out. */
-bool takeArrival(TamoHostQueue *queue, Arrival arrival, Message *message, Descriptor *file) {
-    Peer *peer = queue->current;
+/* The receiving thread alone writes these: no locked instruction is needed. */
+void add(std::atomic<uint64_t> *count, uint64_t more) {
+    count->store(count->load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+}
+
+void countTaken(TamoHostQueue *queue, const Peer &peer, const RecordHead &head) {
+    QueueStatus &status = *queue->status.get();
+    add(&status.received, 1);
+    add(&status.slots[peer.slot].taken, 1);
+    add(&status.slots[peer.slot].takenBytes, head.bodyLength);
+}
+
+Taken takenOf(Arrival arrival) {
     switch (arrival) {
         case Arrival::kPacket:
-            return acceptPacket(queue, peer, message, file);
+            return Taken::kSkipped;
+        case Arrival::kShort:
+            return Taken::kShort;
         case Arrival::kNothing:
-            queue->burst = 0;
-            return false;
-        case Arrival::kAnnouncement:
-        case Arrival::kInterrupted:
-            return false;
-        case Arrival::kEnd:
-            tamo::dropPeer(queue, peer);
-            return false;
-        case Arrival::kLost:
-            countReceived(*queue, message->packet);
-            refuse(*queue, *peer, message->packet, TAMO_HOST_SYSTEM,
-                   "this process has no more descriptors, see ulimit -n");
-            if ((message->packet.flags & tamo::kInWindow) != 0) {
-                tamo::dropPeer(queue, peer); /* its window was lost, and comes only once */
-            }
-            return false;
-        case Arrival::kForeign:
-            refuseSender(queue, peer, 0, "it is no packet of this library");
-            return false;
+            return Taken::kNothing;
+        default:
+            return Taken::kFault;
     }
-    return false;
 }
 
-/* Asks the current connection. True when `message` can be handed out. */
-bool receiveFromCurrent(TamoHostQueue *queue, Message *message) {
-    --queue->burst;
+/* The descriptor that the next record needs: it was sent before the record was published. */
+Taken takeDescriptor(Peer *peer, Descriptor *file) {
+    const Taken taken = takenOf(receiveDescriptor(peer->socket.get(), &peer->wakeUps, file));
+    return taken == Taken::kNothing ? Taken::kFault : taken;
+}
+
+/* Takes the first packet of a connection. */
+Taken takeHello(Peer *peer, const char **fault) {
+    Hello hello = {};
+    size_t size = 0;
     Descriptor file;
-    const Arrival arrival = tamo::receivePacket(
-        queue->current->socket.get(), &queue->current->announced, MSG_DONTWAIT, message, &file);
-    return takeArrival(queue, arrival, message, &file);
+    const int socket = peer->socket.get();
+    const Arrival arrival =
+        receivePacket(socket, MSG_PEEK | MSG_DONTWAIT, &hello, sizeof(hello), &size, &file);
+    if (arrival == Arrival::kEnd) {
+        *fault = nullptr;
+        return Taken::kFault;
+    }
+    if (arrival != Arrival::kPacket) {
+        return takenOf(arrival);
+    }
+    (void)recv(socket, &hello, sizeof(hello), MSG_DONTWAIT);
+    if (size != sizeof(hello) || hello.magic != kWireMagic) {
+        *fault = "it is no sender of this library";
+    } else if (hello.version != kWireVersion) {
+        *fault = "it comes from another version of this library: install the same one for both";
+    } else if (hello.pointerWidth != kPointerWidth) {
+        *fault = "the two processes have pointers of different width: build them alike";
+    } else if (hello.slot >= kSlots || !mapShared(file, kConnectionFile, &peer->file)) {
+        *fault = "its memory file cannot be used";
+    } else {
+        peer->control = reinterpret_cast<ConnectionControl *>(peer->file.bytes());
+        peer->slot = hello.slot;
+        peer->requests.begin(firstRequests(peer->file));
+        peer->responses.begin(firstResponses(peer->file));
+        return Taken::kSkipped;
+    }
+    return Taken::kFault;
 }
 
-/* Receives ahead what waits in the current connection, where that is worth it. */
-void receiveAhead(TamoHostQueue *queue) {
-    const uint64_t waiting = tamo::waitingMessages(*queue->status.get());
-    const uint64_t most =
-        std::min<uint64_t>({waiting, queue->burst, uint64_t{tamo::kReceivedAtOnce}});
-    if (queue->isPolled || most < kWorthABatch) {
+/* Makes a message of a checked record. */
+Taken acceptRecord(TamoHostQueue *queue, Peer *peer, Message *message, const uint8_t *content,
+                   const Descriptor &file) {
+    const RecordHead &head = message->record;
+    const uint8_t *list = nullptr;
+    const char *fault = takeContent(message, content, file, &list);
+    countTaken(queue, *peer, head);
+    peer->requests.pass();
+    if (fault != nullptr) {
+        refuse(*queue, peer, head, TAMO_HOST_REFUSED, fault);
+        return Taken::kSkipped;
+    }
+    if (!translateBody(queue, *message)) {
+        recordMissingHandler(*queue, head);
+        if (senderWaits(head)) {
+            sendRefusal(peer, head.serial, TAMO_HOST_REFUSED);
+        }
+        return Taken::kSkipped;
+    }
+    memcpy(message->header.sender, head.sender, sizeof(message->header.sender));
+    memcpy(message->header.receiver, queue->name, sizeof(message->header.receiver));
+    if (senderWaits(head)) {
+        holdPeer(peer);
+        message->peer = peer;
+        message->waiting.store(true, std::memory_order_relaxed);
+    }
+    return Taken::kMessage;
+}
+
+Taken enterSegment(Peer *peer, const char **fault) {
+    Descriptor file;
+    *fault = "the memory file that it goes on in is missing or cannot be used";
+    const Taken taken = takeDescriptor(peer, &file);
+    return taken != Taken::kSkipped || peer->requests.enter(file) ? taken : Taken::kFault;
+}
+
+/* Goes to sleep; false when there is something again. Wake-up packets are taken out of the socket
+ * now and then, so that it does not fill up. */
+bool fallAsleep(Peer *peer) {
+    if (peer->wakeUps >= kDrainedAtOnce) {
+        mmsghdr packets[kDrainedAtOnce] = {};
+        const int drained =
+            recvmmsg(peer->socket.get(), packets, kDrainedAtOnce, MSG_DONTWAIT, nullptr);
+        peer->wakeUps -= drained > 0 ? static_cast<uint32_t>(drained) : 0;
+    }
+    peer->isAsleep = peer->requests.sleep();
+    if (!peer->isAsleep) {
+        peer->wakeUps += peer->requests.wakeUp() ? 1 : 0;
+    }
+    return peer->isAsleep;
+}
+
+/* The first ready connection has nothing: it sleeps, or is dropped at its end. False when it has
+ * something again. */
+bool retireFirst(TamoHostQueue *queue) {
+    Peer *peer = queue->ready;
+    if (!fallAsleep(peer)) {
+        return false;
+    }
+    removeReady(queue);
+    if (peer->isEnded) {
+        dropPeer(queue, peer);
+    }
+    return true;
+}
+
+/* Lets the others have their turn, and those that have woken up meanwhile. */
+void endTurn(TamoHostQueue *queue) {
+    (void)pollQueue(queue, 0);
+    Peer *peer = queue->ready;
+    removeReady(queue);
+    addReady(queue, peer);
+    queue->turn = kTurn;
+}
+
+/* Looks at the first ready connection. */
+Taken takeFromFirst(TamoHostQueue *queue, Message **message) {
+    Peer *peer = queue->ready;
+    if (peer->isAsleep) {
+        peer->isAsleep = false;
+        peer->wakeUps += peer->requests.wakeUp() ? 1 : 0;
+    }
+    const char *fault = nullptr;
+    const Taken taken = peer->control != nullptr ? takeRecord(queue, peer, message, &fault)
+                                                 : takeHello(peer, &fault);
+    switch (taken) {
+        case Taken::kNothing:
+            if (peer->control == nullptr) {
+                removeReady(queue); /* until its hello comes */
+            } else {
+                (void)retireFirst(queue);
+            }
+            break;
+        case Taken::kShort:
+            removeReady(queue);
+            pauseForDescriptors(queue, EMFILE);
+            break;
+        case Taken::kFault:
+            if (fault != nullptr) {
+                hostRecord(kWarning, kUnit, __LINE__,
+                           "the connection of process %d to %s was closed: %s",
+                           static_cast<int>(peer->identity.pid), queue->name, fault);
+            }
+            removeReady(queue);
+            dropPeer(queue, peer);
+            break;
+        default:
+            break;
+    }
+    return taken;
+}
+
+/* The next message of the ready connections. */
+Taken takeReady(TamoHostQueue *queue, Message **message) {
+    while (queue->ready != nullptr) {
+        if (queue->turn == 0) {
+            endTurn(queue);
+        }
+        --queue->turn;
+        const Taken taken = takeFromFirst(queue, message);
+        if (taken == Taken::kMessage || taken == Taken::kNoMemory) {
+            return taken;
+        }
+    }
+    return Taken::kNothing;
+}
+
+/* Lets a polling program see whether there is something. */
+void settleSign(TamoHostQueue *queue) {
+    if (!queue->sign.isOpen()) {
         return;
     }
-    Peer *peer = queue->current;
-    tamo::receivePackets(peer->socket.get(), &peer->announced, static_cast<unsigned>(most),
-                         &queue->ahead);
-    queue->burst -= queue->ahead.count;
-}
-
-/* The next message that was received ahead, or null. */
-Message *nextAhead(TamoHostQueue *queue) {
-    tamo::Batch &ahead = queue->ahead;
-    if (ahead.next == ahead.count && queue->burst > 0) {
-        receiveAhead(queue);
+    while (queue->ready != nullptr && queue->ready->control != nullptr &&
+           queue->ready->requests.isEmpty() && retireFirst(queue)) {
     }
-    while (ahead.next < ahead.count) {
-        const unsigned n = ahead.next++;
-        Message *message = ahead.messages[n];
-        Descriptor file(std::move(ahead.files[n]));
-        const bool taken = takeArrival(queue, ahead.arrivals[n], message, &file);
-        if (ahead.next == ahead.count) {
-            tamo::forgetAhead(queue);
-        }
-        if (taken) {
-            return message;
-        }
-        tamo::giveMessageBack(message);
+    const bool wanted = queue->ready != nullptr;
+    if (wanted == queue->isSigned) {
+        return;
     }
-    return nullptr;
-}
-
-/* Polls until some connection is current. */
-uint32_t pollPeers(TamoHostQueue *queue, int timeoutMs) {
-    epoll_event event = {};
-    const int count = epoll_wait(queue->poller.get(), &event, 1, timeoutMs);
-    if (count < 0 && errno != EINTR) {
-        hostRecord(tamo::kError, kUnit, __LINE__, "nothing can be received from %s: %s",
-                   queue->name, strerror(errno));
-        return TAMO_HOST_SYSTEM;
-    }
-    if (count <= 0) {
-        return TAMO_HOST_TIMEOUT;
-    }
-    if (event.data.ptr == &queue->listener) {
-        tamo::acceptPeers(queue);
-    } else if (event.data.ptr == &queue->acceptPause) {
-        tamo::resumeAccepting(queue);
-    } else {
-        queue->current = static_cast<Peer *>(event.data.ptr);
-        queue->burst = kBurst;
-    }
-    return TAMO_HOST_OK;
-}
-
-/* The next message of the burst under way. */
-bool receiveOfBurst(TamoHostQueue *queue, Message *message) {
-    while (queue->burst > 0) {
-        if (receiveFromCurrent(queue, message)) {
-            return true;
-        }
-    }
-    return false;
+    queue->isSigned = wanted;
+    uint64_t value = 1;
+    (void)!(wanted ? write(queue->sign.get(), &value, sizeof(value))
+                   : read(queue->sign.get(), &value, sizeof(value)));
 }
 
 /* The next message, as soon as there is one. The clock is looked at only when there may be none. */
-uint32_t receiveWithin(TamoHostQueue *queue, Message *message, int32_t timeoutMs) {
-    if (receiveOfBurst(queue, message)) {
-        return TAMO_HOST_OK;
-    }
-    tamo::Deadline deadline(timeoutMs > 0 ? static_cast<uint32_t>(timeoutMs) : 0);
+Taken takeWithin(TamoHostQueue *queue, int32_t timeoutMs, Message **message) {
+    Deadline deadline(timeoutMs < 0 ? kForEver : static_cast<uint32_t>(timeoutMs));
     for (;;) {
-        const int wait = timeoutMs < 0 ? -1 : static_cast<int>(deadline.remaining());
-        const uint32_t result = pollPeers(queue, wait);
-        deadline.waited();
-        if (result == TAMO_HOST_SYSTEM || (result == TAMO_HOST_TIMEOUT && wait == 0)) {
-            return result;
+        const Taken taken = takeReady(queue, message);
+        settleSign(queue);
+        if (taken != Taken::kNothing) {
+            return taken;
         }
-        if (receiveOfBurst(queue, message)) {
-            return TAMO_HOST_OK;
+        if (queue->ready != nullptr) {
+            continue;
+        }
+        const int wait = deadline.forPoll();
+        const int happened = pollQueue(queue, wait);
+        deadline.waited();
+        if (happened <= 0 && (happened < 0 || wait == 0)) {
+            return happened < 0 ? Taken::kFault : Taken::kNothing;
         }
     }
 }
 
 }  // namespace
 
+Taken takeRecord(TamoHostQueue *queue, Peer *peer, Message **message, const char **fault) {
+    RecordHead head;
+    const uint8_t *content = nullptr;
+    switch (peer->requests.look(&head, &content)) {
+        case RingReader::Look::kEmpty:
+            return Taken::kNothing;
+        case RingReader::Look::kSegment:
+            return enterSegment(peer, fault);
+        case RingReader::Look::kFault:
+            *fault = "its ring is damaged";
+            return Taken::kFault;
+        case RingReader::Look::kRecord:
+            break;
+    }
+    *fault = head.prefix.kind == kMessage ? faultOfHead(head) : "it answers what nobody asked";
+    if (*fault != nullptr) {
+        return Taken::kFault;
+    }
+    Message *taken = allocateMessage();
+    if (taken == nullptr) {
+        return Taken::kNoMemory;
+    }
+    Descriptor file;
+    Taken result = Taken::kSkipped;
+    if ((head.prefix.flags & kInFile) != 0) {
+        *fault = "the memory file of its message is missing";
+        result = takeDescriptor(peer, &file);
+    }
+    if (result == Taken::kSkipped) {
+        taken->record = head;
+        result = acceptRecord(queue, peer, taken, content, file);
+    }
+    if (result == Taken::kMessage) {
+        *message = taken;
+    } else {
+        releaseMessage(taken);
+    }
+    return result;
+}
+
+}  // namespace tamo::messages
+
+using namespace tamo::messages;
+
 uint32_t TamoHostMsgOpen(const char *name, TamoHostQueue **queue) {
     if (name == nullptr || queue == nullptr) {
-        hostRecord(tamo::kWarning, kUnit, __LINE__, "a queue without name or place was opened");
+        tamo::hostRecord(tamo::kWarning, kUnit, __LINE__,
+                         "a queue without name or place was opened");
         return TAMO_HOST_INVALID;
     }
     auto *opened = new (std::nothrow) TamoHostQueue;
     if (opened == nullptr) {
-        hostRecord(tamo::kError, kUnit, __LINE__, "no memory for the queue %s", name);
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__, "no memory for the queue %s", name);
         return TAMO_HOST_NO_MEMORY;
     }
     uint32_t result = TAMO_HOST_INVALID;
-    if (tamo::copyQueueName(name, opened->name)) {
-        result = tamo::openQueue(opened);
+    if (copyQueueName(name, opened->name)) {
+        result = openQueue(opened);
     } else {
-        hostRecord(tamo::kWarning, kUnit, __LINE__,
-                   "a queue's name is 1 to 15 letters, digits, '.', '_' or '-', not \"%s\"", name);
+        tamo::hostRecord(tamo::kWarning, kUnit, __LINE__,
+                         "a queue's name is 1 to 15 letters, digits, '.', '_' or '-', not \"%s\"",
+                         name);
     }
     if (result != TAMO_HOST_OK) {
         TamoHostMsgClose(opened);
@@ -334,45 +388,41 @@ int TamoHostMsgDescriptor(TamoHostQueue *queue) {
     if (queue == nullptr) {
         return -1;
     }
-    queue->isPolled = true;
-    if (queue->ahead.next < queue->ahead.count && !queue->aheadSign.isOpen() &&
-        !tamo::signAhead(queue)) {
-        hostRecord(tamo::kError, kUnit, __LINE__,
-                   "%s cannot be polled (%s): ask for its descriptor before receiving", queue->name,
-                   strerror(errno));
+    if (!queue->sign.isOpen() && !openSign(queue)) {
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__, "%s cannot be polled: %s%s", queue->name,
+                         strerror(errno), tamo::adviceOn(errno));
         return -1;
     }
+    settleSign(queue);
     return queue->poller.get();
 }
 
 uint32_t TamoHostMsgReceive(TamoHostQueue *queue, OsMsgHeader **message, int32_t timeoutMs) {
     if (queue == nullptr || message == nullptr || !queue->poller.isOpen()) {
-        hostRecord(tamo::kWarning, kUnit, __LINE__,
-                   "nothing can be received: there is no queue, or it was opened before a fork");
+        tamo::hostRecord(
+            tamo::kWarning, kUnit, __LINE__,
+            "nothing can be received: there is no queue, or it was opened before a fork");
         return TAMO_HOST_INVALID;
     }
-    Message *received = nextAhead(queue);
-    if (received != nullptr) {
-        *message = &received->header;
-        return TAMO_HOST_OK;
+    Message *received = nullptr;
+    switch (takeWithin(queue, timeoutMs, &received)) {
+        case Taken::kMessage:
+            *message = &received->header;
+            return TAMO_HOST_OK;
+        case Taken::kNothing:
+            return TAMO_HOST_TIMEOUT;
+        case Taken::kNoMemory:
+            tamo::hostRecord(tamo::kError, kUnit, __LINE__, "no memory for a message to %s",
+                             queue->name);
+            return TAMO_HOST_NO_MEMORY;
+        default:
+            return TAMO_HOST_SYSTEM;
     }
-    received = tamo::takeMessage();
-    if (received == nullptr) {
-        hostRecord(tamo::kError, kUnit, __LINE__, "no memory for a message to %s", queue->name);
-        return TAMO_HOST_NO_MEMORY;
-    }
-    const uint32_t result = receiveWithin(queue, received, timeoutMs);
-    if (result == TAMO_HOST_OK) {
-        *message = &received->header;
-    } else {
-        tamo::giveMessageBack(received);
-    }
-    return result;
 }
 
 void TamoHostMsgClose(TamoHostQueue *queue) {
     if (queue != nullptr) {
-        tamo::closeQueue(queue);
+        closeQueue(queue);
         delete queue;
     }
 }

@@ -21,13 +21,13 @@
 #include "host/base/log.h"
 #include "host/messages/queue.h"
 
-namespace tamo {
+namespace tamo::messages {
 
 namespace {
 
 constexpr const char *kUnit = "tamo_os_msg";
-constexpr long kAcceptPauseMs = 100;
-constexpr int kAcceptsInTurn = 16;
+constexpr long kPauseMs = 100;
+constexpr int kAtOnce = 16;
 
 uint32_t systemFailure(const char *queue, const char *what, int error) {
     hostRecord(kError, kUnit, __LINE__, "the queue %s cannot be opened: %s: %s%s", queue, what,
@@ -104,34 +104,73 @@ uint32_t openListener(TamoHostQueue *queue) {
     return TAMO_HOST_OK;
 }
 
-bool poll(const TamoHostQueue &queue, int operation, int descriptor, void *tag) {
+bool watch(const TamoHostQueue &queue, int descriptor, void *tag, uint32_t events) {
     epoll_event event = {};
-    event.events = EPOLLIN;
+    event.events = events;
     event.data.ptr = tag;
-    return epoll_ctl(queue.poller.get(), operation, descriptor, &event) == 0;
+    return epoll_ctl(queue.poller.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
 uint32_t openPoller(TamoHostQueue *queue) {
     queue->poller.adopt(Descriptor(epoll_create1(EPOLL_CLOEXEC)));
-    queue->acceptPause.adopt(
-        Descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)));
-    if (!queue->poller.isOpen() || !queue->acceptPause.isOpen() ||
-        !poll(*queue, EPOLL_CTL_ADD, queue->acceptPause.get(), &queue->acceptPause)) {
+    queue->pause.adopt(Descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)));
+    if (!queue->poller.isOpen() || !queue->pause.isOpen() ||
+        !watch(*queue, queue->pause.get(), &queue->pause, EPOLLIN)) {
         return systemFailure(queue->name, "waiting for messages", errno);
     }
     return TAMO_HOST_OK;
 }
 
-/* No more descriptors, or no memory: connections wait where they are, and are looked at again after
- * a pause; polling them now would only find them again at once. */
-void pauseAccepting(TamoHostQueue *queue, int error) {
-    hostRecord(kWarning, kUnit, __LINE__,
-               "senders to %s have to wait: %s; see ulimit -n where descriptors are short",
-               queue->name, strerror(error));
-    itimerspec pause = {};
-    pause.it_value.tv_nsec = kAcceptPauseMs * 1000000;
-    if (timerfd_settime(queue->acceptPause.get(), 0, &pause, nullptr) == 0) {
-        (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, queue->listener.get(), nullptr);
+bool addPeer(TamoHostQueue *queue, Descriptor socket, const PeerIdentity &identity) {
+    auto *peer = new (std::nothrow) Peer;
+    if (peer == nullptr || !watch(*queue, socket.get(), peer, EPOLLIN | EPOLLET)) {
+        hostRecord(kError, kUnit, __LINE__, "a sender to %s was turned away: %s", queue->name,
+                   strerror(peer == nullptr ? ENOMEM : errno));
+        delete peer;
+        return false;
+    }
+    peer->socket.adopt(std::move(socket));
+    peer->identity = identity;
+    peer->next = queue->peers;
+    if (queue->peers != nullptr) {
+        queue->peers->previous = peer;
+    }
+    queue->peers = peer;
+    return true;
+}
+
+void acceptPeers(TamoHostQueue *queue) {
+    for (int i = 0; i < kAtOnce; ++i) {
+        Descriptor accepted(accept4(queue->listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!accepted.isOpen()) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+                pauseForDescriptors(queue, errno);
+            }
+            return;
+        }
+        PeerIdentity sender;
+        if (identifyPeer(accepted.get(), &sender)) {
+            (void)addPeer(queue, std::move(accepted), sender);
+        } else {
+            hostRecord(kWarning, kUnit, __LINE__,
+                       "process %d of user %u tried to send to %s: refused, only this user's "
+                       "processes and root's may",
+                       static_cast<int>(sender.pid), static_cast<unsigned>(sender.uid),
+                       queue->name);
+        }
+    }
+}
+
+void resume(TamoHostQueue *queue) {
+    uint64_t expiries;
+    if (read(queue->pause.get(), &expiries, sizeof(expiries)) <= 0) {
+        return;
+    }
+    if (!watch(*queue, queue->listener.get(), &queue->listener, EPOLLIN) && errno != EEXIST) {
+        pauseForDescriptors(queue, errno);
+    }
+    for (Peer *peer = queue->peers; peer != nullptr; peer = peer->next) {
+        addReady(queue, peer);
     }
 }
 
@@ -144,6 +183,64 @@ void holdPeer(Peer *peer) {
 void releasePeer(Peer *peer) {
     if (peer->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         delete peer;
+    }
+}
+
+void addReady(TamoHostQueue *queue, Peer *peer) {
+    if (peer->isReady) {
+        return;
+    }
+    peer->isReady = true;
+    peer->nextReady = nullptr;
+    (queue->ready == nullptr ? queue->ready : queue->lastReady->nextReady) = peer;
+    queue->lastReady = peer;
+}
+
+void removeReady(TamoHostQueue *queue) {
+    queue->ready->isReady = false;
+    queue->ready = queue->ready->nextReady;
+}
+
+int pollQueue(TamoHostQueue *queue, int timeoutMs) {
+    epoll_event events[kAtOnce];
+    const int count = epoll_wait(queue->poller.get(), events, kAtOnce, timeoutMs);
+    if (count < 0 && errno != EINTR) {
+        hostRecord(kError, kUnit, __LINE__, "nothing can be received from %s: %s", queue->name,
+                   strerror(errno));
+        return -1;
+    }
+    for (int i = 0; i < count; ++i) {
+        void *tag = events[i].data.ptr;
+        if (tag == &queue->listener) {
+            acceptPeers(queue);
+        } else if (tag == &queue->pause) {
+            resume(queue);
+        } else if (tag != &queue->sign) {
+            auto *peer = static_cast<Peer *>(tag);
+            peer->isEnded = peer->isEnded || (events[i].events & (EPOLLHUP | EPOLLERR)) != 0;
+            addReady(queue, peer);
+        }
+    }
+    return count > 0 ? count : 0;
+}
+
+bool openSign(TamoHostQueue *queue) {
+    Descriptor sign(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!sign.isOpen() || !watch(*queue, sign.get(), &queue->sign, EPOLLIN)) {
+        return false;
+    }
+    queue->sign.adopt(std::move(sign));
+    return true;
+}
+
+void pauseForDescriptors(TamoHostQueue *queue, int error) {
+    hostRecord(kWarning, kUnit, __LINE__,
+               "senders to %s have to wait: %s; see ulimit -n where descriptors are short",
+               queue->name, strerror(error));
+    itimerspec pause = {};
+    pause.it_value.tv_nsec = kPauseMs * 1000000;
+    if (timerfd_settime(queue->pause.get(), 0, &pause, nullptr) == 0) {
+        (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, queue->listener.get(), nullptr);
     }
 }
 
@@ -166,15 +263,27 @@ uint32_t openQueue(TamoHostQueue *queue) {
     }
     result = openListener(queue);
     if (result == TAMO_HOST_OK &&
-        !poll(*queue, EPOLL_CTL_ADD, queue->listener.get(), &queue->listener)) {
+        !watch(*queue, queue->listener.get(), &queue->listener, EPOLLIN)) {
         return systemFailure(queue->name, "waiting for senders", errno);
     }
     return result;
 }
 
 void closeQueue(TamoHostQueue *queue) {
+    queue->ready = nullptr;
     while (queue->peers != nullptr) {
-        dropPeer(queue, queue->peers);
+        Peer *peer = queue->peers;
+        if (peer->control != nullptr && peer->holders.load(std::memory_order_acquire) > 1) {
+            /* Its socket stays open: freeing what was not handed out refuses it. */
+            Message *message = nullptr;
+            const char *fault = nullptr;
+            for (Taken taken = Taken::kSkipped;
+                 taken == Taken::kMessage || taken == Taken::kSkipped;) {
+                taken = takeRecord(queue, peer, &message, &fault);
+                TamoHostMsgFree(taken == Taken::kMessage ? &message->header : nullptr);
+            }
+        }
+        dropPeer(queue, peer);
     }
     /* In a forked child the name is not ours to give back. */
     if (queue->lock.isOpen()) {
@@ -184,91 +293,19 @@ void closeQueue(TamoHostQueue *queue) {
     }
 }
 
-bool addPeer(TamoHostQueue *queue, Descriptor socket, const PeerIdentity &identity) {
-    auto *peer = new (std::nothrow) Peer;
-    if (peer == nullptr || !poll(*queue, EPOLL_CTL_ADD, socket.get(), peer)) {
-        hostRecord(kError, kUnit, __LINE__, "a sender to %s was turned away: %s", queue->name,
-                   strerror(peer == nullptr ? ENOMEM : errno));
-        delete peer;
-        return false;
-    }
-    peer->socket.adopt(std::move(socket));
-    peer->identity = identity;
-    peer->next = queue->peers;
-    if (queue->peers != nullptr) {
-        queue->peers->previous = peer;
-    }
-    queue->peers = peer;
-    return true;
-}
-
-void forgetAhead(TamoHostQueue *queue) {
-    Batch &ahead = queue->ahead;
-    for (; ahead.next < ahead.count; ++ahead.next) {
-        giveMessageBack(ahead.messages[ahead.next]);
-        ahead.files[ahead.next] = Descriptor();
-    }
-    if (queue->aheadSign.isOpen()) {
-        /* Closing alone leaves it polled while a child between fork and exec has it, too. */
-        (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, queue->aheadSign.get(), nullptr);
-        queue->aheadSign.shut();
-    }
-}
-
-bool signAhead(TamoHostQueue *queue) {
-    Descriptor sign(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!sign.isOpen() || !poll(*queue, EPOLL_CTL_ADD, sign.get(), &queue->aheadSign)) {
-        return false;
-    }
-    queue->aheadSign.adopt(std::move(sign));
-    return true;
-}
-
 void dropPeer(TamoHostQueue *queue, Peer *peer) {
     (peer->previous != nullptr ? peer->previous->next : queue->peers) = peer->next;
     if (peer->next != nullptr) {
         peer->next->previous = peer->previous;
     }
-    if (queue->current == peer) {
-        queue->current = nullptr;
-        queue->burst = 0;
-        forgetAhead(queue);
+    if (peer->control != nullptr) {
+        /* A message may hold the socket open for its answer. Its sender must find out with its next
+         * message that nobody receives here any more. */
+        peer->control->closed.store(1, std::memory_order_release);
+        freeSlot(queue->status.get(), peer->slot);
     }
-    /* A message may hold the socket open for its answer. Its sender must find out with its next
-     * message that nobody receives here any more. */
     (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, peer->socket.get(), nullptr);
-    (void)shutdown(peer->socket.get(), SHUT_RD);
     releasePeer(peer);
 }
 
-void acceptPeers(TamoHostQueue *queue) {
-    for (int i = 0; i < kAcceptsInTurn; ++i) {
-        Descriptor accepted(accept4(queue->listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!accepted.isOpen()) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-                pauseAccepting(queue, errno);
-            }
-            return;
-        }
-        PeerIdentity sender;
-        if (identifyPeer(accepted.get(), &sender)) {
-            (void)addPeer(queue, std::move(accepted), sender);
-        } else {
-            hostRecord(kWarning, kUnit, __LINE__,
-                       "process %d of user %u tried to send to %s: refused, only this user's "
-                       "processes and root's may",
-                       static_cast<int>(sender.pid), static_cast<unsigned>(sender.uid),
-                       queue->name);
-        }
-    }
-}
-
-void resumeAccepting(TamoHostQueue *queue) {
-    uint64_t expiries;
-    if (read(queue->acceptPause.get(), &expiries, sizeof(expiries)) > 0 &&
-        !poll(*queue, EPOLL_CTL_ADD, queue->listener.get(), &queue->listener)) {
-        pauseAccepting(queue, errno);
-    }
-}
-
-}  // namespace tamo
+}  // namespace tamo::messages

@@ -1,9 +1,4 @@
-/* Opening, keeping and using a sender's connections.
- *
- * A thread that gives up waiting for a response shuts its connection's receiving half, so that a
- * late response finds nobody. Messages that it sent before may still wait in that connection, and
- * its next ones must not overtake them: asynchronous ones go on there, and for a synchronous one it
- * makes a new connection and passes the receiver's end of it through the old one. */
+/* Opening, keeping and using a sender's connections. */
 #include "host/messages/sender.h"
 
 #include <errno.h>
@@ -17,26 +12,22 @@
 #include <sys/un.h>
 #include <time.h>
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 
 #include "host/base/device_root.h"
 #include "host/base/fast_tls.h"
 #include "host/base/log.h"
-#include "host/messages/body.h"
-#include "host/messages/peer_identity.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::messages {
 
 namespace {
 
 constexpr const char *kUnit = "tamo_os_msg";
 constexpr uint32_t kMaxIdle = 16;
 constexpr int kRetryMs = 10;
-constexpr uint32_t kWorthAFile = 4096;
-/* Twice what a stock kernel gives by default, and as much as it allows everybody. */
-constexpr int kSendBuffer = 212992;
 
 /* Connections whose threads have ended; under the mutex that fork respects. */
 constinit Connection *idleHead = nullptr;
@@ -45,7 +36,7 @@ constinit uint32_t idleCount = 0;
 thread_local constinit Connection *ownHead TAMO_FAST_TLS = nullptr;
 
 bool keepIdle(Connection *connection) {
-    if (connection->retired || !connection->socket.isOpen()) {
+    if (!connection->socket.isOpen()) {
         return false;
     }
     const std::lock_guard<std::mutex> lock(forkMutex);
@@ -88,6 +79,11 @@ struct ThreadEnd {
 };
 thread_local ThreadEnd threadEnd;
 
+bool isGone(const Connection &connection) {
+    return connection.control->closed.load(std::memory_order_acquire) != 0 ||
+           isHungUp(connection.socket.get());
+}
+
 /* Receivers come and go, and their names with them. Closes this thread's connections to those that are
  * gone, after as many openings as there are connections. */
 void closeGone() {
@@ -98,8 +94,7 @@ void closeGone() {
     countdown = kMaxIdle;
     for (Connection *own = ownHead, *next = nullptr; own != nullptr; own = next) {
         next = own->next;
-        pollfd entry = {own->socket.get(), 0, 0};
-        if (!own->socket.isOpen() || poll(&entry, 1, 0) > 0) {
+        if (!own->socket.isOpen() || isGone(*own)) {
             dropConnection(own);
         } else {
             ++countdown;
@@ -107,32 +102,24 @@ void closeGone() {
     }
 }
 
-/* Sets a socket's time-out, unless it is the one that it has. */
-void setTimeout(int socket, int option, uint32_t milliseconds, uint32_t *current) {
-    if (*current == milliseconds) {
+/* Sets the socket's receive time-out, unless it is the one that it has. */
+void setTimeout(Connection *connection, uint32_t milliseconds) {
+    if (connection->receiveTimeout == milliseconds) {
         return;
     }
     timeval value = {};
     value.tv_sec = static_cast<time_t>(milliseconds / 1000);
     value.tv_usec = static_cast<suseconds_t>(milliseconds % 1000 * 1000);
-    (void)setsockopt(socket, SOL_SOCKET, option, &value, sizeof(value));
-    *current = milliseconds;
+    (void)setsockopt(connection->socket.get(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof(value));
+    connection->receiveTimeout = milliseconds;
 }
 
-/* Connects, waiting for room among the receiver's waiting connections until the deadline. 0, or an
- * error number. */
-int connectSocket(Connection *connection, int directory, Deadline *deadline) {
-    const uint32_t timeout = deadline != nullptr ? deadline->remaining() : 0;
-    const int blocking = timeout > 0 ? 0 : SOCK_NONBLOCK;
-    connection->sendTimeout = 0;
-    Descriptor opened(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | blocking, 0));
+/* Connects without waiting. 0, or an error number. */
+int connectSocket(Connection *connection, int directory) {
+    Descriptor opened(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!opened.isOpen()) {
         return errno;
     }
-    if (timeout > 0) {
-        setTimeout(opened.get(), SO_SNDTIMEO, timeout, &connection->sendTimeout);
-    }
-    (void)setsockopt(opened.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     (void)snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s", directory,
@@ -140,9 +127,7 @@ int connectSocket(Connection *connection, int directory, Deadline *deadline) {
     if (connect(opened.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
         return errno;
     }
-    if (blocking != 0) {
-        (void)fcntl(opened.get(), F_SETFL, 0);
-    }
+    (void)fcntl(opened.get(), F_SETFL, 0);
     connection->socket.adopt(std::move(opened));
     return 0;
 }
@@ -174,6 +159,9 @@ uint32_t resultOfOpening(int error, const char *queue) {
         case ENOENT:
         case ECONNREFUSED:
             return TAMO_HOST_NO_RECEIVER;
+        case EPIPE:
+        case ECONNRESET:
+            return TAMO_HOST_GONE;
         case EAGAIN:
             hostRecord(kWarning, kUnit, __LINE__,
                        "%s takes no more connections: its owner does not receive", queue);
@@ -190,16 +178,50 @@ uint32_t resultOfOpening(int error, const char *queue) {
     }
 }
 
+/* Shares the connection's rings with the receiver. 0, or an error number. */
+int sendHello(Connection *connection) {
+    Descriptor file;
+    int error = createShared(kConnectionFile, &file, &connection->file);
+    if (error != 0) {
+        return error;
+    }
+    connection->control = reinterpret_cast<ConnectionControl *>(connection->file.bytes());
+    connection->requests.begin(firstRequests(connection->file));
+    connection->responses.begin(firstResponses(connection->file));
+    connection->slot = claimSlot(connection->status.get());
+    if (connection->slot == kSlots) {
+        return EAGAIN;
+    }
+    Hello hello = {};
+    hello.magic = kWireMagic;
+    hello.version = kWireVersion;
+    hello.pointerWidth = kPointerWidth;
+    hello.slot = connection->slot;
+    error = sendPacket(connection->socket.get(), &hello, sizeof(hello), file.get());
+    if (error != 0) {
+        freeSlot(connection->status.get(), connection->slot);
+    }
+    return error;
+}
+
 /* Opens once. TAMO_HOST_NO_RECEIVER is not recorded. */
-uint32_t openConnection(Connection *connection, int directory, Deadline *deadline) {
+uint32_t openConnection(Connection *connection, int directory) {
     int error;
     do {
-        error = connectSocket(connection, directory, deadline);
+        error = connectSocket(connection, directory);
     } while (error == EINTR);
     if (error == 0) {
         error = connection->status.open(directory, connection->queue);
     }
-    return error != 0 ? resultOfOpening(error, connection->queue) : checkReceiver(*connection);
+    if (error != 0) {
+        return resultOfOpening(error, connection->queue);
+    }
+    const uint32_t result = checkReceiver(*connection);
+    if (result != TAMO_HOST_OK) {
+        return result;
+    }
+    error = sendHello(connection);
+    return error == 0 ? result : resultOfOpening(error, connection->queue);
 }
 
 /* Opens a connection as soon as somebody serves the queue. */
@@ -210,15 +232,16 @@ uint32_t openWithin(Connection *connection, int directory, Deadline *deadline) {
     (void)snprintf(path, sizeof(path), "/proc/self/fd/%d", directory);
     const bool watches = watch.isOpen() && inotify_add_watch(watch.get(), path, IN_MOVED_TO) >= 0;
     for (;;) {
-        const uint32_t result = openConnection(connection, directory, deadline);
+        const uint32_t result = openConnection(connection, directory);
         const uint32_t remaining = deadline->remaining();
         if (result != TAMO_HOST_NO_RECEIVER || remaining == 0) {
             return result;
         }
         /* Without a watch (their number is limited) looking now and then has to do. */
         pollfd entry = {watches ? watch.get() : -1, POLLIN, 0};
-        const int wait = static_cast<int>(remaining < INT32_MAX ? remaining : INT32_MAX);
-        (void)poll(&entry, 1, watches || wait < kRetryMs ? wait : kRetryMs);
+        const int wait = deadline->forPoll();
+        const bool looks = !watches && (wait < 0 || wait > kRetryMs);
+        (void)poll(&entry, 1, looks ? kRetryMs : wait);
         char events[4096];
         while (watches && read(watch.get(), events, sizeof(events)) > 0) {
         }
@@ -230,7 +253,7 @@ uint32_t openNew(Connection *connection, Deadline *deadline) {
     if (directory < 0) {
         return TAMO_HOST_NO_ROOT;
     }
-    uint32_t result = openConnection(connection, directory, deadline);
+    uint32_t result = openConnection(connection, directory);
     if (result == TAMO_HOST_NO_RECEIVER && deadline != nullptr) {
         deadline->waited();
         result = openWithin(connection, directory, deadline);
@@ -243,67 +266,62 @@ uint32_t openNew(Connection *connection, Deadline *deadline) {
     return result;
 }
 
-/* Replaces a connection whose receiving half is shut. 0, or an error number. */
-int succeed(Connection *connection, int flags) {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-        return errno;
-    }
-    Descriptor ours(ends[0]);
-    const Descriptor theirs(ends[1]);
-    Packet packet;
-    beginHead(&packet.head, kSuccessor, 0);
-    packet.passed = theirs.get();
-    const int error = sendPacket(connection->socket.get(), &packet, flags);
-    if (error != 0) {
-        return error;
-    }
-    (void)setsockopt(ours.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
-    connection->socket.adopt(std::move(ours));
-    /* The receiver may still answer into the old window. */
-    connection->window.unmap();
-    connection->windowFile = Descriptor();
-    connection->announced = false;
-    connection->receiveTimeout = 0;
-    connection->sendTimeout = 0;
-    connection->retired = false;
-    return 0;
-}
-
-/* A message that nobody answers goes as a file where there is no room for it inline. */
-int packAndSend(Connection *connection, Packet *packet, bool answered, int flags) {
-    int error = answered && connection->retired ? succeed(connection, flags) : 0;
-    if (error == 0) {
-        error = packBody(packet, answered ? &connection->window : nullptr, &connection->windowFile);
-    }
-    if (error == 0) {
-        error = sendPacket(connection->socket.get(), packet, flags);
-    }
-    if (error == EAGAIN && !answered && packet->head.bodyLength >= kWorthAFile &&
-        packet->passed < 0) {
-        error = packFile(packet);
-        error = error != 0 ? error : sendPacket(connection->socket.get(), packet, flags);
-    }
-    if (error == 0 && (packet->head.flags & kInWindow) != 0) {
-        connection->windowFile = Descriptor();
-    }
-    return error;
-}
-
-/* Tries without waiting, which saves setting a time-out, and then waits for room. */
-int sendWithin(Connection *connection, Packet *packet, Deadline *deadline) {
-    const bool answered = deadline != nullptr;
-    int error = packAndSend(connection, packet, answered, MSG_DONTWAIT);
-    while (answered && (error == EAGAIN || error == EINTR)) {
-        const uint32_t remaining = deadline->remaining();
-        if (remaining == 0) {
-            return EAGAIN;
+/* May a body of so many bytes go into the queue? Until the allowance is used up, the queue's depth
+ * need not be summed up again: it is this connection's share of the room that there was. */
+bool isAdmitted(Connection *connection, uint32_t bodyLength, QueueDepth *depth) {
+    if (connection->allowedMessages == 0 || connection->allowedBytes < bodyLength) {
+        const QueueStatus &status = *connection->status.get();
+        *depth = depthOf(status);
+        if (depth->messages >= kQueueMessages || depth->bytes + bodyLength > kQueueBytes) {
+            return false;
         }
-        setTimeout(connection->socket.get(), SO_SNDTIMEO, remaining, &connection->sendTimeout);
-        deadline->waited();
-        error = packAndSend(connection, packet, answered, 0);
+        const uint64_t sharers = std::max(1U, status.slotsUsed.load(std::memory_order_relaxed));
+        connection->allowedMessages =
+            std::max<uint64_t>(1, (kQueueMessages - depth->messages) / sharers);
+        connection->allowedBytes =
+            std::max<uint64_t>(bodyLength, (kQueueBytes - depth->bytes) / sharers);
     }
-    return error;
+    --connection->allowedMessages;
+    connection->allowedBytes -= bodyLength;
+    return true;
+}
+
+/* The sender alone writes these: no locked instruction is needed. */
+void add(std::atomic<uint64_t> *count, uint64_t more) {
+    count->store(count->load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+}
+
+void takePassed(Connection *connection, Descriptor *file) {
+    *file = std::move(connection->passed[0]);
+    --connection->passedCount;
+    for (unsigned i = 0; i < connection->passedCount; ++i) {
+        connection->passed[i] = std::move(connection->passed[i + 1]);
+    }
+}
+
+/* Waits for one packet, which announces an answer or brings a file. */
+Arrival awaitPacket(Connection *connection, Deadline *deadline) {
+    for (;;) {
+        const uint32_t remaining = deadline->remaining();
+        if (remaining > 0) {
+            setTimeout(connection, remaining == kForEver ? 0 : remaining);
+        }
+        char byte;
+        size_t size;
+        Descriptor file;
+        const Arrival arrival = receivePacket(
+            connection->socket.get(), remaining > 0 ? 0 : MSG_DONTWAIT, &byte, 1, &size, &file);
+        deadline->waited();
+        if (file.isOpen()) {
+            if (connection->passedCount == Connection::kMaxPassed) {
+                return Arrival::kForeign;
+            }
+            connection->passed[connection->passedCount++] = std::move(file);
+        }
+        if (arrival != Arrival::kNothing || remaining == 0) {
+            return arrival;
+        }
+    }
 }
 
 }  // namespace
@@ -324,6 +342,10 @@ Connection *knownConnection(const char (&queue)[kQueueNameSize]) {
 Connection *newConnection(const char (&queue)[kQueueNameSize], Deadline *deadline,
                           uint32_t *result) {
     Connection *connection = takeIdle(queue);
+    while (connection != nullptr && isGone(*connection)) {
+        delete connection;
+        connection = takeIdle(queue);
+    }
     if (connection == nullptr) {
         connection = new (std::nothrow) Connection;
         if (connection == nullptr) {
@@ -355,43 +377,89 @@ void dropConnection(Connection *connection) {
     delete connection;
 }
 
-void giveUpResponse(Connection *connection) {
-    (void)shutdown(connection->socket.get(), SHUT_RD);
-    connection->retired = true;
-}
-
-int submit(Connection *connection, Packet *packet, Deadline *deadline) {
-    QueueStatus &status = *connection->status.get();
-    const uint32_t bodyLength = packet->head.bodyLength;
-    status.sent.fetch_add(1, std::memory_order_relaxed);
-    status.sentBytes.fetch_add(bodyLength, std::memory_order_relaxed);
-    const int error = sendWithin(connection, packet, deadline);
-    if (error != 0) {
-        status.sent.fetch_sub(1, std::memory_order_relaxed);
-        status.sentBytes.fetch_sub(bodyLength, std::memory_order_relaxed);
+int submit(Connection *connection, RecordHead *head, const void *body) {
+    const int socket = connection->socket.get();
+    QueueDepth depth = {};
+    const bool admitted = isAdmitted(connection, head->bodyLength, &depth);
+    /* A receiver that sleeps gets a packet, and with it this side learns of its end. */
+    if (connection->control->closed.load(std::memory_order_acquire) != 0 ||
+        ((!admitted || !connection->requests.isReaderAsleep()) && isHungUp(socket))) {
+        return EPIPE;
     }
-    return error;
+    if (!admitted) {
+        hostRecord(kWarning, kUnit, __LINE__,
+                   "the queue %s is full: %llu messages with %llu bytes wait in it, %llu and %llu "
+                   "are the most; its owner does not keep up, or does not receive",
+                   connection->queue, static_cast<unsigned long long>(depth.messages),
+                   static_cast<unsigned long long>(depth.bytes),
+                   static_cast<unsigned long long>(kQueueMessages),
+                   static_cast<unsigned long long>(kQueueBytes));
+        return EDQUOT;
+    }
+    connection->serial += connection->serial == UINT32_MAX ? 2 : 1; /* never 0 */
+    head->serial = connection->serial;
+    const int error = placeRecord(&connection->requests, socket, head, body, nullptr);
+    if (error != 0) {
+        return error;
+    }
+    SenderSlot &slot = connection->status.get()->slots[connection->slot];
+    add(&slot.sent, 1);
+    add(&slot.sentBytes, head->bodyLength);
+    if ((head->prefix.flags & kSenderWaits) != 0) {
+        connection->control->awaited.store(head->serial, std::memory_order_release);
+    }
+    const bool wakes = connection->requests.publish();
+    const bool gone = wakes && sendWakeUp(socket) != 0;
+    return gone && !connection->requests.isDrained() ? EPIPE : 0;
 }
 
-Arrival awaitPacket(Connection *connection, Message *message, Descriptor *file,
-                    Deadline *deadline) {
-    for (;;) {
-        const uint32_t remaining = deadline->remaining();
-        if (remaining > 0) {
-            setTimeout(connection->socket.get(), SO_RCVTIMEO, remaining,
-                       &connection->receiveTimeout);
+Arrival awaitAnswer(Connection *connection, const RecordHead &head, Deadline *deadline,
+                    Message *answer, const uint8_t **list, const char **fault) {
+    RingReader &ring = connection->responses;
+    const uint8_t *content = nullptr;
+    for (bool waits = true;;) {
+        if (waits) {
+            const Arrival arrival = awaitPacket(connection, deadline);
+            if (arrival != Arrival::kPacket) {
+                return arrival;
+            }
         }
-        const Arrival arrival = receivePacket(connection->socket.get(), &connection->announced,
-                                              remaining > 0 ? 0 : MSG_DONTWAIT, message, file);
-        deadline->waited();
-        if (arrival == Arrival::kAnnouncement) {
+        const RingReader::Look look = ring.look(&answer->record, &content);
+        *fault = look == RingReader::Look::kRecord ? faultOfHead(answer->record)
+                                                   : "its ring or memory file cannot be used";
+        const bool isRecord = look == RingReader::Look::kRecord && *fault == nullptr;
+        const bool needsFile = look == RingReader::Look::kSegment ||
+                               (isRecord && (answer->record.prefix.flags & kInFile) != 0);
+        waits = look == RingReader::Look::kEmpty || (needsFile && connection->passedCount == 0);
+        if (waits) {
             continue;
         }
-        const bool again = arrival == Arrival::kNothing || arrival == Arrival::kInterrupted;
-        if (!again || remaining == 0) {
-            return again ? Arrival::kNothing : arrival;
+        Descriptor file;
+        if (needsFile) {
+            takePassed(connection, &file);
         }
+        if (look == RingReader::Look::kSegment && ring.enter(file)) {
+            continue;
+        }
+        if (!isRecord || answer->record.prefix.kind == kMessage) {
+            return Arrival::kForeign;
+        }
+        if (answer->record.serial != head.serial) {
+            ring.pass(); /* to a message that was given up */
+            continue;
+        }
+        *fault = takeContent(answer, content, file, list);
+        return *fault == nullptr ? Arrival::kPacket : Arrival::kForeign;
     }
 }
 
-}  // namespace tamo
+void passAnswer(Connection *connection) {
+    connection->responses.pass();
+    giveUpAnswer(connection);
+}
+
+void giveUpAnswer(Connection *connection) {
+    connection->control->awaited.store(0, std::memory_order_release);
+}
+
+}  // namespace tamo::messages

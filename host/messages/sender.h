@@ -6,25 +6,29 @@
 #pragma once
 #include <stdint.h>
 
-#include "host/messages/buffer.h"
 #include "host/messages/deadline.h"
+#include "host/messages/message.h"
+#include "host/messages/ring.h"
 #include "host/messages/status.h"
-#include "host/messages/window.h"
-#include "host/messages/wire.h"
 
-namespace tamo {
+namespace tamo::messages {
 
 struct Connection {
     ProcessDescriptor socket;
     StatusMapping status;
-    Window window;
-    Descriptor windowFile;  /* until the receiver has it */
-    bool announced = false; /* see receivePacket */
+    Mapping file;
+    ConnectionControl *control = nullptr;
+    RingWriter requests;
+    RingReader responses;
+    static constexpr unsigned kMaxPassed = 4;
+    Descriptor passed[kMaxPassed]; /* came with packets, for records of the responses' ring */
+    unsigned passedCount = 0;
     char queue[kQueueNameSize];
-    uint32_t serial = 0;         /* of the last message that waited */
+    uint32_t slot = kSlots;
+    uint32_t serial = 0;          /* of the last message */
+    uint64_t allowedMessages = 0; /* may be sent before the queue's depth is summed up again */
+    uint64_t allowedBytes = 0;
     uint32_t receiveTimeout = 0; /* as the socket has it; 0: none */
-    uint32_t sendTimeout = 0;
-    bool retired = false; /* a response was given up: nothing more is received on this socket */
     Connection *next = nullptr;
 };
 
@@ -41,15 +45,19 @@ Connection *newConnection(const char (&queue)[kQueueNameSize], Deadline *deadlin
 /* Closes one of this thread's connections. */
 void dropConnection(Connection *connection);
 
-/* Gives up waiting for a response: one that still comes fails at its sender. The connection goes on
- * carrying messages to the receiver, in order. */
-void giveUpResponse(Connection *connection);
+/* Sends one message without waiting: counts it in the queue's status and publishes it. 0; EPIPE when
+ * the receiver is gone and did not take it; EDQUOT when the queue is full; or another error number. */
+int submit(Connection *connection, RecordHead *head, const void *body);
 
-/* Packs and sends one message, waiting until the deadline for room; without a deadline, does not
- * wait. Counts it in the queue's status. 0, or an error number; EAGAIN when there was no room. */
-int submit(Connection *connection, Packet *packet, Deadline *deadline);
+/* Waits until the deadline for the answer to the message `head`, and copies it to `answer`; `*list`
+ * is where its result list is until passAnswer. kShort: this process could not take its file. */
+Arrival awaitAnswer(Connection *connection, const RecordHead &head, Deadline *deadline,
+                    Message *answer, const uint8_t **list, const char **fault);
 
-/* Receives one packet, waiting until the deadline. */
-Arrival awaitPacket(Connection *connection, Message *message, Descriptor *file, Deadline *deadline);
+/* Done with the answer. */
+void passAnswer(Connection *connection);
 
-}  // namespace tamo
+/* Gives up waiting: an answer that still comes fails at its sender. */
+void giveUpAnswer(Connection *connection);
+
+}  // namespace tamo::messages

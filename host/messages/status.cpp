@@ -15,10 +15,10 @@
 
 #include "host/base/device_root.h"
 #include "host/base/log.h"
-#include "host/messages/buffer.h"
+#include "host/messages/record.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::messages {
 
 namespace {
 
@@ -46,8 +46,10 @@ bool isNameCharacter(char c) {
     return kNameCharacters.allowed[static_cast<uint8_t>(c)];
 }
 
-uint64_t difference(uint64_t sent, uint64_t received) {
-    const uint64_t waiting = sent - received;
+/* 0 when the counts make no sense. */
+uint64_t difference(const std::atomic<uint64_t> &sent, const std::atomic<uint64_t> &taken) {
+    const uint64_t waiting =
+        sent.load(std::memory_order_relaxed) - taken.load(std::memory_order_relaxed);
     return waiting <= INT64_MAX ? waiting : 0;
 }
 
@@ -65,26 +67,33 @@ bool hasOwner(int directory, const char *queue) {
            question.l_type != F_UNLCK;
 }
 
-bool describeQueue(int directory, const char *queue, TamoHostQueueInfo *info) {
+/* Reads a status file as it is; null when it is none. To be released with free. */
+QueueStatus *readStatus(int directory, const char *queue) {
     const Descriptor file(openat(directory, queueFileName(queue, kStatusSuffix).text,
                                  O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    alignas(QueueStatus) char bytes[sizeof(QueueStatus)];
-    if (!file.isOpen() || pread(file.get(), bytes, sizeof(bytes), 0) != sizeof(bytes)) {
-        return false;
+    auto *status =
+        static_cast<QueueStatus *>(aligned_alloc(alignof(QueueStatus), sizeof(QueueStatus)));
+    if (status == nullptr || !file.isOpen() ||
+        pread(file.get(), status, sizeof(*status), 0) != sizeof(*status) || !isStatus(*status)) {
+        free(status);
+        return nullptr;
     }
-    const auto *status = reinterpret_cast<const QueueStatus *>(bytes);
-    if (!isStatus(*status)) {
-        return false;
-    }
+    return status;
+}
+
+bool describeQueue(int directory, const char *queue, TamoHostQueueInfo *info) {
     *info = {};
-    if (!copyQueueName(queue, info->name)) {
-        return false;
+    QueueStatus *status = readStatus(directory, queue);
+    const bool found = status != nullptr && copyQueueName(queue, info->name);
+    if (found) {
+        const QueueDepth depth = depthOf(*status);
+        info->ownerPid = hasOwner(directory, queue) ? status->ownerPid : 0;
+        info->received = status->received.load(std::memory_order_relaxed);
+        info->depth = depth.messages;
+        info->depthBytes = depth.bytes;
     }
-    info->ownerPid = hasOwner(directory, queue) ? status->ownerPid : 0;
-    info->received = status->received.load(std::memory_order_relaxed);
-    info->depth = waitingMessages(*status);
-    info->depthBytes = waitingBytes(*status);
-    return true;
+    free(status);
+    return found;
 }
 
 /* The length of the queue's name in the name of its status file; 0 when it is none. */
@@ -154,20 +163,22 @@ int StatusMapping::create(int directory, const char *queue) {
     if (!file.isOpen()) {
         return errno;
     }
-    QueueStatus status = {};
-    status.magic = kStatusMagic;
-    status.version = kWireVersion;
-    status.pointerWidth = kPointerWidth;
-    status.ownerPid = static_cast<uint32_t>(getpid());
-    /* Written, not only made long: on a full disk a mapping of a hole would end the process. */
-    const ssize_t written = write(file.get(), &status, sizeof(status));
-    if (written != static_cast<ssize_t>(sizeof(status))) {
-        return written < 0 ? errno : ENOSPC;
+    /* Set aside, not only made long: on a full disk a mapping of a hole would end the process. */
+    int error = posix_fallocate(file.get(), 0, sizeof(QueueStatus));
+    if (error == 0) {
+        error = map(file);
     }
+    if (error != 0) {
+        return error;
+    }
+    status_->magic = kStatusMagic;
+    status_->version = kWireVersion;
+    status_->pointerWidth = kPointerWidth;
+    status_->ownerPid = static_cast<uint32_t>(getpid());
     if (renameat(directory, fresh.text, directory, name.text) != 0) {
         return errno;
     }
-    return map(file);
+    return 0;
 }
 
 int StatusMapping::open(int directory, const char *queue) {
@@ -184,17 +195,47 @@ int StatusMapping::open(int directory, const char *queue) {
     return error == 0 && !isStatus(*status_) ? EINVAL : error;
 }
 
-uint64_t waitingMessages(const QueueStatus &status) {
-    return difference(status.sent.load(std::memory_order_relaxed),
-                      status.received.load(std::memory_order_relaxed));
+QueueDepth depthOf(const QueueStatus &status) {
+    QueueDepth depth = {0, 0};
+    const uint32_t used = std::min(status.slotsUsed.load(std::memory_order_relaxed), kSlots);
+    for (uint32_t i = 0; i < used; ++i) {
+        depth.messages += difference(status.slots[i].sent, status.slots[i].taken);
+        depth.bytes += difference(status.slots[i].sentBytes, status.slots[i].takenBytes);
+    }
+    return depth;
 }
 
-uint64_t waitingBytes(const QueueStatus &status) {
-    return difference(status.sentBytes.load(std::memory_order_relaxed),
-                      status.receivedBytes.load(std::memory_order_relaxed));
+uint32_t claimSlot(QueueStatus *status) {
+    const auto process = static_cast<uint32_t>(getpid());
+    for (uint32_t i = 0; i < kSlots; ++i) {
+        uint32_t owner = 0;
+        if (status->slots[i].owner.load(std::memory_order_relaxed) != 0 ||
+            !status->slots[i].owner.compare_exchange_strong(owner, process)) {
+            continue;
+        }
+        uint32_t used = status->slotsUsed.load();
+        while (used <= i && !status->slotsUsed.compare_exchange_weak(used, i + 1)) {
+        }
+        return i;
+    }
+    return kSlots;
 }
 
-}  // namespace tamo
+void freeSlot(QueueStatus *status, uint32_t slot) {
+    if (slot >= kSlots) {
+        return;
+    }
+    SenderSlot &freed = status->slots[slot];
+    for (std::atomic<uint64_t> *count :
+         {&freed.sent, &freed.sentBytes, &freed.taken, &freed.takenBytes}) {
+        count->store(0, std::memory_order_relaxed);
+    }
+    freed.owner.store(0, std::memory_order_release);
+}
+
+}  // namespace tamo::messages
+
+using namespace tamo::messages;
 
 uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, void *context),
                            void *context) {
@@ -208,8 +249,7 @@ uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, voi
         return TAMO_HOST_NO_ROOT;
     }
     dirent **entries = nullptr;
-    const int count =
-        scandirat(directory, ".", &entries, tamo::selectStatusFiles, tamo::orderByQueueName);
+    const int count = scandirat(directory, ".", &entries, selectStatusFiles, orderByQueueName);
     if (count < 0) {
         tamo::hostRecord(tamo::kError, kUnit, __LINE__, "the queues cannot be listed: %s%s",
                          strerror(errno), tamo::adviceOn(errno));
@@ -218,9 +258,9 @@ uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, voi
     uint32_t result = TAMO_HOST_OK;
     for (int i = 0; i < count; ++i) {
         char *name = entries[i]->d_name;
-        name[tamo::queueNameLength(name)] = '\0';
+        name[queueNameLength(name)] = '\0';
         TamoHostQueueInfo info;
-        if (result == TAMO_HOST_OK && tamo::describeQueue(directory, name, &info)) {
+        if (result == TAMO_HOST_OK && describeQueue(directory, name, &info)) {
             result = visit(&info, context);
         }
         free(entries[i]);

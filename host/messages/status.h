@@ -1,10 +1,10 @@
-/* What is known of a queue without asking its owner.
+/* A queue's status file: who serves the queue, and what waits in it.
  *
- * Each queue has a small file, mapped by its owner and by every sender, in which both count. The
- * counts tell how many messages wait; they limit what asynchronous senders may heap up, and people
- * can look at them. Nothing else depends on them: any process of this user may write there. A sender
- * that is killed between counting and sending leaves the depth too high by one message until the
- * queue is opened again.
+ * Each queue has a file that its owner and every sender map. Each connection has a slot there, in
+ * which its sender counts what it sends, before it publishes it, and the receiver what it takes. The
+ * sums limit what waits in the queue, and people can look at them. The receiver clears the slot of a
+ * connection that it drops, so a sender that was killed between counting and publishing leaves
+ * nothing behind. Nothing else depends on the counts: any process of this user may write there.
  *
  *     run/NAME.lock    locked by the owner for as long as it lives
  *     run/NAME.queue   the counts
@@ -18,9 +18,19 @@
 
 #include "host/base/descriptor.h"
 
-namespace tamo {
+namespace tamo::messages {
 
 constexpr size_t kQueueNameSize = 16;
+
+struct SenderSlot {
+    alignas(64) std::atomic<uint32_t> owner; /* the sender's process, 0: the slot is free */
+    std::atomic<uint64_t> sent;
+    std::atomic<uint64_t> sentBytes;
+    alignas(64) std::atomic<uint64_t> taken; /* on a line of its own: the receiver's */
+    std::atomic<uint64_t> takenBytes;
+};
+
+constexpr uint32_t kSlots = 2048;
 
 struct QueueStatus {
     uint32_t magic;
@@ -28,13 +38,11 @@ struct QueueStatus {
     uint8_t pointerWidth;
     uint8_t unused[2];
     uint32_t ownerPid;
-    /* On cache lines of their own: senders write the first, the receiver the second. */
-    alignas(64) std::atomic<uint64_t> sent;
-    std::atomic<uint64_t> sentBytes;
+    std::atomic<uint32_t> slotsUsed; /* no slot behind so many was ever used */
     alignas(64) std::atomic<uint64_t> received;
-    std::atomic<uint64_t> receivedBytes;
+    SenderSlot slots[kSlots];
 };
-static_assert(sizeof(QueueStatus) == 192 && offsetof(QueueStatus, received) == 128);
+static_assert(sizeof(SenderSlot) == 128 && sizeof(QueueStatus) == 128 * (kSlots + 1));
 /* Shared by processes, so they must need no lock; with 32-bit pointers aligned words of this size do
  * not, though is_always_lock_free speaks of unaligned ones and says otherwise there. */
 static_assert(alignof(std::atomic<uint64_t>) == sizeof(uint64_t));
@@ -80,8 +88,21 @@ class StatusMapping {
     QueueStatus *status_ = nullptr;
 };
 
-/* Bytes and messages that wait; 0 when the counts make no sense. */
-uint64_t waitingMessages(const QueueStatus &status);
-uint64_t waitingBytes(const QueueStatus &status);
+/* What a queue holds at the most; conf_msg_api.h and tamo_os_msg.h promise it. */
+constexpr uint64_t kQueueMessages = 2097152;
+constexpr uint64_t kQueueBytes = 134217728;
 
-}  // namespace tamo
+/* What waits in a queue. */
+struct QueueDepth {
+    uint64_t messages;
+    uint64_t bytes; /* of bodies */
+};
+QueueDepth depthOf(const QueueStatus &status);
+
+/* Takes a free slot; kSlots when all are in use. */
+uint32_t claimSlot(QueueStatus *status);
+
+/* Clears a slot and makes it free; an index that is none is ignored. */
+void freeSlot(QueueStatus *status, uint32_t slot);
+
+}  // namespace tamo::messages

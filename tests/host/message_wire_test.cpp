@@ -1,6 +1,6 @@
-/* Packets written by hand, to a queue and to a waiting sender: each lie is refused, costs its
+/* Connections written by hand, to a queue and to a waiting sender: each lie is refused, costs its
  * connection at most, and leaves no descriptor behind. The bytes here are the format's second
- * description: host/messages/buffer.h is the first. */
+ * description: host/messages/record.h and ring.h are the first. */
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -21,109 +21,50 @@ using namespace parties;
 
 namespace {
 
-constexpr const char *kQueue = "wire";
-
-/* Offsets in a packet's head. */
-enum At {
-    kVersionAt = 4,
-    kWidthAt = 5,
-    kKindAt = 6,
-    kReasonAt = 7,
-    kSerialAt = 8,
-    kMsgIdAt = 12,
-    kSenderAt = 16,
-    kReceiverAt = 32,
-    kBodyLengthAt = 48,
-    kListLengthAt = 52,
-    kFlagsAt = 56,
-    kBuildIdLengthAt = 57,
-    kBuildIdAt = 58,
-    kOffsetAt = 80,
-    kHeadSize = 96
-};
+constexpr size_t kFile = 4096 + 32768 + 16384; /* a connection's memory file */
+constexpr size_t kStatusFile = 128 * 2049;
 constexpr uint8_t kOtherWidth = sizeof(void *) == 8 ? 4 : 8;
-enum Kind { kMessage = 1, kResponse, kRefusal, kSuccessor, kAnnouncement };
-enum Flag { kWaits = 1, kHasList = 2, kInFile = 4, kInWindow = 8 };
+constexpr unsigned kShared = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+constexpr unsigned kSealed = kShared | F_SEAL_WRITE;
 
-void put32(Bytes &bytes, size_t at, uint32_t value) {
-    std::memcpy(&bytes[at], &value, sizeof(value));
-}
-
-/* A good packet. */
-Bytes packet(uint8_t kind, uint8_t flags, const Bytes &content, uint32_t msgId = 3) {
-    Bytes bytes = {'T', 'M', 'S', 'G', 1, sizeof(void *), kind, 0};
-    bytes.resize(kHeadSize);
-    put32(bytes, kSerialAt, 1);
-    put32(bytes, kMsgIdAt, msgId);
-    bytes[kSenderAt] = 's';
-    std::memcpy(&bytes[kReceiverAt], kQueue, std::strlen(kQueue));
-    put32(bytes, kBodyLengthAt, static_cast<uint32_t>(content.size()));
-    bytes[kFlagsAt] = flags;
-    bytes.insert(bytes.end(), content.begin(), content.end());
-    return bytes;
-}
-
-Bytes with(Bytes bytes, size_t at, uint32_t value) {
-    put32(bytes, at, value);
-    return bytes;
-}
-
-Bytes withByte(Bytes bytes, size_t at, uint8_t value) {
-    bytes[at] = value;
-    return bytes;
-}
-
-sockaddr_un addressOf(const std::string &queue) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    const std::string path = support::scratchRoot() + "/run/" + queue + ".sock";
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    return address;
-}
-
-/* One end of a connection in the test's hands. */
-class Line {
-  public:
-    explicit Line(int socket) : socket_(socket) {}
-    Line() : Line(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        const sockaddr_un address = addressOf(kQueue);
-        EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)),
-                  0);
-    }
-    ~Line() { close(socket_); }
-
-    void send(const Bytes &bytes, std::vector<int> descriptors = {}) const {
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)] = {};
-        iovec part = {const_cast<uint8_t *>(bytes.data()), bytes.size()};
-        msghdr header = {};
-        header.msg_iov = &part;
-        header.msg_iovlen = 1;
-        if (!descriptors.empty()) {
-            header.msg_control = control;
-            header.msg_controllen = CMSG_SPACE(sizeof(int) * descriptors.size());
-            cmsghdr *entry = CMSG_FIRSTHDR(&header);
-            entry->cmsg_level = SOL_SOCKET;
-            entry->cmsg_type = SCM_RIGHTS;
-            entry->cmsg_len = CMSG_LEN(sizeof(int) * descriptors.size());
-            std::memcpy(CMSG_DATA(entry), descriptors.data(), sizeof(int) * descriptors.size());
-        }
-        EXPECT_EQ(sendmsg(socket_, &header, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-    }
-
-    /* The next packet; empty at the end of the connection. */
-    Bytes receive() const {
-        Bytes bytes(70000);
-        ssize_t size = recv(socket_, bytes.data(), bytes.size(), 0);
-        if (size < 0 && errno == ECONNRESET) { /* what was sent before can still be read */
-            size = recv(socket_, bytes.data(), bytes.size(), 0);
-        }
-        bytes.resize(size > 0 ? static_cast<size_t>(size) : 0);
-        return bytes;
-    }
-
-  private:
-    int socket_;
+/* Offsets in a record's head. */
+enum At {
+    kKindAt = 4,
+    kFlagsAt = 5,
+    kReasonAt = 6,
+    kIdLengthAt = 7,
+    kSerialAt = 8,
+    kBodyAt = 16,
+    kListAt = 20,
+    kSenderAt = 32,
+    kHead72 = 72
 };
+enum Kind { kMessage = 1, kResponse, kRefusal, kPadding, kSegment };
+enum Flag { kWaits = 1, kHasList = 2, kInFile = 4 };
+
+Bytes with(Bytes bytes, size_t at, uint32_t value, size_t size = sizeof(uint32_t)) {
+    std::memcpy(&bytes[at], &value, size);
+    return bytes;
+}
+
+Bytes record(uint8_t kind, uint8_t flags, const Bytes &body, uint32_t msgId = 3) {
+    Bytes bytes(kHead72);
+    bytes[kKindAt] = kind;
+    bytes[kFlagsAt] = flags;
+    bytes = with(with(bytes, 12, msgId), kBodyAt, static_cast<uint32_t>(body.size()));
+    bytes[kSenderAt] = 's';
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    bytes.resize((bytes.size() + 7) / 8 * 8);
+    return with(bytes, 0, static_cast<uint32_t>(bytes.size()));
+}
+
+/* Its name fills the field. */
+Bytes withEndlessSender(Bytes bytes) {
+    std::fill_n(&bytes[kSenderAt], 16, 's');
+    return bytes;
+}
+
+const Bytes kHello = {'T', 'M', 'S', 'G', 2, sizeof(void *), 0, 0, 100, 0, 0, 0};
 
 /* A memory file, closed with the object. */
 struct File {
@@ -135,11 +76,207 @@ struct File {
     ~File() { close(descriptor); }
     const int descriptor;
 };
-constexpr unsigned kSealed = F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
-constexpr unsigned kOfWindow = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
-constexpr size_t kWindowSize = 1280 * 1024;
 
-const Bytes kAnnounce = packet(kAnnouncement, 0, {});
+sockaddr_un addressOf(const std::string &queue) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const std::string path = support::scratchRoot() + "/run/" + queue + ".sock";
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+void sendTo(int socket, const Bytes &bytes, int descriptor) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec part = {const_cast<uint8_t *>(bytes.data()), bytes.size()};
+    msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    if (descriptor >= 0) {
+        header.msg_control = control;
+        header.msg_controllen = sizeof(control);
+        cmsghdr *entry = CMSG_FIRSTHDR(&header);
+        entry->cmsg_level = SOL_SOCKET;
+        entry->cmsg_type = SCM_RIGHTS;
+        entry->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(entry), &descriptor, sizeof(descriptor));
+    }
+    EXPECT_EQ(sendmsg(socket, &header, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+/* One end of a connection in the test's hands, with the ring that it writes. */
+class Line {
+  public:
+    /* Of a sender. */
+    Line() : socket_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)), ring_(64), data_(4096) {
+        const sockaddr_un address = addressOf("wire");
+        EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)),
+                  0);
+        const File file(kFile, kShared);
+        map(file.descriptor);
+        file_ = dup(file.descriptor);
+    }
+    /* Of a receiver: takes the sender's hello. */
+    explicit Line(int listener)
+        : socket_(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)), ring_(256), data_(36864) {
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        Bytes hello(kHello.size());
+        iovec part = {hello.data(), hello.size()};
+        msghdr header = {nullptr, 0, &part, 1, control, sizeof(control), 0};
+        EXPECT_EQ(recvmsg(socket_, &header, 0), static_cast<ssize_t>(hello.size()));
+        std::memcpy(&file_, CMSG_DATA(CMSG_FIRSTHDR(&header)), sizeof(file_));
+        map(file_);
+    }
+    ~Line() {
+        munmap(bytes_, kFile);
+        close(file_);
+        close(socket_);
+    }
+
+    void send(const Bytes &bytes, int descriptor = -1) const { sendTo(socket_, bytes, descriptor); }
+    void hello() const { send(kHello, file_); }
+    void publish(const Bytes &record, uint32_t more = 0) {
+        std::memcpy(bytes_ + data_ + written_, record.data(), record.size());
+        written_ += static_cast<uint32_t>(record.size());
+        const uint32_t shown = written_ + more;
+        std::memcpy(bytes_ + ring_, &shown, sizeof(shown));
+        send({'w'});
+    }
+    /* False at the end of the connection. */
+    bool receive() const {
+        char byte;
+        return recv(socket_, &byte, 1, 0) > 0;
+    }
+    const uint8_t *bytes() const { return bytes_; }
+
+  private:
+    void map(int file) {
+        void *at = mmap(nullptr, kFile, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        ASSERT_NE(at, MAP_FAILED);
+        bytes_ = static_cast<uint8_t *>(at);
+    }
+    const int socket_;
+    const size_t ring_, data_;
+    int file_ = -1;
+    uint8_t *bytes_ = nullptr;
+    uint32_t written_ = 0;
+};
+
+class Wire : public testing::Test {
+  protected:
+    void SetUp() override {
+        EXPECT_TRUE(queue_.isEmpty());
+        before_ = support::openDescriptors().size();
+    }
+    void TearDown() override {
+        /* Whatever came, the queue still works. */
+        {
+            Line line;
+            line.hello();
+            line.publish(record(kMessage, 0, {1, 2, 3}));
+            OsMsgHeader *message = queue_.next();
+            ASSERT_NE(message, nullptr);
+            EXPECT_EQ(Bytes(dataOf(message) - kHead, dataOf(message) - kHead + 3),
+                      (Bytes{1, 2, 3}));
+            TamoHostMsgFree(message);
+        }
+        EXPECT_TRUE(queue_.isEmpty());
+        EXPECT_EQ(support::openDescriptors().size(), before_) << "a descriptor was left open";
+    }
+
+    Queue queue_{"wire"};
+    size_t before_ = 0;
+};
+
+TEST_F(Wire, AHelloThatLiesIsRefused) {
+    const File good(kFile, kShared), open(kFile, 0), shorter(kFile - 1, kShared);
+    const struct {
+        const char *what;
+        Bytes bytes;
+        int descriptor;
+    } lies[] = {
+        {"magic", with(kHello, 0, 'X', 1), good.descriptor},
+        {"version", with(kHello, 4, 1, 1), good.descriptor},
+        {"width", with(kHello, 5, kOtherWidth, 1), good.descriptor},
+        {"slot", with(kHello, 8, 2048), good.descriptor},
+        {"short", {'T', 'M'}, good.descriptor},
+        {"no file", kHello, -1},
+        {"a file that may shrink", kHello, open.descriptor},
+        {"a shorter file", kHello, shorter.descriptor},
+        {"a socket", kHello, socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)},
+    };
+    for (const auto &[what, bytes, descriptor] : lies) {
+        const Line line;
+        line.send(bytes, descriptor);
+        EXPECT_TRUE(queue_.isEmpty()) << what;
+        EXPECT_FALSE(line.receive()) << what;
+    }
+    close(std::end(lies)[-1].descriptor);
+}
+
+TEST_F(Wire, ARecordThatLiesIsRefused) {
+    const File sealed(100, kSealed), open(100, 0);
+    const Bytes good = record(kMessage, kWaits, Bytes(40));
+    const Bytes inFile = with(record(kMessage, kInFile, {}), kBodyAt, 101);
+    const struct {
+        const char *what;
+        Bytes bytes;
+        uint32_t more;
+        int descriptor;
+    } lies[] = {
+        {"no size", with(good, 0, 0), 0, -1},
+        {"an odd size", with(good, 0, 113), 0, -1},
+        {"a size behind what is written", with(good, 0, 120), 0, -1},
+        {"a size of less than a head", with(good, 0, 64), 0, -1},
+        {"more written than the ring holds", good, 40000, -1},
+        {"written is odd", good, 1, -1},
+        {"a longer body", with(good, kBodyAt, 41), 0, -1},
+        {"an endless body", with(good, kBodyAt, 0xFFFFFFFF), 0, -1},
+        {"a list", with(good, kListAt, 4), 0, -1},
+        {"a list flag", with(good, kFlagsAt, kHasList, 1), 0, -1},
+        {"an unknown flag", with(good, kFlagsAt, 0x80, 1), 0, -1},
+        {"a kind", with(good, kKindAt, 9, 1), 0, -1},
+        {"a response", with(good, kKindAt, kResponse, 1), 0, -1},
+        {"a long build id", with(good, kIdLengthAt, 21, 1), 0, -1},
+        {"a sender without end", withEndlessSender(good), 0, -1},
+        {"no file", inFile, 0, -1},
+        {"no segment", with(with(Bytes(8), 0, 8), kKindAt, kSegment, 1), 0, -1},
+        {"a segment that is sealed", with(with(Bytes(8), 0, 8), kKindAt, kSegment, 1), 0,
+         sealed.descriptor},
+    };
+    for (const auto &[what, bytes, more, descriptor] : lies) {
+        Line line;
+        line.hello();
+        if (descriptor >= 0) {
+            line.send({'f'}, descriptor);
+        }
+        line.publish(bytes, more);
+        EXPECT_TRUE(queue_.isEmpty()) << what;
+        EXPECT_FALSE(line.receive()) << what;
+    }
+    /* A file that cannot be used costs its message, not the connection. */
+    Line line;
+    line.hello();
+    for (const int file : {sealed.descriptor, open.descriptor}) {
+        line.send({'f'}, file);
+        line.publish(inFile);
+    }
+    line.publish(record(kMessage, 0, {}));
+    TamoHostMsgFree(queue_.next());
+    EXPECT_TRUE(queue_.isEmpty());
+}
+
+TEST_F(Wire, AHandlerThatNoLoadedModuleHasIsRefusedAtOnce) {
+    const Bytes bytes = record(kMessage, 0, bodyOf(doNothing, 0, {}), 1);
+    Line line;
+    line.hello();
+    line.publish(with(bytes, kIdLengthAt, 20, 1)); /* of zero bytes */
+    EXPECT_TRUE(queue_.isEmpty());
+    /* Without a place, an address in the body is worth nothing. */
+    line.publish(bytes);
+    OsMsgHeader *message = queue_.next();
+    EXPECT_EQ(headOf(message).handler, nullptr);
+    TamoHostMsgFree(message);
+}
 
 /* A receiver in the test's hands: the socket and the status file that senders look for. */
 class RogueReceiver {
@@ -150,8 +287,8 @@ class RogueReceiver {
         EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)),
                   0);
         EXPECT_EQ(listen(listener_, 5), 0);
-        std::string status = {'T', 'M', 'S', 'Q', 1, static_cast<char>(width)};
-        status.resize(192);
+        std::string status = {'T', 'M', 'S', 'Q', 2, static_cast<char>(width)};
+        status.resize(kStatusFile);
         std::ofstream(support::scratchRoot() + "/run/rogue.queue") << status;
     }
     ~RogueReceiver() {
@@ -159,185 +296,52 @@ class RogueReceiver {
         unlink(addressOf("rogue").sun_path);
         unlink((support::scratchRoot() + "/run/rogue.queue").c_str());
     }
-
-    int accept() const { return accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); }
+    int listener() const { return listener_; }
 
   private:
     int listener_;
 };
 
 /* What a synchronous sender makes of an answer. */
-uint32_t resultOfAnswer(Bytes answer, const std::vector<int> &descriptors = {}) {
+uint32_t resultOfAnswer(Bytes answer, uint32_t more = 0, int descriptor = -1) {
     const RogueReceiver receiver;
     auto sent = std::async(std::launch::async, [] {
         return Exchange("rogue", bodyOf(doNothing, 0, Bytes(kBlock)), 2).result;
     });
-    const Line line(receiver.accept());
-    const Bytes request = line.receive();
-    EXPECT_EQ(request.size(), kHeadSize + kHead + kBlock);
-    std::copy_n(&request[kSerialAt], 4, &answer[kSerialAt]);
-    if (!descriptors.empty()) {
-        line.send(kAnnounce);
+    Line line(receiver.listener());
+    uint32_t awaited = 0;
+    while (awaited == 0) {
+        std::this_thread::yield();
+        std::memcpy(&awaited, line.bytes(), sizeof(awaited));
     }
-    line.send(answer, descriptors);
+    if (answer.size() >= kHead72) {
+        answer = with(answer, kSerialAt, awaited);
+    }
+    if (descriptor >= 0) {
+        line.send({'f'}, descriptor);
+    }
+    line.publish(answer, more);
     return sent.get();
 }
 
-class Wire : public testing::Test {
-  protected:
-    void SetUp() override {
-        queue_ = std::make_unique<Queue>(kQueue);
-        EXPECT_TRUE(queue_->isEmpty());
-        /* A thread that ends leaves its connection to the next: one stays. */
-        EXPECT_EQ(resultOfAnswer(packet(kResponse, 0, {}, 2)), TAMO_HOST_OK);
-        before_ = support::openDescriptors().size();
-    }
-    void TearDown() override {
-        /* Whatever came, the queue still works. */
-        {
-            const Line line;
-            line.send(packet(kMessage, 0, {1, 2, 3}));
-            OsMsgHeader *message = queue_->next();
-            ASSERT_NE(message, nullptr);
-            EXPECT_EQ(message->bodyLength, 3U);
-            TamoHostMsgFree(message);
-        }
-        EXPECT_TRUE(queue_->isEmpty());
-        EXPECT_LE(support::openDescriptors().size(), before_) << "a descriptor was left open";
-        queue_.reset();
-    }
-
-    /* The queue hands nothing out; the sender is refused, and its connection closed. */
-    void expectRefused(const Bytes &bytes, const std::vector<int> &descriptors,
-                       const std::string &what, bool announced = true) {
-        const Line line;
-        if (announced && !descriptors.empty()) {
-            line.send(kAnnounce);
-        }
-        line.send(bytes, descriptors);
-        EXPECT_TRUE(queue_->isEmpty()) << what;
-        const Bytes answer = line.receive();
-        ASSERT_EQ(answer.size(), size_t{kHeadSize}) << what;
-        EXPECT_EQ(answer[kKindAt], kRefusal) << what;
-        EXPECT_EQ(answer[kReasonAt], TAMO_HOST_REFUSED) << what;
-        EXPECT_TRUE(line.receive().empty()) << what;
-    }
-
-    std::unique_ptr<Queue> queue_;
-    size_t before_ = 0;
-};
-
-TEST_F(Wire, AHeadThatLiesIsRefused) {
-    const Bytes good = packet(kMessage, kWaits, {1, 2, 3, 4});
-    const Bytes lies[] = {
-        withByte(good, 0, 'X'),
-        withByte(good, kVersionAt, 2),
-        withByte(good, kWidthAt, kOtherWidth),
-        withByte(good, kKindAt, 9),
-        withByte(good, kKindAt, kResponse),
-        packet(kRefusal, 0, {}),
-        packet(kSuccessor, 0, {}),                                        /* without a connection */
-        with(with(with(with(good, 16, ~0U), 20, ~0U), 24, ~0U), 28, ~0U), /* a sender without end */
-        withByte(good, kReceiverAt, 'W'),
-        withByte(good, kReceiverAt + 15, 'x'), /* behind the name's end */
-        with(good, kBodyLengthAt, 5),
-        with(good, kBodyLengthAt, 3),
-        with(good, kBodyLengthAt, 0xFFFFFFFF),
-        with(good, kListLengthAt, 1),
-        withByte(good, kFlagsAt, kHasList),
-        with(withByte(good, kFlagsAt, kHasList), kListLengthAt, 0xFFFFFFFC),
-        withByte(good, kFlagsAt, 0x80),
-        withByte(good, kHeadSize - 1, 1), /* unused fields */
-        withByte(good, kBuildIdAt + 20, 1),
-        withByte(good, kBuildIdLengthAt, 21),
-        withByte(packet(kMessage, kInFile, {}), kBodyLengthAt, 4), /* no file */
-        with(packet(kMessage, kInWindow, {}), kBodyLengthAt, 1 << 21),
-        Bytes(good.begin(), good.begin() + kHeadSize / 2),
-        {'T'},
-    };
-    for (size_t i = 0; i < std::size(lies); i++) {
-        expectRefused(lies[i], {}, "lie " + std::to_string(i));
-    }
-    expectRefused(Bytes(kHeadSize + 65537, 'T'), {}, "longer than a packet");
-}
-
-TEST_F(Wire, ADescriptorThatIsNotWhatItShouldBeIsRefusedAndClosed) {
-    const Bytes inFile = with(packet(kMessage, kInFile | kWaits, {}), kBodyLengthAt, 100);
-    const Bytes inWindow = with(packet(kMessage, kInWindow | kWaits, {}), kBodyLengthAt, 100);
-    const File good(100, kSealed), open(100, 0), shorter(99, kSealed), longer(101, kSealed);
-    const File window(kWindowSize, kOfWindow), unsealed(kWindowSize, 0),
-        narrow(kWindowSize - 1, kOfWindow);
-    const struct {
-        const char *what;
-        Bytes bytes;
-        std::vector<int> descriptors;
-    } refused[] = {
-        {"not announced by its flags", packet(kMessage, kWaits, {1}), {good.descriptor}},
-        {"two descriptors", inFile, {good.descriptor, good.descriptor}},
-        {"two ways", packet(kMessage, kInFile | kInWindow, {}), {good.descriptor}},
-        {"an empty file", packet(kMessage, kInFile, {}), {good.descriptor}},
-        {"a successor that is no socket", packet(kSuccessor, 0, {}), {good.descriptor}},
-        {"an announcement with a descriptor", kAnnounce, {good.descriptor}},
-        {"an open window", inWindow, {unsealed.descriptor}},
-        {"a narrow window", inWindow, {narrow.descriptor}},
-    };
-    for (const auto &[what, bytes, descriptors] : refused) {
-        expectRefused(bytes, descriptors, what);
-    }
-    expectRefused(inFile, {good.descriptor}, "no announcement before", false);
-    /* A file that cannot be used costs its message, not the connection. */
-    const Line line;
-    for (const File *file : {&open, &shorter, &longer}) {
-        line.send(kAnnounce);
-        line.send(inFile, {file->descriptor});
-        EXPECT_TRUE(queue_->isEmpty());
-        EXPECT_EQ(line.receive()[kKindAt], kRefusal);
-    }
-    for (const uint8_t reason : {TAMO_HOST_GONE, TAMO_HOST_REFUSED}) { /* one window, not two */
-        line.send(kAnnounce);
-        line.send(inWindow, {window.descriptor});
-        OsMsgHeader *message = nullptr;
-        TamoHostMsgReceive(queue_->get(), &message, 0);
-        TamoHostMsgFree(message);
-        EXPECT_EQ(line.receive()[kReasonAt], reason);
-    }
-}
-
-TEST_F(Wire, AHandlerThatNoLoadedModuleHasIsRefusedAtOnce) {
-    Bytes bytes = packet(kMessage, kWaits, bodyOf(doNothing, 0, {}), 1);
-    bytes[kBuildIdLengthAt] = 20; /* of zero bytes */
-    const Line line;
-    line.send(bytes);
-    line.send(withByte(bytes, kFlagsAt, 0));
-    EXPECT_TRUE(queue_->isEmpty());
-    EXPECT_EQ(line.receive()[kReasonAt], TAMO_HOST_REFUSED);
-    /* Without a place, an address in the body is worth nothing. */
-    line.send(withByte(bytes, kBuildIdLengthAt, 0));
-    OsMsgHeader *message = queue_->next();
-    EXPECT_EQ(headOf(message).handler, nullptr);
-    TamoHostMsgFree(message);
-}
-
-TEST_F(Wire, AResponseThatLiesFailsItsRequest) {
-    const Bytes good = packet(kResponse, 0, bodyOf(nullptr, 0, Bytes(kBlock)), 2);
+TEST_F(Wire, AnAnswerThatLiesFailsItsRequest) {
+    const Bytes good = record(kResponse, 0, bodyOf(nullptr, 0, Bytes(kBlock)), 2);
     EXPECT_EQ(resultOfAnswer(good), TAMO_HOST_OK);
-    EXPECT_EQ(resultOfAnswer(packet(kResponse, 0, {}, 2)), TAMO_HOST_OK) << "without a body";
-    EXPECT_EQ(resultOfAnswer(packet(kResponse, kHasList, {1}, 2)), TAMO_HOST_OK)
-        << "a list, but no block to hang it on";
-    const Bytes list = with(packet(kResponse, kHasList, Bytes(8), 2), kBodyLengthAt, 4);
-    const Bytes refusal = packet(kRefusal, 0, {}); /* without a reason */
-    for (const Bytes &lie :
-         {withByte(good, kKindAt, kMessage), withByte(good, kKindAt, kSuccessor),
-          with(good, kBodyLengthAt, 0), list, with(list, kListLengthAt, 0xFFFFFFFF),
-          withByte(good, kWidthAt, 3), with(packet(kResponse, kInWindow, {}, 2), kBodyLengthAt, 8),
-          refusal, withByte(refusal, kReasonAt, 200)}) {
+    EXPECT_EQ(resultOfAnswer(record(kResponse, 0, {}, 2)), TAMO_HOST_OK) << "without a body";
+    const Bytes list = with(record(kResponse, kHasList, Bytes(8), 2), kBodyAt, 4);
+    EXPECT_EQ(resultOfAnswer(with(list, kListAt, 4)), TAMO_HOST_OK) << "no block to hang it on";
+    const Bytes refusal = record(kRefusal, 0, {}); /* without a reason */
+    for (const Bytes &lie : {with(good, kKindAt, kMessage, 1), with(good, kBodyAt, 200),
+                             with(list, kListAt, 5), with(list, kListAt, 0xFFFFFFFC),
+                             with(good, 0, 4096), refusal, with(refusal, kReasonAt, 200, 1)}) {
         EXPECT_EQ(resultOfAnswer(lie), TAMO_HOST_REFUSED);
     }
+    EXPECT_EQ(resultOfAnswer(good, 32768), TAMO_HOST_REFUSED);
+    EXPECT_EQ(resultOfAnswer(with(refusal, kReasonAt, TAMO_HOST_NO_MEMORY, 1)),
+              TAMO_HOST_NO_MEMORY);
     const File file(100, kSealed);
-    const Bytes inFile = with(packet(kResponse, kInFile, {}, 2), kBodyLengthAt, 101);
-    EXPECT_EQ(resultOfAnswer(inFile, {file.descriptor}), TAMO_HOST_REFUSED);
-    const Bytes later = withByte(withByte(refusal, kVersionAt, 9), kReasonAt, TAMO_HOST_NO_MEMORY);
-    EXPECT_EQ(resultOfAnswer(later), TAMO_HOST_NO_MEMORY) << "understood from any version";
+    const Bytes inFile = with(record(kResponse, kInFile, {}, 2), kBodyAt, 101);
+    EXPECT_EQ(resultOfAnswer(inFile, 0, file.descriptor), TAMO_HOST_REFUSED);
 }
 
 TEST_F(Wire, AReceiverOfAnotherPointerWidthOrWithADamagedStatusFileIsNotSentTo) {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <future>
 
+#include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/allocation_count.h"
@@ -193,32 +194,57 @@ TEST_F(Messages, ClosingFailsWhoWaitsUnreadAndLeavesWhatWasHandedOut) {
     EXPECT_EQ(queueInfo(kQueue).name[0], '\0') << "a closed queue leaves no trace";
 }
 
-TEST_F(Messages, AFullQueueRefusesAsynchronousMessagesAtOnceAndTakesThemAgain) {
-    Queue queue(kQueue);
+/* Sends bodies of one size, numbered, until the queue is full or `most` are in it. */
+uint32_t fill(uint32_t dataBytes, uint32_t most = UINT32_MAX) {
+    Bytes body = bodyOf(doNothing, 0, Bytes(dataBytes));
+    OsMsgHeader header = headerOf(kQueue, body);
     uint32_t sent = 0;
-    while (sendAsync(kQueue, bodyOf(doNothing, sent, Bytes(64))) == TAMO_HOST_OK) {
-        ASSERT_LT(++sent, 100000U);
+    for (uint32_t result = TAMO_HOST_OK; sent < most; ++sent) {
+        std::memcpy(&body[offsetof(BodyHead, param)], &sent, sizeof(sent));
+        result = OsMsgAsynSend(&header);
+        if (result != TAMO_HOST_OK) {
+            EXPECT_EQ(result, TAMO_HOST_QUEUE_FULL);
+            break;
+        }
     }
-    EXPECT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, {})), TAMO_HOST_QUEUE_FULL);
-    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, 10).result, TAMO_HOST_QUEUE_FULL);
-    EXPECT_EQ(queueInfo(kQueue).depth, sent);
-    EXPECT_EQ(queueInfo(kQueue).depthBytes, sent * (kHead + 64));
-    for (uint32_t i = 0; i < sent; ++i) {
+    return sent;
+}
+
+void expectInOrder(Queue *queue, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        OsMsgHeader *message = queue->next();
+        ASSERT_NE(message, nullptr);
+        ASSERT_EQ(headOf(message).param, i);
+        TamoHostMsgFree(message);
+    }
+    EXPECT_TRUE(queue->isEmpty());
+    EXPECT_EQ(queueInfo(kQueue).depth, 0U);
+    EXPECT_EQ(queueInfo(kQueue).depthBytes, 0U);
+}
+
+/* 100,000 small messages, and 96 MiB of bodies of any size, wait for a receiver that stands still. */
+TEST_F(Messages, AQueueHoldsWhatIsPromisedAndKeepsItsOrder) {
+    Queue queue(kQueue);
+    EXPECT_EQ(fill(64, 100000), 100000U);
+    EXPECT_EQ(queueInfo(kQueue).depth, 100000U);
+    EXPECT_EQ(queueInfo(kQueue).depthBytes, 100000U * (kHead + 64));
+    expectInOrder(&queue, 100000);
+    for (const uint32_t size : {1000U, 60000U, 1310720U - kHead, 1310721U - kHead, 12000000U}) {
+        const uint32_t count = (96U << 20) / size;
+        EXPECT_EQ(fill(size, count), count) << size;
+        expectInOrder(&queue, count);
+    }
+    /* Beyond the limit a send is refused at once, whoever sends, and works again with room. */
+    const uint32_t sent = fill(12000000);
+    EXPECT_EQ(sent, CONF_MSG_QUEUE_BYTES / (12000000 + kHead));
+    EXPECT_EQ(sendInThread(bodyOf(doNothing, 0, Bytes(12000000))).get(), TAMO_HOST_QUEUE_FULL);
+    TamoHostMsgFree(queue.next());
+    EXPECT_EQ(sendAsync(kQueue, bodyOf(doNothing, sent, Bytes(12000000))), TAMO_HOST_OK);
+    for (uint32_t i = 1; i <= sent; ++i) {
         OsMsgHeader *message = queue.next();
         ASSERT_EQ(headOf(message).param, i);
         TamoHostMsgFree(message);
     }
-    EXPECT_EQ(queueInfo(kQueue).depth, 0U);
-    EXPECT_EQ(queueInfo(kQueue).received, sent);
-    /* Large ones do not fill the socket, and are limited all the same. */
-    const Bytes large = bodyOf(doNothing, 0, Bytes(kMaxData));
-    sent = 0;
-    while (sendAsync(kQueue, large) == TAMO_HOST_OK) {
-        ASSERT_LT(++sent, 10U);
-    }
-    EXPECT_EQ(sent, 3U);
-    TamoHostMsgFree(queue.next());
-    EXPECT_EQ(sendAsync(kQueue, large), TAMO_HOST_OK);
 }
 
 TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
