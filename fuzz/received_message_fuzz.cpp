@@ -5,7 +5,9 @@
  * mutation would find: a true size and kind, the address of a handler that is really there, and a
  * file. */
 #include <elf.h>
+#include <fcntl.h>
 #include <link.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -88,60 +90,70 @@ int connectToQueue(const std::string &root) {
     return sender;
 }
 
-tamo::Descriptor fileOf(const std::vector<uint8_t> &bytes, uint8_t choices) {
-    tamo::Descriptor file;
-    Mapping mapping;
-    if ((choices & kSealed) != 0) {
-        (void)createSealed(bytes.data(), bytes.size(), nullptr, 0, &file);
-    } else if (createShared(kPage + kFirstRequests, &file, &mapping) == 0) {
-        const size_t size = std::min<size_t>(bytes.size(), kFirstRequests);
-        memcpy(mapping.bytes() + kPage, bytes.data(), size);
-        reinterpret_cast<RingControl *>(mapping.bytes())->written = static_cast<uint32_t>(size);
+/* A memory file with these bytes at `offset`, and their number where a ring says what is written. */
+int fileOf(const std::vector<uint8_t> &bytes, size_t size, size_t offset, size_t writtenAt,
+           int seals) {
+    const int file = memfd_create("fuzz", MFD_ALLOW_SEALING | MFD_CLOEXEC);
+    const auto written = static_cast<uint32_t>(bytes.size());
+    if (ftruncate(file, static_cast<off_t>(size)) != 0 ||
+        pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)) < 0 ||
+        (offset > 0 &&
+         pwrite(file, &written, sizeof(written), static_cast<off_t>(writtenAt)) < 0)) {
+        abort();
     }
+    fcntl(file, F_ADD_SEALS, seals);
     return file;
+}
+
+constexpr int kShared = F_SEAL_SHRINK | F_SEAL_GROW;
+
+void sendWith(int sender, const void *bytes, size_t size, int descriptor) {
+    iovec part = {const_cast<void *>(bytes), size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr *head = CMSG_FIRSTHDR(&message);
+    *head = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    memcpy(CMSG_DATA(head), &descriptor, sizeof(descriptor));
+    (void)sendmsg(sender, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    close(descriptor);
 }
 
 void sendInput(int sender, const uint8_t *data, size_t size) {
     const uint8_t choices = data[0];
     std::vector<uint8_t> ring(data + 1, data + std::min<size_t>(size, kFirstRequests));
     RecordHead head;
-    tamo::Descriptor passed;
+    int passed = -1;
     if (ring.size() >= sizeof(head)) {
         memcpy(&head, ring.data(), sizeof(head));
         if ((choices & kTrueHandler) != 0) {
             dl_iterate_phdr(describeHandler, &head);
         }
-        std::vector<uint8_t> rest(ring.begin() + sizeof(head), ring.end());
-        if ((choices & kWithFile) != 0) {
-            passed = fileOf(rest, choices);
-            ring.resize(sizeof(head));
+        if ((choices & (kSealed | kAsSegment)) != 0) {
+            const std::vector<uint8_t> rest(ring.begin() + sizeof(head), ring.end());
+            passed = (choices & kSealed) != 0
+                         ? fileOf(rest, rest.size(), 0, 0, kShared | F_SEAL_WRITE)
+                         : fileOf(rest, kPage + kFirstRequests, kPage, 0, kShared);
+            ring.resize((choices & kSealed) != 0 ? sizeof(head) : sizeof(RecordPrefix));
         }
         ring.resize(ring.size() / 8 * 8);
         if ((choices & kTrueHead) != 0) {
             head.prefix.size = static_cast<uint32_t>(ring.size());
-            head.prefix.kind = kMessage;
+            head.prefix.kind = (choices & kAsSegment) != 0 ? kSegment : kMessage;
             head.prefix.flags &= kSenderWaits | kInFile;
             head.listLength = 0;
             head.sender[sizeof(head.sender) - 1] = '\0';
         }
-        if ((choices & kAsSegment) != 0) {
-            head.prefix.size = sizeof(RecordPrefix);
-            head.prefix.kind = kSegment;
-        }
-        memcpy(ring.data(), &head, sizeof(head));
+        memcpy(ring.data(), &head, ring.size() < sizeof(head) ? ring.size() : sizeof(head));
     }
-    tamo::Descriptor file;
-    Mapping mapping;
-    if (createShared(kConnectionFile, &file, &mapping) != 0) {
-        abort();
-    }
-    const Segment requests = firstRequests(mapping);
-    memcpy(requests.bytes, ring.data(), ring.size());
-    requests.control->written = static_cast<uint32_t>(ring.size());
     const Hello hello = {kWireMagic, kWireVersion, kPointerWidth, {}, 0};
-    (void)sendPacket(sender, &hello, sizeof(hello), file.get());
-    if (passed.isOpen()) {
-        (void)sendPacket(sender, "f", 1, passed.get());
+    sendWith(sender, &hello, sizeof(hello),
+             fileOf(ring, kConnectionFile, kPage, offsetof(ConnectionControl, requests), kShared));
+    if (passed >= 0) {
+        sendWith(sender, "f", 1, passed);
     }
 }
 
