@@ -85,7 +85,8 @@ uint32_t ConfCommMsgSynSendImpl(const char *receiverProcess, ConfMsgHandler hand
                                 void *data, uint32_t dataLength, uint32_t timeout);
 
 /* The same to a task, with a message block as data. A response that is longer than `dataLength`
- * gives CONF_COMM_ERR_FAILED and may leave the block cleared. After success the caller owns the
+ * gives CONF_COMM_ERR_FAILED and may leave the block cleared, as does any response to data of length
+ * 0. After success the caller owns the
  * block's result list. */
 uint32_t ConfCommMsgSynSendImplHaveResp(const char *receiverTask, ConfMsgHandler handler,
                                         uint32_t param, void *data, uint32_t dataLength,

@@ -90,7 +90,7 @@ struct SynSend {
 /* Copies the response's data over the caller's; false, with a record, when that fails. */
 bool takeResponseData(const SynSend &kind, const OsMsgHeader *response, ConfMsgBody *body,
                       void *data, uint32_t dataLength) {
-    if (data == nullptr || (dataLength == 0 && body->dataLength == 0)) {
+    if (data == nullptr) {
         return true;
     }
     const bool fits = body->dataLength <= dataLength;

@@ -12,6 +12,7 @@
 #include "platform/tamo_os_mem.h"
 #include "tests/host/message_parties.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/open_descriptors.h"
 
 using namespace parties;
 
@@ -135,26 +136,50 @@ TEST_F(Messages, ALateResponseFailsAndLeavesItsListToTheReceiver) {
     TamoHostMsgFree(message);
 }
 
-/* More than one call receives ahead; a program that polls sees each. */
-TEST_F(Messages, MessagesStayInOrderAlsoAfterAGivenUpOne) {
+bool isReadable(Queue *queue, uint32_t timeoutMs) {
+    pollfd entry = {TamoHostMsgDescriptor(queue->get()), POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(timeoutMs)) == 1;
+}
+
+TEST_F(Messages, MessagesStayInOrderAlsoAfterAGivenUpOneAndCanBePolledExactly) {
     Queue queue(kQueue);
     uint32_t count = 0;
     for (int round = 0; round < 3; ++round) {
         for (int i = 0; i < 20; ++i) {
-            ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, count++, {})), 0U);
+            ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, count++, Bytes(i * 3000))), 0U);
         }
         EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, count++, {}), 1, 1).result, TAMO_HOST_TIMEOUT);
     }
+    /* A program may begin to poll at any time: here with some received. */
     for (uint32_t expected = 0; expected < count; ++expected) {
-        pollfd entry = {TamoHostMsgDescriptor(queue.get()), POLLIN, 0};
-        ASSERT_EQ(poll(&entry, 1, static_cast<int>(patienceMs())), 1);
-        EXPECT_EQ(queueInfo(kQueue).received, expected) << "what is received ahead still waits";
+        ASSERT_TRUE(expected < 5 || isReadable(&queue, patienceMs()));
         OsMsgHeader *message = queue.next();
         ASSERT_EQ(headOf(message).param, expected);
         TamoHostMsgFree(message);
     }
-    auto sent = std::async(std::launch::async, [&queue] { serve(queue.next()); });
+    EXPECT_FALSE(isReadable(&queue, 0)) << "nothing is left";
+    auto sent = std::async(std::launch::async, [&queue] {
+        EXPECT_TRUE(isReadable(&queue, patienceMs()));
+        serve(queue.next());
+        EXPECT_FALSE(isReadable(&queue, 0));
+    });
     EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK);
+}
+
+TEST_F(Messages, AThreadThatSendsToQueuesThatComeAndGoKeepsItsDescriptors) {
+    std::thread([] {
+        size_t before = 0;
+        for (int round = 0; round < 60; ++round) {
+            Queue first(kQueue), second("second");
+            for (int i = 0; i < 10; ++i) {
+                ASSERT_EQ(sendAsync(kQueue, bodyOf(doNothing, 0, Bytes(9000))), TAMO_HOST_OK);
+                ASSERT_EQ(sendAsync("second", bodyOf(doNothing, 0, {})), TAMO_HOST_OK);
+            }
+            TamoHostMsgFree(first.next());
+            before = round == 20 ? support::openDescriptors().size() : before;
+        }
+        EXPECT_LE(support::openDescriptors().size(), before);
+    }).join();
 }
 
 TEST_F(Messages, AMessageIsAnsweredOnceAndADroppedOneFailsItsSenderAtOnce) {
@@ -229,7 +254,7 @@ TEST_F(Messages, AQueueHoldsWhatIsPromisedAndKeepsItsOrder) {
     EXPECT_EQ(queueInfo(kQueue).depth, 100000U);
     EXPECT_EQ(queueInfo(kQueue).depthBytes, 100000U * (kHead + 64));
     expectInOrder(&queue, 100000);
-    for (const uint32_t size : {1000U, 60000U, 1310720U - kHead, 1310721U - kHead, 12000000U}) {
+    for (const uint32_t size : {5000U, 1310720U - kHead, 1310721U - kHead}) {
         const uint32_t count = (96U << 20) / size;
         EXPECT_EQ(fill(size, count), count) << size;
         expectInOrder(&queue, count);

@@ -106,6 +106,13 @@ TEST_F(MsgApi, LongerResponseLeavesAProcessSenderItsDataAndFailsATaskSender) {
         "memcpy_s fail, ret:");
     expectRecord(" [4, 12]");
     EXPECT_EQ(freed.size(), 2u);
+
+    /* A bound of 0 takes nothing, not even nothing. */
+    change = nullptr;
+    EXPECT_EQ(ConfCommMsgSynSendImpl("p", nothing, 0, data, 0, 1), 0u);
+    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("p", nothing, 0, data, 0, 1), kFailed);
+    expectRecord(" [0, 0]");
+    EXPECT_EQ(ConfCommMsgSynSendImplHaveResp("p", nothing, 0, nullptr, 0, 1), 0u);
 }
 
 TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {

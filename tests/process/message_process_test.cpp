@@ -5,12 +5,15 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -203,6 +206,86 @@ TEST_F(MessageProcesses, AReceiverKilledWithTheRequestUnreadFailsItAtOnce) {
     const TamoHostQueueInfo info = queueInfo(kQueue);
     EXPECT_STREQ(info.name, kQueue) << "what a killed owner left is still listed";
     EXPECT_EQ(info.ownerPid, 0U);
+}
+
+/* A receiver that is not there yet is waited for; for ever, too. */
+TEST(AbsentReceiver, IsWaitedFor) {
+    for (const uint32_t timeoutMs : {kTimeoutMs, UINT32_MAX}) {
+        std::thread sender([timeoutMs] {
+            EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, timeoutMs), 2u);
+        });
+        ChildProcess receiver("server");
+        sender.join();
+    }
+}
+
+/* A receiver that takes nothing is killed and replaced. Both sizes go on with the new one at once. */
+TEST_F(MessageProcesses, AStuckReceiversSenderGoesOnWithItsReplacement) {
+    constexpr uint32_t kLarge = 2000000; /* goes in a file of its own */
+    const std::vector<char> large(kLarge);
+    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
+    std::unique_ptr<ChildProcess> replacement;
+    for (const uint32_t size : {4U, kLarge}) {
+        ChildProcess &stuck = replacement != nullptr ? *replacement : server_;
+        stuck.signal(SIGSTOP);
+        for (int i = 0; i < 3; ++i) { /* it dies with these */
+            EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 0, large.data(), kLarge), 0u);
+        }
+        stuck.kill();
+        replacement = std::make_unique<ChildProcess>("server");
+        ASSERT_EQ(replacement->hear(), "ready");
+        EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 0, large.data(), size), 0u);
+        EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
+        EXPECT_EQ(queueInfo(kQueue).received, 2U);
+    }
+}
+
+/* Senders are killed at any instruction. What they queued arrives whole and in order, and of the rest
+ * nothing is left. */
+TEST(KilledSender, LosesNothingThatItQueuedAndUsesNothingUp) {
+    Queue queue("killed");
+    void *shared = mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto *queued = new (shared) std::atomic<uint32_t>(0);
+    const uint32_t sizes[] = {64, 5000, 300000, 2000000};
+    for (uint32_t round = 0; round < 24; ++round) {
+        const uint32_t size = sizes[round % 4];
+        const Bytes data = pattern(size);
+        *queued = 0;
+        const pid_t sender = fork();
+        if (sender == 0) {
+            while (sendAsync("killed", bodyOf(doNothing, *queued, data)) == TAMO_HOST_OK) {
+                ++*queued;
+            }
+            pause();
+        }
+        const uint32_t enough = size > 1000000 ? 1 : 3 + round * 7;
+        uint32_t taken = 0;
+        const auto take = [&](OsMsgHeader *message) {
+            ASSERT_EQ(headOf(message).param, taken);
+            ASSERT_EQ(message->bodyLength, kHead + size);
+            ASSERT_EQ(std::memcmp(dataOf(message), data.data(), size), 0);
+            TamoHostMsgFree(message);
+            ++taken;
+        };
+        while (*queued < enough) {
+            if (round % 2 == 1) { /* on every other one the receiver stands still */
+                take(queue.next());
+            }
+            sched_yield();
+        }
+        kill(sender, SIGKILL);
+        waitpid(sender, nullptr, 0);
+        OsMsgHeader *message = nullptr;
+        while (TamoHostMsgReceive(queue.get(), &message, 0) == TAMO_HOST_OK) {
+            take(message);
+        }
+        EXPECT_GE(taken, *queued);
+        EXPECT_LE(taken, *queued + 1);
+        EXPECT_EQ(queueInfo("killed").depth, 0U);
+        EXPECT_EQ(queueInfo("killed").depthBytes, 0U);
+    }
+    munmap(shared, sizeof(std::atomic<uint32_t>));
 }
 
 TEST_F(MessageProcesses, AProcessOfAnotherUserIsTurnedAway) {
