@@ -12,6 +12,9 @@
 
 namespace {
 
+constexpr double kMost = 1.05;
+constexpr size_t kRounds = 60; /* about ten seconds */
+
 void check(bool good) {
     if (!good) {
         std::fprintf(stderr, "xml_bench: the two do not agree\n");
@@ -91,7 +94,8 @@ int main() {
     const bool within =
         bench::compare("1 MiB parsed, walked, printed and released",
                        {{"TinyXML-2", 0, [&] { bareRun(text, &bareSize); }},
-                        {"ConfXml...", 1.05, [&] { adapterRun(text, &adapterSize); }}},
-                       1);
+                        {"ConfXml...", kMost, [&] { adapterRun(text, &adapterSize); }}},
+                       1, kRounds);
+    std::printf("%s\n", within ? "all held" : "not held: 1 MiB of XML");
     return within ? 0 : 1;
 }

@@ -3,6 +3,7 @@
  * turns; printed is the processor time per element, medians of the rounds, since what the disk does is
  * the same for both. */
 #include <fcntl.h>
+#include <malloc.h>
 #include <time.h>
 #include <tinyxml2.h>
 #include <unistd.h>
@@ -27,7 +28,7 @@ namespace {
 constexpr char kFile[] = "/data/bench.xml";
 constexpr char kBackup[] = "/data/bench.bak";
 constexpr size_t kSizes[] = {100, 1000, 10000, 100000};
-constexpr double kMost = 1.2;
+constexpr double kMost = 1.2, kMostEncoded = 1.1;
 
 uint32_t values[100000];
 size_t count; /* instances, each an element with one field */
@@ -175,11 +176,13 @@ double median(const std::vector<double> &samples) {
     return bench::percentile(samples, 0.5);
 }
 
-/* Two rows in turns; false when the ratio is above the limit. */
-bool besides(const char *name, void (*ours)(), void (*alone)(), double elements) {
+std::vector<std::string> missed; /* rows above their limits */
+
+/* Two rows in turns. */
+void besides(const char *name, double limit, void (*ours)(), void (*alone)(), double elements) {
     std::vector<double> times[2];
     std::vector<double> ratios;
-    const size_t rounds = elements > 20000 ? 11 : 41;
+    const size_t rounds = elements > 20000 ? 9 : 31;
     for (size_t round = 0; round < rounds; round++) {
         for (size_t turn = 0; turn < 2; turn++) {
             const size_t row = (round + turn) % 2;
@@ -189,8 +192,10 @@ bool besides(const char *name, void (*ours)(), void (*alone)(), double elements)
     }
     const double ratio = median(ratios);
     std::printf("  %-8s %8zu %10.0f %10.0f %8.3f  limit %.1f: %s\n", name, count, median(times[1]),
-                median(times[0]), ratio, kMost, ratio <= kMost ? "held" : "MISSED");
-    return ratio <= kMost;
+                median(times[0]), ratio, limit, ratio <= limit ? "held" : "MISSED");
+    if (ratio > limit) {
+        missed.push_back(name + (" " + std::to_string(count)));
+    }
 }
 
 double loadTime(double elements) {
@@ -217,23 +222,32 @@ void prepare(size_t size) {
 
 int main() {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    /* The heap is kept, as by a process that goes on: what the system asks for pages is the same. */
+    mallopt(M_TRIM_THRESHOLD, INT_MAX);
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
     for (uint32_t at = 0; at < 100000; at++) {
         values[at] = at * 40009U;
         texts.push_back(std::to_string(values[at]));
     }
     names = {"item", "next"};
-    bool held = true;
     std::vector<double> loads;
     std::printf("  ns per element %14s %10s %8s\n", "library", "alone", "ratio");
     for (const size_t size : kSizes) {
         prepare(size);
         const auto items = static_cast<double>(size);
-        held = besides("parse", parse, parseAlone, 2 * items) && held;
-        held = besides("encode", encode, encodeAlone, items) && held;
-        held = besides("save", save, saveAlone, 2 * items) && held;
+        besides("parse", kMost, parse, parseAlone, 2 * items);
+        besides("encode", kMostEncoded, encode, encodeAlone, items);
+        besides("save", kMost, save, saveAlone, 2 * items);
         loads.push_back(loadTime(2 * items));
     }
     const double growth = loads.back() / *std::min_element(loads.begin(), loads.end());
     std::printf("  load: at most %.1f times the least per element\n", growth);
-    return held && growth < 3 ? 0 : 1;
+    if (growth >= 3) {
+        missed.push_back("growth of load");
+    }
+    std::printf("%s\n", missed.empty() ? "all held" : "not held:");
+    for (const std::string &row : missed) {
+        std::printf("  %s\n", row.c_str());
+    }
+    return missed.empty() ? 0 : 1;
 }

@@ -11,6 +11,7 @@
 #include "platform/tamo_common.h"
 #include "platform/tamo_om_cust_util.h"
 #include "platform/tamo_os_lock.h"
+#include "xml/xmlAdapter_owned.h"
 
 namespace {
 
@@ -37,11 +38,6 @@ class TableLock {
     TableLock(const TableLock &) = delete;
     TableLock &operator=(const TableLock &) = delete;
 };
-
-struct DocumentRelease {
-    void operator()(ConfXmlNode *root) const { ConfXmlFreeRootNode(root); }
-};
-using OwnedDocument = std::unique_ptr<ConfXmlNode, DocumentRelease>;
 
 bool fillEntry(ConfConfigNameEntry *entry, ConfXmlNode *node) {
     return strcpy_s(entry->name, kTextSize, ConfXmlGetNodeStrAttr(node, "name")) == 0 &&

@@ -1,6 +1,7 @@
 /* Typed values: building them, and reading them as numbers, truth values, text and bytes. */
 #include "include/conf_config_value.h"
 
+#include "common/classic_locale.h"
 #include "common/log.h"
 #include "platform/bounds_checked.h"
 #include "platform/tamo_common.h"
@@ -171,6 +172,7 @@ double ConfConfigV2Float(const ConfConfigValue *value) {
             return 0;
     }
     double number = 0;
+    const ClassicLocale locale;
     if (sscanf_s(textOf(*value), "%lf", &number) == kEndOfText) {
         CONF_LOG(CONF_LOG_ERROR, "sscanf_s fail %d", lengthOf(*value));
         return 0;
@@ -219,9 +221,11 @@ int32_t ConfConfigV2Str(const ConfConfigValue *value, char *dst, uint32_t dstSiz
             printed =
                 sprintf_s(dst, dstSize, "%llu", static_cast<unsigned long long>(value->payload.u));
             break;
-        case CONF_VALUE_FLOAT:
+        case CONF_VALUE_FLOAT: {
+            const ClassicLocale locale;
             printed = sprintf_s(dst, dstSize, "%lf", value->payload.f);
             break;
+        }
         case CONF_VALUE_BOOL:
             return strcpy_s(dst, dstSize, value->payload.b != 0 ? "TRUE" : "FALSE");
         case CONF_VALUE_STR:

@@ -224,25 +224,35 @@ ConfXmlNode *ConfXmlAddSingleStructNode(ConfXmlNode *parent, const char *name);
 /* Adds an array of `count` instances, which are added one by one. */
 ConfXmlNode *ConfXmlAddMultiInstanceNode(ConfXmlNode *parent, const char *name, uint16_t count);
 
-/* Adds an instance of an array. */
+/* Adds an instance of an array. Numbers have 16 bits: an array of more than 65,536 instances needs a
+ * second name for the others, since of several with one name and number the first is loaded. */
 ConfXmlNode *ConfXmlAddMultiStructNode(ConfXmlNode *parent, const char *name, uint16_t instId);
 
 /* Adds a field. */
 ConfXmlNode *ConfXmlAddSingleValueNode(ConfXmlNode *parent, const ConfXmlValueNodeDesc *desc,
                                        const ConfXmlValue *value);
 
-/* Writes the structure that the table describes to a file and copies that to a backup. Whatever is
- * killed and when, the file is the old one or the whole new one; a failed save leaves both files as
- * they were, and a failed backup fails nothing. While it is written the new file has the name of
- * the old one with ".saving" behind it. A field that cannot be read is recorded and saved without a
- * value. The memory must not change meanwhile. */
+/* Writes the structure that the table describes to a file and copies that to a backup, whose failure
+ * fails nothing. The memory must not change meanwhile.
+ *
+ * Whatever is killed and when, one of the two files loads. Where the platform can replace a file, the
+ * file is the old one or the whole new one at any moment, keeps its owner, group, mode and access
+ * lists, and is as it was after a failed save; it is written in place only where nothing else is
+ * possible (a directory that may not be written, a file with several names, a full disk), and then
+ * not before the backup, if there is one, is known to be whole. A file that may not be written is
+ * not replaced.
+ *
+ * A field that cannot be read, and a text without an end within its "CharLen", are recorded and saved
+ * without a value. Where there was no memory for all of the document, the file lacks what is recorded
+ * and the backup stays as it was. A table of more than 98 levels is refused. */
 uint32_t ConfXmlSave(ConfXmlCreateIndexTableFn createIndexTable, const char *path,
                      const char *backupPath);
 
 /* Reads the structure from the file, or from the backup when the file is no document. Fields that
  * the file does not have, or not as such a type, keep their values. Numbers are parsed as the type
- * in the file says and stored with the width of the field; a text that is no number is 0. A text
- * that does not fit leaves its field empty. The time grows with the size of the file. */
+ * in the file says, of a number outside 32 bits the low ones, and stored with the width of the field;
+ * a text that is not a number is 0. A text that does not fit leaves its field empty; a carriage return
+ * in one comes back as a line feed. The time grows with the size of the file. */
 uint32_t ConfXmlLoad(ConfXmlCreateIndexTableFn createIndexTable, const char *path,
                      const char *backupPath);
 
@@ -288,8 +298,8 @@ uint32_t ConfXmlSetXmlNodeValue(ConfXmlNode *node, const ConfXmlValue *value);
 uint32_t ConfXmlCopyIndexValueToXmlNode(const ConfXmlNodeInfo *info, const void *address,
                                         ConfXmlValue *value);
 
-/* Stores a value in a field of the type and the size in `indexInfo`. A number for a text field, or a
- * text for a number, fails and leaves the field alone. No record. */
+/* Stores a value in a field of the type and the size in `indexInfo`, which alone say what the value
+ * holds: a number of that width, or a text. No record. */
 uint32_t ConfXmlCopyXmlNodeValueToIndex(const ConfXmlValue *value, const ConfXmlNodeInfo *indexInfo,
                                         void *address);
 

@@ -7,6 +7,7 @@
 
 #include <limits>
 
+#include "common/classic_locale.h"
 #include "common/log.h"
 #include "include/conf_json.h"
 
@@ -57,6 +58,7 @@ __attribute__((noinline, cold)) void report(const Texts &texts, const char *text
 
 __attribute__((noinline, cold)) void reportRange(const Texts &texts, double number,
                                                  int line = __builtin_LINE()) {
+    const ClassicLocale locale;
     ConfLogPrintf(CONF_LOG_ERROR, texts.function, kUnit, line, texts.outOfRange, number);
 }
 
@@ -111,6 +113,7 @@ cJSON *ConfJsonParse(char const *text) {
         CONF_LOG(CONF_LOG_ERROR, "ConfJsonParse null pointer");
         return nullptr;
     }
+    const ClassicLocale locale;
     cJSON *tree = cJSON_Parse(text);
     if (tree == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "ConfJsonParse input is not a valid json string");

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/classic_locale.h"
 #include "common/log.h"
 #include "include/conf_json.h"
 #include "json/json_tree.h"
@@ -23,14 +24,16 @@ bool isTrue(const ConfJsonItem &item) {
     return *reinterpret_cast<const unsigned char *>(&item.value.boolean) != 0;
 }
 
-/* Puts the print in place of `out`; false, with `out` as it was, when there is no memory. */
-bool printInto(std::string &out, const cJSON *object) {
-    const JsonText printed(cJSON_Print(object));
-    if (printed == nullptr) {
+/* Puts the print in place of `out`; false, with `out` as it was, when there is no memory. The text is
+ * the caller's to keep: it is released after the object. */
+bool printInto(std::string &out, const cJSON *object, JsonText *printed) {
+    const ClassicLocale locale;
+    printed->reset(cJSON_Print(object));
+    if (*printed == nullptr) {
         return false;
     }
     try {
-        out = printed.get();
+        out = printed->get();
         return true;
     } catch (...) {
         return false;
@@ -93,6 +96,7 @@ int ConfJsonAddMultipleItemsToSubObject(cJSON *root, char const *name, ConfJsonI
 }
 
 int ConfJsonCreateAndPrintSingleNumber(std::string &out, char const *key, double value) {
+    JsonText printed;
     const JsonTree object(cJSON_CreateObject());
     if (object == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "Create json object failed");
@@ -102,7 +106,7 @@ int ConfJsonCreateAndPrintSingleNumber(std::string &out, char const *key, double
         CONF_LOG(CONF_LOG_ERROR, "Add number item key:%s failed", shown(key));
         return kFailure;
     }
-    if (!printInto(out, object.get())) {
+    if (!printInto(out, object.get(), &printed)) {
         CONF_LOG(CONF_LOG_ERROR, "Print to string failed");
         return kFailure;
     }
@@ -110,6 +114,7 @@ int ConfJsonCreateAndPrintSingleNumber(std::string &out, char const *key, double
 }
 
 int ConfJsonCreateAndPrintSingleString(std::string &out, char const *key, char const *value) {
+    JsonText printed;
     const JsonTree object(cJSON_CreateObject());
     if (object == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "Create json object failed");
@@ -119,7 +124,7 @@ int ConfJsonCreateAndPrintSingleString(std::string &out, char const *key, char c
         CONF_LOG(CONF_LOG_ERROR, "Add string item key:%s failed", shown(key));
         return kFailure;
     }
-    if (!printInto(out, object.get())) {
+    if (!printInto(out, object.get(), &printed)) {
         CONF_LOG(CONF_LOG_ERROR, "Print to string failed");
         return kFailure;
     }
@@ -132,6 +137,7 @@ int ConfJsonCreateAndPrintMultipleItems(std::string &out, ConfJsonItem const *it
         CONF_LOG(CONF_LOG_ERROR, "ConfJsonCreateAndPrintMultipleItems input null pointer");
         return kFailure;
     }
+    JsonText printed;
     const JsonTree object(cJSON_CreateObject());
     if (object == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "Create json object failed");
@@ -141,7 +147,7 @@ int ConfJsonCreateAndPrintMultipleItems(std::string &out, ConfJsonItem const *it
         CONF_LOG(CONF_LOG_ERROR, "Add multiple items to json failed");
         return kFailure;
     }
-    if (!printInto(out, object.get())) {
+    if (!printInto(out, object.get(), &printed)) {
         CONF_LOG(CONF_LOG_ERROR, "Print to string failed");
         return kFailure;
     }

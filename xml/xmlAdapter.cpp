@@ -6,8 +6,7 @@
 #include "common/log.h"
 #include "common/native_path.h"
 #include "platform/bounds_checked.h"
-#include "xml/no_memory.h"
-#include "xml/xml_document.h"
+#include "xml/xmlAdapter_document.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 /* New elements, and attributes and texts of typed values. */
 #include <charconv>
 
+#include "common/classic_locale.h"
 #include "common/log.h"
 #include "platform/bounds_checked.h"
-#include "xml/no_memory.h"
-#include "xml/xml_document.h"
+#include "xml/xmlAdapter_document.h"
 
 using tinyxml2::XMLElement;
 
@@ -69,12 +69,16 @@ uint32_t putValue(int32_t type, const void *value, Put put) {
         case CONF_XML_BOOL:
             put(numberAt<uint8_t>(value) != 0);
             break;
-        case CONF_XML_DOUBLE:
+        case CONF_XML_DOUBLE: {
+            const ClassicLocale locale;
             put(numberAt<double>(value));
             break;
-        case CONF_XML_FLOAT:
+        }
+        case CONF_XML_FLOAT: {
+            const ClassicLocale locale;
             put(numberAt<float>(value));
             break;
+        }
         default:
             return CONF_XML_NOT_HANDLED;
     }

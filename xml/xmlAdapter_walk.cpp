@@ -1,8 +1,9 @@
 /* Steps from element to element, and what an element says. */
+#include <cstdlib>
 #include <cstring>
 
 #include "common/log.h"
-#include "xml/xml_document.h"
+#include "xml/xmlAdapter_document.h"
 
 using tinyxml2::XMLElement;
 
@@ -41,23 +42,25 @@ bool isRoot(const XMLElement *element) {
            parent->FirstChildElement() == element;
 }
 
-/* One to nine digits and nothing else, as most numbers are: the XML library would scan them with a
- * format, at many times the cost. */
-bool isPlainNumber(const char *text, uint32_t *number) {
-    constexpr size_t kMostDigits = 9;
-    uint32_t sum = 0;
-    size_t digits = 0;
-    for (; text[digits] >= '0' && text[digits] <= '9' && digits < kMostDigits; digits++) {
-        sum = 10 * sum + static_cast<uint32_t>(text[digits] - '0');
-    }
-    if (digits == 0 || text[digits] != '\0') {
-        return false;
-    }
-    *number = sum;
-    return true;
+int baseOf(const char *text) {
+    const char *begin = text + strspn(text, " \t\n\v\f\r");
+    return begin[0] == '0' && (begin[1] == 'x' || begin[1] == 'X') ? 16 : 10;
 }
 
 }  // namespace
+
+int32_t signedIn(const char *text) {
+    if (text == nullptr) {
+        return 0;
+    }
+    const int base = baseOf(text);
+    return static_cast<int32_t>(base == 16 ? static_cast<long long>(strtoull(text, nullptr, base))
+                                           : strtoll(text, nullptr, base));
+}
+
+uint32_t unsignedIn(const char *text) {
+    return text == nullptr ? 0 : static_cast<uint32_t>(strtoull(text, nullptr, baseOf(text)));
+}
 
 ConfXmlNode *ConfXmlGetRootNode(ConfXmlNode *node) {
     if (node == nullptr) {
@@ -170,7 +173,7 @@ int32_t ConfXmlGetNodeIntText(ConfXmlNode *node) {
         CONF_LOG(CONF_LOG_ERROR, "node is nullptr!");
         return 0;
     }
-    return elementOf(node)->IntText(0);
+    return signedIn(textOf(elementOf(node)));
 }
 
 const char *ConfXmlGetNodeStrAttr(ConfXmlNode *node, const char *name) {
@@ -186,7 +189,7 @@ int32_t ConfXmlGetNodeIntAttr(ConfXmlNode *node, const char *name) {
         CONF_LOG(CONF_LOG_ERROR, "invalid param!");
         return 0;
     }
-    return elementOf(node)->IntAttribute(name, 0);
+    return signedIn(elementOf(node)->Attribute(name));
 }
 
 uint32_t ConfXmlGetNodeUintAttr(ConfXmlNode *node, const char *name) {
@@ -194,10 +197,5 @@ uint32_t ConfXmlGetNodeUintAttr(ConfXmlNode *node, const char *name) {
         CONF_LOG(CONF_LOG_ERROR, "invalid param!");
         return 0;
     }
-    const tinyxml2::XMLAttribute *attribute = elementOf(node)->FindAttribute(name);
-    uint32_t number = 0;
-    if (attribute == nullptr || isPlainNumber(attribute->Value(), &number)) {
-        return number;
-    }
-    return attribute->UnsignedValue();
+    return unsignedIn(elementOf(node)->Attribute(name));
 }

@@ -6,7 +6,8 @@
 #include "common/platform_block.h"
 #include "include/xml_utility.h"
 #include "platform/bounds_checked.h"
-#include "xml/owned_document.h"
+#include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_owned.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ constexpr uint32_t kPrintFailed = 16;
 /* The last steps of both encoders, under the name of the one that `function` is. */
 char *encodeWithChildren(const char *function, OwnedDocument root, const ConfXmlNodeDesc *children,
                          uint32_t count) {
-    const auto fail = [function](int line, const char *format, uint32_t result = 0) {
+    const auto fail = [function](int line, const char *format, uint32_t result = 0) -> char * {
         ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, line, format, result);
         return nullptr;
     };
@@ -26,20 +27,26 @@ char *encodeWithChildren(const char *function, OwnedDocument root, const ConfXml
     if (result != 0) {
         return fail(__LINE__, "ConfXmlAdptAddChildNodes fail, ret = %d!", result);
     }
-    const char *text = ConfXmlTransformStr(root.get());
-    if (text == nullptr) {
-        return fail(__LINE__, "tempXmlBuf is nullptr!");
-    }
-    const size_t size = strlen(text) + 1;
-    PlatformBlock<char> copy = takeBlock<char>(size, kUnit);
-    if (copy == nullptr) {
-        return fail(__LINE__, "xmlBuf is nullptr!");
-    }
-    const int error = memcpy_s(copy.get(), size, text, size);
-    if (error != 0) {
-        return fail(__LINE__, "memcpy_s fail, ret:%d", static_cast<uint32_t>(error));
-    }
-    return copy.release();
+    /* As ConfXmlTransformStr prints, without the copy that a document keeps. */
+    const auto print = [&](tinyxml2::XMLPrinter *printer) {
+        return elementOf(root.get())->GetDocument()->Accept(printer);
+    };
+    return unlessNoMemory<char *>(nullptr, [&]() -> char * {
+        tinyxml2::XMLPrinter printer(nullptr, true, 0);
+        if (!unlessNoMemory(false, [&] { return print(&printer); })) {
+            return fail(__LINE__, "tempXmlBuf is nullptr!");
+        }
+        const auto size = static_cast<size_t>(printer.CStrSize());
+        PlatformBlock<char> copy = takeBlock<char>(size, kUnit);
+        if (copy == nullptr) {
+            return fail(__LINE__, "xmlBuf is nullptr!");
+        }
+        const int error = memcpy_s(copy.get(), size, printer.CStr(), size);
+        if (error != 0) {
+            return fail(__LINE__, "memcpy_s fail, ret:%d", static_cast<uint32_t>(error));
+        }
+        return copy.release();
+    });
 }
 
 void ConfXmlSetAttrByNodeSet(ConfXmlNode *element, const ConfXmlNodeDesc *desc) {

@@ -1,6 +1,4 @@
 /* Structures saved to files and loaded from them. */
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -9,10 +7,10 @@
 #include "include/xml_utility.h"
 #include "platform/bounds_checked.h"
 #include "platform/tamo_os_file.h"
-#include "xml/child_tables.h"
-#include "xml/owned_document.h"
-#include "xml/whole_file.h"
-#include "xml/xml_document.h"
+#include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_owned.h"
+#include "xml/xml_utility_match.h"
+#include "xml/xml_utility_save.h"
 #include "xml/xml_utility_walk.h"
 
 namespace {
@@ -20,13 +18,15 @@ namespace {
 constexpr char kUnit[] = "xml_utility";
 
 constexpr char kRootName[] = "Root";
-constexpr char kSync[] = "/system/bin/sync";
+
+/* What the XML library drops where nothing else stands between two tags. */
+constexpr char kBlanks[] = " \t\n\v\f\r";
 
 /* The address of the field that an element of an index table describes; null when it names none. A
  * negative number or one too large for a pointer is none. */
 void *addressIn(ConfXmlNode *indexElement) {
     const char *text = ConfXmlGetNodeText(indexElement);
-    if (text == nullptr || strchr(text, '-') != nullptr) {
+    if (text == nullptr || text[strspn(text, kBlanks)] == '-') {
         return nullptr;
     }
     errno = 0;
@@ -55,7 +55,8 @@ struct IndexAttributes {
 
 IndexAttributes attributesOf(ConfXmlNode *indexElement) {
     IndexAttributes found;
-    for (const tinyxml2::XMLAttribute *at = elementOf(indexElement)->FirstAttribute();
+    for (const tinyxml2::XMLAttribute *at =
+             indexElement == nullptr ? nullptr : elementOf(indexElement)->FirstAttribute();
          at != nullptr; at = at->Next()) {
         const char *key = at->Name();
         if (strcmp(key, "name") == 0) {
@@ -71,17 +72,21 @@ IndexAttributes attributesOf(ConfXmlNode *indexElement) {
     return found;
 }
 
-bool cloneNumbers(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const IndexAttributes &has) {
-    return (!has.hasNumOfInst ||
-            ConfXmlAddAttr(clone, "NumOfInst", CONF_XML_UINT16, &info.numOfInst) == 0) &&
-           (!has.hasInstId || ConfXmlAddAttr(clone, "InstID", CONF_XML_UINT16, &info.instId) == 0);
+uint32_t cloneNumbers(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const IndexAttributes &has) {
+    uint32_t result = 0;
+    if (has.type != nullptr && strcmp(has.type, "CHAR") == 0) {
+        result = ConfXmlAddAttr(clone, "CharLen", CONF_XML_UINT16, &info.charLen);
+    }
+    if (result == 0 && has.hasNumOfInst) {
+        result = ConfXmlAddAttr(clone, "NumOfInst", CONF_XML_UINT16, &info.numOfInst);
+    }
+    if (result == 0 && has.hasInstId) {
+        result = ConfXmlAddAttr(clone, "InstID", CONF_XML_UINT16, &info.instId);
+    }
+    return result;
 }
 
-bool cloneLength(ConfXmlNode *clone, const ConfXmlNodeInfo &info, const IndexAttributes &has) {
-    return has.type == nullptr || strcmp(has.type, "CHAR") != 0 ||
-           ConfXmlAddAttr(clone, "CharLen", CONF_XML_UINT16, &info.charLen) == 0;
-}
-
+/* Null when memory runs out, which is all that can fail here. */
 ConfXmlNode *ConfXmlCloneSelfAsLastChildNode(ConfXmlNode *parent, const ConfXmlNodeInfo *info) {
     ConfXmlNode *clone = ConfXmlCreateLastChildNode(parent, info->nodeName);
     if (clone == nullptr) {
@@ -98,11 +103,79 @@ ConfXmlNode *ConfXmlCloneSelfAsLastChildNode(ConfXmlNode *parent, const ConfXmlN
     } else if (!typed) {
         CONF_LOG(CONF_LOG_ERROR, "ConfXmlAddAttr type fail");
     }
-    if (!typed || !cloneLength(clone, *info, has) || !cloneNumbers(clone, *info, has)) {
+    if (!typed || cloneNumbers(clone, *info, has) != 0) {
         elementOf(parent)->DeleteChild(elementOf(clone));
         return nullptr;
     }
     return clone;
+}
+
+/* A text of white space comes back only from a section that is not parsed. */
+void keepBlanks(ConfXmlNode *node, const ConfXmlValue &value) {
+    if (value.type != CONF_XML_ATTR_CHAR || value.value.text[0] == '\0' ||
+        value.value.text[strspn(value.value.text, kBlanks)] != '\0') {
+        return;
+    }
+    elementOf(node)->FirstChild()->ToText()->SetCData(true);
+}
+
+/* Why a step of a save fails: without memory, the document lacks something that it should have. */
+enum class WriteEnd { kDone, kFailed, kNoMemory };
+
+/* Reads the field that `info` describes and writes it into its counterpart. */
+WriteEnd writeField(const ConfXmlNodeInfo &info, ConfXmlNode *counterpart) {
+    const void *address = addressIn(info.node);
+    ConfXmlValue value = {};
+    if (ConfXmlCopyIndexValueToXmlNode(&info, address, &value) != 0) {
+        return WriteEnd::kFailed;
+    }
+    if (hasNoEnd(info, static_cast<const char *>(address))) {
+        ConfLogPrintf(CONF_LOG_ERROR, "ConfXmlWriteCallBack", kUnit, __LINE__,
+                      "the text of %s has no end within its %u bytes", info.name,
+                      unsigned{info.charLen});
+        return WriteEnd::kFailed;
+    }
+    const uint32_t result = ConfXmlSetXmlNodeValue(counterpart, &value);
+    if (result != 0) {
+        return result == CONF_XML_NO_MEMORY ? WriteEnd::kNoMemory : WriteEnd::kFailed;
+    }
+    keepBlanks(counterpart, value);
+    return WriteEnd::kDone;
+}
+
+/* The step of a save. */
+WriteEnd write(const ConfXmlNodeInfo *info, TransXMLContext *context) {
+    if (info == nullptr || context == nullptr) {
+        return WriteEnd::kFailed;
+    }
+    ConfXmlNode *counterpart = context->node;
+    if (!ConfXmlIsRootNode(info->node)) {
+        if (counterpart == nullptr) {
+            return WriteEnd::kFailed;
+        }
+        counterpart = ConfXmlCloneSelfAsLastChildNode(counterpart, info);
+        if (counterpart == nullptr) {
+            return WriteEnd::kNoMemory;
+        }
+    }
+    const WriteEnd end =
+        ConfXmlIsValueNode(info) != 0 ? writeField(*info, counterpart) : WriteEnd::kDone;
+    if (end == WriteEnd::kDone) {
+        goBelow(context, counterpart);
+    }
+    return end;
+}
+
+/* Fills the document of a save; false when its root fails. */
+bool writeAll(ConfXmlNode *table, const TransXMLContext &context, bool *complete) {
+    const auto visit = [](void *state, ConfXmlNodeInfo *info, TransXMLContext *own) {
+        const WriteEnd end = write(info, own);
+        *static_cast<bool *>(state) &= end != WriteEnd::kNoMemory;
+        return end == WriteEnd::kDone ? uint32_t{0} : uint32_t{1};
+    };
+    const WalkEnd end = walkIndexTable(table, &context, visit, complete);
+    *complete = *complete && end == WalkEnd::kDone;
+    return end != WalkEnd::kFailed;
 }
 
 /* The counterpart of an element in the file; null when there is none. */
@@ -119,8 +192,29 @@ ConfXmlNode *counterpartOf(const ConfXmlNodeInfo &info, ConfXmlNode *fileNode,
     return found;
 }
 
-/* Without tables the children of the file's elements are walked. */
-uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context, ChildTables *tables) {
+/* A file may call a number what is a text here, whose digits would be taken for a pointer. */
+bool isOfOneKind(const ConfXmlValue &value, const ConfXmlNodeInfo &info) {
+    return (value.type == CONF_XML_ATTR_CHAR) == (info.type == CONF_XML_ATTR_CHAR);
+}
+
+/* Null, or what failed. */
+const char *loadField(const ConfXmlNodeInfo &info, ConfXmlNode *counterpart) {
+    ConfXmlNodeInfo fileInfo = {};
+    if (ConfXmlGetXmlNodeAttrAndValue(counterpart, &fileInfo) != 0) {
+        return "ConfXmlGetXmlNodeAttrAndValue fail";
+    }
+    ConfXmlValue value = {};
+    if (ConfXmlGetValue(counterpart, fileInfo.type, &value) != 0) {
+        return "ConfXmlGetValue fail";
+    }
+    return isOfOneKind(value, info) &&
+                   ConfXmlCopyXmlNodeValueToIndex(&value, &info, addressIn(info.node)) == 0
+               ? nullptr
+               : "ConfXmlCopyXmlNodeValueToIndex fail";
+}
+
+/* The step of a load. Without tables the children of the file's elements are walked. */
+uint32_t load(const ConfXmlNodeInfo *info, TransXMLContext *context, ChildTables *tables) {
     if (info == nullptr || context == nullptr) {
         return 1;
     }
@@ -128,63 +222,23 @@ uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context, Ch
     if (counterpart == nullptr) {
         return 1;
     }
-    if (ConfXmlIsValueNode(info) != 0) {
-        ConfXmlNodeInfo fileInfo = {};
-        if (ConfXmlGetXmlNodeAttrAndValue(counterpart, &fileInfo) != 0) {
-            CONF_LOG(CONF_LOG_ERROR, "ConfXmlGetXmlNodeAttrAndValue fail");
-            return 1;
-        }
-        ConfXmlValue value = {};
-        if (ConfXmlGetValue(counterpart, fileInfo.type, &value) != 0) {
-            CONF_LOG(CONF_LOG_ERROR, "ConfXmlGetValue fail");
-            return 1;
-        }
-        if (ConfXmlCopyXmlNodeValueToIndex(&value, info, addressIn(info->node)) != 0) {
-            CONF_LOG(CONF_LOG_ERROR, "ConfXmlCopyXmlNodeValueToIndex fail");
-            return 1;
-        }
+    const char *failure = ConfXmlIsValueNode(info) != 0 ? loadField(*info, counterpart) : nullptr;
+    if (failure != nullptr) {
+        ConfLogPrintf(CONF_LOG_ERROR, "ConfXmlLoadCallBack", kUnit, __LINE__, "%s", failure);
+        return 1;
     }
     goBelow(context, counterpart);
     return 0;
-}
-
-/* Where the command that flushes all is absent, the two files are flushed. */
-int flushToDisk(const char *path, const char *backupPath) {
-    if (access(kSync, X_OK) == 0) {
-        return system(kSync);
-    }
-    return flushFiles(path, backupPath) ? 0 : -1;
 }
 
 }  // namespace
 
 uint32_t ConfXmlWriteCallBack(ConfXmlNodeInfo *info, TransXMLContext *context) {
-    if (info == nullptr || context == nullptr) {
-        return 1;
-    }
-    ConfXmlNode *counterpart = context->node;
-    if (!ConfXmlIsRootNode(info->node)) {
-        counterpart =
-            counterpart == nullptr ? nullptr : ConfXmlCloneSelfAsLastChildNode(counterpart, info);
-        if (counterpart == nullptr) {
-            return 1;
-        }
-    }
-    if (ConfXmlIsValueNode(info) != 0) {
-        const void *address = addressIn(info->node);
-        ConfXmlValue value = {};
-        if (ConfXmlCopyIndexValueToXmlNode(info, address, &value) != 0 ||
-            hasNoEnd(*info, static_cast<const char *>(address)) ||
-            ConfXmlSetXmlNodeValue(counterpart, &value) != 0) {
-            return 1;
-        }
-    }
-    goBelow(context, counterpart);
-    return 0;
+    return write(info, context) == WriteEnd::kDone ? 0 : 1;
 }
 
 uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context) {
-    return ConfXmlLoadCallBack(info, context, nullptr);
+    return load(info, context, nullptr);
 }
 
 uint32_t ConfXmlSave(ConfXmlCreateIndexTableFn createIndexTable, const char *path,
@@ -205,16 +259,21 @@ uint32_t ConfXmlSave(ConfXmlCreateIndexTableFn createIndexTable, const char *pat
         CONF_LOG(CONF_LOG_ERROR, "Create call index table fail");
         return 1;
     }
-    if (ConfXmlTraverseXmlTree(table.get(), &context, ConfXmlWriteCallBack) != 0) {
+    bool complete = true;
+    if (!writeAll(table.get(), context, &complete)) {
         CONF_LOG(CONF_LOG_ERROR, "Traverse XML tree fail");
         return 1;
     }
-    if (path == nullptr || !saveWhole(output.get(), path)) {
+    if (path == nullptr || !saveDocument(output.get(), path, backupPath)) {
         CONF_LOG(CONF_LOG_ERROR, "TransForm File fail");
         return 1;
     }
     table.reset();
     output.reset();
+    if (!complete) {
+        CONF_LOG(CONF_LOG_ERROR, "no memory for the whole document: the backup stays as it was");
+        return 0;
+    }
     ConfXmlBakFile(path, backupPath);
     return 0;
 }
@@ -241,10 +300,10 @@ uint32_t ConfXmlLoad(ConfXmlCreateIndexTableFn createIndexTable, const char *pat
         return 1;
     }
     const auto visit = [](void *tables, ConfXmlNodeInfo *info, TransXMLContext *own) {
-        return ConfXmlLoadCallBack(info, own, static_cast<ChildTables *>(tables));
+        return load(info, own, static_cast<ChildTables *>(tables));
     };
     ChildTables tables;
-    if (ConfXmlTraverseXmlTree(table.get(), &context, ConfXmlVisit{visit}, &tables) != 0) {
+    if (walkIndexTable(table.get(), &context, visit, &tables) == WalkEnd::kFailed) {
         CONF_LOG(CONF_LOG_ERROR, "Traverse XML tree fail");
         return 1;
     }

@@ -4,7 +4,7 @@
 #include "common/log.h"
 #include "include/xml_utility.h"
 #include "platform/bounds_checked.h"
-#include "xml/owned_document.h"
+#include "xml/xmlAdapter_owned.h"
 
 namespace {
 

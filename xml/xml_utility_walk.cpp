@@ -72,41 +72,47 @@ class Levels {
 
 /* One element's turn; what is to be recorded when it fails, else null. */
 const char *visitElement(ConfXmlNode *element, ConfXmlNodeInfo *info, TransXMLContext *context,
-                         ConfXmlVisit visit, void *state) {
+                         IndexVisit visit, void *state) {
     if (ConfXmlGetXmlNodeAttrAndValue(element, info) != 0) {
         return "ConfXmlGetXmlNodeAttrAndValue fail";
     }
     return visit(state, info, context) != 0 ? "pCallback fail" : nullptr;
 }
 
+void report(const char *text, int line = __builtin_LINE()) {
+    ConfLogPrintf(CONF_LOG_ERROR, "ConfXmlTraverseXmlTree", kUnit, line, "%s", text);
+}
+
 }  // namespace
 
-uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, const TransXMLContext *context,
-                                ConfXmlVisit visit, void *state) {
+WalkEnd walkIndexTable(ConfXmlNode *element, const TransXMLContext *context, IndexVisit visit,
+                       void *state) {
     if (element == nullptr || context == nullptr || visit == nullptr) {
-        CONF_LOG(CONF_LOG_ERROR, "hAddrTable or TransXMLContext or pCallback is null");
-        return 1;
+        report("hAddrTable or TransXMLContext or pCallback is null");
+        return WalkEnd::kFailed;
     }
+    WalkEnd end = WalkEnd::kDone;
     Levels levels(*context);
     for (ConfXmlNode *at = element; at != nullptr;) {
         ConfXmlNodeInfo info = {};
         TransXMLContext own = levels.context();
         const char *failure = visitElement(at, &info, &own, visit, state);
         if (failure != nullptr) {
-            CONF_LOG(CONF_LOG_ERROR, "%s", failure);
+            report(failure);
             if (at == element) {
-                return 1;
+                return WalkEnd::kFailed;
             }
         }
         const bool hasBelow = failure == nullptr && ConfXmlIsValueNode(&info) == 0;
         ConfXmlNode *child = hasBelow ? ConfXmlGetNodeFirstChild(at) : nullptr;
         if (child != nullptr && !levels.enter(at, own)) {
-            CONF_LOG(CONF_LOG_ERROR, "no memory for a deeper level: what is below is left out");
+            report("no memory for a deeper level: what is below is left out");
+            end = WalkEnd::kIncomplete;
             child = nullptr;
         }
         at = child != nullptr ? child : levels.next(at);
     }
-    return 0;
+    return end;
 }
 
 uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, TransXMLContext *context,
@@ -114,6 +120,6 @@ uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, TransXMLContext *context,
     const auto call = [](void *state, ConfXmlNodeInfo *info, TransXMLContext *own) {
         return (*static_cast<ConfXmlTraverseFn *>(state))(info, own);
     };
-    return ConfXmlTraverseXmlTree(element, context,
-                                  callback == nullptr ? nullptr : ConfXmlVisit{call}, &callback);
+    const IndexVisit visit = callback == nullptr ? nullptr : IndexVisit{call};
+    return walkIndexTable(element, context, visit, &callback) == WalkEnd::kFailed ? 1 : 0;
 }

@@ -3,8 +3,14 @@
 #include "include/xml_utility.h"
 
 /* A ConfXmlTraverseFn with the state of its walk. */
-using ConfXmlVisit = uint32_t (*)(void *state, ConfXmlNodeInfo *info, TransXMLContext *context);
+using IndexVisit = uint32_t (*)(void *state, ConfXmlNodeInfo *info, TransXMLContext *context);
 
-/* ConfXmlTraverseXmlTree for such a step. */
-uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, const TransXMLContext *context,
-                                ConfXmlVisit visit, void *state);
+enum class WalkEnd {
+    kDone,
+    kIncomplete, /* there was no memory for a deeper level: what is below was left out */
+    kFailed      /* the first element itself failed */
+};
+
+/* ConfXmlTraverseXmlTree, with its records, for such a step. */
+WalkEnd walkIndexTable(ConfXmlNode *element, const TransXMLContext *context, IndexVisit visit,
+                       void *state);

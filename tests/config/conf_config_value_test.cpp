@@ -2,13 +2,20 @@
  * store. */
 #include "include/conf_config_value.h"
 
+#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
+#include "include/conf_json.h"
+#include "include/xmlAdapter.h"
 #include "tests/support/forwarding_platform.h"
+#include "tests/support/scratch_root.h"
 
 namespace {
 
@@ -160,6 +167,56 @@ TEST_F(ConfigValue, LongTextsAlwaysCountAsChanged) {
         EXPECT_EQ(ConfConfigV2DByType(&value, storage, sizeof(storage), CONF_VALUE_STR), 0);
         EXPECT_EQ(ConfConfigV2DByType(&value, storage, sizeof(storage), CONF_VALUE_STR), second);
     }
+}
+
+/* A locale with a comma in its numbers, as the C library keeps it in files; it needs no package. */
+class CommaLocale {
+  public:
+    CommaLocale() {
+        const std::filesystem::path folder =
+            std::filesystem::path(support::scratchRoot()) / "comma";
+        std::filesystem::create_directories(folder);
+        const uint32_t head[] = {0x20031114, 6, 32, 34, 36, 40, 44, 48};
+        std::ofstream(folder / "LC_NUMERIC", std::ios::binary)
+            .write(reinterpret_cast<const char *>(head), sizeof(head))
+            .write(",\0.\0\3\3\0\0,\0\0\0.\0\0\0C", 18);
+        setenv("LOCPATH", support::scratchRoot().c_str(), 1);
+        EXPECT_NE(setlocale(LC_NUMERIC, "comma"), nullptr);
+        EXPECT_STREQ(localeconv()->decimal_point, ",");
+    }
+    ~CommaLocale() {
+        setlocale(LC_NUMERIC, "C");
+        unsetenv("LOCPATH");
+    }
+};
+
+TEST_F(ConfigValue, FloatingPointTextsDoNotFollowTheLocale) {
+    const CommaLocale locale;
+    const ConfConfigValue text = ofText("1.5");
+    EXPECT_EQ(ConfConfigV2Float(&text), 1.5);
+    EXPECT_EQ(rendered(ofFloat(1.5)), "1.500000");
+    double stored = 0;
+    EXPECT_EQ(ConfConfigV2DByType(&text, &stored, sizeof(stored), CONF_VALUE_FLOAT), 0);
+    EXPECT_EQ(stored, 1.5);
+
+    ConfXmlNode *root = ConfXmlCreateRootNode("r");
+    const double number = 2.5;
+    const float narrow = 0.5F;
+    EXPECT_EQ(ConfXmlAddAttr(root, "a", CONF_XML_DOUBLE, &number), 0u);
+    EXPECT_EQ(ConfXmlSetNodeText(root, CONF_XML_FLOAT, &narrow), 0u);
+    EXPECT_STREQ(ConfXmlTransformStr(root), "<r a=\"2.5\">0.5</r>");
+    ConfXmlFreeRootNode(root);
+
+    string printed;
+    EXPECT_EQ(ConfJsonCreateAndPrintSingleNumber(printed, "rate", number), 0);
+    EXPECT_NE(printed.find("2.5"), string::npos) << printed;
+    cJSON *tree = ConfJsonParse("{\"n\": 3.5e9}");
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(ConfJsonFindItem(tree, "n")->valuedouble, 3.5e9);
+    EXPECT_EQ(ConfJsonGetInt(tree, "n", 7), 7);
+    EXPECT_TRUE(platform::hasRecord(1, "conf_json", "number[3500000000.000000] is out"));
+    cJSON_Delete(tree);
+    EXPECT_STREQ(localeconv()->decimal_point, ",") << "the process keeps its own";
 }
 
 }  // namespace

@@ -73,19 +73,22 @@ TEST_F(FileLayer, WalksADirectoryByEitherSeparator) {
     EXPECT_TRUE(fs::is_empty(place));
 }
 
-TEST_F(FileLayer, CopyReplacesTheDestinationAndKeepsTheMode) {
+TEST_F(FileLayer, CopyTakesTheModeWhereTheDestinationHasNone) {
     std::string large(3 << 20, 'x');
     for (bool named : {false, true}) {
         support::noUnnamedFiles = named;
         write("from", large);
         write("to", "old");
         ASSERT_EQ(0, chmod((place / "from").c_str(), 04640));
+        ASSERT_EQ(0, chmod((place / "to").c_str(), 0600));
         ASSERT_EQ(0, OsCopyFile("/data/from", "/data\\to"));
         ASSERT_EQ(0, OsCopyFile("/data/from", "/data/new"));
         EXPECT_TRUE(large == read("to") && large == read("new"));
         struct stat status;
-        ASSERT_EQ(0, stat((place / "to").c_str(), &status));
+        ASSERT_EQ(0, stat((place / "new").c_str(), &status));
         EXPECT_EQ(0640U, status.st_mode & 07777);
+        ASSERT_EQ(0, stat((place / "to").c_str(), &status));
+        EXPECT_EQ(0600U, status.st_mode & 07777);
         EXPECT_EQ((std::set<std::string>{".", "..", "from", "to", "new"}), walk("/data"));
         fs::remove(place / "new");
     }

@@ -179,6 +179,21 @@ TEST_F(Json, ItemsAreAddedInTheirOrderUpToOneThatCannotBe) {
     EXPECT_EQ(out_, string(19, '*'));
 }
 
+char lastReleased; /* the first byte of a block */
+
+void release(void *block) {
+    lastReleased = block == nullptr ? lastReleased : *static_cast<char *>(block);
+    free(block);
+}
+
+TEST_F(Json, ThePrintedTextIsReleasedAfterTheObject) {
+    cJSON_Hooks hooks = {malloc, release};
+    cJSON_InitHooks(&hooks);
+    EXPECT_EQ(ConfJsonCreateAndPrintMultipleItems(out_, kItems, 3), 0);
+    EXPECT_EQ(lastReleased, '{');
+    cJSON_InitHooks(nullptr);
+}
+
 TEST_F(Json, MemoryThatRunsOutIsAFailureAndLeavesEverythingAsItWas) {
     cJSON_Hooks hooks = {take, free};
     cJSON_InitHooks(&hooks);

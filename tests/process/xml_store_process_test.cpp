@@ -1,16 +1,27 @@
-/* Structures in files between processes: a save that is killed, and two at a time. */
+/* Structures in files: a save that is killed, and files that belong to somebody. */
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <string>
 
+#include "include/conf_log_adapter.h"
 #include "include/xml_utility.h"
 #include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
 
 namespace {
 
@@ -38,11 +49,14 @@ extern "C" {
 int ftruncate(int file, off_t size) noexcept {
     return pass<int>("ftruncate", file, size);
 }
-int fdatasync(int file) {
-    return pass<int>("fdatasync", file);
+int fsync(int file) {
+    return pass<int>("fsync", file);
 }
-int rename(const char *from, const char *to) noexcept {
-    return pass<int>("rename", from, to);
+int renameat(int from, const char *old, int to, const char *name) noexcept {
+    return pass<int>("renameat", from, old, to, name);
+}
+ssize_t pwrite(int file, const void *bytes, size_t size, off_t at) {
+    return pass<ssize_t>("pwrite", file, bytes, std::min(size, size_t{8192}), at);
 }
 ssize_t sendfile(int to, int from, off_t *offset, size_t size) noexcept {
     return pass<ssize_t>("sendfile", to, from, offset, size);
@@ -54,9 +68,10 @@ int linkat(int from, const char *old, int to, const char *name, int flags) noexc
 
 namespace {
 
-constexpr char kFile[] = "/data/store.xml";
-constexpr char kBackup[] = "/data/store.bak";
+namespace fs = std::filesystem;
+
 constexpr uint16_t kCount = 500; /* several writes of the file */
+constexpr char kFile[] = "/data/store/store.xml", kBackup[] = "/data/store/store.bak";
 
 uint32_t values[kCount];
 
@@ -72,51 +87,214 @@ ConfXmlNode *describe(int32_t) {
     return root;
 }
 
-bool save(uint32_t number) {
+bool save(uint32_t number, const char *path = kFile) {
     std::fill_n(values, kCount, number);
-    return ConfXmlSave(describe, kFile, kBackup) == 0;
+    return ConfXmlSave(describe, path, kBackup) == 0;
 }
 
-/* Is every value in the file there, and of one save? */
-bool isWhole(const char *path) {
+/* The number of the one save that all values come from; 0 when they do not, or nothing loads. */
+uint32_t loaded(const char *path, const char *backup) {
     std::fill_n(values, kCount, 0U);
-    return ConfXmlLoad(describe, path, path) == 0 && values[0] != 0 &&
-           std::count(values, values + kCount, values[0]) == kCount;
+    const bool good = ConfXmlLoad(describe, path, backup) == 0 &&
+                      std::count(values, values + kCount, values[0]) == kCount;
+    return good ? values[0] : 0;
 }
 
 const support::ChildRole saverRole("xml-saver", [](const support::ChildArguments &arguments) {
-    const auto first = static_cast<uint32_t>(std::stoul(arguments[0]));
-    stepsToLive = std::stoi(arguments[1]);
-    for (uint32_t number = first; number < first + std::stoul(arguments[2]); number++) {
-        if (!save(number)) {
-            return 1;
-        }
-    }
-    return 0;
+    stepsToLive = std::stoi(arguments[0]);
+    return save(2) ? 0 : 1;
 });
 
-TEST(XmlStoreProcess, BothFilesAreWholeWheneverASaveIsKilled) {
-    ASSERT_TRUE(save(1));
-    int steps = 0;
-    support::ChildEnd end = {};
-    do {
-        steps++;
-        support::ChildProcess saver("xml-saver", {"2", std::to_string(steps), "1"});
-        end = saver.wait();
-        EXPECT_TRUE(isWhole(kFile) && isWhole(kBackup)) << steps;
-    } while (end == support::killed(SIGKILL) && steps < 100);
-    EXPECT_EQ(end, support::exited(0));
-    EXPECT_GT(steps, 10);
-    EXPECT_EQ(values[0], 2u) << "what a killed save left stops no other";
+class XmlStore : public testing::Test {
+  protected:
+    XmlStore() : folder(support::scratchRoot() + "/data/store") {
+        fs::create_directories(folder);
+        EXPECT_TRUE(save(1));
+    }
+    ~XmlStore() override { fs::remove_all(folder); }
+
+    fs::path folder;
+};
+
+TEST_F(XmlStore, OneOfTheFilesIsWholeWheneverASaveIsKilled) {
+    for (const bool inPlace : {false, true}) {
+        if (inPlace) {
+            fs::create_hard_link(folder / "store.xml", folder / "other.xml");
+        }
+        int steps = 0;
+        support::ChildEnd end = {};
+        do {
+            steps++;
+            support::ChildProcess saver("xml-saver", {std::to_string(steps)});
+            end = saver.wait();
+            EXPECT_NE(loaded(kFile, kBackup), 0u) << inPlace << steps;
+            EXPECT_TRUE(inPlace || (loaded(kFile, kFile) != 0 && loaded(kBackup, kBackup) != 0));
+        } while (end == support::killed(SIGKILL) && steps < 200);
+        EXPECT_EQ(end, support::exited(0));
+        EXPECT_GT(steps, 10);
+        EXPECT_TRUE(loaded(kFile, kFile) == 2 && loaded(kBackup, kBackup) == 2);
+        EXPECT_TRUE(save(1));
+    }
+    EXPECT_EQ(fs::hard_link_count(folder / "store.xml"), 2u);
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 3) << "and nothing is left over";
 }
 
-TEST(XmlStoreProcess, SavesOfTwoProcessesAtOnceAreWhole) {
-    support::ChildProcess one("xml-saver", {"100", "-1", "30"});
-    support::ChildProcess other("xml-saver", {"200", "-1", "30"});
-    EXPECT_EQ(one.wait(), support::exited(0));
-    EXPECT_EQ(other.wait(), support::exited(0));
-    EXPECT_TRUE(isWhole(kFile) && isWhole(kBackup));
-    EXPECT_TRUE(values[0] == 129 || values[0] == 229);
+/* Runs `action` in a child as the user and group 2000, who is also in group 2001; its answer. */
+bool asOther(const std::function<bool()> &action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const gid_t groups[] = {2000, 2001};
+        const bool changed = setgroups(2, groups) == 0 && setresgid(2000, 2000, 2000) == 0 &&
+                             setresuid(2000, 2000, 2000) == 0;
+        _exit(changed && action() ? 0 : 1);
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/* What others can tell of a file, its contents apart. */
+std::string lookOf(const fs::path &file) {
+    struct stat status = {};
+    char list[256] = {};
+    if (stat(file.c_str(), &status) != 0) {
+        return "absent";
+    }
+    const ssize_t size = getxattr(file.c_str(), "system.posix_acl_access", list, sizeof(list));
+    return std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid) + " " +
+           std::to_string(status.st_mode) + " " + std::to_string(status.st_nlink) + " " +
+           std::string(list, size < 0 ? 0 : static_cast<size_t>(size));
+}
+
+/* Owner rw, user 2002 r, group r, mask r, others none. */
+bool giveAccessList(const fs::path &file) {
+    const unsigned char list[] = {2,    0,   0,   0,   1,  0, 6, 0, 255, 255, 255, 255, 2,  0, 4, 0,
+                                  0xD2, 7,   0,   0,   4,  0, 4, 0, 255, 255, 255, 255, 16, 0, 4, 0,
+                                  255,  255, 255, 255, 32, 0, 0, 0, 255, 255, 255, 255};
+    return setxattr(file.c_str(), "system.posix_acl_access", list, sizeof(list), 0) == 0;
+}
+
+void change(const fs::path &file, uid_t user, gid_t group, mode_t mode) {
+    (void)removexattr(file.c_str(), "system.posix_acl_access");
+    ASSERT_EQ(chown(file.c_str(), user, group), 0);
+    ASSERT_EQ(chmod(file.c_str(), mode), 0);
+}
+
+/* Each file is saved by another user as its row says, and both keep their look. */
+TEST_F(XmlStore, WhoeverSavesTakesNothingAway) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "other users' files take root";
+    }
+    for (fs::path up = folder; up != up.root_path(); up = up.parent_path()) {
+        if (up != "/tmp") {
+            chmod(up.c_str(), 0755); /* the other user passes */
+        }
+    }
+    SetLogLevel(0);
+    const fs::path file = folder / "store.xml", backup = folder / "store.bak";
+    std::string longName = "/data/store/" + std::string(255, 'n');
+    const struct {
+        const char *name;
+        std::function<void()> prepare;
+        bool saved;
+        const char *path = kFile;
+    } cases[] = {
+        {"a member of the group",
+         [&] {
+             change(folder, 2000, 2000, 0700);
+             change(file, 0, 2001, 0660);
+             change(backup, 0, 2001, 0660);
+         },
+         true},
+        {"an owner, another group",
+         [&] {
+             change(file, 2000, 2001, 0640);
+             change(backup, 2000, 2001, 0600);
+         },
+         true},
+        {"an access list",
+         [&] {
+             change(file, 2000, 2000, 0640);
+             change(backup, 2000, 2000, 0640);
+             EXPECT_TRUE(giveAccessList(file) && giveAccessList(backup));
+         },
+         true},
+        {"a file that may not be written", [&] { change(file, 2000, 2000, 0400); }, false},
+        {"another user's file", [&] { change(file, 0, 0, 0644); }, false},
+        {"another name",
+         [&] {
+             change(file, 2000, 2000, 0600);
+             fs::create_hard_link(file, folder / "other");
+         },
+         true},
+        {"a folder that may not be written",
+         [&] {
+             fs::remove(folder / "other");
+             change(file, 2000, 2000, 0600);
+             change(folder, 0, 0, 0755);
+         },
+         true},
+        {"a long name", [&] { change(folder, 2000, 2000, 0700); }, true, longName.c_str()},
+        {"a link to nothing yet", [&] { fs::create_symlink("target", folder / "link"); }, true,
+         "/data/store/link"},
+    };
+    for (const auto &one : cases) {
+        change(backup, 2000, 2000, 0600);
+        one.prepare();
+        const fs::path saved = support::scratchRoot() + one.path;
+        const std::string before = lookOf(saved), backupBefore = lookOf(backup);
+        EXPECT_EQ(asOther([&] { return save(7, one.path); }), one.saved) << one.name;
+        EXPECT_EQ(loaded(one.path, one.path), one.saved ? 7u : 1u) << one.name;
+        EXPECT_EQ(loaded(kBackup, kBackup), one.saved ? 7u : 1u) << one.name;
+        if (before != "absent") {
+            EXPECT_EQ(lookOf(saved), before) << one.name;
+        }
+        EXPECT_EQ(lookOf(backup), backupBefore) << one.name;
+        change(file, 0, 0, 0600);
+        EXPECT_TRUE(save(1));
+    }
+    EXPECT_TRUE(fs::is_symlink(folder / "link"));
+    /* A new backup is read by nobody who may not read the file. */
+    change(file, 0, 2001, 0660);
+    fs::remove(backup);
+    EXPECT_TRUE(asOther([] { return save(7); }));
+    EXPECT_EQ(lookOf(backup).substr(0, 9), "2000:2001");
+    change(file, 2000, 2002, 0664);
+    fs::remove(backup);
+    EXPECT_TRUE(asOther([] { return save(7); }));
+    EXPECT_EQ(lookOf(backup).substr(0, 15), "2000:2000 33156");
+    SetLogLevel(3);
+}
+
+/* A disk with room for two files and no third, and a file that is a mount point. */
+TEST_F(XmlStore, AFullDiskAndAMountPointAreWrittenInPlace) {
+    const pid_t child = fork();
+    if (child == 0) {
+        SetLogLevel(0);
+        const auto mounted = [&] {
+            return unshare(CLONE_NEWNS) == 0 &&
+                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("none", folder.c_str(), "tmpfs", 0, "size=128k") == 0;
+        };
+        if (!mounted()) {
+            _exit(2);
+        }
+        bool good = save(1);
+        std::ofstream(folder / "filler") << std::string(1 << 20, 'x');
+        good = good && save(2) && loaded(kFile, kFile) == 2 && loaded(kBackup, kBackup) == 2;
+        good = good && !save(4000000000U) && loaded(kFile, kFile) == 2 &&
+               loaded(kBackup, kBackup) == 2;
+        good = good && umount(folder.c_str()) == 0 &&
+               mount((folder / "store.bak").c_str(), (folder / "store.xml").c_str(), nullptr,
+                     MS_BIND, nullptr) == 0;
+        _exit(good && save(3) && loaded(kFile, kBackup) == 3 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 2) {
+        GTEST_SKIP() << "mounts take root";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace

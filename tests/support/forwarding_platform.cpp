@@ -39,10 +39,11 @@ struct Operation {
         TamoOmCertGetExpectedSrvCertSize, TamoOmCertGetServiceCert, TamoOmCertGetCertId,           \
         TamoOmCertGetCapability, SSL_CTX_load_cacertificate_file, TamoOmLogClientInit,             \
         TamoOmLogClientUnInit, TamoOmLogCreateLog, TamoOmLogModuleLogRecord, OsOpenDir, OsReadDir, \
-        OsCloseDir, OsCopyFile, OsRemove, OsFopen, OsFileNativePath, OsMutexInit, OsMutexLock,     \
-        OsMutexUnLock, OsMutexDestroy, OsMemMallocSetCharMon, OSMemTypeFreeMon, OsMsgSynSend,      \
-        OsMsgSynRespFree, OsMsgAsynSend, OsMsgSynSendResp, OsSigEmptySet, OsSigAddSet,             \
-        OsPthreadSigmask, OsGetTimeEx, OsGetSysTimeSec, OsTmrManagerInit, OsTmrCreate, OsTmrDelete
+        OsCloseDir, OsCopyFile, OsRemove, OsFopen, OsFileNativePath, OsReplaceFile, OsFlushFile,   \
+        OsMutexInit, OsMutexLock, OsMutexUnLock, OsMutexDestroy, OsMemMallocSetCharMon,            \
+        OSMemTypeFreeMon, OsMsgSynSend, OsMsgSynRespFree, OsMsgAsynSend, OsMsgSynSendResp,         \
+        OsSigEmptySet, OsSigAddSet, OsPthreadSigmask, OsGetTimeEx, OsGetSysTimeSec,                \
+        OsTmrManagerInit, OsTmrCreate, OsTmrDelete
 #define TEXT(...) #__VA_ARGS__
 #define TEXT_OF(...) TEXT(__VA_ARGS__)
 

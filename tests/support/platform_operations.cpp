@@ -221,6 +221,8 @@ FORWARD_2(int32_t, OsCopyFile, kOne, const char *, const char *)
 FORWARD_1(int32_t, OsRemove, kOne, const char *)
 FORWARD_2(FILE *, OsFopen, kNull, const char *, const char *)
 FORWARD_3(const char *, OsFileNativePath, kNull, const char *, char *, size_t)
+FORWARD_4(int32_t, OsReplaceFile, kOne, const char *, const void *, size_t, int32_t)
+FORWARD_1(int32_t, OsFlushFile, kOne, const char *)
 
 /* ---- tamo_os_lock.h ---- */
 

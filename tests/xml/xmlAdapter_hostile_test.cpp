@@ -11,9 +11,10 @@
 #include <fstream>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "include/xmlAdapter.h"
+#include "include/xml_utility.h"
 #include "tests/support/forwarding_platform.h"
 #include "tests/support/open_descriptors.h"
 #include "tests/support/scratch_root.h"
@@ -220,6 +221,58 @@ TEST_F(XmlHostile, MemoryThatRunsOutIsAnAnswer) {
         EXPECT_EQ(platform::outstanding(), 0);
     }
     EXPECT_GT(failures, 10);
+}
+
+uint8_t volume;
+
+ConfXmlNode *describe(int32_t) {
+    const int64_t left = std::exchange(newUntilFailure, -1); /* the table is whole */
+    ConfXmlNode *root = ConfXmlAddSingleStructNode(nullptr, "Root");
+    const string address = std::to_string(reinterpret_cast<uintptr_t>(&volume));
+    ConfXmlValue value = {CONF_XML_ATTR_CHAR, {}, 0};
+    value.value.text = address.c_str();
+    for (const char *name : {"a", "b"}) {
+        const ConfXmlValueNodeDesc desc = {name, "UINT8"};
+        ConfXmlAddSingleValueNode(ConfXmlAddMultiStructNode(root, name, 1), &desc, &value);
+    }
+    newUntilFailure = left;
+    return root;
+}
+
+TEST_F(XmlHostile, ASaveWithoutMemoryForAllOfItLeavesAGoodBackup) {
+    volume = 1;
+    ASSERT_EQ(ConfXmlSave(describe, "/data/hostile.xml", "/data/hostile.bak"), 0u);
+    const string backup = string(path_).replace(strlen(path_) - 3, 3, "bak");
+    const auto contentOf = [](const string &path) {
+        std::ifstream file(path);
+        return string(std::istreambuf_iterator<char>(file), {});
+    };
+    const string good = contentOf(backup);
+    string better = good;
+    std::replace(better.begin(), better.end(), '1', '2');
+    for (size_t at = better.find("D=\"2"); at != string::npos; at = better.find("D=\"2")) {
+        better[at + 3] = '1';
+    }
+    int64_t incomplete = 0;
+    volume = 2;
+    for (int64_t failures = 0;; failures++) {
+        newUntilFailure = failures;
+        const uint32_t result = ConfXmlSave(describe, "/data/hostile.xml", "/data/hostile.bak");
+        const bool failed = newUntilFailure < 0;
+        newUntilFailure = -1;
+        if (!failed) {
+            break;
+        }
+        const string saved = contentOf(path_);
+        EXPECT_TRUE(result == 0 || saved == good) << failures;
+        EXPECT_EQ(contentOf(backup), saved == better ? better : good) << failures;
+        EXPECT_EQ(platform::outstanding(), 0);
+        incomplete += saved != better && saved != good;
+        std::ofstream(path_) << good;
+        std::ofstream(backup) << good;
+    }
+    EXPECT_GT(incomplete, 3);
+    EXPECT_NE(contentOf(backup), good);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "include/conf_log_adapter.h"
@@ -165,14 +166,17 @@ TEST_F(XmlFile, ForeignValuesFillWithTheirNumberOrLeaveTheField) {
         Fields left;
         const char *error; /* null: none */
     } cases[] = {
-        {"<val name='i32' type='INT8'>-5</val>", with(&Fields::i32, -5), nullptr},
-        {"<val name='i32' type='INT16'>-500</val>", with(&Fields::i32, -500), nullptr},
+        {"<val name='i32' type='INT8'>-5</val>", with(&Fields::i32, 251), nullptr},
+        {"<val name='i32' type='INT16'>-500</val>", with(&Fields::i32, 65036), nullptr},
         {"<val name='i32' type='UINT8'>251</val>", with(&Fields::i32, 251), nullptr},
-        {"<val name='u32' type='INT8'>-1</val>", with(&Fields::u32, UINT32_MAX), nullptr},
+        {"<val name='u32' type='INT8'>-1</val>", with(&Fields::u32, 255), nullptr},
         {"<val name='u32' type='UINT16'>65535</val>", with(&Fields::u32, 65535), nullptr},
         {"<val name='u32' type='UINT32'>4294967295</val>", with(&Fields::u32, UINT32_MAX), nullptr},
         {"<val name='i16' type='UINT32'>131070</val>", with(&Fields::i16, -2), nullptr},
         {"<val name='u8' type='UINT8'>300</val>", with(&Fields::u8, 44), nullptr},
+        {"<val name='i32' type='INT32'>4294967301</val>", with(&Fields::i32, 5), nullptr},
+        {"<val name='u32' type='UINT32'>-4294967291</val>", with(&Fields::u32, 5), nullptr},
+        {"<val name='i32' type='INT32'> 0x10</val>", with(&Fields::i32, 16), nullptr},
         {"<val name='u8' type='UINT8'>x</val>", expected, nullptr},
         {"<val name='u8' type='UINT8'/>", expected, nullptr},
         {"<val name='u8' type='CHAR' CharLen='9'>7</val>", expected, "NodeValueToIndex fail"},
@@ -271,7 +275,7 @@ TEST_F(XmlFile, FieldsThatCannotBeReadAreSavedWithoutAValue) {
     static const char endless[4] = {'a', 'b', 'c', 'd'};
     const auto table = [](int32_t) {
         ConfXmlNode *root = ConfXmlAddSingleStructNode(nullptr, "Other");
-        for (const char *address : {"0", "-1", "99999999999999999999", "", "x"}) {
+        for (const char *address : {"0", " -1", "99999999999999999999", "", "x"}) {
             addField(root, "a", "UINT8", address);
         }
         addField(root, "b", "UINT64", addressOf(&fields.u8));
@@ -279,11 +283,12 @@ TEST_F(XmlFile, FieldsThatCannotBeReadAreSavedWithoutAValue) {
         ConfXmlAddSingleStructNode(ConfXmlCreateLastChildNode(root, string(33, 'e').c_str()), "z");
         char hex[32];
         snprintf(hex, sizeof(hex), "%p", static_cast<void *>(&fields.u8));
-        addField(root, "d", "UINT8", hex);
+        addField(root, "d", "UINT8", string(hex) + "-");
         return root;
     };
     EXPECT_EQ(ConfXmlSave(table, kFile, kBackup), 0u);
     EXPECT_EQ(countErrors("pCallback fail"), 7u);
+    EXPECT_EQ(countErrors("[ConfXmlWriteCallBack]the text of c has no end within its 4 bytes"), 1u);
     EXPECT_EQ(countErrors("[ConfXmlTraverseXmlTree]ConfXmlGetXmlNodeAttrAndValue fail"), 1u);
     string expected = "<cfg name=\"Root\">\n";
     for (int at = 0; at < 5; at++) {
@@ -321,7 +326,6 @@ TEST_F(XmlFile, AFailedSaveLeavesBothFilesAndAFailedBackupFailsNothing) {
     struct stat status = {};
     EXPECT_EQ(stat(nativePath(kFile).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u);
-    EXPECT_NE(access(nativePath("/data/settings.xml.saving").c_str(), F_OK), 0);
     ConfXmlBakFile(kFile, nullptr);
     EXPECT_EQ(countErrors("[ConfXmlBakFile]Null ptr."), 1u);
 }
@@ -334,6 +338,34 @@ TEST_F(XmlFile, MemoryThatRunsOutIsAnAnswer) {
             [](uint64_t, uint32_t) { EXPECT_FALSE(contentOf(kFile).empty()); },
             [](uint32_t result) { EXPECT_EQ(result, 0u); });
     }
+}
+
+/* Text fields, and how the file shows them. */
+TEST_F(XmlFile, TextsOfWhiteSpaceComeBack) {
+    for (const char *text : {" ", "\t \n\v\f", "  x ", "", "]]>"}) {
+        fields = {};
+        strcpy(fields.text, text);
+        ASSERT_EQ(ConfXmlSave(describe, kFile, kBackup), 0u);
+        strcpy(fields.text, "other");
+        EXPECT_EQ(ConfXmlLoad(describe, kFile, kBackup), 0u);
+        EXPECT_STREQ(fields.text, text);
+    }
+    put(kFile,
+        "<cfg name='Root'><cfg name='Fields'><val name='text' type='CHAR'> </val></cfg></cfg>");
+    EXPECT_EQ(ConfXmlLoad(describe, kFile, kBackup), 0u);
+    EXPECT_STREQ(fields.text, "");
+}
+
+TEST_F(XmlFile, TheStepOfASaveAnswersForElementsOfNoTable) {
+    ConfXmlNode *output = ConfXmlAddSingleStructNode(nullptr, "Root");
+    for (const auto &[name, result, children] : {std::tuple("cfg", 0u, 1u), {"val", 1u, 2u}}) {
+        ConfXmlNodeInfo info = {};
+        strcpy(info.nodeName, name);
+        TransXMLContext context = {output, 0, {}};
+        EXPECT_EQ(ConfXmlWriteCallBack(&info, &context), result) << name;
+        EXPECT_EQ(ConfXmlGetNodeChildNum(output), children);
+    }
+    ConfXmlFreeRootNode(output);
 }
 
 ConfXmlNode *describeDeep(int32_t levelCount) {
@@ -358,6 +390,12 @@ void *useDeepTrees(void *deeper) {
     bool good = ConfXmlSave(describeDeepest, kFile, kBackup) == 0;
     fields.u8 = 0;
     good = good && ConfXmlLoad(describeDeepest, kFile, kBackup) == 0 && fields.u8 == 255;
+    const string before = contentOf(kFile);
+    for (const ConfXmlCreateIndexTableFn tooDeep :
+         {ConfXmlCreateIndexTableFn{[](int32_t) { return describeDeep(99); }},
+          ConfXmlCreateIndexTableFn{[](int32_t) { return describeDeep(200); }}}) {
+        good = good && ConfXmlSave(tooDeep, kFile, kBackup) == 1 && contentOf(kFile) == before;
+    }
     TransXMLContext context = {};
     const auto result =
         ConfXmlTraverseXmlTree(static_cast<ConfXmlNode *>(deeper), &context, countLevel);

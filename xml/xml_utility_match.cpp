@@ -1,9 +1,9 @@
-#include "xml/child_tables.h"
+#include "xml/xml_utility_match.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "xml/xml_document.h"
+#include "xml/xmlAdapter_document.h"
 
 namespace {
 

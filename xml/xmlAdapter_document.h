@@ -8,6 +8,17 @@
 #include "common/platform_block.h"
 #include "include/xmlAdapter.h"
 
+/* Runs what may take memory in the XML library, which throws when there is none; the callers are C
+ * functions. For files that are compiled with exceptions. */
+template <typename Result, typename Action>
+Result unlessNoMemory(Result otherwise, Action action) noexcept {
+    try {
+        return action();
+    } catch (...) {
+        return otherwise;
+    }
+}
+
 /* Every document behind a handle. It is a block of the platform's memory, where one that was never
  * released shows. */
 class ConfXMLDocument final : public tinyxml2::XMLDocument {
@@ -32,3 +43,14 @@ inline tinyxml2::XMLElement *elementOf(ConfXmlNode *node) {
 inline ConfXmlNode *handleOf(tinyxml2::XMLElement *element) {
     return reinterpret_cast<ConfXmlNode *>(element);
 }
+
+/* An element's first child where that is a text, else null. */
+inline const char *textOf(const tinyxml2::XMLElement *element) {
+    const tinyxml2::XMLNode *child = element->FirstChild();
+    return child == nullptr || child->ToText() == nullptr ? nullptr : child->Value();
+}
+
+/* The low 32 bits of a number of up to 64, decimal or with 0x hexadecimal, that a text begins with;
+ * 0 when it begins with none. The XML library's own reading depends on the width of long. */
+int32_t signedIn(const char *text);
+uint32_t unsignedIn(const char *text);
