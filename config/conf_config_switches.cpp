@@ -49,10 +49,11 @@ int32_t loadTable(const char *path) {
     const OwnedDocument root(ConfXmlParseFileGetRoot(path));
     const uint32_t count = root == nullptr ? 0 : ConfXmlGetNodeChildNum(root.get());
     ConfXmlNode *node = count == 0 ? nullptr : ConfXmlGetNodeFirstChild(root.get());
-    if (node == nullptr || count > SIZE_MAX / sizeof(ConfConfigNameEntry)) {
+    size_t size = 0;
+    if (node == nullptr || __builtin_mul_overflow(count, sizeof(ConfConfigNameEntry), &size)) {
         return 1;
     }
-    auto table = takeBlock<ConfConfigNameEntry>(count * sizeof(ConfConfigNameEntry), kUnit);
+    auto table = takeBlock<ConfConfigNameEntry>(size, kUnit);
     if (table == nullptr) {
         return 1;
     }

@@ -77,7 +77,8 @@ int64_t ConfConfigV2Int(const ConfConfigValue *value);
  * for a null record. */
 uint64_t ConfConfigV2UInt(const ConfConfigValue *value);
 
-/* The same as a floating-point number; 0 for a null record. */
+/* The same as a floating-point number, whose text does not follow the process's locale; 0 for a null
+ * record. */
 double ConfConfigV2Float(const ConfConfigValue *value);
 
 /* The value as 0 or 1: whether a number is not 0; whether a text begins with T or t, or with a

@@ -6,7 +6,8 @@
  *    its tree and lives as long.
  * 2. A null argument is refused, never followed. A failure is one record at CONF_LOG_ERROR under the
  *    unit conf_json, where a function does not say otherwise, and a neutral result: null, false, 0 or
- *    the caller's default. A record with a key too long for one is dropped, as any other.
+ *    the caller's default. A function that adds items by ConfJsonAddMultipleItems leaves its record and
+ *    that function's. Numbers do not follow the process's locale, neither read nor printed. A record with a key too long for one is dropped, as any other.
  * 3. Keys are NUL-terminated and letter case counts, except where a function says otherwise. Of several
  *    members with one key the first is taken. A lookup walks the members up to the one it finds.
  * 4. A tree is read up to 1000 levels deep; a deeper text is refused. Nothing else here goes down into

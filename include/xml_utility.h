@@ -76,7 +76,7 @@ uint32_t ConfXmlParseSingleNote(ConfXmlNode *root, const ConfXmlNoteParam *param
 
 /* Decodes a list of decimal character codes, such as "72,233", into UTF-8 of at most `maxBytes`
  * bytes. It writes no terminator. A character is never cut; a foreign character in the list fails,
- * and what was decoded before it stays. */
+ * and what was decoded before it stays. A null argument leaves no record. */
 uint32_t ConfXmlGetStringFromAscii(const char *src, char *dst, uint32_t maxBytes);
 
 /* Reads the code that begins at `*pos` in a list of `length` bytes: 0 for an empty one, the low 32
@@ -138,11 +138,12 @@ char *ConfXmlAdptEncodeWithRootAttr(const ConfXmlEncodeRootDesc *desc);
 uint32_t ConfXmlDumpWithHeader(const char *body, char **result);
 
 /* Makes a document with children of the root. A text, attribute or child that fails is recorded and
- * left out. The caller releases the document with ConfXmlFreeRootNode. */
+ * left out. The caller releases the document with ConfXmlFreeRootNode. A null root leaves no record. */
 ConfXmlNode *ConfXmlCreateRootNodeByNodeSet(const ConfXmlNodeDesc *root,
                                             const ConfXmlNodeDesc *children, uint32_t childCount);
 
-/* The same for a new last child of `parent`, which belongs to the parent's document. */
+/* The same for a new last child of `parent`, which belongs to the parent's document. A null parent or
+ * node leaves no record. */
 ConfXmlNode *ConfXmlCreateChildNodeByNodeSet(ConfXmlNode *parent, const ConfXmlNodeDesc *node,
                                              const ConfXmlNodeDesc *children, uint32_t childCount);
 
@@ -268,17 +269,19 @@ uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, TransXMLContext *context,
                                 ConfXmlTraverseFn callback);
 
 /* The callback of save: makes the element's counterpart in the document that is saved, with the
- * field's value, and sets the context to it. */
+ * field's value, and sets the context to it. A failure leaves a record of its own only where memory
+ * runs out or a text has no end; the traversal leaves one for each. */
 uint32_t ConfXmlWriteCallBack(ConfXmlNodeInfo *info, TransXMLContext *context);
 
 /* The callback of load: finds the element's counterpart in the loaded document, stores its value in
- * the field, and sets the context to it. */
+ * the field, and sets the context to it. A counterpart that is not there leaves no record of its own;
+ * the traversal leaves one. */
 uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context);
 
 /* Reads all that is known of an element. */
 uint32_t ConfXmlGetXmlNodeAttrAndValue(ConfXmlNode *node, ConfXmlNodeInfo *info);
 
-/* Reads an element's "name", "type" and "CharLen". */
+/* Reads an element's "name", "type" and "CharLen". A failure leaves no record. */
 uint32_t ConfXmlGetXmlNodeAttr(ConfXmlNode *node, ConfXmlNodeInfo *info);
 
 /* 1 for a "val" element, else 0. */
@@ -288,10 +291,10 @@ uint32_t ConfXmlIsValueNode(const ConfXmlNodeInfo *info);
 uint32_t ConfXmlAttrTypeStrToEnum(const char *typeName, uint8_t *code);
 
 /* An element's text as a value of a type; a text value points into the document and is null for an
- * element without text. */
+ * element without text. No record for a null value or an unknown type. */
 uint32_t ConfXmlGetValue(ConfXmlNode *node, uint8_t type, ConfXmlValue *value);
 
-/* Sets an element's text. A CONF_XML_ result, or 1 for a null value. */
+/* Sets an element's text. A CONF_XML_ result, or 1, without a record, for a null value. */
 uint32_t ConfXmlSetXmlNodeValue(ConfXmlNode *node, const ConfXmlValue *value);
 
 /* Reads a field of the type in `info`; a text value is the address itself. No record. */
@@ -306,11 +309,12 @@ uint32_t ConfXmlCopyXmlNodeValueToIndex(const ConfXmlValue *value, const ConfXml
 /* Compares the names, then the instance numbers; 0 when both are equal. No record. */
 int32_t ConfXmlCompareNode(const ConfXmlNodeInfo *a, const ConfXmlNodeInfo *b, uint32_t word);
 
-/* What `compare` says of two elements, or 1 when one cannot be read. */
+/* What `compare` says of two elements, or 1 when one cannot be read, or without a record when there is no
+ * `compare`. */
 int32_t ConfXmlMatchNode(ConfXmlNode *a, ConfXmlNode *b, ConfXmlCompareFn compare);
 
 /* The first child of `fileParent` that matches the element of the index table; the search ends at a
- * child that cannot be read. It walks the children; a load does not. */
+ * child that cannot be read. No record when there is none. It walks the children; a load does not. */
 uint32_t ConfXmlFindMatchNode(ConfXmlNode *indexElement, ConfXmlNode *fileParent,
                               ConfXmlCompareFn compare, ConfXmlNode **found);
 

@@ -352,9 +352,11 @@ Replaced replaceFile(const char *path, const Contents &contents) {
             errno = EMLINK;
             return Replaced::kOnlyInPlace;
         }
-    } else if (exists || lstat(path, &link) == 0) {
-        errno = exists ? EINVAL : ELOOP;
-        return Replaced::kOnlyInPlace; /* a device, or a link that leads to nothing yet */
+    } else if (exists) { /* a device or a pipe: nothing of it could be lost */
+        return writeInPlace(path, contents) ? Replaced::kDone : Replaced::kFailed;
+    } else if (lstat(path, &link) == 0) {
+        errno = ELOOP;
+        return Replaced::kOnlyInPlace; /* a link that leads to nothing yet */
     } else if (!copyPath(path, target)) {
         return Replaced::kFailed;
     }

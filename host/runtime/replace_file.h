@@ -41,7 +41,8 @@ enum class Replaced {
     kFailed       /* nothing has changed; errno says why */
 };
 
-/* Replaces the file that `path`, a native path, leads to, or makes it. */
+/* Replaces the file that `path`, a native path, leads to, or makes it. What is no regular file is
+ * written to. */
 Replaced replaceFile(const char *path, const Contents &contents);
 
 /* Replaces what has the name `path`, whatever it is, with a copy of an open file. A regular file's
