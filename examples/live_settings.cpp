@@ -10,6 +10,7 @@
  *     applies the new values
  *     applies a list of its own; changes variables and writes them back by prefix
  */
+#include <errno.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -140,11 +141,11 @@ bool isEdited() {
 }
 
 bool followEditor() {
-    char self[] = "/proc/self/exe", role[] = "editor";
-    char *arguments[] = {self, role, nullptr};
+    char role[] = "editor";
+    char *arguments[] = {program_invocation_name, role, nullptr};
     pid_t editor = 0;
     int status = 1;
-    if (posix_spawn(&editor, self, nullptr, nullptr, arguments, environ) != 0) {
+    if (posix_spawnp(&editor, arguments[0], nullptr, nullptr, arguments, environ) != 0) {
         return false;
     }
     waitpid(editor, &status, 0);

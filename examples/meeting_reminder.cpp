@@ -104,7 +104,7 @@ pid_t startDisplay(char *program) {
     char role[] = "display";
     char *arguments[] = {program, role, nullptr};
     pid_t pid = 0;
-    return posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, arguments, environ) == 0 ? pid : 0;
+    return posix_spawnp(&pid, program, nullptr, nullptr, arguments, environ) == 0 ? pid : 0;
 }
 
 /* ---- the reminder process ---- */

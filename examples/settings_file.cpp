@@ -4,6 +4,7 @@
  *     example_settings_file
  *
  * The exit code is 1 when something is not as it should be. */
+#include <errno.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -155,7 +156,7 @@ bool survivesKill(int n) {
     const pid_t child = pipe(line) == 0 ? fork() : -1;
     if (child == 0) {
         dup2(line[1], STDOUT_FILENO);
-        execl("/proc/self/exe", "example_settings_file", "child", nullptr);
+        execlp(program_invocation_name, "example_settings_file", "child", nullptr);
         _exit(1);
     }
     close(line[1]);

@@ -86,7 +86,7 @@ void start(Process *process) {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP); /* killed with what it starts */
-    if (posix_spawn(&process->pid, "/proc/self/exe", nullptr, &attributes,
+    if (posix_spawn(&process->pid, program_invocation_name, nullptr, &attributes,
                     const_cast<char **>(words), environ) != 0) {
         perror("soak: starting a process");
         exit(2);
