@@ -2,6 +2,7 @@
 #include "host/messages/queue.h"
 
 #include <errno.h>
+#include <sched.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -234,6 +235,11 @@ Taken takeFromFirst(TamoHostQueue *queue, Message **message) {
         case Taken::kNothing:
             if (peer->control == nullptr) {
                 removeReady(queue); /* until its hello comes */
+            } else if (queue->yields) {
+                /* Others may have more to send, and then need not wake this side up. */
+                queue->yields = false;
+                (void)sched_yield();
+                return Taken::kSkipped;
             } else {
                 (void)retireFirst(queue);
             }
@@ -293,6 +299,7 @@ void settleSign(TamoHostQueue *queue) {
 /* The next message, as soon as there is one. The clock is looked at only when there may be none. */
 Taken takeWithin(TamoHostQueue *queue, int32_t timeoutMs, Message **message) {
     Deadline deadline(timeoutMs < 0 ? kForEver : static_cast<uint32_t>(timeoutMs));
+    queue->yields = timeoutMs != 0;
     for (;;) {
         const Taken taken = takeReady(queue, message);
         settleSign(queue);

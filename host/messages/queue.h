@@ -62,7 +62,8 @@ struct TamoHostQueue {
     tamo::messages::Peer *peers = nullptr;
     tamo::messages::Peer *ready = nullptr; /* the first is served */
     tamo::messages::Peer *lastReady = nullptr;
-    uint32_t turn = 0; /* messages that it may still have taken before the next one's turn */
+    uint32_t turn = 0;   /* messages that it may still have taken before the next one's turn */
+    bool yields = false; /* before a connection goes to sleep, once in a call */
     tamo::messages::ModuleGuesses modules = {};
 };
 
