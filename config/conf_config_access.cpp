@@ -149,10 +149,10 @@ int32_t ConfConfigSetLocalIp(uint32_t family, const char *address) {
         return 1;
     }
     ConfConfigOmRecord record = {};
-    if (TamoOmConfigcopyStr2Key(&record, family == 0 ? kLocalIpv4 : kLocalIpv6) != 0 ||
-        TamoOmConfigcopyStr2Val(&record.value, address) != 0) {
-        CONF_LOG(CONF_LOG_ERROR, "TamoOmConfigcopyStr2Val fail");
+    if (TamoOmConfigcopyStr2Key(&record, family == 0 ? kLocalIpv4 : kLocalIpv6) != 0) {
+        CONF_LOG(CONF_LOG_ERROR, "TamoOmConfigcopyStr2Key fail");
         return 1;
     }
+    (void)TamoOmConfigcopyStr2Val(&record.value, address);
     return TamoOmConfigStringSet(record);
 }

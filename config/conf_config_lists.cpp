@@ -8,6 +8,7 @@
 
 #include "common/log.h"
 #include "common/platform_block.h"
+#include "config/sensitive_keys.h"
 #include "include/conf_config.h"
 #include "include/conf_msg_api.h"
 #include "msg/message_format.h"
@@ -58,6 +59,22 @@ int copyRecords(ConfConfigListItem *items, const ConfConfigOmRecord *records, ui
     return errors;
 }
 
+/* Puts a key with its value into a record; a sensitive value does not go without its key. */
+void putRecord(ConfConfigOmRecord *record, const char *key, const char *value) {
+    if (TamoOmConfigcopyStr2Key(record, key) == 0 ||
+        !isSensitiveKey(key, sizeof(record->key.text))) {
+        TamoOmConfigcopyStr2Val(&record->value, value);
+    }
+}
+
+/* Wipes sensitive values from the records of a list when it is done with. */
+struct RecordsWipe {
+    ConfConfigOmRecord *records;
+    uint32_t count;
+
+    ~RecordsWipe() { wipeSensitive(records, count); }
+};
+
 /* Puts a password into a record, encrypted, and wipes it from the item; false when it cannot be
  * encrypted. */
 bool putPassword(ConfConfigListItem *item, ConfConfigOmRecord *record) {
@@ -68,8 +85,7 @@ bool putPassword(ConfConfigListItem *item, ConfConfigOmRecord *record) {
         return false;
     }
     memset_s(item->value, sizeof(item->value), 0, sizeof(item->value));
-    TamoOmConfigcopyStr2Key(record, item->key);
-    TamoOmConfigcopyStr2Val(&record->value, encrypted);
+    putRecord(record, item->key, encrypted);
     return true;
 }
 
@@ -156,6 +172,7 @@ uint32_t ConfConfigSetConfConfig(uint32_t, void *block, uint32_t size) {
         return kFailed;
     }
     const uint32_t count = itemsHandled(request);
+    const RecordsWipe wipe = {records, count};
     for (uint32_t i = 0; i < count; i++) {
         ConfConfigListItem *item = blockItems(request) + i;
         terminateTexts(item);
@@ -168,8 +185,7 @@ uint32_t ConfConfigSetConfConfig(uint32_t, void *block, uint32_t size) {
             continue;
         }
         CONF_LOG(CONF_LOG_ERROR, "ConfConfigSetConfConfig val= %s.\n", item->value);
-        TamoOmConfigcopyStr2Key(records + i, item->key);
-        TamoOmConfigcopyStr2Val(&records[i].value, item->value);
+        putRecord(records + i, item->key, item->value);
     }
     const int32_t refused = TamoOmConfigStringMset(records, count);
     if (refused != 0) {

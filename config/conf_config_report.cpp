@@ -13,6 +13,7 @@
 #include "common/log.h"
 #include "common/platform_block.h"
 #include "config/config_index.h"
+#include "config/sensitive_keys.h"
 #include "include/conf_config.h"
 #include "platform/bounds_checked.h"
 #include "platform/tamo_om_config_client.h"
@@ -51,6 +52,18 @@ struct CallbackTable {
     uint16_t slots[kHashSlots]; /* position in `groups` plus one; 0 is free */
 };
 
+/* A report's copy, whose sensitive values are wiped when it is released. */
+struct ReportOwner {
+    Items items;
+    uint32_t count;
+
+    ~ReportOwner() {
+        if (items != nullptr) {
+            wipeSensitive(items.get(), count);
+        }
+    }
+};
+
 /* A change callback table with its items, released together. */
 struct TableOwner {
     PlatformBlock<CallbackTable> table;
@@ -62,6 +75,7 @@ struct TableOwner {
     }
     static void releaseItems(Group *group) {
         if (group->items != nullptr) {
+            wipeSensitive(group->items, group->count);
             OSMemTypeFreeMon(group->items, 0, 0, __LINE__, kUnit);
             group->items = nullptr;
         }
@@ -191,14 +205,14 @@ void deliverGroup(Group *group) {
 }
 
 /* Groups a report by callback and delivers it. */
-void ConfConfigDealCallBackList(Items report, uint32_t count) {
+void ConfConfigDealCallBackList(const ConfConfigListItem *report, uint32_t count) {
     TableOwner owner = {takeBlock<CallbackTable>(sizeof(CallbackTable), kUnit)};
     CallbackTable *table = owner.table.get();
     if (table == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, " ConfConfigDealCallBackList malloc fail\n");
         return;
     }
-    ConfConfigAddCountByitemlist(table, report.get(), count);
+    ConfConfigAddCountByitemlist(table, report, count);
     CONF_LOG(CONF_LOG_DEBUG, "ConfConfigDealCallBackList count = %d", table->count);
     for (uint32_t i = 0; i < table->count; i++) {
         table->groups[i].items = takeArray<ConfConfigListItem>(table->groups[i].count).release();
@@ -210,7 +224,7 @@ void ConfConfigDealCallBackList(Items report, uint32_t count) {
     if (table->count == 0) {
         return;
     }
-    if (!ConfConfigAdditemlist(table, report.get(), count)) {
+    if (!ConfConfigAdditemlist(table, report, count)) {
         CONF_LOG(CONF_LOG_ERROR, " ConfConfigDealCallBackList fail\n");
         return;
     }
@@ -242,8 +256,8 @@ void ConfConfigClientCallBack(uint32_t msgId, uint32_t, uint32_t,
         CONF_LOG(CONF_LOG_ERROR, "Null ptr.");
         return;
     }
-    Items report = takeArray<ConfConfigListItem>(changes->count);
-    if (report == nullptr) {
+    const ReportOwner report = {takeArray<ConfConfigListItem>(changes->count), changes->count};
+    if (report.items == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "malloc fail\n");
         return;
     }
@@ -253,11 +267,11 @@ void ConfConfigClientCallBack(uint32_t msgId, uint32_t, uint32_t,
             CONF_LOG(CONF_LOG_ERROR, "Null ptr.");
             return;
         }
-        const int error = copyChange(report.get() + i, changes->items[i]);
+        const int error = copyChange(report.items.get() + i, changes->items[i]);
         if (error != 0) {
             CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
             return;
         }
     }
-    ConfConfigDealCallBackList(std::move(report), changes->count);
+    ConfConfigDealCallBackList(report.items.get(), changes->count);
 }

@@ -51,7 +51,7 @@ typedef struct ConfConfigListItem {
     char value[1024];
 } ConfConfigListItem;
 
-/* Told of changed values: `count` items (at most 255 in a call) in the order of the report, valid
+/* Told of changed values, whichever process stored them, this one included: `count` items (at most 255 in a call) in the order of the report, valid
  * only during the call. */
 typedef void (*ConfConfigItemCallback)(const ConfConfigListItem *items, uint32_t count);
 
@@ -73,10 +73,12 @@ typedef void (*ConfConfigRegisterFn)(void);
 int32_t ConfConfigInit(ConfConfigRegisterFn registerFn, const char *ownerName,
                        const char *moduleName);
 
-/* Connects again, as module "Conf" of "TamoUIConf"; always 0. The index stays. */
+/* Connects again, as module "Conf" of "TamoUIConf"; always 0. The index stays. Waits for no item
+ * callback that runs: the handler of reports stays the same. */
 int32_t ConfConfigReInit(void);
 
-/* Disconnects the module "Conf"; always 0. The index stays. */
+/* Disconnects the module "Conf"; always 0. The index stays. Waits for the item callback that runs, unless
+ * that is the one that calls: hold no lock here that an item callback takes. */
 int32_t ConfConfigUnInit(void);
 
 /* Releases the index with all its bindings. 0 when there was none, else the platform's result of
@@ -114,7 +116,8 @@ int32_t ConfConfigSetList(const ConfConfigListItem *list, int32_t count, uint8_t
 /* Stores the values of bound variables in the service, 50 in an operation. Each of the `count`
  * keys selects some, in any letter case: "" all that are not local, a text that ends with "." those
  * whose names begin with it, any other text the one of that name; null keys are passed over. A text
- * of more than 1023 characters, or without an end in its variable, is recorded and not stored. 0, or
+ * of more than 1023 characters, or without an end in its variable, is recorded and not stored (a text
+ * bound with size 0 has no bound but its end). 0, or
  * -1: a null array, no keys, no index, no memory, nothing selected, or a refused last operation. */
 int32_t ConfConfigSyncToOM(const char *const *keys, int32_t count);
 
@@ -185,7 +188,8 @@ int32_t ConfConfigGetLocalIpv4(uint32_t selector, char *buffer);
 int32_t ConfConfigGetLocalIpv6(uint32_t selector, char *buffer);
 
 /* Stores the device's own address as text, IPv4 for `family` 0, IPv6 for 1. Returns 0, 1 for a null
- * or too long text or another family, or the service's result. */
+ * text or another family, or the service's result. A text of more than 1023 characters is stored as an
+ * empty one. */
 int32_t ConfConfigSetLocalIp(uint32_t family, const char *address);
 
 /* Loads the device's switch file, conference/conf_config.xml in the device's configuration

@@ -1,7 +1,8 @@
 /* libtamo_om_config_client: the configuration service's client.
  *
  * 1. The service keeps one text per key, for all processes of the device, and keeps it when they
- *    end. Results are 0 for success.
+ *    end. ASCII letters of keys are the same in either case; a key keeps its first spelling, under
+ *    which it is reported. Results are 0 for success.
  * 2. Records have fixed layouts. Key and value texts are NUL-terminated in their buffers; the
  *    client sets the lengths beside them and refuses a text that does not fit or is not terminated.
  * 3. A call on several records is one transaction: all or nothing, in one round trip. What a write
@@ -60,15 +61,16 @@ int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *modul
 /* Makes `handler` the receiver of change reports for a connected module; a later handler replaces
  * it, null removes it.
  *
- * - Every write of another process from now on makes one report, of all keys whose stored value it
- *   changed; a write that changes none makes none. Writes of this process, by whichever module, are
- *   not reported to it.
- * - Reports come one after the other in the order of the writes, and may come before this has
- *   returned. None is lost while the process lives; a writer never waits for a handler. A client that
- *   has fallen too far behind may report all keys as they stand in place of what it missed.
+ * - Every write from now on, of this process or another, makes one report of all keys whose stored
+ *   value it changed; a write that changes none makes none. A key that was removed is reported with an
+ *   empty value.
+ * - Reports come one after the other in the order of the writes, so that the last report of a key is its
+ *   last write, and may come before this has returned. None is lost while the process lives, and none
+ *   waits for another process than the one that writes; a writer never waits for a handler. A client
+ *   that has fallen too far behind may report all keys as they stand in place of what it missed.
  * - The handler may call every operation of the client.
- * - The handler that was there before does not run any more once this has returned, unless it is the
- *   one that calls. A child of fork has no handlers until it makes its own the receivers. */
+ * - Another handler that was there before does not run any more once this has returned, unless it is
+ *   the one that calls. The same handler stays, and is not waited for. A child of fork has no handlers until it makes its own the receivers. */
 int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName);
 
 /* Disconnects a module. Its handler does not run any more once this has returned, unless it is the one

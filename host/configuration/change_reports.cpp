@@ -1,9 +1,10 @@
 /* libtamo_om_config_client: the connections of a process's modules, and the reports to their handlers.
  *
  * - The first handler starts a thread that watches the store for all modules of the process; it ends
- *   when it finds no handler any more. Writes of this process are not reported to it.
+ *   when it finds no handler any more.
  * - No lock is held while a handler runs. Whoever takes a handler away waits until it has returned,
- *   unless that is the thread of the reports itself, which only a handler can be.
+ *   unless that is the thread of the reports itself, which only a handler can be; whoever makes the
+ *   same handler the receiver again does not.
  * - A child of fork keeps its modules but has no handlers, and no thread. */
 #include <errno.h>
 #include <pthread.h>
@@ -12,21 +13,22 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include "host/base/log.h"
-#include "host/configuration/change_reader.h"
-#include "host/configuration/store.h"
+#include "host/configuration/change_watch.h"
 #include "tamo_host.h"
 
+namespace tamo::configuration {
 namespace {
 
-constexpr const char *kUnit = "tamo_om_config_modules";
+constexpr const char *kUnit = "tamo_om_config_client";
 constexpr size_t kMaxModules = 32;
 constexpr size_t kModuleNameSize = 64;
 constexpr uint32_t kChangeMessage = 65536;
-/* A writer may be killed before it wakes anybody. */
-constexpr int64_t kCheckMs = 10000;
+/* Between looks at a store that cannot be read: each leaves a record. */
+constexpr int kLongestPauseMs = 10000;
 
 struct Module {
     char name[kModuleNameSize];
@@ -44,10 +46,10 @@ bool isRunning;
 pthread_t reporter;
 uint32_t forks;
 /* The thread's, once it runs. Never destroyed: the thread may outlive the program's statics. */
-tamo::ConfigWatch &watch = *new tamo::ConfigWatch;
+Watch &watch = *new Watch;
 
 int32_t refuse(int line, const char *why) {
-    tamo::hostRecord(tamo::kError, kUnit, line, "%s", why);
+    hostRecord(kError, kUnit, line, "%s", why);
     return TAMO_HOST_INVALID;
 }
 
@@ -75,68 +77,22 @@ bool hasHandlers() {
     return false;
 }
 
-/* False for what a foreign hand has put into the store's file. */
-bool fits(const tamo::TextPairs &pair) {
-    return pair.key[0] != '\0' && strlen(pair.key) < sizeof(ConfConfigOmKey::text) &&
-           strlen(pair.value) < sizeof(ConfConfigOmVal::text);
-}
-
-/* A change as a handler gets it: entries and, behind them, their values. */
-class Report {
-  public:
-    explicit Report(const tamo::ConfigChange &change) {
-        for (tamo::TextPairs pair(change.records); pair.next();) {
-            list.count += fits(pair) ? 1 : 0;
-        }
-        list.items = static_cast<ConfConfigChangeItem *>(
-            calloc(list.count + 1, sizeof(ConfConfigChangeItem) + sizeof(ConfConfigOmVal)));
-        if (list.items == nullptr) {
-            return;
-        }
-        auto *value = reinterpret_cast<ConfConfigOmVal *>(list.items + list.count);
-        ConfConfigChangeItem *item = list.items;
-        for (tamo::TextPairs pair(change.records); pair.next();) {
-            if (!fits(pair)) {
-                continue;
-            }
-            item->key.length = static_cast<uint8_t>(
-                snprintf(item->key.text, sizeof(item->key.text), "%s", pair.key));
-            value->length =
-                static_cast<uint32_t>(snprintf(value->text, sizeof(value->text), "%s", pair.value));
-            item->value = value;
-            item++;
-            value++;
-        }
-    }
-    ~Report() { free(list.items); }
-    Report(const Report &) = delete;
-    Report &operator=(const Report &) = delete;
-
-    ConfConfigChangeList list = {};
-};
-
 /* Calls the handlers that were there before the change; false in a child that a handler forked. */
-bool deliver(const tamo::ConfigChange &change) {
-    Report report(change);
-    if (report.list.items == nullptr) {
-        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
-                         "no memory for a report of %u changed keys: it is lost",
-                         report.list.count);
-        return true;
-    }
+bool deliver(const Change &change) {
+    const ConfConfigChangeList list = change.items.list();
     std::unique_lock lock(modulesLock);
     const uint32_t forksBefore = forks;
     for (Module &module : modules) {
         if (change.isAll) {
             module.since = 0; /* another store may count anew */
         }
-        if (module.handler == nullptr || module.since >= change.number || report.list.count == 0) {
+        if (module.handler == nullptr || module.since >= change.number || list.count == 0) {
             continue;
         }
         ConfConfigChangeHandler handler = module.handler;
         reporting = &module;
         lock.unlock();
-        handler(kChangeMessage, 0, 0, &report.list);
+        handler(kChangeMessage, 0, 0, &list);
         lock.lock();
         if (forks != forksBefore) {
             return false;
@@ -154,21 +110,25 @@ bool isOver() {
     if (hasHandlers()) {
         return false;
     }
-    watch.seat.leave();
+    watch.events = Descriptor();
     isRunning = false;
     return true;
 }
 
 void *reportChanges(void *) {
-    tamo::ConfigChange change;
+    Change change;
+    int pause = kLookMs;
     while (!isOver()) {
-        const uint32_t wakes = watch.seat.wakes();
-        uint32_t code = tamo::nextConfigChange(&watch, &change);
-        if (code != TAMO_HOST_OK) {
-            watch.seat.wait(wakes, kCheckMs);
-        } else if (!deliver(change)) {
-            break;
+        const uint32_t code = nextChange(&watch, &change);
+        if (code == TAMO_HOST_OK) {
+            pause = kLookMs;
+            if (!deliver(change)) {
+                break;
+            }
+            continue;
         }
+        pause = code == TAMO_HOST_NOT_FOUND ? kLookMs : std::min(2 * pause, kLongestPauseMs);
+        awaitChange(watch, pause);
     }
     return nullptr;
 }
@@ -177,6 +137,7 @@ void inChild() {
     for (Module &module : modules) {
         module.handler = nullptr;
     }
+    watch.events = Descriptor();
     reporting = nullptr;
     reportEnded = PTHREAD_COND_INITIALIZER;
     isRunning = false;
@@ -213,31 +174,28 @@ int startThread() {
 /* Makes sure that changes are watched; `since` gets the last one before. Under the lock. */
 uint32_t startReports(uint64_t *since) {
     if (isRunning) {
-        return tamo::findLastConfigChange(since);
+        return findLastChangeNow(since);
     }
-    uint32_t code = tamo::beginConfigWatch(&watch, tamo::configOrigin());
+    uint32_t code = beginWatch(&watch);
     if (code != TAMO_HOST_OK) {
         return code;
     }
     *since = watch.seen;
     int error = startThread();
     if (error != 0) {
-        watch.seat.leave();
-        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
-                         "changes are not reported, there is no thread: %s", strerror(error));
+        watch.events = Descriptor();
+        hostRecord(kError, kUnit, __LINE__, "changes are not reported, there is no thread: %s",
+                   strerror(error));
         return TAMO_HOST_SYSTEM;
     }
     isRunning = true;
     return TAMO_HOST_OK;
 }
 
-/* Waits until the handler that the module had does not run; the thread ends if it was the last. */
+/* Waits until the handler that the module had does not run; the thread ends soon if it was the last. */
 void awaitHandler(const Module *module, std::unique_lock<std::mutex> *lock) {
     if (!isRunning) {
         return;
-    }
-    if (!hasHandlers()) {
-        tamo::wakeConfigWatchers();
     }
     const uint64_t ended = reports;
     while (reporting == module && reports == ended &&
@@ -246,7 +204,18 @@ void awaitHandler(const Module *module, std::unique_lock<std::mutex> *lock) {
     }
 }
 
+/* Opens the store, so that one that cannot be used is told of now. */
+uint32_t openStore() {
+    Attempts attempts(&storeReader, "opening the configuration store");
+    while (attempts.next()) {
+    }
+    return attempts.code();
+}
+
 }  // namespace
+}  // namespace tamo::configuration
+
+using namespace tamo::configuration;
 
 int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName) {
     if (zero != 0 || !isModuleName(ownerName) || !isModuleName(moduleName)) {
@@ -254,7 +223,7 @@ int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *modul
                       "a connection takes 0, an owner's and a module's name of 1 to 63 "
                       "characters");
     }
-    uint32_t code = tamo::configStoreOpen();
+    uint32_t code = openStore();
     if (code != TAMO_HOST_OK) {
         return static_cast<int32_t>(code);
     }
@@ -276,6 +245,9 @@ int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *
     Module *module = isModuleName(moduleName) ? findModule(moduleName) : nullptr;
     if (module == nullptr) {
         return refuse(__LINE__, "a handler of changes is refused: its module is not connected");
+    }
+    if (handler == module->handler) {
+        return TAMO_HOST_OK;
     }
     if (handler != nullptr && module->handler == nullptr) {
         uint32_t code = startReports(&module->since);

@@ -1,72 +1,106 @@
-/* See tamo_om_config_connection.h.
- *
- * A process has a connection for reading and one for writing, opened when they are first needed: a
- * reader does not wait for the flush of a writer, not even of the same process. After each
- * transaction a connection looks whether its file is still the one in place (it is not once another
- * process has moved a damaged one aside) and, if not, opens the new one and starts over: what was
- * acknowledged is in the file in place. Who followed the journal of the file before must begin anew:
- * the new one may give the same numbers to other changes.
- *
- * SQLite's account of locks must not cross a fork, so that the connections are closed around it. */
+/* The process's connections to the configuration store. */
 #include "host/configuration/store_connection.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <atomic>
+
+#include "host/base/descriptor.h"
+#include "host/base/device_root.h"
+#include "host/configuration/change_log.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::configuration {
 
-/* Not closed at exit, where other threads may still use them. */
-Connection configReader = {.forWriting = false};
-Connection configWriter = {.forWriting = true};
+Connection storeReader = {.forWriting = false};
+Connection storeWriter = {.forWriting = true};
 
 namespace {
 
 /* One for a file that was replaced, one for a file found damaged, one for the fresh one. */
 constexpr int kAttempts = 3;
+/* Time stamps of the file system are this coarse at most. */
+constexpr int64_t kStampNs = 50 * 1000000;
+constexpr int64_t kNapNs = 1000000;
+constexpr int kExitNaps = 1000;
 
-constexpr const char *kReadOne = "SELECT 0, value FROM setting WHERE key = ?1";
-constexpr const char *kReadGroup =
-    "SELECT 0, value FROM setting WHERE key = ?1 UNION ALL "
-    "SELECT 1, value FROM setting WHERE key = ?2 UNION ALL "
-    "SELECT 2, value FROM setting WHERE key = ?3 UNION ALL "
-    "SELECT 3, value FROM setting WHERE key = ?4 UNION ALL "
-    "SELECT 4, value FROM setting WHERE key = ?5 UNION ALL "
-    "SELECT 5, value FROM setting WHERE key = ?6 UNION ALL "
-    "SELECT 6, value FROM setting WHERE key = ?7 UNION ALL "
-    "SELECT 7, value FROM setting WHERE key = ?8";
-/* A value that is stored already is not written, and costs no flush when it comes alone. */
+constexpr const char *kReadOne = "SELECT 0, value FROM setting WHERE folded = ?1";
+/* A value that is stored already is not written, and costs no flush when it comes alone. The first
+ * spelling of a key stays. */
 constexpr const char *kWriteOne =
-    "INSERT INTO setting (key, value) VALUES (?1, ?2) "
-    "ON CONFLICT (key) DO UPDATE SET value = excluded.value WHERE value <> excluded.value";
+    "INSERT INTO setting (folded, value, key) VALUES (?1, ?2, ?3) "
+    "ON CONFLICT (folded) DO UPDATE SET value = excluded.value WHERE value <> excluded.value";
 
-bool isMoved(const Connection &connection) {
-    return connection.file.database != nullptr && configFileMoved(connection.file);
+/* Set when the program ends: the store is left for good. */
+std::atomic<bool> isLeft = false;
+
+Descriptor writersTurn; /* the writer's, under its lock */
+
+void nap() {
+    struct timespec time = {.tv_sec = 0, .tv_nsec = kNapNs};
+    (void)nanosleep(&time, nullptr);
 }
 
-void disconnect(Connection *connection) {
-    if (isMoved(*connection)) {
+int64_t nanoseconds(const struct timespec &time) {
+    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+}
+
+/* Whether another file, or none, is in place of one that the connection has open. All of them lie in
+ * one directory, whose time of change tells with one look that nothing was renamed or removed. */
+bool isMoved(Connection *connection) {
+    if (connection->file.database == nullptr) {
+        return false;
+    }
+    struct stat directory;
+    const bool isKnown = fstat(rootDirectory("config"), &directory) == 0;
+    const int64_t changed = isKnown ? nanoseconds(directory.st_mtim) : -1;
+    if (isKnown && changed == connection->settledSince) {
+        return false;
+    }
+    struct timespec now;
+    (void)clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    const bool moved = storeFileMoved(connection->file);
+    if (isKnown && !moved && nanoseconds(now) - changed > kStampNs) {
+        connection->settledSince = changed;
+    }
+    return moved;
+}
+
+/* A kept log is there for a later connection; else the last one to leave the store empties it. */
+void disconnect(Connection *connection, bool keepLog = true) {
+    if (isMoved(connection)) {
         connection->replacements++;
     }
     for (sqlite3_stmt **statement :
          {&connection->begin, &connection->commit, &connection->rollback, &connection->one,
-          &connection->group, &connection->append, &connection->trim, &connection->fetch}) {
+          &connection->group, &connection->remove, &connection->append, &connection->trim,
+          &connection->fetch, &connection->spelling}) {
         sqlite3_finalize(*statement);
         *statement = nullptr;
     }
-    closeConfigFile(&connection->file);
+    closeStoreFile(&connection->file, keepLog);
+    connection->settledSince = -1;
+    connection->notedSinceTrim = 1 << 20; /* what others have noted is trimmed by the next write */
 }
 
 void beforeFork() {
-    configWriter.lock.lock();
-    configReader.lock.lock();
-    disconnect(&configWriter);
-    disconnect(&configReader);
+    storeWriter.lock.lock();
+    storeReader.lock.lock();
+    disconnect(&storeWriter);
+    disconnect(&storeReader);
+    writersTurn = Descriptor();
 }
 
 void afterFork() {
-    configReader.lock.unlock();
-    configWriter.lock.unlock();
+    storeReader.lock.unlock();
+    storeWriter.lock.unlock();
 }
 
 int prepareAll(Connection *connection) {
@@ -76,8 +110,7 @@ int prepareAll(Connection *connection) {
     } all[] = {{connection->forWriting ? "BEGIN IMMEDIATE" : "BEGIN", &connection->begin},
                {"COMMIT", &connection->commit},
                {"ROLLBACK", &connection->rollback},
-               {connection->forWriting ? kWriteOne : kReadOne, &connection->one},
-               {connection->forWriting ? "" : kReadGroup, &connection->group}};
+               {connection->forWriting ? kWriteOne : kReadOne, &connection->one}};
     int result = SQLITE_OK;
     for (const auto &[text, statement] : all) {
         if (result == SQLITE_OK) {
@@ -90,14 +123,17 @@ int prepareAll(Connection *connection) {
 uint32_t connect(Connection *connection, bool suspect) {
     static std::once_flag forkSafe;
     std::call_once(forkSafe, [] { pthread_atfork(beforeFork, afterFork, afterFork); });
-    uint32_t code = openConfigFile({connection->forWriting, suspect}, &connection->file);
+    if (isLeft) {
+        return TAMO_HOST_SYSTEM;
+    }
+    uint32_t code = openStoreFile({connection->forWriting, suspect}, &connection->file);
     if (code != TAMO_HOST_OK) {
         return code;
     }
     int result = prepareAll(connection);
     if (result != SQLITE_OK) {
-        code = configFileFailure(connection->file.database, result,
-                                 "preparing the configuration store", __LINE__);
+        code = storeFailure(connection->file.database, result, "preparing the configuration store",
+                            __LINE__);
         disconnect(connection);
     }
     return code;
@@ -108,9 +144,9 @@ uint32_t connect(Connection *connection, bool suspect) {
 void leaveMoved(std::unique_lock<std::mutex> *guard) {
     guard->unlock();
     {
-        std::scoped_lock both(configWriter.lock, configReader.lock);
-        for (Connection *each : {&configWriter, &configReader}) {
-            if (isMoved(*each)) {
+        std::scoped_lock both(storeWriter.lock, storeReader.lock);
+        for (Connection *each : {&storeWriter, &storeReader}) {
+            if (isMoved(each)) {
                 disconnect(each);
             }
         }
@@ -118,7 +154,122 @@ void leaveMoved(std::unique_lock<std::mutex> *guard) {
     guard->lock();
 }
 
+/* Where the disk has no room for a longer log, the room of its own entries serves again once they are
+ * in the database. */
+bool emptyLog(sqlite3 *database) {
+    return sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr,
+                                     nullptr) == SQLITE_OK;
+}
+
+/* Takes the lock of the writer whose turn is next, so that those who wait for the store get it one
+ * after the other; whoever has just written waits behind them. Without the file nobody waits here. */
+int takeTurn() {
+    if (!writersTurn.isOpen()) {
+        const int directory = rootDirectory("run");
+        writersTurn = Descriptor(
+            directory < 0 ? -1
+                          : openat(directory, "config.turn",
+                                   O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    }
+    struct timespec begin;
+    (void)clock_gettime(CLOCK_MONOTONIC, &begin);
+    while (writersTurn.isOpen() && flock(writersTurn.get(), LOCK_EX | LOCK_NB) != 0) {
+        struct timespec now;
+        (void)clock_gettime(CLOCK_MONOTONIC, &now);
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            break;
+        }
+        if (nanoseconds(now) - nanoseconds(begin) > int64_t{kBusyMs} * 1000000) {
+            return SQLITE_BUSY;
+        }
+        nap();
+    }
+    return SQLITE_OK;
+}
+
+bool lockSoon(std::mutex *mutex) {
+    int naps = 0;
+    while (!mutex->try_lock() && naps++ < kExitNaps) {
+        nap();
+    }
+    return naps <= kExitNaps;
+}
+
+/* Leaves the store when the program ends; the last one to leave it takes the old values with it: those
+ * in the log file and those in the change log. */
+__attribute__((destructor)) void leaveStore() {
+    isLeft = true;
+    if (!lockSoon(&storeWriter.lock)) {
+        return;
+    }
+    if (lockSoon(&storeReader.lock)) {
+        if (storeWriter.file.database != nullptr || storeReader.file.database != nullptr) {
+            OpenLock lock(rootDirectory("config"), kExitNaps);
+            disconnect(&storeReader, storeWriter.file.database != nullptr);
+            disconnect(&storeWriter, false);
+            if (lock.taken()) {
+                forgetHistory();
+            }
+        }
+        storeReader.lock.unlock();
+    }
+    storeWriter.lock.unlock();
+}
+
 }  // namespace
+
+Attempts::Attempts(Connection *of, const char *what)
+    : connection_(of), what_(what), guard_(of->lock) {}
+
+bool Attempts::next() {
+    if (count_ > 0 && !needsAnother()) {
+        guard_.unlock();
+        return false;
+    }
+    /* Before a write too: who writes by a removed index spoils the log that others go on with. */
+    if (connection_->forWriting && isMoved(connection_)) {
+        leaveMoved(&guard_);
+    }
+    if (connection_->file.database == nullptr) {
+        code_ = connect(connection_, suspect_);
+    }
+    count_++;
+    result = SQLITE_OK;
+    if (code_ != TAMO_HOST_OK) {
+        guard_.unlock();
+    }
+    return code_ == TAMO_HOST_OK;
+}
+
+bool Attempts::needsAnother() {
+    sqlite3 *database = connection_->file.database;
+    const bool moved = isMoved(connection_);
+    suspect_ = isDamage(result);
+    if (count_ < kAttempts) {
+        if (moved) {
+            leaveMoved(&guard_);
+            return true;
+        }
+        if (suspect_) {
+            disconnect(connection_);
+            return true;
+        }
+        if (connection_->forWriting && (result & 0xFF) == SQLITE_FULL && !emptied_) {
+            emptied_ = emptyLog(database);
+            if (emptied_) {
+                return true;
+            }
+        }
+    }
+    if (result != SQLITE_OK || moved) {
+        result = result == SQLITE_OK ? SQLITE_READONLY_DBMOVED : result;
+        code_ = storeFailure(database, result, what_, __LINE__);
+    }
+    if (suspect_ || connection_->file.ownIndex) {
+        disconnect(connection_);
+    }
+    return false;
+}
 
 int runStatement(sqlite3_stmt *statement) {
     int result = sqlite3_step(statement);
@@ -144,42 +295,43 @@ int finishTransaction(Connection *connection, int result) {
     return result;
 }
 
-uint32_t transactWith(Connection *connection, const char *what, ConfigTransaction transaction,
-                      void *context) {
-    std::unique_lock guard(connection->lock);
-    bool suspect = false;
-    for (int attempt = 1;; attempt++) {
-        /* Before a write too: who writes by a removed index spoils the log that others go on with. */
-        if (connection->forWriting && isMoved(*connection)) {
-            leaveMoved(&guard);
+int beginWrite(Connection *connection) {
+    int result = takeTurn();
+    if (result == SQLITE_OK) {
+        result = runStatement(connection->begin);
+        if (writersTurn.isOpen()) {
+            (void)flock(writersTurn.get(), LOCK_UN);
         }
-        if (connection->file.database == nullptr) {
-            uint32_t code = connect(connection, suspect);
-            if (code != TAMO_HOST_OK) {
-                return code;
-            }
-        }
-        int result = transaction(connection, context);
-        suspect = isDamage(result);
-        bool moved = configFileMoved(connection->file);
-        if (attempt < kAttempts && moved) {
-            leaveMoved(&guard);
-            continue;
-        }
-        if (attempt < kAttempts && suspect) {
-            disconnect(connection);
-            continue;
-        }
-        uint32_t code = TAMO_HOST_OK;
-        if (result != SQLITE_OK || moved) {
-            result = result == SQLITE_OK ? SQLITE_READONLY_DBMOVED : result;
-            code = configFileFailure(connection->file.database, result, what, __LINE__);
-        }
-        if (suspect || connection->file.ownIndex) {
-            disconnect(connection);
-        }
-        return code;
+    }
+    return result;
+}
+
+int finishWrite(Connection *connection, int result, const ChangedKeys &changed) {
+    if (result == SQLITE_OK && changed.size() != 0) {
+        result = noteChange(connection, changed);
+    }
+    result = finishTransaction(connection, result);
+    if (result == SQLITE_OK && changed.size() != 0) {
+        (void)utimensat(rootDirectory("config"), kStoreLogFile, nullptr, AT_SYMLINK_NOFOLLOW);
+    }
+    return result;
+}
+
+bool FoldedKey::fold(const char *key, size_t keyLength) {
+    length = keyLength < sizeof(folded) ? keyLength : 0;
+    for (size_t at = 0; at < length; at++) {
+        const char c = key[at];
+        folded[at] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return length != 0;
+}
+
+void FoldedKey::bind(sqlite3_stmt *statement, int parameter) const {
+    if (length == 0) {
+        sqlite3_bind_null(statement, parameter);
+    } else {
+        sqlite3_bind_text(statement, parameter, folded, static_cast<int>(length), SQLITE_STATIC);
     }
 }
 
-}  // namespace tamo
+}  // namespace tamo::configuration

@@ -1,35 +1,97 @@
-/* The process's connections to the configuration store, and how a transaction runs on them. */
+/* How it works: the configuration service of a workstation.
+ *
+ * One text per key in an SQLite database, config/config.db below the device root, which every process
+ * opens for itself. A write is one transaction that also notes in the change log what it changed;
+ * then it touches the log file beside the database, and the kernel wakes whoever waits for changes.
+ * Nothing but the database is shared: no process depends on another that is stopped or killed.
+ *
+ * Files, in reading order:
+ * - tamo_om_config_client.cpp  records, read and stored: the platform's operations
+ * - store_connection           this: the process's two connections, and transactions on them
+ * - change_log                 what a write changed, noted, trimmed and read
+ * - change_watch               waiting for changes, and the watch that tools have
+ * - change_reports.cpp         modules, their handlers, and the thread that reports to them
+ * - host_operations.cpp        list, import and reset, for tools
+ * - store_file                 the database: opened, judged, begun, taken over from an older version
+ * - store_directory            its files' names, and how a damaged store is moved aside
+ *
+ * Threads and locks: a process has a connection for reading and one for writing, each with its lock,
+ * opened when they are first needed: a reader does not wait for the flush of a writer. The reports'
+ * lock is taken before a connection's. Between processes SQLite's own locks hold; the directory's lock
+ * is held while a store is opened, moved aside or left by the last process; run/config.turn is the
+ * lock of the writer whose turn is next.
+ *
+ * After each transaction a connection looks whether its file is still the one in place (it is not once
+ * another process has moved a damaged one aside) and, if not, opens the new one and starts over: what
+ * was acknowledged is in the file in place. SQLite's account of locks must not cross a fork, so that
+ * the connections are closed around it. */
 #pragma once
 #include <sqlite3.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include <mutex>
 
 #include "host/configuration/store_file.h"
 
-namespace tamo {
+namespace tamo::configuration {
+
+class ChangedKeys;
 
 struct Connection {
     const bool forWriting;
     std::mutex lock = {};
-    ConfigFile file = {};
-    uint32_t replacements = 0; /* so often its file was not in place any more */
+    StoreFile file = {};
+    uint32_t replacements = 0; /* how many times the store was found replaced */
+    int64_t settledSince =
+        -1; /* the directory's last change that the files in it were checked after */
+    int64_t notedSinceTrim = 0; /* bytes in the change log */
     sqlite3_stmt *begin = nullptr;
     sqlite3_stmt *commit = nullptr;
     sqlite3_stmt *rollback = nullptr;
     sqlite3_stmt *one = nullptr;
-    sqlite3_stmt *group = nullptr; /* the reader's */
-    /* The journal's, prepared when they are first needed. */
+    /* Prepared when they are first needed. */
+    sqlite3_stmt *group = nullptr;
+    sqlite3_stmt *remove = nullptr;
     sqlite3_stmt *append = nullptr;
     sqlite3_stmt *trim = nullptr;
     sqlite3_stmt *fetch = nullptr;
+    sqlite3_stmt *spelling = nullptr;
 };
 
-extern Connection configReader;
-extern Connection configWriter;
+extern Connection storeReader;
+extern Connection storeWriter;
 
-/* Several keys by one statement: running a statement costs as much as finding a key. */
-constexpr size_t kConfigGroup = 8;
+/* Runs a transaction until it ran on the file in place, which may take several attempts.
+ *
+ *     Attempts attempts(&storeReader, "reading the configuration");
+ *     while (attempts.next()) {
+ *         attempts.result = ... a result of SQLite ...;
+ *     }
+ *     return attempts.code(); */
+class Attempts {
+  public:
+    /* `what` stands in the record of a failure. */
+    Attempts(Connection *of, const char *what);
+    Attempts(const Attempts &) = delete;
+    Attempts &operator=(const Attempts &) = delete;
+
+    bool next();
+    uint32_t code() const { return code_; }
+
+    int result = 0;
+
+  private:
+    bool needsAnother();
+
+    Connection *connection_;
+    const char *what_;
+    std::unique_lock<std::mutex> guard_;
+    int count_ = 0;
+    bool suspect_ = false;
+    bool emptied_ = false;
+    uint32_t code_ = 0;
+};
 
 /* Runs a statement that yields no row. */
 int runStatement(sqlite3_stmt *statement);
@@ -37,23 +99,29 @@ int runStatement(sqlite3_stmt *statement);
 /* Prepares a statement unless it is. */
 int prepareOnce(Connection *connection, const char *text, sqlite3_stmt **statement);
 
-/* Ends a transaction of which `result` came out. */
+/* Commits a transaction of which `result` came out, or rolls it back. */
 int finishTransaction(Connection *connection, int result);
 
-using ConfigTransaction = int (*)(Connection *connection, void *context);
+/* Begins a write, after those that waited before. */
+int beginWrite(Connection *connection);
 
-uint32_t transactWith(Connection *connection, const char *what, ConfigTransaction transaction,
-                      void *context);
+/* Ends a write of which `result` came out: notes what it changed, commits, and wakes whoever waits for
+ * changes. */
+int finishWrite(Connection *connection, int result, const ChangedKeys &changed);
 
-/* Runs a transaction, a function of the connection that returns a result of SQLite, until it ran on
- * the file in place: it may run several times. The result is a TAMO_HOST_ code; that `what` failed is
- * recorded. */
-template <typename Function>
-uint32_t transact(Connection *connection, const char *what, Function transaction) {
-    auto call = [](Connection *on, void *context) {
-        return (*static_cast<Function *>(context))(on);
-    };
-    return transactWith(connection, what, call, &transaction);
-}
+/* A key as the store finds it: ASCII letters as lower-case ones, as the index of bound items has it. */
+class FoldedKey {
+  public:
+    /* False for what is no key, which then equals none. */
+    bool fold(const char *key, size_t keyLength);
+    /* The bound text is this object's. */
+    void bind(sqlite3_stmt *statement, int parameter) const;
+    const char *text() const { return folded; }
+    size_t size() const { return length; }
 
-}  // namespace tamo
+  private:
+    char folded[128];
+    size_t length = 0;
+};
+
+}  // namespace tamo::configuration

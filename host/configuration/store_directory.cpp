@@ -1,4 +1,4 @@
-/* See tamo_om_config_directory.h. */
+/* The files of the configuration store, and the lock of those who open it. */
 #include "host/configuration/store_directory.h"
 
 #include <errno.h>
@@ -15,7 +15,7 @@
 #include "host/base/log.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::configuration {
 namespace {
 
 constexpr const char *kUnit = "tamo_om_config_directory";
@@ -29,11 +29,11 @@ void companionName(char *buffer, size_t size, const char *file, const char *comp
 }
 
 bool isTaken(int directory, const char *name) {
-    bool taken = configDirectoryHas(directory, name);
+    bool taken = directoryHas(directory, name);
     for (const char *companion : kCompanions) {
         char full[80];
         companionName(full, sizeof(full), name, companion);
-        taken = taken || configDirectoryHas(directory, full);
+        taken = taken || directoryHas(directory, full);
     }
     return taken;
 }
@@ -44,9 +44,9 @@ void nameAside(int directory, char *name, size_t size) {
     struct tm parts;
     time_t now = time(nullptr);
     (void)strftime(when, sizeof(when), "%Y%m%dT%H%M%SZ", gmtime_r(&now, &parts));
-    (void)snprintf(name, size, "%s.damaged-%s", kConfigFile, when);
+    (void)snprintf(name, size, "%s.damaged-%s", kStoreFile, when);
     for (int number = 2; isTaken(directory, name); number++) {
-        (void)snprintf(name, size, "%s.damaged-%s-%d", kConfigFile, when, number);
+        (void)snprintf(name, size, "%s.damaged-%s-%d", kStoreFile, when, number);
     }
 }
 
@@ -59,49 +59,55 @@ uint32_t syncDirectory(int directory) {
     }
     errno = error;
     return synced ? uint32_t{TAMO_HOST_OK}
-                  : configDirectoryFailure("keeping the fresh configuration store", __LINE__);
+                  : directoryFailure("keeping the fresh configuration store", __LINE__);
 }
 
 }  // namespace
 
-OpenersTurn::OpenersTurn(int directory)
+OpenLock::OpenLock(int directory, int mostMs)
     : descriptor(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    int result = -1;
-    do {
-        result = descriptor < 0 ? -1 : flock(descriptor, LOCK_EX);
-    } while (result != 0 && errno == EINTR);
-    isTaken = result == 0;
+    const struct timespec nap = {.tv_sec = 0, .tv_nsec = 1000000};
+    int waited = 0;
+    while (descriptor >= 0 && !isTaken) {
+        isTaken = flock(descriptor, mostMs < 0 ? LOCK_EX : LOCK_EX | LOCK_NB) == 0;
+        if (!isTaken && errno != EINTR && (errno != EWOULDBLOCK || waited++ == mostMs)) {
+            return;
+        }
+        if (!isTaken) {
+            (void)nanosleep(&nap, nullptr);
+        }
+    }
 }
 
-OpenersTurn::~OpenersTurn() {
+OpenLock::~OpenLock() {
     if (descriptor >= 0) {
         close(descriptor);
     }
 }
 
-ConfigCompanions findConfigCompanions() {
+WalFiles findWalFiles() {
     const int directory = rootDirectory("config");
     auto find = [directory](const char *name) {
         struct stat status;
         bool there = fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
         return there ? uint64_t{status.st_ino} : 0;
     };
-    return {find("config.db-wal"), find("config.db-shm")};
+    return {find(kStoreLogFile), find("config.db-shm")};
 }
 
-uint32_t configDirectoryFailure(const char *what, int line) {
+uint32_t directoryFailure(const char *what, int line) {
     const char *advice = errno == ENOSPC || errno == EDQUOT ? ": free space below it" : "";
     hostRecord(kError, kUnit, line, "%s in %s/config failed: %s%s", what, deviceRoot(),
                strerror(errno), advice);
     return TAMO_HOST_SYSTEM;
 }
 
-bool configDirectoryHas(int directory, const char *name) {
+bool directoryHas(int directory, const char *name) {
     struct stat status;
     return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-bool configDirectoryIsTight(int directory) {
+bool diskIsTight(int directory) {
     struct statvfs disk;
     if (fstatvfs(directory, &disk) != 0) {
         return false;
@@ -109,7 +115,7 @@ bool configDirectoryIsTight(int directory) {
     return uint64_t{disk.f_bavail} * disk.f_frsize < kTightBytes;
 }
 
-void keepConfigIndex(int directory) {
+void keepIndex(int directory) {
     /* Not opened where it is there: closing it would drop the locks that this process has on it. */
     int made = openat(directory, "config.db-shm", O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (made >= 0) {
@@ -118,43 +124,42 @@ void keepConfigIndex(int directory) {
 }
 
 /* The log goes along, or it would be taken for the log of the next store. */
-uint32_t moveConfigAside(int directory, const char *why) {
+uint32_t moveStoreAside(int directory, const char *why) {
     char name[64];
     nameAside(directory, name, sizeof(name));
-    if (renameat(directory, kConfigFile, directory, name) != 0 && errno != ENOENT) {
-        return configDirectoryFailure("moving the damaged configuration store aside", __LINE__);
+    if (renameat(directory, kStoreFile, directory, name) != 0 && errno != ENOENT) {
+        return directoryFailure("moving the damaged configuration store aside", __LINE__);
     }
     for (const char *companion : kCompanions) {
         char from[80];
         char to[80];
-        companionName(from, sizeof(from), kConfigFile, companion);
+        companionName(from, sizeof(from), kStoreFile, companion);
         companionName(to, sizeof(to), name, companion);
         if (renameat(directory, from, directory, to) != 0 && errno != ENOENT) {
-            return configDirectoryFailure("moving the damaged configuration store's log aside",
-                                          __LINE__);
+            return directoryFailure("moving the damaged configuration store's log aside", __LINE__);
         }
     }
     hostRecord(kError, kUnit, __LINE__,
                "the configuration store %s/config/%s is %s: it is kept as %s and a fresh store is "
                "begun; to go back to it, end all processes and rename it when it is repaired",
-               deviceRoot(), kConfigFile, why, name);
+               deviceRoot(), kStoreFile, why, name);
     return TAMO_HOST_OK;
 }
 
-void removeUnfinishedConfig(int directory) {
-    (void)unlinkat(directory, kFreshConfigFile, 0);
+void removeUnfinishedStore(int directory) {
+    (void)unlinkat(directory, kFreshStoreFile, 0);
     for (const char *companion : kCompanions) {
         char name[80];
-        companionName(name, sizeof(name), kFreshConfigFile, companion);
+        companionName(name, sizeof(name), kFreshStoreFile, companion);
         (void)unlinkat(directory, name, 0);
     }
 }
 
-uint32_t nameFreshConfig(int directory) {
-    if (renameat(directory, kFreshConfigFile, directory, kConfigFile) != 0) {
-        return configDirectoryFailure("naming the fresh configuration store", __LINE__);
+uint32_t nameFreshStore(int directory) {
+    if (renameat(directory, kFreshStoreFile, directory, kStoreFile) != 0) {
+        return directoryFailure("naming the fresh configuration store", __LINE__);
     }
     return syncDirectory(directory);
 }
 
-}  // namespace tamo
+}  // namespace tamo::configuration

@@ -4,19 +4,21 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace tamo {
+namespace tamo::configuration {
 
-constexpr const char *kConfigFile = "config.db";
-constexpr const char *kFreshConfigFile = "config.db.new";
+constexpr const char *kStoreFile = "config.db";
+constexpr const char *kStoreLogFile = "config.db-wal";
+constexpr const char *kFreshStoreFile = "config.db.new";
 
-/* Held by the one process that opens, begins or moves the store. It is a lock of the directory itself,
- * which does not go with the files in it. */
-class OpenersTurn {
+/* Held by the one process that opens, begins, moves or leaves the store. It is a lock of the directory
+ * itself, which does not go with the files in it. */
+class OpenLock {
   public:
-    explicit OpenersTurn(int directory);
-    ~OpenersTurn();
-    OpenersTurn(const OpenersTurn &) = delete;
-    OpenersTurn &operator=(const OpenersTurn &) = delete;
+    /* Waits for it, or gives up after so many milliseconds. */
+    explicit OpenLock(int directory, int mostMs = -1);
+    ~OpenLock();
+    OpenLock(const OpenLock &) = delete;
+    OpenLock &operator=(const OpenLock &) = delete;
 
     bool taken() const { return isTaken; }
 
@@ -25,34 +27,34 @@ class OpenersTurn {
     bool isTaken = false;
 };
 
-/* The log and the shared index beside the store, by their numbers in the file system; 0 is none. */
-struct ConfigCompanions {
+/* SQLite's files beside the store, by their numbers in the file system; 0 where there is none. */
+struct WalFiles {
     uint64_t log = 0;
     uint64_t index = 0;
-    bool operator==(const ConfigCompanions &) const = default;
+    bool operator==(const WalFiles &) const = default;
 };
 
-ConfigCompanions findConfigCompanions();
+WalFiles findWalFiles();
 
 /* Records the failure of a system call, told by errno; returns the TAMO_HOST_ code. */
-uint32_t configDirectoryFailure(const char *what, int line);
+uint32_t directoryFailure(const char *what, int line);
 
-bool configDirectoryHas(int directory, const char *name);
+bool directoryHas(int directory, const char *name);
 
 /* Whether the disk has no room to speak of. */
-bool configDirectoryIsTight(int directory);
+bool diskIsTight(int directory);
 
 /* Makes an empty shared index where there is none, which takes no room: SQLite reads without one only
  * where it finds one that it cannot use. */
-void keepConfigIndex(int directory);
+void keepIndex(int directory);
 
 /* Gives a damaged or foreign store a name that nothing has, with its log, and records it. */
-uint32_t moveConfigAside(int directory, const char *why);
+uint32_t moveStoreAside(int directory, const char *why);
 
 /* Removes what was left of a beginning that did not come to its end. */
-void removeUnfinishedConfig(int directory);
+void removeUnfinishedStore(int directory);
 
 /* Gives a fresh store that is whole its name, for good. */
-uint32_t nameFreshConfig(int directory);
+uint32_t nameFreshStore(int directory);
 
-}  // namespace tamo
+}  // namespace tamo::configuration

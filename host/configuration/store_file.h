@@ -5,14 +5,17 @@
 
 #include "host/configuration/store_directory.h"
 
-namespace tamo {
+namespace tamo::configuration {
 
-struct ConfigFile {
+/* How long a store that is held by another process is waited for. */
+constexpr int kBusyMs = 10000;
+
+struct StoreFile {
     sqlite3 *database = nullptr;
     /* Read through an index of this connection's own: the disk had no room for the shared one. Each
      * transaction then reads the whole log, so the file is better opened anew for the next. */
     bool ownIndex = false;
-    ConfigCompanions companions;
+    WalFiles walFiles;
 };
 
 struct OpenWish {
@@ -22,17 +25,22 @@ struct OpenWish {
 
 /* Opens the store, beginning a fresh one where there is none. A file that is not a store of ours, or
  * is a damaged one, is moved aside first. The result is a TAMO_HOST_ code, a failure is recorded. */
-uint32_t openConfigFile(const OpenWish &wish, ConfigFile *file);
+uint32_t openStoreFile(const OpenWish &wish, StoreFile *file);
 
-/* Closes the database, whose statements must be finalized. */
-void closeConfigFile(ConfigFile *file);
+/* Closes the database, whose statements must be finalized. Unless the log is to be kept, the last
+ * connection of all processes carries it over into the database and removes it. */
+void closeStoreFile(StoreFile *file, bool keepLog);
+
+/* Removes what was changed from a store that no process has open: old values do not outlive those who
+ * could still read them. Nothing happens while a process has it open; the caller holds the open lock. */
+void forgetHistory();
 
 /* Whether another file, or none, has taken the place of the open one, of its log or of its index. */
-bool configFileMoved(const ConfigFile &file);
+bool storeFileMoved(const StoreFile &file);
 
 /* Records that `what` failed with a result of SQLite, and why; returns the TAMO_HOST_ code. */
-uint32_t configFileFailure(sqlite3 *database, int result, const char *what, int line);
+uint32_t storeFailure(sqlite3 *database, int result, const char *what, int line);
 
 bool isDamage(int result);
 
-}  // namespace tamo
+}  // namespace tamo::configuration

@@ -92,6 +92,12 @@ uint32_t TamoHostConfigList(const char *glob,
                             uint32_t (*visit)(const char *key, const char *value, void *context),
                             void *context);
 
+/* Removes the values of `count` keys in one transaction, which to others is one write: all of them, or
+ * none. A removed key reads as one that never had a value; those who hear of changes are told an empty
+ * value of it. TAMO_HOST_NOT_FOUND when one of the keys had none; the others' are removed all the
+ * same. */
+uint32_t TamoHostConfigReset(const char *const *keys, uint32_t count);
+
 /* A key and its value. */
 typedef struct TamoHostConfigPair {
     const char *key;   /* 1 to 127 bytes */
@@ -113,11 +119,12 @@ typedef struct TamoHostConfigWatch TamoHostConfigWatch;
 /* One key that a write changed. */
 typedef struct TamoHostConfigChange {
     const char *key;
-    const char *value;  /* the new one; empty when an import removed the key */
+    const char *value;  /* the new one; empty when the key was removed */
     int64_t timeUs;     /* of the write, microseconds since 1970 */
     const char *writer; /* the name of the process that wrote, and its id */
     uint32_t writerPid;
     uint8_t isAll; /* 1: changes were missed (see below), this is one of all keys as they stand */
+    uint8_t isRemoved; /* 1: the key has no value any more */
 } TamoHostConfigChange;
 
 /* Begins to watch: every write from now on is shown, those of this process too. */
@@ -126,8 +133,8 @@ uint32_t TamoHostConfigWatchOpen(TamoHostConfigWatch **watch);
 /* Waits up to `timeoutMs` (0: does not wait, negative: for ever) for the next write and calls `visit`
  * for each key whose value it changed, until it returns other than 0; that value is returned.
  * TAMO_HOST_TIMEOUT when nothing was written. Writes come one by one and in order. A watch that has
- * fallen 64 MiB behind, or finds another store in place, is shown all keys as they stand instead of
- * what it missed. What is shown is valid until `visit` returns; it may use the store. */
+ * fallen 4 MiB of keys and values behind, or finds another store in place, is shown all keys as they
+ * stand instead of what it missed. What is shown is valid until `visit` returns; it may use the store. */
 uint32_t TamoHostConfigWatchNext(TamoHostConfigWatch *watch, int32_t timeoutMs,
                                  uint32_t (*visit)(const TamoHostConfigChange *change,
                                                    void *context),
