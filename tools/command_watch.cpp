@@ -2,7 +2,7 @@
  *
  * The main thread waits for changes and prints them. A second one waits for what ends the watch
  * early, a signal or that nobody reads standard output any more, and ends the process between two
- * lines. The place among the watchers is freed by the kernel, as for a watcher that is killed. */
+ * lines. */
 #include <fnmatch.h>
 #include <poll.h>
 #include <signal.h>
@@ -224,7 +224,7 @@ const Command kWatchCommand = {
     "on,\n"
     "until interrupted; of the keys that match the shell pattern, or of all. What is stored "
     "without\n"
-    "being changed is not shown. A removed key is shown with an empty value. When a watch is 64 "
+    "being changed is not shown. A removed key is shown with an empty value. When a watch is 4 "
     "MiB\n"
     "of changes behind, all keys are shown as they stand, with the writer (missed).\n"
     "\n"

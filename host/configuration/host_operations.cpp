@@ -24,7 +24,7 @@ namespace {
 constexpr const char *kUnit = "tamo_om_config_client";
 /* A call of the progress function costs nothing beside so many values. */
 constexpr uint32_t kProgressStep = 256;
-constexpr const char *kRemove = "DELETE FROM setting WHERE folded = ?1";
+constexpr const char *kRemove = "DELETE FROM setting WHERE folded = ?1 RETURNING key";
 
 struct FreeBlock {
     void operator()(void *block) const { free(block); }
@@ -133,17 +133,23 @@ int storeAll(Connection *connection, const Import &import, ChangedKeys *changed)
     return result;
 }
 
-/* Removes a key and notes it; `isThere` tells whether it had a value. */
+/* Removes a key and notes it under its first spelling; `isThere` tells whether it had a value. */
 int removeKey(Connection *connection, const char *key, bool *isThere, ChangedKeys *changed) {
     FoldedKey asked;
     (void)asked.fold(key, strlen(key));
     int result = prepareOnce(connection, kRemove, &connection->remove);
-    if (result == SQLITE_OK) {
-        asked.bind(connection->remove, 1);
-        result = runStatement(connection->remove);
+    if (result != SQLITE_OK) {
+        return result;
     }
-    *isThere = result == SQLITE_OK && sqlite3_changes(connection->file.database) != 0;
-    return *isThere ? changed->addRemoved(key, strlen(key)) : result;
+    asked.bind(connection->remove, 1);
+    result = sqlite3_step(connection->remove);
+    *isThere = result == SQLITE_ROW;
+    if (*isThere) {
+        const char *spelled = columnText(connection->remove, 0);
+        result = spelled == nullptr ? SQLITE_NOMEM : changed->addRemoved(spelled, strlen(spelled));
+    }
+    sqlite3_reset(connection->remove);
+    return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
 /* Finds the keys that the import does not have. Both sides are in the store's order. */

@@ -87,7 +87,6 @@ void disconnect(Connection *connection, bool keepLog = true) {
     }
     closeStoreFile(&connection->file, keepLog);
     connection->settledSince = -1;
-    connection->notedSinceTrim = 1 << 20; /* what others have noted is trimmed by the next write */
 }
 
 void beforeFork() {
@@ -205,8 +204,10 @@ __attribute__((destructor)) void leaveStore() {
     if (lockSoon(&storeReader.lock)) {
         if (storeWriter.file.database != nullptr || storeReader.file.database != nullptr) {
             OpenLock lock(rootDirectory("config"), kExitNaps);
-            disconnect(&storeReader, storeWriter.file.database != nullptr);
-            disconnect(&storeWriter, false);
+            /* What is not in place any more must not take the log of what is. */
+            const bool keepLog = !lock.taken() || isMoved(&storeWriter) || isMoved(&storeReader);
+            disconnect(&storeReader, keepLog);
+            disconnect(&storeWriter, keepLog);
             if (lock.taken()) {
                 forgetHistory();
             }

@@ -45,7 +45,8 @@ struct Connection {
     uint32_t replacements = 0; /* how many times the store was found replaced */
     int64_t settledSince =
         -1; /* the directory's last change that the files in it were checked after */
-    int64_t notedSinceTrim = 0; /* bytes in the change log */
+    int64_t notedSinceTrim =
+        4096; /* bytes in the change log; a process trims with its first write */
     sqlite3_stmt *begin = nullptr;
     sqlite3_stmt *commit = nullptr;
     sqlite3_stmt *rollback = nullptr;

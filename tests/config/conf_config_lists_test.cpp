@@ -129,6 +129,21 @@ TEST_F(ConfigLists, FailedEncryptionStoresNothing) {
     EXPECT_TRUE(hasRecord(1, "conf_config", "[CONFIG_DEVM]Set Cfg: failed ret = "));
 }
 
+TEST_F(ConfigLists, SensitiveValueDoesNotGoWithoutItsKey) {
+    for (const char *key : {"Conf.H323CallParam.gkPwd", "Conf.ServerParam.pwd"}) {
+        Block list{{key, "secret"}};
+        string sent = "none";
+        platform::override(TamoOmConfigStringMset,
+                           [&](const ConfConfigOmRecord *records, uint32_t) {
+                               sent = string(records->key.text) + records->value.text;
+                               return 5;
+                           });
+        platform::failCall("TamoOmConfigcopyStr2Key", 1);
+        EXPECT_EQ(list.write(), uint32_t{CONF_COMM_ERR_MSG_INVALID});
+        EXPECT_EQ(sent, "");
+    }
+}
+
 TEST_F(ConfigLists, LyingBlocksAreRefusedBeforeTheirBodyIsRead) {
     EXPECT_EQ(ConfConfigGetConfConfig(0, nullptr, 84), kFailed);
     EXPECT_EQ(ConfConfigSetConfConfig(0, nullptr, 84), kFailed);

@@ -196,6 +196,10 @@ TEST_F(ConfigSync, KeysSelectWhatIsWrittenBack) {
     EXPECT_EQ(recordTexts()[0], "3[ConfConfigAddOmCfgByKey]key strlen: 7  key: CO***a.");
     bind("Conf.long", CONF_VALUE_STR, longText.data(), longText.size() + 1);
     bind("Conf.endless", CONF_VALUE_STR, data, 3);
+    bind("Conf.boundless", CONF_VALUE_STR, data, 0);
+    writes.clear();
+    EXPECT_EQ(ConfConfigSyncByKeyToOM("Conf.boundless"), 0) << "a size of 0 tells no bound";
+    EXPECT_EQ(writes, std::vector{Strings{"Conf.boundless=abc"}});
     for (const string name : {"Conf.long", "Conf.endless"}) {
         EXPECT_EQ(ConfConfigSyncByKeyToOM(name.c_str()), -1) << "no text that a record holds";
         EXPECT_EQ(countOf("3[ConfConfigAddOmCfg]ConfConfigAddOmCfg ConfConfigV2Str fail " + name),
@@ -204,6 +208,48 @@ TEST_F(ConfigSync, KeysSelectWhatIsWrittenBack) {
     platform::failCall("OsMemMallocSetCharMon", 1);
     EXPECT_EQ(ConfConfigSyncByKeyToOM(""), -1);
     EXPECT_EQ(recordTexts().back(), "1[ConfConfigSyncToOM]Null ptr.");
+}
+
+/* Blocks and batches that are used no more, in every way that a value takes through the library. */
+TEST_F(ConfigSync, SensitiveValuesAreWipedAndDoNotGoWithoutTheirKey) {
+    const string key = "Conf.ServerParam.pwd";
+    char password[16] = "";
+    static const void *held; /* where values were seen, and whether they were wiped there */
+    static size_t wiped;
+    const auto holds = [](const void *block, size_t size) {
+        return memmem(block, size, "4711", 4) != nullptr;
+    };
+    platform::override(TamoOmConfigStringMset, [&](const ConfConfigOmRecord *records, uint32_t n) {
+        EXPECT_TRUE(holds(records, n * sizeof(*records)));
+        held = records;
+        return 0;
+    });
+    platform::override(OSMemTypeFreeMon, [&](void *block, uint32_t a, uint32_t b, uint32_t line,
+                                             const char *unit) {
+        wiped += block == held && !holds(block, sizeof(ConfConfigListItem)) ? 1 : 0;
+        return platform::next(OSMemTypeFreeMon)(block, a, b, line, unit);
+    });
+    allowOutstandingBlocks();
+    ConfConfigBind(key.c_str(), CONF_VALUE_STR, password, 16,
+                   [](const ConfConfigListItem *items, uint32_t) { held = items; });
+    const ConfConfigListItem item = listItem(key, "4711");
+    EXPECT_EQ(ConfConfigSetList(&item, 1, 1), 1);
+    EXPECT_FALSE(holds(held, sizeof(ConfConfigOmRecord)));
+    EXPECT_EQ(ConfConfigSyncByKeyToOM(key.c_str()), 0);
+    EXPECT_EQ(wiped, 1u);
+    ConfConfigOmVal value = {"4711", 4};
+    ConfConfigChangeItem change = {};
+    memcpy(change.key.text, key.data(), key.size());
+    change.key.length = static_cast<uint8_t>(key.size());
+    change.value = &value;
+    const ConfConfigChangeList changes = {1, &change};
+    ConfConfigClientCallBack(65536, 0, 0, &changes);
+    EXPECT_EQ(wiped, 2u);
+    platform::failCall("TamoOmConfigcopyStr2Key", 1);
+    held = nullptr;
+    EXPECT_EQ(ConfConfigSyncByKeyToOM(key.c_str()), -1);
+    EXPECT_EQ(held, nullptr) << "nothing is sent";
+    EXPECT_EQ(countOf("4711"), 0u);
 }
 
 /* Every way that a value takes through the library, with every level on. */

@@ -15,6 +15,7 @@
 
 namespace support {
 std::atomic<bool> diskFull = false;
+std::atomic<bool> diskIsFixed = false;
 std::atomic<long> diskRoom = -1;
 std::atomic<bool> noUnnamedFiles = false;
 std::atomic<bool> diskTight = false;
@@ -30,6 +31,15 @@ bool isRegularFile(int file) {
 
 bool refuses(int file) {
     if (!support::diskFull || file <= STDERR_FILENO || !isRegularFile(file)) {
+        return false;
+    }
+    errno = ENOSPC;
+    return true;
+}
+
+bool refusesGrowth(int file, int64_t end) {
+    struct stat status;
+    if (!support::diskIsFixed || fstat(file, &status) != 0 || status.st_size >= end) {
         return false;
     }
     errno = ENOSPC;
@@ -99,9 +109,11 @@ ssize_t faultyPwrite(int file, const void *data, size_t size, long at) {
 
 ssize_t faultyPwriteLarge(int file, const void *data, size_t size, int64_t at) {
     /* Where a word holds half of the offset, the other half follows. */
-    return refuses(file) ? -1
-                         : syscall(SYS_pwrite64, file, data, size, static_cast<long>(at),
-                                   static_cast<long>(at >> 32));
+    if (refuses(file) || refusesGrowth(file, at + static_cast<int64_t>(size))) {
+        return -1;
+    }
+    return syscall(SYS_pwrite64, file, data, size, static_cast<long>(at),
+                   static_cast<long>(at >> 32));
 }
 
 int tightStatvfs(int, struct statvfs *disk) {

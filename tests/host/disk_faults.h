@@ -8,6 +8,9 @@ namespace support {
  * out, also where it goes to a file. */
 extern std::atomic<bool> diskFull;
 
+/* While set, no file that SQLite writes can grow. */
+extern std::atomic<bool> diskIsFixed;
+
 /* What still fits on the disk, in bytes that write and sendfile put into regular files; negative:
  * everything. */
 extern std::atomic<long> diskRoom;

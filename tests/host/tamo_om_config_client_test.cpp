@@ -49,13 +49,27 @@ TEST(ConfigRecords, KeysAndValuesThatDoNotFitAreRefusedAndCleared) {
     EXPECT_NE(0, TamoOmConfigcopyStr2Val(nullptr, "value"));
 }
 
-TEST_F(ConfigClient, KeepsOneTextPerKeyExactly) {
+TEST_F(ConfigClient, KeepsOneTextPerKeyInAnyLetterCaseUnderItsFirstSpelling) {
     EXPECT_EQ(kMissing, get("Conf.Key"));
     EXPECT_EQ(0, set("Conf.Key", "one"));
-    EXPECT_EQ(0, set("Conf.key", "another"));
-    EXPECT_EQ(0, set("Conf.Key", "two"));
+    EXPECT_EQ(0, set("conf.KEY", "two"));
     EXPECT_EQ("two", get("Conf.Key"));
-    EXPECT_EQ("another", get("Conf.key"));
+    EXPECT_EQ(0, set("Conf.Key_", "underscore"));
+    EXPECT_EQ(0, set("CONF.\xC3\x84", "A umlaut"));
+    EXPECT_EQ(kMissing, get("conf.\xC3\xA4")) << "only ASCII letters have two cases";
+    std::string listed;
+    const auto visit = [](const char *key, const char *, void *text) -> uint32_t {
+        *static_cast<std::string *>(text) += std::string(key) + " ";
+        return get(key) == kMissing ? 1 : 0;
+    };
+    EXPECT_EQ(0U, TamoHostConfigList("C*", visit, &listed));
+    EXPECT_EQ("Conf.Key Conf.Key_ CONF.\xC3\x84 ", listed);
+    const TamoHostConfigPair pairs[] = {{"conf.key", "three"}, {"CONF.Key", "four"}, {"New", "5"}};
+    EXPECT_EQ(0U, TamoHostConfigImport(pairs, 3, 1, nullptr, nullptr));
+    listed.clear();
+    EXPECT_EQ(0U, TamoHostConfigList(nullptr, visit, &listed));
+    EXPECT_EQ("Conf.Key New ", listed);
+    EXPECT_EQ("four", get("Conf.Key"));
     EXPECT_EQ(0, set("Conf.Key", ""));
     EXPECT_EQ("", get("Conf.Key"));
     std::string bytes;
@@ -66,6 +80,19 @@ TEST_F(ConfigClient, KeepsOneTextPerKeyExactly) {
     EXPECT_EQ(bytes, get("\xFF%'\"*"));
     EXPECT_EQ(0, set(std::string(127, 'k'), std::string(1023, 'v')));
     EXPECT_EQ(std::string(1023, 'v'), get(std::string(127, 'k')));
+}
+
+TEST_F(ConfigClient, RemovedKeysReadAsIfTheyHadNeverHadAValue) {
+    ConfConfigOmRecord stored[] = {record("a", "1"), record("b", "2"), record("c", "3")};
+    ASSERT_EQ(0, TamoOmConfigStringMset(stored, 3));
+    const char *const keys[] = {"A", "c", ""};
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoHostConfigReset(keys, 3));
+    EXPECT_EQ("1", get("a"));
+    EXPECT_EQ(0U, TamoHostConfigReset(keys, 2));
+    EXPECT_EQ(kMissing + kMissing + "2", get("a") + get("c") + get("b"));
+    EXPECT_EQ(TAMO_HOST_NOT_FOUND, TamoHostConfigReset(keys, 1));
+    EXPECT_EQ(0U, TamoHostConfigReset(nullptr, 0));
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoHostConfigReset(nullptr, 1));
 }
 
 TEST_F(ConfigClient, ReadOfSeveralFillsWhatItFinds) {

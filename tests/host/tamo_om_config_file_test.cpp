@@ -26,7 +26,7 @@ using support::set;
 class ConfigFile : public testing::Test {
   protected:
     ConfigFile() { support::clearStore(); }
-    ~ConfigFile() override { support::diskFull = false; }
+    ~ConfigFile() override { support::diskFull = support::diskIsFixed = false; }
 };
 
 /* The names of stores that were moved aside. */
@@ -71,19 +71,54 @@ TEST_F(ConfigFile, WriteIsFlushedOnce) {
     for (ConfConfigOmRecord &one : stored) {
         TamoOmConfigcopyStr2Val(&one.value, "second");
     }
-    int before = support::flushes;
+    const int before = support::flushes;
     ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
     EXPECT_EQ(before + 1, support::flushes);
     ASSERT_EQ(0, TamoOmConfigStringMset(stored.data(), 50));
     EXPECT_EQ(before + 1, support::flushes) << "what is stored already needs no flush";
     ASSERT_EQ(0, TamoOmConfigStringMget(stored.data(), 50));
     EXPECT_EQ(before + 1, support::flushes);
-    TamoHostConfigWatch *watch = nullptr;
-    ASSERT_EQ(0U, TamoHostConfigWatchOpen(&watch));
-    before = support::flushes;
-    ASSERT_EQ(0, set("key1", "third"));
-    EXPECT_EQ(before + 1, support::flushes) << "so it is with its note in the journal";
-    TamoHostConfigWatchClose(watch);
+}
+
+TEST_F(ConfigFile, StoreWhoseKeysHadTwoLetterCasesIsTakenOverOnce) {
+    ASSERT_EQ(0, set("a", "1"));
+    onFile(
+        "DROP TABLE setting; DROP TABLE change;"
+        "CREATE TABLE setting (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;"
+        "CREATE TABLE change (number INTEGER PRIMARY KEY, time INTEGER NOT NULL,"
+        " origin INTEGER NOT NULL, pid INTEGER NOT NULL, writer TEXT NOT NULL,"
+        " records BLOB NOT NULL);"
+        "INSERT INTO setting VALUES ('Conf.A', 'first'), ('conf.a', 'second'), ('b', '2');"
+        "PRAGMA user_version = 2; PRAGMA wal_checkpoint(TRUNCATE)");
+    replaceFile(contents(configFile()));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ("first", get("conf.A"));
+    EXPECT_EQ("2", get("B"));
+    EXPECT_EQ(0, set("b", "3"));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, said.find("'Conf.A' and 'conf.a' are one key now")) << said;
+    EXPECT_EQ(said.find("one key now"), said.rfind("one key now"));
+    EXPECT_TRUE(keptAside().empty());
+}
+
+/* The log cannot grow, but its own room serves again once it is carried over. */
+TEST_F(ConfigFile, DiskWithoutRoomForALongerLogIsWrittenToAllTheSame) {
+    const std::string filler(1000, 'f');
+    for (int at = 0; at < 200; at++) {
+        ASSERT_EQ(0, set("key" + std::to_string(at), filler));
+    }
+    onFile(
+        "DELETE FROM change WHERE number < (SELECT max(number) FROM change);"
+        "PRAGMA wal_checkpoint(TRUNCATE)");
+    for (int at = 0; at < 20; at++) {
+        ASSERT_EQ(0, set("key" + std::to_string(at), "before"));
+    }
+    support::diskIsFixed = true;
+    for (int at = 0; at < 100; at++) {
+        ASSERT_EQ(0, set("key" + std::to_string(at), "after")) << at;
+    }
+    support::diskIsFixed = false;
+    EXPECT_EQ("after", get("key99"));
 }
 
 TEST_F(ConfigFile, FullDiskFailsWritesWholeAndLetsReadsGoOn) {

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -92,6 +93,18 @@ const support::ChildRole settingRole("setting", [](const support::ChildArguments
     return set(arguments[0], arguments[1]) == 0 && get(arguments[0]) == arguments[1] ? 0 : 1;
 });
 
+/* Stores, replaces and removes values below a root of its own, and ends. */
+const support::ChildRole secretiveRole("secretive", [](const support::ChildArguments &arguments) {
+    setenv("TAMO_DEVICE_ROOT", arguments[0].c_str(), 1);
+    const char *removed = "removed";
+    bool done = set("a", "secret 1") == 0 && set("removed", "secret 2") == 0 &&
+                set("a", "now") == 0 && TamoHostConfigReset(&removed, 1) == 0 && get("a") == "now";
+    if (arguments[1] == "killed") {
+        raise(SIGKILL);
+    }
+    exit(done ? 0 : 1);
+});
+
 /* Meets a disk that refuses to be written to, or that tells beforehand that it has no room. */
 const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArguments &arguments) {
     std::atomic<bool> &fault = arguments[0] == "full" ? support::diskFull : support::diskTight;
@@ -146,6 +159,36 @@ TEST(ConfigStoreProcesses, WriterAndReaderDoNotWaitForEachOther) {
     EXPECT_EQ("3", get("a"));
     reader.hangUp();
     EXPECT_EQ(support::exited(0), reader.wait());
+}
+
+/* The heavy one counts its transactions: so many pass while the light one waits for its own. */
+TEST(ConfigStoreProcesses, LightWriterWaitsForFewTransactionsOfOneWithoutPause) {
+    clearStore();
+    support::ChildProcess heavy("writer", {"1"});
+    ASSERT_EQ("1", heavy.hear());
+    std::vector<int> passed;
+    for (int round = 0; round < 15; round++) {
+        const int before = storedBatch();
+        ASSERT_EQ(0, set("light", std::to_string(round)));
+        passed.push_back(storedBatch() - before);
+    }
+    heavy.kill();
+    std::sort(passed.begin(), passed.end());
+    EXPECT_LE(passed[passed.size() / 2], 4);
+}
+
+TEST(ConfigStoreProcesses, LastOneToLeaveTakesOldValuesAlong) {
+    const support::ScratchDirectory root;
+    for (const char *end : {"killed", "orderly"}) {
+        support::ChildProcess child("secretive", {root.path(), end});
+        EXPECT_EQ(end[0] == 'k' ? support::killed(SIGKILL) : support::exited(0), child.wait());
+    }
+    const fs::path config = fs::path(root.path()) / "config";
+    EXPECT_FALSE(fs::exists(config / "config.db-wal"));
+    std::ifstream file(config / "config.db", std::ios::binary);
+    const std::string all{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_NE(std::string::npos, all.find("now"));
+    EXPECT_EQ(std::string::npos, all.find("secret"));
 }
 
 TEST(ConfigStoreProcesses, ThoseWhoFindADamagedStoreTogetherBeginOneFreshStore) {
