@@ -109,7 +109,7 @@ std::condition_variable followed;
 void changed(const ConfConfigListItem *items, uint32_t count) {
     const std::lock_guard guard(lock);
     for (uint32_t i = 0; i < count; i++) {
-        printf("[follower]   changed elsewhere: %s = %s\n", items[i].key, items[i].value);
+        printf("[follower]   changed in the store: %s = %s\n", items[i].key, items[i].value);
     }
     // As the items come they can be applied; nothing is to be stored, for stored it is.
     ConfConfigSetList(items, static_cast<int32_t>(count), 0);

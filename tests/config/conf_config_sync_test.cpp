@@ -199,7 +199,8 @@ TEST_F(ConfigSync, KeysSelectWhatIsWrittenBack) {
     bind("Conf.boundless", CONF_VALUE_STR, data, 0);
     writes.clear();
     EXPECT_EQ(ConfConfigSyncByKeyToOM("Conf.boundless"), 0) << "a size of 0 tells no bound";
-    EXPECT_EQ(writes, std::vector{Strings{"Conf.boundless=abc"}});
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_EQ(writes[0], Strings{"Conf.boundless=abc"});
     for (const string name : {"Conf.long", "Conf.endless"}) {
         EXPECT_EQ(ConfConfigSyncByKeyToOM(name.c_str()), -1) << "no text that a record holds";
         EXPECT_EQ(countOf("3[ConfConfigAddOmCfg]ConfConfigAddOmCfg ConfConfigV2Str fail " + name),

@@ -102,7 +102,7 @@ const support::ChildRole secretiveRole("secretive", [](const support::ChildArgum
     if (arguments[1] == "killed") {
         raise(SIGKILL);
     }
-    exit(done ? 0 : 1);
+    return done ? 0 : 1;
 });
 
 /* Meets a disk that refuses to be written to, or that tells beforehand that it has no room. */
