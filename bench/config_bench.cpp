@@ -1,22 +1,21 @@
 /* The configuration service beside bare SQLite on the same work and with the same settings: a list of
- * 500 keys read in one transaction, and 50 records written in one.
+ * 500 keys read in one transaction, one key, and 50 records written in one transaction.
  *
- * The rows take turns in rounds. The bare rows have a connection of
- * their own with prepared statements, and copy each value into the record. */
+ * The bare rows have a file and a connection of their own with prepared statements, and copy each value
+ * into the record. */
 #include <sqlite3.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench/take_turns.h"
 #include "include/conf_config.h"
 #include "include/conf_msg_api.h"
 #include "tamo_host.h"
@@ -26,63 +25,12 @@ namespace {
 
 constexpr uint32_t kReadKeys = 500;
 constexpr uint32_t kWrittenKeys = 50;
-constexpr size_t kRounds = 120;
-
-struct Row {
-    const char *name;
-    std::function<void()> run;
-    std::vector<double> microseconds;
-};
+constexpr size_t kTurns = 60; /* of each row */
 
 void check(bool good, const char *what) {
     if (!good) {
         fprintf(stderr, "%s failed\n", what);
         exit(1);
-    }
-}
-
-double percentile(std::vector<double> values, double part) {
-    std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(part * static_cast<double>(values.size() - 1))];
-}
-
-/* A round gives each row some runs, the first of which only warms up. Each begins with another row, so
- * that none always follows the same one. */
-void measure(std::vector<Row> &rows, size_t runs) {
-    for (size_t round = 0; round < kRounds; round++) {
-        for (size_t turn = 0; turn < rows.size(); turn++) {
-            Row &row = rows[(round + turn) % rows.size()];
-            row.run();
-            for (size_t run = 0; run < runs; run++) {
-                auto start = std::chrono::steady_clock::now();
-                row.run();
-                std::chrono::duration<double, std::micro> took =
-                    std::chrono::steady_clock::now() - start;
-                row.microseconds.push_back(took.count());
-            }
-        }
-    }
-}
-
-/* The median of the rounds' ratios, which a change of the processor's speed does not reach. */
-double ratio(const Row &row, const Row &bare, size_t runs) {
-    std::vector<double> ratios;
-    for (size_t at = 0; at < row.microseconds.size(); at += runs) {
-        auto median = [&](const Row &of) {
-            auto first = of.microseconds.begin() + static_cast<ptrdiff_t>(at);
-            return percentile({first, first + static_cast<ptrdiff_t>(runs)}, 0.5);
-        };
-        ratios.push_back(median(row) / median(bare));
-    }
-    return percentile(ratios, 0.5);
-}
-
-void compare(const char *title, std::vector<Row> rows, size_t runs) {
-    measure(rows, runs);
-    printf("%s\n  %-40s %10s %10s %8s\n", title, "", "median us", "p99 us", "ratio");
-    for (const Row &row : rows) {
-        printf("  %-40s %10.1f %10.1f %8.2f\n", row.name, percentile(row.microseconds, 0.5),
-               percentile(row.microseconds, 0.99), ratio(row, rows[0], runs));
     }
 }
 
@@ -199,30 +147,33 @@ void readAsBlock(MeetingServerMsgBlock *block) {
     block->resultList = nullptr;
 }
 
-void measureReading(const std::string &root) {
+bool measureReading(const std::string &root) {
     auto records = makeRecords(kReadKeys);
     check(TamoOmConfigStringMset(records.data(), kReadKeys) == 0, "TamoOmConfigStringMset");
-    BareStore bare(root + "/config/config.db");
+    BareStore bare(root + "/read.db");
+    bare.write(records);
     MeetingServerMsgBlock *block = makeBlock(records);
-    std::vector<Row> rows = {
-        {"bare prepared reads, one transaction", [&] { bare.read(records); }, {}},
-        {"TamoOmConfigStringMget",
-         [&] { check(TamoOmConfigStringMget(records.data(), kReadKeys) == 0, "Mget"); },
-         {}},
-        {"ConfConfigGetConfConfig", [&] { readAsBlock(block); }, {}}};
-    compare("500 keys read (wanted: at most 1.20)", rows, 10);
+    bool within = bench::compare(
+        "500 keys read",
+        {{"bare prepared reads, one transaction", 0, [&] { bare.read(records); }},
+         {"TamoOmConfigStringMget", 1.2,
+          [&] { check(TamoOmConfigStringMget(records.data(), kReadKeys) == 0, "Mget"); }},
+         {"ConfConfigGetConfConfig", 1.2, [&] { readAsBlock(block); }}},
+        4, kTurns);
     OSMemTypeFreeMon(block, 0, 0, __LINE__, "config_bench");
 
     std::vector<ConfConfigOmRecord> one(records.begin(), records.begin() + 1);
-    std::vector<Row> single = {
-        {"bare prepared read", [&] { bare.read(one); }, {}},
-        {"TamoOmConfigStringGet", [&] { check(TamoOmConfigStringGet(&one[0]) == 0, "Get"); }, {}}};
-    compare("One key read", single, 200);
+    within = bench::compare("One key read",
+                            {{"bare prepared read", 0, [&] { bare.read(one); }},
+                             {"TamoOmConfigStringGet", 1.3,
+                              [&] { check(TamoOmConfigStringGet(&one[0]) == 0, "Get"); }}},
+                            200, kTurns) &&
+             within;
+    return within;
 }
 
-/* Two files: a write to the other's would empty each connection's cache. */
-void measureWriting(const std::string &root) {
-    BareStore bare(root + "/bare.db");
+bool measureWriting(const std::string &root) {
+    BareStore bare(root + "/written.db");
     bare.write(makeRecords(kReadKeys));
     auto records = makeRecords(kReadKeys);
     records.resize(kWrittenKeys);
@@ -234,9 +185,10 @@ void measureWriting(const std::string &root) {
         changeValues(records);
         check(TamoOmConfigStringMset(records.data(), kWrittenKeys) == 0, "TamoOmConfigStringMset");
     };
-    std::vector<Row> rows = {{"bare transaction, one flush", bareWrite, {}},
-                             {"TamoOmConfigStringMset", clientWrite, {}}};
-    compare("50 records written (wanted: at most 1.20)", rows, 10);
+    bool within = bench::compare("50 records written",
+                                 {{"bare transaction, one flush", 0, bareWrite},
+                                  {"TamoOmConfigStringMset", 1.2, clientWrite}},
+                                 4, kTurns);
 
     TamoHostConfigWatch *watch = nullptr;
     check(TamoHostConfigWatchOpen(&watch) == TAMO_HOST_OK, "TamoHostConfigWatchOpen");
@@ -247,12 +199,15 @@ void measureWriting(const std::string &root) {
             (void)TamoHostConfigWatchNext(watch, 100, visit, nullptr);
         }
     });
-    std::vector<Row> watched = {{"bare transaction, one flush", bareWrite, {}},
-                                {"TamoOmConfigStringMset, a watcher reads", clientWrite, {}}};
-    compare("50 records written and reported", watched, 10);
+    within = bench::compare("50 records written and reported",
+                            {{"bare transaction, one flush", 0, bareWrite},
+                             {"TamoOmConfigStringMset, a watcher reads", 1.3, clientWrite}},
+                            4, kTurns) &&
+             within;
     over = true;
     watcher.join();
     TamoHostConfigWatchClose(watch);
+    return within;
 }
 
 }  // namespace
@@ -263,8 +218,8 @@ int main() {
         std::string(temporary == nullptr ? "/tmp" : temporary) + "/config_bench.XXXXXX";
     check(mkdtemp(root.data()) != nullptr, "making a device root");
     setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
-    measureReading(root);
-    measureWriting(root);
+    const bool read = measureReading(root);
+    const bool written = measureWriting(root);
     std::filesystem::remove_all(root);
-    return 0;
+    return read && written ? 0 : 1;
 }

@@ -1,12 +1,10 @@
 /* Ten thousand bound items: what binding, pulling and applying them costs beside the bare store
- * transactions that they demand, and what a report costs per key as it grows. Rows take turns; a
- * ratio is the median of the rounds' ratios. */
+ * transactions that they demand, and what a report costs as it grows. */
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -14,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/take_turns.h"
 #include "include/conf_config.h"
 #include "include/conf_log_adapter.h"
 #include "tamo_om_config_client.h"
@@ -23,45 +22,10 @@ namespace {
 constexpr int32_t kItems = 10000;
 constexpr int32_t kBatch = 50;
 
-struct Row {
-    const char *name;
-    double per; /* the time is told per this many */
-    std::function<void()> run;
-    std::vector<double> microseconds = {};
-};
-
 void check(bool good, const char *what) {
     if (!good) {
         fprintf(stderr, "%s failed\n", what);
         exit(1);
-    }
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-void compare(const char *title, size_t rounds, std::vector<Row> rows) {
-    for (size_t round = 0; round <= rounds; round++) {
-        for (size_t turn = 0; turn < rows.size(); turn++) {
-            Row &row = rows[(round + turn) % rows.size()];
-            const auto begin = std::chrono::steady_clock::now();
-            row.run();
-            const std::chrono::duration<double, std::micro> took =
-                std::chrono::steady_clock::now() - begin;
-            if (round > 0) { /* the first only warms up */
-                row.microseconds.push_back(took.count() / row.per);
-            }
-        }
-    }
-    printf("%s\n", title);
-    for (const Row &row : rows) {
-        std::vector<double> ratios;
-        for (size_t i = 0; i < rounds; i++) {
-            ratios.push_back(row.microseconds[i] / rows[0].microseconds[i]);
-        }
-        printf("  %-52s %11.3f us %7.2f\n", row.name, median(row.microseconds), median(ratios));
     }
 }
 
@@ -115,20 +79,22 @@ void measureItems() {
         SetLogLevel(CONF_LOG_INFO);
     };
     bindAnew();
-    compare(
-        "10,000 changed items applied", 15,
-        {{"200 bare transactions of 50 records", 1, write},
-         {"ConfConfigSetList, errors only in the log", 1, [&] { apply(CONF_LOG_ERROR); }},
-         {"ConfConfigSetList, its 20,000 records in the log", 1, [&] { apply(CONF_LOG_INFO); }}});
-    compare("10,000 items pulled, and bound", 15,
-            {{"bare TamoOmConfigStringGet of each", 1,
-              [&] {
-                  for (ConfConfigOmRecord &record : records) {
-                      check(TamoOmConfigStringGet(&record) == 0, "TamoOmConfigStringGet");
-                  }
-              }},
-             {"ConfConfigInitOmCfg", 1, ConfConfigInitOmCfg},
-             {"ConfConfigInit with 10,000 ConfConfigBind", 1, bindAnew}});
+    bench::compare(
+        "10,000 changed items applied",
+        {{"200 bare transactions of 50 records", 0, write},
+         {"ConfConfigSetList, errors only in the log", 0, [&] { apply(CONF_LOG_ERROR); }},
+         {"ConfConfigSetList, its 20,000 records logged", 0, [&] { apply(CONF_LOG_INFO); }}},
+        1, 3);
+    bench::compare("10,000 items pulled, and bound",
+                   {{"bare TamoOmConfigStringGet of each", 0,
+                     [&] {
+                         for (ConfConfigOmRecord &record : records) {
+                             check(TamoOmConfigStringGet(&record) == 0, "TamoOmConfigStringGet");
+                         }
+                     }},
+                    {"ConfConfigInitOmCfg", 0, ConfConfigInitOmCfg},
+                    {"ConfConfigInit with 10,000 ConfConfigBind", 0, bindAnew}},
+                   1, 3);
 }
 
 uint64_t told;
@@ -158,9 +124,15 @@ void measureReports() {
         ConfConfigBind(name.c_str(), CONF_VALUE_INT, &numbers[i], 4, callbacks[i / 10]);
     }
     ConfConfigOmVal value = {"4711", 4};
-    compare("A report, per key", 200,
-            {{"20 callbacks of 10 keys", 200, [&] { report(&value, 20); }},
-             {"200 callbacks of 10 keys", 2000, [&] { report(&value, 200); }}});
+    bench::compare("Reports of 2,000 keys",
+                   {{"20 callbacks of 10 keys, ten reports", 0,
+                     [&] {
+                         for (int i = 0; i < 10; i++) {
+                             report(&value, 20);
+                         }
+                     }},
+                    {"200 callbacks of 10 keys, one report", 0, [&] { report(&value, 200); }}},
+                   1, 60);
     check(told > 0, "delivering a report");
 }
 

@@ -23,7 +23,7 @@
  *
  * After each transaction a connection looks whether its file is still the one in place (it is not once
  * another process has moved a damaged one aside) and, if not, opens the new one and starts over: what
- * was acknowledged is in the file in place. SQLite's account of locks must not cross a fork, so that
+ * was acknowledged is in the file in place. A reader in a hot loop notices some milliseconds later. SQLite's account of locks must not cross a fork, so that
  * the connections are closed around it. */
 #pragma once
 #include <sqlite3.h>
@@ -44,7 +44,9 @@ struct Connection {
     StoreFile file = {};
     uint32_t replacements = 0; /* how many times the store was found replaced */
     int64_t settledSince =
-        -1; /* the directory's last change that the files in it were checked after */
+        -1;           /* the directory's last change that the files in it were checked after */
+    int64_t tick = 0; /* of the clock, at the last look at the files */
+    uint32_t looksInTick = 0;
     int64_t notedSinceTrim =
         4096; /* bytes in the change log; a process trims with its first write */
     sqlite3_stmt *begin = nullptr;

@@ -87,18 +87,16 @@ TEST_F(ConfigReport, EachCallbackHearsItsKeysOnceInReportOrder) {
     EXPECT_EQ(calls[0].second, (std::vector<string>{"A.1=v", "a.2=v"}));
     EXPECT_EQ(calls[1].first, 'B');
     EXPECT_EQ(calls[1].second, (std::vector<string>{"B.1=v", "B.2=v"}));
-    std::vector<string> texts;
+    string texts;
     for (const auto &record : platform::records()) {
-        EXPECT_EQ(record.level, 4);
-        texts.push_back(record.text);
+        texts += std::to_string(record.level) + record.text + "|";
     }
     EXPECT_EQ(texts,
-              (std::vector<string>{
-                  "[ConfConfigClientCallBack]ConfConfigClientCallBack msgid :0x10000",
-                  "[ConfConfigClientCallBack]ConfConfigClientCallBack arraySize = 7",
-                  "[ConfConfigAddCallBackCount]ConfConfigAddCallBackCount CfgItemCount = 2\n",
-                  "[ConfConfigAddCallBackCount]ConfConfigAddCallBackCount CfgItemCount = 2\n",
-                  "[ConfConfigDealCallBackList]ConfConfigDealCallBackList count = 2"}));
+              "4[ConfConfigClientCallBack]ConfConfigClientCallBack msgid :0x10000|"
+              "4[ConfConfigClientCallBack]ConfConfigClientCallBack arraySize = 7|"
+              "4[ConfConfigAddCallBackCount]ConfConfigAddCallBackCount CfgItemCount = 2\n|"
+              "4[ConfConfigAddCallBackCount]ConfConfigAddCallBackCount CfgItemCount = 2\n|"
+              "4[ConfConfigDealCallBackList]ConfConfigDealCallBackList count = 2|");
     EXPECT_EQ(storage, 0) << "a report writes no variable";
 }
 
@@ -127,7 +125,7 @@ TEST_F(ConfigReport, WhatIsNoReportCallsNothing) {
     EXPECT_TRUE(calls.empty());
 }
 
-TEST_F(ConfigReport, CallbacksBeyondTwoHundredAreLeftOut) {
+TEST_F(ConfigReport, TwoHundredCallbacksAreToldOf255KeysAtATime) {
     static constexpr auto many = manyCallbacks(std::make_index_sequence<202>());
     Report report;
     for (size_t i = 0; i < many.size(); i++) {
@@ -135,20 +133,15 @@ TEST_F(ConfigReport, CallbacksBeyondTwoHundredAreLeftOut) {
         ConfConfigBind(key.c_str(), CONF_VALUE_INT, &storage, 4, many[i]);
         report.add(key, "");
     }
-    report.add("Many.3", "");
     ConfConfigClientCallBack(65536, 0, 0, &report.list);
     ASSERT_EQ(calls.size(), 200u);
-    for (size_t i = 0; i < calls.size(); i++) {
-        EXPECT_EQ(calls[i].second[0], "Many." + std::to_string(i));
-    }
-}
-
-TEST_F(ConfigReport, MoreThan255KeysOfACallbackComeInSeveralCalls) {
-    Report report;
+    EXPECT_EQ(calls[199].second[0], "Many.199");
+    calls.clear();
+    Report large;
     for (int i = 0; i < 600; i++) {
-        report.add(i % 2 == 0 ? "A.1" : "B.1", std::to_string(i));
+        large.add(i % 2 == 0 ? "A.1" : "B.1", std::to_string(i));
     }
-    ConfConfigClientCallBack(65536, 0, 0, &report.list);
+    ConfConfigClientCallBack(65536, 0, 0, &large.list);
     ASSERT_EQ(calls.size(), 4u);
     EXPECT_EQ(calls[0].second.size(), 255u);
     EXPECT_EQ(calls[1].second.size(), 45u);

