@@ -16,7 +16,6 @@ enum class ForkStage {
     kCertificateWatch, /* starts its thread, and records, under its lock */
     kConfigReports,    /* asks the store under its lock */
     kConfigStore,
-    kConfigSubscribers,
     kTimers, /* their manager records under no lock, but an expiry may start and stop timers */
     kMessages,
     kDescriptors, /* the list of descriptors that a child does not keep */

@@ -5,11 +5,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <new>
+
+#include "host/base/clock.h"
 
 namespace tamo::configuration {
 
@@ -48,9 +49,7 @@ constexpr char kStored = '=';
 constexpr char kRemoved = '-';
 
 int64_t microsecondsNow() {
-    struct timespec now;
-    (void)clock_gettime(CLOCK_REALTIME, &now);
-    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+    return static_cast<int64_t>(wallClockNs() / 1000);
 }
 
 /* Memory for values, which is wiped before it is released. */

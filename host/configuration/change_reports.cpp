@@ -8,7 +8,6 @@
  * - A child of fork keeps its modules but has no handlers, and no thread. */
 #include <errno.h>
 #include <pthread.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,7 +15,9 @@
 #include <algorithm>
 #include <mutex>
 
+#include "host/base/fork.h"
 #include "host/base/log.h"
+#include "host/base/thread.h"
 #include "host/configuration/change_watch.h"
 #include "tamo_host.h"
 
@@ -116,6 +117,10 @@ bool isOver() {
 }
 
 void *reportChanges(void *) {
+    {
+        std::lock_guard guard(modulesLock);
+        reporter = pthread_self();
+    }
     Change change;
     int pause = kLookMs;
     while (!isOver()) {
@@ -145,32 +150,6 @@ void inChild() {
     modulesLock.unlock();
 }
 
-/* After the store's own, whose locks are taken while this one is held. */
-void watchForks() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        pthread_atfork([] { modulesLock.lock(); }, [] { modulesLock.unlock(); }, inChild);
-    });
-}
-
-/* The thread takes no signals: they are for the program's own threads. */
-int startThread() {
-    sigset_t all;
-    sigset_t before;
-    pthread_attr_t attributes;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    int error = pthread_create(&reporter, &attributes, reportChanges, nullptr);
-    if (error == 0) {
-        pthread_setname_np(reporter, "tamo_config");
-    }
-    pthread_attr_destroy(&attributes);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error;
-}
-
 /* Makes sure that changes are watched; `since` gets the last one before. Under the lock. */
 uint32_t startReports(uint64_t *since) {
     if (isRunning) {
@@ -181,7 +160,7 @@ uint32_t startReports(uint64_t *since) {
         return code;
     }
     *since = watch.seen;
-    int error = startThread();
+    int error = startThread("tamo_config", reportChanges, nullptr);
     if (error != 0) {
         watch.events = Descriptor();
         hostRecord(kError, kUnit, __LINE__, "changes are not reported, there is no thread: %s",
@@ -227,7 +206,8 @@ int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *modul
     if (code != TAMO_HOST_OK) {
         return static_cast<int32_t>(code);
     }
-    watchForks();
+    tamo::guardForks(tamo::ForkStage::kConfigReports,
+                     {[] { modulesLock.lock(); }, [] { modulesLock.unlock(); }, inChild});
     std::lock_guard guard(modulesLock);
     if (findModule(moduleName) != nullptr) {
         return TAMO_HOST_OK;

@@ -9,12 +9,12 @@
 #include <poll.h>
 #include <stdio.h>
 #include <sys/inotify.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <new>
 
+#include "host/base/clock.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
 #include "tamo_host.h"
@@ -99,12 +99,6 @@ struct TamoHostConfigWatch {
 
 namespace {
 
-int64_t millisecondsNow() {
-    struct timespec now;
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 uint32_t showChange(const Change &change,
                     uint32_t (*visit)(const TamoHostConfigChange *change, void *context),
                     void *context) {
@@ -153,7 +147,7 @@ uint32_t TamoHostConfigWatchNext(TamoHostConfigWatch *watch, int32_t timeoutMs,
                          "no change is shown: no watch or no visitor was given");
         return TAMO_HOST_INVALID;
     }
-    const int64_t end = millisecondsNow() + timeoutMs;
+    const auto end = static_cast<int64_t>(tamo::monotonicMs()) + timeoutMs;
     for (;;) {
         uint32_t code = nextChange(&watch->watch, &watch->change);
         if (code == TAMO_HOST_OK) {
@@ -162,7 +156,8 @@ uint32_t TamoHostConfigWatchNext(TamoHostConfigWatch *watch, int32_t timeoutMs,
         if (code != TAMO_HOST_NOT_FOUND) {
             return code;
         }
-        const int64_t left = timeoutMs < 0 ? kLookMs : end - millisecondsNow();
+        const int64_t left =
+            timeoutMs < 0 ? kLookMs : end - static_cast<int64_t>(tamo::monotonicMs());
         if (left <= 0) {
             return TAMO_HOST_TIMEOUT;
         }

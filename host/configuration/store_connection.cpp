@@ -3,7 +3,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -12,8 +11,10 @@
 
 #include <atomic>
 
+#include "host/base/clock.h"
 #include "host/base/descriptor.h"
 #include "host/base/device_root.h"
+#include "host/base/fork.h"
 #include "host/configuration/change_log.h"
 #include "tamo_host.h"
 
@@ -65,10 +66,9 @@ bool isMoved(Connection *connection) {
     if (isKnown && changed == connection->settledSince) {
         return false;
     }
-    struct timespec now;
-    (void)clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    const auto now = static_cast<int64_t>(readClock(CLOCK_REALTIME_COARSE));
     const bool moved = storeFileMoved(connection->file);
-    if (isKnown && !moved && nanoseconds(now) - changed > kStampNs) {
+    if (isKnown && !moved && now - changed > kStampNs) {
         connection->settledSince = changed;
     }
     return moved;
@@ -78,9 +78,7 @@ bool isMoved(Connection *connection) {
  * the first ones of each tick of the clock, which lasts some milliseconds, look. */
 bool wasMoved(Connection *connection) {
     if (!connection->forWriting) {
-        struct timespec now;
-        (void)clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-        const int64_t tick = nanoseconds(now);
+        const auto tick = static_cast<int64_t>(readClock(CLOCK_MONOTONIC_COARSE));
         connection->looksInTick = tick == connection->tick ? connection->looksInTick + 1 : 0;
         connection->tick = tick;
         if (connection->looksInTick > kLooksInTick) {
@@ -138,7 +136,9 @@ int prepareAll(Connection *connection) {
 
 uint32_t connect(Connection *connection, bool suspect) {
     static std::once_flag forkSafe;
-    std::call_once(forkSafe, [] { pthread_atfork(beforeFork, afterFork, afterFork); });
+    std::call_once(forkSafe, [] {
+        guardForks(ForkStage::kConfigStore, {beforeFork, afterFork, afterFork});
+    });
     if (isLeft) {
         return TAMO_HOST_SYSTEM;
     }
@@ -187,15 +187,12 @@ int takeTurn() {
                           : openat(directory, "config.turn",
                                    O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     }
-    struct timespec begin;
-    (void)clock_gettime(CLOCK_MONOTONIC, &begin);
+    const uint64_t begin = monotonicMs();
     while (writersTurn.isOpen() && flock(writersTurn.get(), LOCK_EX | LOCK_NB) != 0) {
-        struct timespec now;
-        (void)clock_gettime(CLOCK_MONOTONIC, &now);
         if (errno != EWOULDBLOCK && errno != EINTR) {
             break;
         }
-        if (nanoseconds(now) - nanoseconds(begin) > int64_t{kBusyMs} * 1000000) {
+        if (monotonicMs() - begin > kBusyMs) {
             return SQLITE_BUSY;
         }
         nap();
