@@ -5,9 +5,11 @@
  * 2. There are table timers, known by a number in a table that the application gives once, and timer
  *    objects, which their owners hold one by one. Both need ConfCommTimerInit first.
  * 3. Durations are in milliseconds and are rounded down to ticks of 10 ms.
- * 4. Results are 0 for success and 1 for failure, which is recorded unless said otherwise.
+ * 4. Results are 0 for success and 1 for failure. Each failure leaves a record in the log, but for null
+ *    tables and for a table timer's start without memory.
  * 5. Any thread may start and stop timers. A stop that meets an expiry may still see that expiry's
- *    message delivered.
+ *    message delivered. An expiry that falls into a start delivers what the start was given.
+ * 6. An expiry whose message cannot be sent is recorded in the log, and is not tried again.
  *
  *     static ConfTimer reminder;
  *     ConfTimerInit(&reminder, 1, CONF_TIMER_ONE_SHOT, "TamoUIConf", remind);
@@ -37,7 +39,7 @@ typedef struct ConfCommTimerEntry {
     uint32_t defaultDuration; /* milliseconds, for a start that passes 0 */
     const char *receiver;     /* process that gets the expiries; outlives the table */
     ConfMsgHandler handler;
-    uint32_t handle; /* of the platform's timer; 0 when there is none */
+    uint32_t handle; /* of the platform's timer, any number; 0 when there is none */
     uint32_t param;
     void *data; /* the library's copy, or null */
     uint32_t dataLength;
@@ -63,11 +65,11 @@ typedef struct ConfSysTime {
     uint16_t millisecond;
 } ConfSysTime;
 
-/* ConfCommTimerInit, with a null table refused before anything is done. */
+/* ConfCommTimerInit, with a null table refused, unrecorded, before anything is done. */
 uint32_t ConfCommTimerFuncInit(ConfCommTimerEntry *table, int32_t count);
 
 /* Starts the timer service with the application's table of `count` timers, which stays the
- * application's and outlives the service. Blocks the signals 18 and 16 in the calling thread. Call it
+ * application's, outlives the service and keeps its ids; of entries with one id only the first is used. Blocks the signals 18 and 16 in the calling thread. Call it
  * once, at start-up. A null table is refused, unrecorded, after the lock was made. */
 uint32_t ConfCommTimerInit(ConfCommTimerEntry *table, int32_t count);
 
@@ -85,7 +87,11 @@ uint32_t ConfCommTimerStart(uint32_t timerId, uint32_t param, const void *data,
 /* Starts a table timer (`durationMs` 0: its default duration) that delivers `param` and a copy of
  * `dataLength` bytes of `data`, which may be null. A timer that has been started is not started again:
  * only what it delivers is replaced, from its next expiry. A one-shot table timer is stopped before it
- * is started again, also after it has fired. */
+ * is started again, also after it has fired.
+ *
+ * A start for which the platform has no timer changes nothing. A start without memory for the copy
+ * leaves no record, yet the timer runs, and has lost its previous data: its expiries fail, recorded,
+ * until it is started with data that can be copied, or stopped. */
 uint32_t ConfCommTimerStartEx(uint32_t timerId, uint32_t durationMs, uint32_t param,
                               const void *data, uint32_t dataLength);
 
@@ -103,7 +109,9 @@ uint32_t ConfTimerInit(ConfTimer *timer, uint32_t timerId, uint32_t mode, const 
 bool ConfTimerIsVaild(ConfTimer *timer);
 
 /* Starts a timer object, as ConfCommTimerStartEx does a table timer; a duration of 0 expires with the
- * next tick. A one-shot object may be started again once it has fired. */
+ * next tick. A one-shot object may be started again once its expiry is sent, also by that expiry's
+ * handler; each start of a stopped object is one message. Without memory for the copy the timer runs
+ * all the same, as a table timer does, but the failure is recorded. */
 uint32_t ConfTimerStart(ConfTimer *timer, uint32_t durationMs, uint32_t param, const void *data,
                         uint32_t dataLength);
 

@@ -43,8 +43,8 @@ struct OsTmrCreateParam {
  * succeed and change nothing. */
 uint32_t OsTmrManagerInit(uint32_t a, uint32_t tickMicroseconds, uint32_t b);
 
-/* Creates and starts a timer, and stores its handle, never 0, before it can expire. The record is
- * copied. */
+/* Creates and starts a timer, and stores its handle, which may be any number but 0, before it can
+ * expire. The record is copied. */
 uint32_t OsTmrCreate(OsTmrCreateParam *param, uint32_t *handle);
 
 /* Ends a timer. Fails for a handle that is not, or no longer, a timer's; one-shot timers end by

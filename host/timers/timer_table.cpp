@@ -9,7 +9,6 @@ namespace {
 
 constexpr uint32_t kFirstCapacity = 64;
 constexpr uint32_t kLargestCapacity = 1U << 26;
-constexpr uint32_t kFirstReserved = 0xFFFFFFF0; /* handles from here on are not given out */
 
 /* `capacity` is a power of two. */
 uint32_t homeOf(uint32_t handle, uint32_t capacity) {
@@ -69,10 +68,8 @@ bool growTable(TimerTable *table) {
 uint32_t drawHandle(TimerTable *table) {
     do {
         table->lastHandle++;
-        if (table->lastHandle >= kFirstReserved) {
-            table->lastHandle = 1;
-        }
-    } while (table->homes[homeOf(table->lastHandle, table->capacity)] != kNoSlot);
+    } while (table->lastHandle == 0 ||
+             table->homes[homeOf(table->lastHandle, table->capacity)] != kNoSlot);
     return table->lastHandle;
 }
 
