@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -23,12 +22,7 @@ constexpr char kDestination6[] = "2001:db8:9::7";
 constexpr char kLocal6[] = "2001:db8::5";
 constexpr size_t kRuns = 10;
 
-void check(bool good, const char *what) {
-    if (!good) {
-        std::fprintf(stderr, "network_bench: %s\n", what);
-        std::exit(1);
-    }
-}
+using bench::require;
 
 /* The local address that a datagram socket gets towards a destination, as a text. */
 template <typename Address, typename Member>
@@ -37,11 +31,11 @@ void askSocket(int family, Address destination, Member address, const char *expe
     auto *generic = reinterpret_cast<sockaddr *>(&destination);
     socklen_t size = sizeof(destination);
     char text[INET6_ADDRSTRLEN];
-    check(opened >= 0 && connect(opened, generic, size) == 0 &&
-              getsockname(opened, generic, &size) == 0 &&
-              inet_ntop(family, &(destination.*address), text, sizeof(text)) != nullptr &&
-              strcmp(text, expected) == 0,
-          "the socket has another address");
+    require(opened >= 0 && connect(opened, generic, size) == 0 &&
+                getsockname(opened, generic, &size) == 0 &&
+                inet_ntop(family, &(destination.*address), text, sizeof(text)) != nullptr &&
+                strcmp(text, expected) == 0,
+            "asking a socket for its address");
     close(opened);
 }
 
@@ -63,31 +57,28 @@ void askSocket6() {
 
 void choose(const char *destination, const char *expected) {
     char text[INET6_ADDRSTRLEN];
-    check(
+    require(
         GetBestLocalIpByDestIp(destination, text, sizeof(text)) == 0 && strcmp(text, expected) == 0,
-        "another address is chosen");
+        "choosing the expected address");
 }
 
 void askRoute() {
     IpForwardRow route;
-    check(GetBestRoute(inet_addr(kDestination4), 0, &route) == 0 &&
-              route.nextHop == inet_addr("10.0.0.1"),
-          "the route is another");
+    require(GetBestRoute(inet_addr(kDestination4), 0, &route) == 0 &&
+                route.nextHop == inet_addr("10.0.0.1"),
+            "finding the expected route");
 }
 
-bool compareBoth(const std::string &network) {
-    const bool ipv4 =
-        bench::compare(("IPv4, " + network).c_str(),
-                       {{"socket, connect, getsockname, close", 0, askSocket4},
-                        {"GetBestLocalIpByDestIp", 3, [] { choose(kDestination4, kLocal4); }},
-                        {"GetBestRoute alone", 0, askRoute}},
-                       kRuns);
-    const bool ipv6 =
-        bench::compare(("IPv6, " + network).c_str(),
-                       {{"socket, connect, getsockname, close", 0, askSocket6},
-                        {"GetBestLocalIpByDestIp", 3, [] { choose(kDestination6, kLocal6); }}},
-                       kRuns);
-    return ipv4 && ipv6;
+void compareBoth(const std::string &network) {
+    const std::string ipv4 = "IPv4, " + network;
+    bench::compare({.title = ipv4.c_str(), .runs = kRuns},
+                   {{"socket, connect, getsockname, close", 0, askSocket4},
+                    {"GetBestLocalIpByDestIp", 3, [] { choose(kDestination4, kLocal4); }},
+                    {"GetBestRoute alone", 0, askRoute}});
+    const std::string ipv6 = "IPv6, " + network;
+    bench::compare({.title = ipv6.c_str(), .runs = kRuns},
+                   {{"socket, connect, getsockname, close", 0, askSocket6},
+                    {"GetBestLocalIpByDestIp", 3, [] { choose(kDestination6, kLocal6); }}});
 }
 
 std::string manyRoutes() {
@@ -109,15 +100,15 @@ int main() {
         std::fprintf(stderr, "network_bench: %s\n", reason.c_str());
         return 1;
     }
-    check(support::configureNetwork("link add net0 type veth peer name net1\n"
-                                    "addr add 10.0.0.5/24 dev net0\n"
-                                    "addr add 2001:db8::5/64 dev net0 nodad\n"
-                                    "link set net0 up\nlink set net1 up\n"
-                                    "route add default via 10.0.0.1\n"
-                                    "route add default via 2001:db8::1\n"),
-          "the network cannot be set up");
-    bool within = compareBoth("a few routes");
-    check(support::configureNetwork(manyRoutes()), "the routes cannot be added");
-    within = compareBoth("10,000 routes") && within;
-    return within ? 0 : 1;
+    require(support::configureNetwork("link add net0 type veth peer name net1\n"
+                                      "addr add 10.0.0.5/24 dev net0\n"
+                                      "addr add 2001:db8::5/64 dev net0 nodad\n"
+                                      "link set net0 up\nlink set net1 up\n"
+                                      "route add default via 10.0.0.1\n"
+                                      "route add default via 2001:db8::1\n"),
+            "setting up the network");
+    compareBoth("a few routes");
+    require(support::configureNetwork(manyRoutes()), "adding the routes");
+    compareBoth("10,000 routes");
+    return bench::finish();
 }
