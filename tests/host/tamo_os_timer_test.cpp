@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <latch>
@@ -15,15 +14,18 @@
 #include <thread>
 #include <vector>
 
+#include "given_time.h"
 #include "tests/support/child_process.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using support::awaitManager;
+using support::givenNow;
+using support::passTime;
 
 constexpr uint32_t kTickUs = 5000;
-constexpr uint32_t kFar = 1000000; /* ticks */
-constexpr auto kTick = std::chrono::microseconds(kTickUs);
+constexpr uint64_t kTick = kTickUs * 1000; /* nanoseconds */
+constexpr uint32_t kFar = 1000000;         /* ticks */
 
 /* One timer of a test: its expiry runs `action`, with the number of the expiry. */
 class TestTimer {
@@ -32,7 +34,7 @@ class TestTimer {
 
     TestTimer(
         uint32_t ticks, bool periodic, Action action = [](uint32_t) {})
-        : action_(std::move(action)), created_(Clock::now()) {
+        : action_(std::move(action)) {
         OsTmrCreateParam param = {};
         strcpy(param.receiver, "receiver");
         param.key = reinterpret_cast<uintptr_t>(this);
@@ -56,8 +58,6 @@ class TestTimer {
         }
     }
 
-    Clock::time_point created() const { return created_; }
-
     uint32_t handle = 0;
 
   private:
@@ -72,48 +72,69 @@ class TestTimer {
     }
 
     Action action_;
-    Clock::time_point created_;
     std::atomic<uint32_t> count_ = 0;
 };
 
+/* Lets time pass in small steps; the manager does what is due at each. */
+void passTicks(double ticks) {
+    for (double step = 0; step < ticks; step += 0.25) {
+        passTime(kTick / 4);
+        awaitManager();
+    }
+}
+
 class TamoOsTimer : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(OsTmrManagerInit(0, kTickUs, 0), 0u); }
+    void SetUp() override {
+        ASSERT_EQ(OsTmrManagerInit(0, kTickUs, 0), 0u);
+        awaitManager();
+    }
 };
 
 /* ---- when expiries run ---- */
 
-TEST_F(TamoOsTimer, OneShotExpiresOnceNotEarlyAndEndsByItself) {
-    Clock::time_point expired;
-    TestTimer timer(3, false, [&](uint32_t) { expired = Clock::now(); });
-    TestTimer later(6, false);
-    later.await(1);
+TEST_F(TamoOsTimer, OneShotExpiresOnceWithTheFirstTickThatIsNotEarly) {
+    passTime(kTick / 3); /* off the grid */
+    const uint64_t created = givenNow();
+    uint64_t expired = 0;
+    TestTimer timer(3, false, [&](uint32_t) { expired = givenNow(); });
+    passTicks(8);
     EXPECT_EQ(timer.count(), 1u);
-    EXPECT_GE(expired, timer.created() + 3 * kTick);
-    EXPECT_NE(OsTmrDelete(timer.handle), 0u);
+    EXPECT_GE(expired, created + 3 * kTick);
+    EXPECT_LE(expired, created + 4 * kTick + kTick / 4);
+    EXPECT_NE(OsTmrDelete(timer.handle), 0u) << "it has ended by itself";
 }
 
-/* The one-shot timers beside it tell how often it should have expired by then. */
-TEST_F(TamoOsTimer, PeriodicTimerNeitherDriftsNorIsEarly) {
-    uint32_t before = 0, after = 0;
-    std::atomic<TestTimer *> watched{nullptr};
-    TestTimer first(40, false, [&](uint32_t) {
-        if (watched != nullptr) {
-            before = watched.load()->count();
-        }
-    });
-    TestTimer periodic(2, true, [&](uint32_t n) {
-        /* A stall, which is made up for, and expiries that take longer than a tick. */
-        const auto end = periodic.created() + 2 * n * kTick + (n == 1 ? 15 : 1) * kTick;
-        while (Clock::now() < end) {
-            std::this_thread::yield();
-        }
-    });
-    watched = &periodic;
-    TestTimer second(40, false, [&](uint32_t) { after = periodic.count(); });
-    second.await(1);
-    EXPECT_LE(before, 20u);
-    EXPECT_GE(after, 20u);
+TEST_F(TamoOsTimer, PeriodicTimerMakesUpForAStallButNotForAStandstill) {
+    TestTimer timer(2, true);
+    passTicks(1.5);
+    EXPECT_EQ(timer.count(), 0u);
+    passTicks(19.5);
+    EXPECT_EQ(timer.count(), 10u);
+    passTime(60 * kTick); /* at once */
+    awaitManager();
+    EXPECT_EQ(timer.count(), 40u);
+    passTime(1000 * kTick);
+    awaitManager();
+    EXPECT_LE(timer.count(), 42u) << "a process that stood still is not flooded";
+    const uint32_t before = timer.count();
+    passTicks(20);
+    EXPECT_EQ(timer.count(), before + 10) << "it is still on its grid";
+}
+
+TEST_F(TamoOsTimer, HundredThousandTimersOfOneTickExpireOnceEach) {
+    static std::vector<uint8_t> expiries;
+    expiries.assign(100000, 0);
+    OsTmrCreateParam param = {};
+    param.ticks = 1;
+    param.expiry = [](OsTmrCreateParam *record) { expiries[record->key]++; };
+    for (size_t i = 0; i < expiries.size(); i++) {
+        param.key = i;
+        uint32_t handle = 0;
+        ASSERT_EQ(OsTmrCreate(&param, &handle), 0u);
+    }
+    passTicks(3);
+    EXPECT_EQ(expiries, std::vector<uint8_t>(100000, 1));
 }
 
 /* ---- deletion ---- */
@@ -125,42 +146,38 @@ TEST_F(TamoOsTimer, DeletionWaitsForTheRunningExpiry) {
         TestTimer timer(0, periodic, [&](uint32_t) {
             inside.count_down();
             go.wait();
-            for (const auto end = Clock::now() + 2 * kTick; Clock::now() < end;) {
+            for (int i = 0; i < 1000; i++) { /* the deletion begins meanwhile */
                 std::this_thread::yield();
             }
             ended = true;
         });
+        passTime(kTick);
         inside.wait();
         go.count_down();
         EXPECT_EQ(OsTmrDelete(timer.handle), 0u);
         EXPECT_TRUE(ended);
-        TestTimer later(3, false);
-        later.await(1);
+        awaitManager();
+        passTicks(3);
         EXPECT_EQ(timer.count(), 1u);
     }
 }
 
 TEST_F(TamoOsTimer, ExpiriesMayDeleteThemselvesAndOthersAndCreateTimers) {
     std::unique_ptr<TestTimer> born;
-    std::latch begin(1);
     TestTimer victim(40, false);
     TestTimer self(0, true, [&](uint32_t n) {
-        if (n == 1) {
-            begin.wait();
-            return;
+        if (n == 2) {
+            EXPECT_EQ(OsTmrDelete(self.handle), 0u);
+            EXPECT_NE(OsTmrDelete(self.handle), 0u);
+            EXPECT_EQ(OsTmrDelete(victim.handle), 0u);
+            born = std::make_unique<TestTimer>(0, false);
         }
-        EXPECT_EQ(OsTmrDelete(self.handle), 0u);
-        EXPECT_NE(OsTmrDelete(self.handle), 0u);
-        EXPECT_EQ(OsTmrDelete(victim.handle), 0u);
-        born = std::make_unique<TestTimer>(0, false);
     });
-    TestTimer later(60, false);
-    begin.count_down();
-    later.await(1);
+    passTicks(60);
     EXPECT_EQ(self.count(), 2u);
     EXPECT_EQ(victim.count(), 0u);
     ASSERT_NE(born, nullptr);
-    born->await(1);
+    EXPECT_EQ(born->count(), 1u);
 }
 
 /* ---- refusals ---- */
@@ -192,6 +209,7 @@ TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
         go.wait();
     });
     TestTimer waiting(kFar, false);
+    passTime(kTick);
     inside.wait();
     const pid_t child = fork();
     if (child == 0) {
@@ -203,7 +221,7 @@ TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
         const bool started = refused && OsTmrManagerInit(0, kTickUs, 0) == 0 &&
                              OsTmrDelete(waiting.handle) != 0 && OsTmrCreate(&param, &handle) == 0;
         while (started) {
-            pause();
+            passTime(kTick);
         }
         _exit(1);
     }
@@ -219,7 +237,7 @@ TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
 
 /* Each timer's memory goes as soon as its deletion has returned. */
 TEST_F(TamoOsTimer, NoExpiryTouchesATimerThatWasDeleted) {
-    std::atomic<uint32_t> expiries{0};
+    std::atomic<uint32_t> expiries{0}, running{4};
     std::vector<std::thread> threads;
     for (unsigned seed = 0; seed < 4; seed++) {
         threads.emplace_back([&, seed] {
@@ -233,7 +251,12 @@ TEST_F(TamoOsTimer, NoExpiryTouchesATimerThatWasDeleted) {
                 }
                 TestTimer(random(2), random(2) == 0).await(1);
             }
+            running--;
         });
+    }
+    while (running != 0) {
+        passTime(kTick);
+        std::this_thread::yield();
     }
     for (std::thread &thread : threads) {
         thread.join();
