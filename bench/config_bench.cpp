@@ -4,13 +4,9 @@
  * The bare rows have a file and a connection of their own with prepared statements, and copy each value
  * into the record. */
 #include <sqlite3.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,13 +21,10 @@ namespace {
 
 constexpr uint32_t kReadKeys = 500;
 constexpr uint32_t kWrittenKeys = 50;
-constexpr size_t kTurns = 60; /* of each row */
+using bench::require;
 
-void check(bool good, const char *what) {
-    if (!good) {
-        fprintf(stderr, "%s failed\n", what);
-        exit(1);
-    }
+bench::Table table(const char *title, size_t samples) {
+    return {.title = title, .samples = samples, .rounds = 120};
 }
 
 std::vector<ConfConfigOmRecord> makeRecords(uint32_t count) {
@@ -57,15 +50,15 @@ void changeValues(std::vector<ConfConfigOmRecord> &records) {
 class BareStore {
   public:
     explicit BareStore(const std::string &path) {
-        check(sqlite3_open_v2(path.c_str(), &database,
-                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                              nullptr) == SQLITE_OK &&
-                  sqlite3_exec(database,
-                               "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
-                               "CREATE TABLE IF NOT EXISTS setting (key TEXT PRIMARY KEY, "
-                               "value TEXT NOT NULL) WITHOUT ROWID",
-                               nullptr, nullptr, nullptr) == SQLITE_OK,
-              "opening the bare store");
+        require(sqlite3_open_v2(path.c_str(), &database,
+                                SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                                nullptr) == SQLITE_OK &&
+                    sqlite3_exec(database,
+                                 "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+                                 "CREATE TABLE IF NOT EXISTS setting (key TEXT PRIMARY KEY, "
+                                 "value TEXT NOT NULL) WITHOUT ROWID",
+                                 nullptr, nullptr, nullptr) == SQLITE_OK,
+                "opening the bare store");
         begin = prepare("BEGIN");
         beginWrite = prepare("BEGIN IMMEDIATE");
         commit = prepare("COMMIT");
@@ -87,7 +80,7 @@ class BareStore {
         run(begin);
         for (ConfConfigOmRecord &record : records) {
             bindKey(select, record);
-            check(sqlite3_step(select) == SQLITE_ROW, "bare read");
+            require(sqlite3_step(select) == SQLITE_ROW, "bare read");
             int length = sqlite3_column_bytes(select, 0);
             memcpy(record.value.text, sqlite3_column_text(select, 0),
                    static_cast<size_t>(length) + 1);
@@ -111,16 +104,16 @@ class BareStore {
   private:
     sqlite3_stmt *prepare(const char *text) {
         sqlite3_stmt *statement = nullptr;
-        check(sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement,
-                                 nullptr) == SQLITE_OK,
-              text);
+        require(sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement,
+                                   nullptr) == SQLITE_OK,
+                text);
         return statement;
     }
     static void bindKey(sqlite3_stmt *statement, const ConfConfigOmRecord &record) {
         sqlite3_bind_text(statement, 1, record.key.text, record.key.length, SQLITE_STATIC);
     }
     static void run(sqlite3_stmt *statement) {
-        check(sqlite3_step(statement) == SQLITE_DONE, "bare statement");
+        require(sqlite3_step(statement) == SQLITE_DONE, "bare statement");
         sqlite3_reset(statement);
     }
 
@@ -135,44 +128,40 @@ MeetingServerMsgBlock *makeBlock(const std::vector<ConfConfigOmRecord> &records)
     }
     MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(
         items.data(), static_cast<uint32_t>(items.size() * sizeof(items[0])));
-    check(block != nullptr, "making a message block");
+    require(block != nullptr, "making a message block");
     block->itemCount = static_cast<uint32_t>(items.size());
     return block;
 }
 
 void readAsBlock(MeetingServerMsgBlock *block) {
-    check(ConfConfigGetConfConfig(0, block, GetMeetingServerMsgBlockSize(block)) == 0,
-          "ConfConfigGetConfConfig");
+    require(ConfConfigGetConfConfig(0, block, GetMeetingServerMsgBlockSize(block)) == 0,
+            "ConfConfigGetConfConfig");
     OSMemTypeFreeMon(block->resultList, 0, 0, __LINE__, "config_bench");
     block->resultList = nullptr;
 }
 
-bool measureReading(const std::string &root) {
+void measureReading(const std::string &root) {
     auto records = makeRecords(kReadKeys);
-    check(TamoOmConfigStringMset(records.data(), kReadKeys) == 0, "TamoOmConfigStringMset");
+    require(TamoOmConfigStringMset(records.data(), kReadKeys) == 0, "TamoOmConfigStringMset");
     BareStore bare(root + "/read.db");
     bare.write(records);
     MeetingServerMsgBlock *block = makeBlock(records);
-    bool within = bench::compare(
-        "500 keys read",
+    bench::compare(
+        table("500 keys read", 10),
         {{"bare prepared reads, one transaction", 0, [&] { bare.read(records); }},
          {"TamoOmConfigStringMget", 1.2,
-          [&] { check(TamoOmConfigStringMget(records.data(), kReadKeys) == 0, "Mget"); }},
-         {"ConfConfigGetConfConfig", 1.2, [&] { readAsBlock(block); }}},
-        4, kTurns);
+          [&] { require(TamoOmConfigStringMget(records.data(), kReadKeys) == 0, "Mget"); }},
+         {"ConfConfigGetConfConfig", 1.2, [&] { readAsBlock(block); }}});
     OSMemTypeFreeMon(block, 0, 0, __LINE__, "config_bench");
 
     std::vector<ConfConfigOmRecord> one(records.begin(), records.begin() + 1);
-    within = bench::compare("One key read",
-                            {{"bare prepared read", 0, [&] { bare.read(one); }},
-                             {"TamoOmConfigStringGet", 1.3,
-                              [&] { check(TamoOmConfigStringGet(&one[0]) == 0, "Get"); }}},
-                            200, kTurns) &&
-             within;
-    return within;
+    bench::compare(table("One key read", 200),
+                   {{"bare prepared read", 0, [&] { bare.read(one); }},
+                    {"TamoOmConfigStringGet", 1.3,
+                     [&] { require(TamoOmConfigStringGet(&one[0]) == 0, "Get"); }}});
 }
 
-bool measureWriting(const std::string &root) {
+void measureWriting(const std::string &root) {
     BareStore bare(root + "/written.db");
     bare.write(makeRecords(kReadKeys));
     auto records = makeRecords(kReadKeys);
@@ -183,15 +172,14 @@ bool measureWriting(const std::string &root) {
     };
     auto clientWrite = [&] {
         changeValues(records);
-        check(TamoOmConfigStringMset(records.data(), kWrittenKeys) == 0, "TamoOmConfigStringMset");
+        require(TamoOmConfigStringMset(records.data(), kWrittenKeys) == 0,
+                "TamoOmConfigStringMset");
     };
-    bool within = bench::compare("50 records written",
-                                 {{"bare transaction, one flush", 0, bareWrite},
-                                  {"TamoOmConfigStringMset", 1.2, clientWrite}},
-                                 4, kTurns);
+    bench::compare(table("50 records written", 10), {{"bare transaction, one flush", 0, bareWrite},
+                                                     {"TamoOmConfigStringMset", 1.2, clientWrite}});
 
     TamoHostConfigWatch *watch = nullptr;
-    check(TamoHostConfigWatchOpen(&watch) == TAMO_HOST_OK, "TamoHostConfigWatchOpen");
+    require(TamoHostConfigWatchOpen(&watch) == TAMO_HOST_OK, "TamoHostConfigWatchOpen");
     std::atomic<bool> over = false;
     std::thread watcher([&] {
         auto visit = [](const TamoHostConfigChange *, void *) -> uint32_t { return TAMO_HOST_OK; };
@@ -199,27 +187,19 @@ bool measureWriting(const std::string &root) {
             (void)TamoHostConfigWatchNext(watch, 100, visit, nullptr);
         }
     });
-    within = bench::compare("50 records written and reported",
-                            {{"bare transaction, one flush", 0, bareWrite},
-                             {"TamoOmConfigStringMset, a watcher reads", 1.3, clientWrite}},
-                            4, kTurns) &&
-             within;
+    bench::compare(table("50 records written and reported", 10),
+                   {{"bare transaction, one flush", 0, bareWrite},
+                    {"TamoOmConfigStringMset, a watcher reads", 1.3, clientWrite}});
     over = true;
     watcher.join();
     TamoHostConfigWatchClose(watch);
-    return within;
 }
 
 }  // namespace
 
 int main() {
-    const char *temporary = getenv("TMPDIR");
-    std::string root =
-        std::string(temporary == nullptr ? "/tmp" : temporary) + "/config_bench.XXXXXX";
-    check(mkdtemp(root.data()) != nullptr, "making a device root");
-    setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
-    const bool read = measureReading(root);
-    const bool written = measureWriting(root);
-    std::filesystem::remove_all(root);
-    return read && written ? 0 : 1;
+    const bench::DeviceRoot root;
+    measureReading(root.path());
+    measureWriting(root.path());
+    return bench::finish();
 }

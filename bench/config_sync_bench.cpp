@@ -1,11 +1,8 @@
 /* Ten thousand bound items: what binding, pulling and applying them costs beside the bare store
- * transactions that they demand, and what a report costs as it grows. */
-#include <stdio.h>
-#include <stdlib.h>
-
+ * transactions that they demand, and what a report costs per key as it grows. */
 #include <algorithm>
 #include <array>
-#include <filesystem>
+#include <cstdio>
 #include <functional>
 #include <random>
 #include <string>
@@ -22,11 +19,10 @@ namespace {
 constexpr int32_t kItems = 10000;
 constexpr int32_t kBatch = 50;
 
-void check(bool good, const char *what) {
-    if (!good) {
-        fprintf(stderr, "%s failed\n", what);
-        exit(1);
-    }
+using bench::require;
+
+bench::Table table(const char *title, size_t rounds) {
+    return {.title = title, .samples = 1, .rounds = rounds, .seconds = 15};
 }
 
 std::vector<int32_t> numbers(kItems);
@@ -39,7 +35,7 @@ void bindAll() {
 }
 
 void bindAnew() {
-    check(ConfConfigInit(bindAll, "Bench", "Conf") == 0, "ConfConfigInit");
+    require(ConfConfigInit(bindAll, "Bench", "Conf") == 0, "ConfConfigInit");
 }
 
 template <typename Record>
@@ -67,7 +63,7 @@ void measureItems() {
             TamoOmConfigsetIntValue(&record->value, number);
         });
         for (int32_t at = 0; at < kItems; at += kBatch) {
-            check(TamoOmConfigStringMset(&records[static_cast<size_t>(at)], kBatch) == 0, "Mset");
+            require(TamoOmConfigStringMset(&records[static_cast<size_t>(at)], kBatch) == 0, "Mset");
         }
     };
     const auto apply = [&](uint8_t level) {
@@ -75,26 +71,25 @@ void measureItems() {
         changeValues<ConfConfigListItem>(&list, [](ConfConfigListItem *item, int number) {
             snprintf(item->value, sizeof(item->value), "%d", number);
         });
-        check(ConfConfigSetList(list.data(), kItems, 1) == kItems, "ConfConfigSetList");
+        require(ConfConfigSetList(list.data(), kItems, 1) == kItems, "ConfConfigSetList");
         SetLogLevel(CONF_LOG_INFO);
     };
     bindAnew();
     bench::compare(
-        "10,000 changed items applied",
+        table("10,000 changed items applied", 15),
         {{"200 bare transactions of 50 records", 0, write},
-         {"ConfConfigSetList, errors only in the log", 0, [&] { apply(CONF_LOG_ERROR); }},
-         {"ConfConfigSetList, its 20,000 records logged", 0, [&] { apply(CONF_LOG_INFO); }}},
-        1, 3);
-    bench::compare("10,000 items pulled, and bound",
-                   {{"bare TamoOmConfigStringGet of each", 0,
-                     [&] {
-                         for (ConfConfigOmRecord &record : records) {
-                             check(TamoOmConfigStringGet(&record) == 0, "TamoOmConfigStringGet");
-                         }
-                     }},
-                    {"ConfConfigInitOmCfg", 0, ConfConfigInitOmCfg},
-                    {"ConfConfigInit with 10,000 ConfConfigBind", 0, bindAnew}},
-                   1, 3);
+         {"ConfConfigSetList, errors only in the log", 1.2, [&] { apply(CONF_LOG_ERROR); }},
+         {"ConfConfigSetList, its 20,000 records in the log", 0, [&] { apply(CONF_LOG_INFO); }}});
+    bench::compare(
+        table("10,000 items pulled, and bound", 15),
+        {{"bare TamoOmConfigStringGet of each", 0,
+          [&] {
+              for (ConfConfigOmRecord &record : records) {
+                  require(TamoOmConfigStringGet(&record) == 0, "TamoOmConfigStringGet");
+              }
+          }},
+         {"ConfConfigInitOmCfg", 1.1, ConfConfigInitOmCfg},
+         {.name = "ConfConfigInit with 10,000 ConfConfigBind", .limit = 0, .run = bindAnew}});
 }
 
 uint64_t told;
@@ -124,30 +119,19 @@ void measureReports() {
         ConfConfigBind(name.c_str(), CONF_VALUE_INT, &numbers[i], 4, callbacks[i / 10]);
     }
     ConfConfigOmVal value = {"4711", 4};
-    bench::compare("Reports of 2,000 keys",
-                   {{"20 callbacks of 10 keys, ten reports", 0,
-                     [&] {
-                         for (int i = 0; i < 10; i++) {
-                             report(&value, 20);
-                         }
-                     }},
-                    {"200 callbacks of 10 keys, one report", 0, [&] { report(&value, 200); }}},
-                   1, 60);
-    check(told > 0, "delivering a report");
+    bench::compare(table("A report, per key", 200),
+                   {{"20 callbacks of 10 keys", 0, [&] { report(&value, 20); }, 200},
+                    {"200 callbacks of 10 keys", 2, [&] { report(&value, 200); }, 2000}});
+    require(told > 0, "delivering a report");
 }
 
 }  // namespace
 
 int main() {
-    const char *temporary = getenv("TMPDIR");
-    std::string root =
-        std::string(temporary == nullptr ? "/tmp" : temporary) + "/config_sync_bench.XXXXXX";
-    check(mkdtemp(root.data()) != nullptr, "making a device root");
-    setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
-    check(ConfLogInit() == 0, "ConfLogInit");
+    const bench::DeviceRoot root;
+    require(ConfLogInit() == 0, "ConfLogInit");
     measureItems();
     measureReports();
     ConfLogUnInit();
-    std::filesystem::remove_all(root);
-    return 0;
+    return bench::finish();
 }

@@ -1,9 +1,7 @@
 /* What a message costs, beside what the bare socket costs, in one run.
  *
- * Each row is a pair of processes. The rows take turns in every round, so that whatever else the
- * machine does meets them all; all samples of all rounds count. "One core" holds both processes on
- * the same core: its ratios are of work, not of waking a sleeping core. Usage: message_bench
- * [rounds]. */
+ * Each row is a pair of processes. "One core" holds both processes on the same core: its ratios are of
+ * work, not of waking a sleeping core. */
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -18,13 +16,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/message_rivals.h"
+#include "bench/take_turns.h"
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
 #include "tamo_host.h"
@@ -270,45 +268,23 @@ std::vector<Table> makeTables() {
     return tables;
 }
 
-double quantile(std::vector<double> &samples, double q) {
-    const auto at = static_cast<std::ptrdiff_t>(q * static_cast<double>(samples.size() - 1));
-    std::nth_element(samples.begin(), samples.begin() + at, samples.end());
-    return samples[static_cast<size_t>(at)];
-}
-
-void takeTurn(rivals::Row &row, uint32_t operations) {
-    for (uint32_t i = 0; i < operations; ++i) {
-        const double begin = rivals::now();
-        row.operation();
-        row.samples.push_back((rivals::now() - begin) / row.operationsInOne);
+/* Measures one table. */
+void compare(Table &table, bool oneCore, size_t rounds) {
+    std::vector<bench::Row> rows;
+    for (rivals::Row &row : table.rows) {
+        const bool bounded = oneCore == table.oneCore && rows.size() == 1;
+        rows.push_back({.name = row.name.c_str(),
+                        .limit = bounded ? table.limit : 0,
+                        .run = row.operation,
+                        .calls = row.operationsInOne});
     }
-}
-
-/* Prints a table; false when it is over its limits. */
-bool printTable(Table &table, bool oneCore) {
-    std::printf("\n%s, %s\n%-34s %12s %7s %12s %7s\n", table.title,
-                oneCore ? "one core" : "two cores", "", "median ns", "ratio", "p99 ns", "ratio");
-    double median = 0;
-    double tail = 0;
-    bool good = true;
-    for (size_t i = 0; i < table.rows.size(); ++i) {
-        rivals::Row &row = table.rows[i];
-        const double rowMedian = quantile(row.samples, 0.5);
-        const double rowTail = quantile(row.samples, 0.99);
-        median = i == 0 ? rowMedian : median;
-        tail = i == 0 ? rowTail : tail;
-        std::printf("%-34s %12.0f %7.2f %12.0f %7.2f\n", row.name.c_str(), rowMedian,
-                    rowMedian / median, rowTail, rowTail / tail);
-        good = good && (i != 1 || oneCore != table.oneCore || rowMedian <= table.limit * median);
-    }
-    if (oneCore == table.oneCore) {
-        std::printf("limit %.2f: %s\n", table.limit, good ? "met" : "NOT MET");
-    }
-    return good;
+    const std::string title = std::string(table.title) + (oneCore ? ", one core" : ", two cores");
+    bench::compare({.title = title.c_str(), .samples = table.operationsInTurn, .rounds = rounds},
+                   rows);
 }
 
 /* One set of processes on the given cores. */
-bool measure(int senderCore, int receiverCore, int rounds) {
+void measure(int senderCore, int receiverCore, size_t rounds) {
     std::vector<Table> tables = makeTables();
     std::vector<pid_t> children;
     for (Table &table : tables) {
@@ -330,38 +306,25 @@ bool measure(int senderCore, int receiverCore, int rounds) {
             if (row.connect) {
                 row.connect();
             }
-            takeTurn(row, table.operationsInTurn);
-            row.samples.clear();
         }
     }
-    bool good = true;
     for (Table &table : tables) {
-        for (int i = 0; i < rounds; ++i) {
-            for (rivals::Row &row : table.rows) {
-                takeTurn(row, table.operationsInTurn);
-            }
-        }
-        good = printTable(table, senderCore == receiverCore) && good;
+        compare(table, senderCore == receiverCore, rounds);
     }
     for (const pid_t child : children) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
     }
-    return good;
 }
 
 }  // namespace
 
-int main(int argc, char **argv) {
-    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
-    char root[] = "/tmp/message-bench-XXXXXX";
-    check(mkdtemp(root) != nullptr, "mkdtemp");
-    setenv("TAMO_DEVICE_ROOT", root, 1);
-    bool good = measure(0, 0, rounds);
+int main() {
+    constexpr size_t kRounds = 20;
+    const bench::DeviceRoot root;
+    measure(0, 0, kRounds);
     if (sysconf(_SC_NPROCESSORS_ONLN) > 1) {
-        good = measure(0, 1, rounds) && good;
+        measure(0, 1, kRounds);
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(root, ignored);
-    return good ? 0 : 1;
+    return bench::finish();
 }

@@ -30,12 +30,6 @@ void check(bool good, const char *what) {
     }
 }
 
-double now() {
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
-}
-
 void pin(int core) {
     cpu_set_t cores;
     CPU_ZERO(&cores);

@@ -14,14 +14,12 @@ struct Row {
     std::function<void()> serve;     /* the other process: never returns */
     std::function<void()> connect;   /* once, before the first operation */
     std::function<void()> operation; /* what is measured */
-    double operationsInOne = 1;
-    std::vector<double> samples; /* nanoseconds of one */
+    size_t operationsInOne = 1;
 };
 
 /* Ends the program with a message when something that must work does not. */
 void check(bool good, const char *what);
 
-double now();
 void pin(int core);
 
 /* The same bytes in a sealed memory file, read where it is mapped. */

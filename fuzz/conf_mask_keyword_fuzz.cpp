@@ -11,7 +11,7 @@
 #include "fuzz/scratch.h"
 #include "include/conf_mask_keyword.h"
 #include "platform/tamo_os_mem.h"
-#include "tests/common/mask_model.h"
+#include "fuzz/mask_model.h"
 
 namespace {
 

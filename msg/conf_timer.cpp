@@ -19,6 +19,7 @@
  * So nobody waits for an expiry but a deletion, which does not wait when the expiry itself makes it. */
 #include "include/conf_timer.h"
 
+#include <atomic>
 #include <mutex>
 #include <utility>
 
@@ -65,6 +66,15 @@ class TimerLock {
 void logCopyFailure(const char *function, int error) {
     ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__, "conf secure func failed, err = %d!\n",
                   error);
+}
+
+/* Handles change under stateMutex, and are read without it too. */
+uint32_t handleOf(uint32_t *timer) {
+    return std::atomic_ref<uint32_t>(*timer).load(std::memory_order_acquire);
+}
+
+void setHandle(uint32_t *timer, uint32_t handle) {
+    std::atomic_ref<uint32_t>(*timer).store(handle, std::memory_order_release);
 }
 
 void releaseBlock(void *block, uint32_t line = __builtin_LINE()) {
@@ -183,7 +193,7 @@ void endExpiry(ExpiryUnderWay *expiry) {
         expiries.remove(expiry);
         released = expiry->releasesData ? unlessSent(expiry->data) : nullptr;
         if (expiry->isLast && *expiry->timer == expiry->handle) {
-            *expiry->timer = 0;
+            setHandle(expiry->timer, 0);
         }
     }
     releaseBlock(released);
@@ -342,11 +352,7 @@ bool copyData(const StartRequest &request, const Timer *timer, void **copy) {
  * this timer delivers nothing afterwards. */
 template <typename Timer>
 void endTimer(Timer *timer) {
-    uint32_t handle;
-    {
-        const StateLock lock(stateMutex);
-        handle = timer->handle;
-    }
+    const uint32_t handle = handleOf(&timer->handle);
     if (handle != 0) {
         OsTmrDelete(handle);
     }
@@ -357,7 +363,7 @@ void endTimer(Timer *timer) {
         if (start != nullptr) {
             start->ended = true;
         }
-        timer->handle = 0;
+        setHandle(&timer->handle, 0);
         released = unlessSent(std::exchange(timer->data, nullptr));
     }
     releaseBlock(released);
@@ -385,7 +391,7 @@ void finishStart(const StartRequest &request, const StartUnderWay &start, Timer 
         const StateLock lock(stateMutex);
         starts.remove(&start);
         if (created != 0) {
-            timer->handle = created;
+            setHandle(&timer->handle, created);
         }
         timer->param = request.param;
         timer->dataLength = request.dataLength;
@@ -537,8 +543,7 @@ bool ConfTimerIsVaild(ConfTimer *timer) {
         CONF_LOG(CONF_LOG_ERROR, "Null ptr.");
         return false;
     }
-    const StateLock lock(stateMutex);
-    return timer->handle != 0;
+    return handleOf(&timer->handle) != 0;
 }
 
 uint32_t ConfTimerStart(ConfTimer *timer, uint32_t durationMs, uint32_t param, const void *data,
