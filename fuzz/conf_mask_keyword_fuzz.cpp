@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/mask_model.h"
 #include "fuzz/scratch.h"
 #include "include/conf_mask_keyword.h"
 #include "platform/tamo_os_mem.h"
-#include "fuzz/mask_model.h"
 
 namespace {
 
