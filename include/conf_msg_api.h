@@ -8,8 +8,8 @@
  * 3. A receiver's name has at most 15 characters.
  * 4. Any thread may send. Handlers run on the thread that calls ConfCommMsgProcess; the
  *    notification callback runs on the notifying thread.
- * 5. Failures leave an error record that names the receiver and the platform's code, except where an
- *    asynchronous send says otherwise.
+ * 5. A send that fails leaves an error record, except where an asynchronous send says otherwise; one
+ *    that the platform refused names the receiver and the platform's code.
  * 6. On a workstation a queue holds up to CONF_MSG_QUEUE_MESSAGES messages and CONF_MSG_QUEUE_BYTES
  *    bytes of them, from all senders together; a send beyond is refused at once. A queued message
  *    arrives also when its sender ends, in the order in which one thread sent.
@@ -101,8 +101,8 @@ uint32_t ConfCommMsgAsynSend(const char *receiverProcess, ConfMsgHandler handler
 
 /* Runs the handler of a received message and answers a waiting sender. The message stays the
  * message layer's. 0 when the handler ran (whether or not the answer arrived), 1 for a null
- * message, another kind of message or a null handler, CONF_COMM_ERR_MSG_INVALID for a body that is
- * missing or too short. */
+ * message, another kind of message (which leaves no record) or a null handler,
+ * CONF_COMM_ERR_MSG_INVALID for a body that is missing or too short. */
 uint32_t ConfCommMsgProcess(OsMsgHeader *message);
 
 /* Whether this process may send messages: always true. */
@@ -112,7 +112,8 @@ bool ConfCommMsgCheckPermission(void);
  * start-up: the pointer is not synchronised. */
 void ConfRegisterNotifyFunc(ConfNotifyFunc callback);
 
-/* Calls the callback with a result of 0 and returns what it returns; 1 when none is registered. */
+/* Calls the callback with a result of 0 and returns what it returns; 1, without a record, when none is
+ * registered. */
 uint32_t ConfCommSendNotifyToApp(uint32_t notifyId, const void *data, uint32_t dataLength);
 
 /* The same with a result. */

@@ -1,8 +1,8 @@
 /* The workstation host's own operations: what a program needs there beyond the platform libraries.
  *
  * 1. Results are 0 for success and a TAMO_HOST_ code for failure, unless an operation says
- *    otherwise; each failure also leaves a record in the process's log file, or on standard error
- *    before one is open, that says what to do.
+ *    otherwise; each failure but TAMO_HOST_TIMEOUT also leaves a record in the process's log file, or
+ *    on standard error before one is open, that says what to do.
  * 2. Nothing here exists on a terminal: keep its use to a program's main loop and tools.
  * 3. Files and sockets lie below the device root: the directory that TAMO_DEVICE_ROOT names when a
  *    process first needs it, else "tamo" in the user's data directory. It is created private, and

@@ -13,6 +13,8 @@
 #include <charconv>
 #include <chrono>
 
+#include "host/base/clock.h"
+#include "host/base/fast_tls.h"
 #include "host/base/fork.h"
 
 namespace tamo::log {
@@ -30,7 +32,7 @@ struct ThreadPrefix {
     char date[kDateLength + 1];
     char process[kProcessNameMax + 28]; /* name[pid/tid] */
 };
-__thread ThreadPrefix threadPrefix __attribute__((tls_model("initial-exec")));
+__thread ThreadPrefix threadPrefix TAMO_FAST_TLS;
 
 /* Process and thread ids are other ones after a fork. */
 std::atomic<uint32_t> forkCount{1};
@@ -225,19 +227,20 @@ char *putRecordText(char *at, const char *text, size_t limit) {
     return putText(at, kLogCutMark, sizeof(kLogCutMark) - 1);
 }
 
-char *putHead(char *at, uint8_t level, const struct timespec &now) {
+char *putHead(char *at, uint8_t level, uint64_t now) {
     ThreadPrefix *prefix = &threadPrefix;
     const uint32_t forks = forkCount.load(std::memory_order_relaxed);
     if (prefix->forks != forks) {
         makeProcess(prefix, forks);
     }
-    const int64_t local = static_cast<int64_t>(now.tv_sec) + utcOffset(now.tv_sec);
+    const auto second = static_cast<int64_t>(now / kNsPerSecond);
+    const int64_t local = second + utcOffset(second);
     if (prefix->second != local) {
         makeDate(prefix, local);
     }
     at = putText(at, prefix->date, kDateLength);
     *at++ = '.';
-    at = putDigits(at, static_cast<uint32_t>(now.tv_nsec / 1000), 6);
+    at = putDigits(at, static_cast<uint32_t>(now % kNsPerSecond / 1000), 6);
     *at++ = ' ';
     at = putLevel(at, level);
     at = putText(at, prefix->process, prefix->processLength);
@@ -248,8 +251,7 @@ char *putHead(char *at, uint8_t level, const struct timespec &now) {
 }  // namespace
 
 uint32_t composeLogLine(LogLine *line, const LogOrigin &origin, const char *text, size_t limit) {
-    struct timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t now = wallClockNs();
     const char *unit = origin.unit == nullptr ? "?" : origin.unit;
     char *at = putHead(line->text, origin.level, now);
     at = putEscaped(at, unit, strnlen(unit, kLogUnitMax));
@@ -259,7 +261,7 @@ uint32_t composeLogLine(LogLine *line, const LogOrigin &origin, const char *text
     at = putRecordText(at, text, limit < kLogTextMax ? limit : kLogTextMax);
     *at++ = '\n';
     line->length = static_cast<size_t>(at - line->text);
-    return static_cast<uint32_t>(static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000);
+    return static_cast<uint32_t>(now / kNsPerMs);
 }
 
 }  // namespace tamo::log

@@ -1,6 +1,6 @@
 /* Routes and addresses, asked of the kernel anew each time. Answers are put into the caller's buffer
  * as they are read, and only counted from where it is full: so the size that would do is known at the
- * end of the one question. */
+ * end of the one request. */
 #include "platform/ip_helper.h"
 
 #include <arpa/inet.h>
@@ -17,10 +17,10 @@
 
 namespace {
 
-using tamo::askKernel;
-using tamo::beginQuestion;
-using tamo::NetlinkQuestion;
-using tamo::NetlinkReader;
+using tamo::network::askKernel;
+using tamo::network::beginRequest;
+using tamo::network::NetlinkReader;
+using tamo::network::NetlinkRequest;
 
 /* Failures other than a buffer that is too small: numbers of the same family. */
 constexpr uint32_t kFailed = 31;
@@ -31,7 +31,7 @@ constexpr uint32_t kUnreachable = 1231;
 constexpr uint32_t kFamilyIpv6 = 23;
 constexpr uint8_t kIpv4Bits = 32;
 constexpr uint8_t kIpv6Bits = 128;
-/* Room for addresses that appear between the question for the size and the one for the table. */
+/* Room for addresses that appear between the request for the size and the one for the table. */
 constexpr uint64_t kSpareRows = 8;
 
 uint32_t maskOf(unsigned prefixLength) {
@@ -104,13 +104,13 @@ void readRoute(const nlmsghdr *message, void *context) {
 
 /* Asks for the route to an address of `bits` bits. False when there is none. */
 bool askRoute(uint8_t family, const void *address, uint8_t bits, uint32_t flags, Route *route) {
-    NetlinkQuestion question;
-    auto *header = static_cast<rtmsg *>(beginQuestion(&question, RTM_GETROUTE, 0, sizeof(rtmsg)));
+    NetlinkRequest request;
+    auto *header = static_cast<rtmsg *>(beginRequest(&request, RTM_GETROUTE, 0, sizeof(rtmsg)));
     header->rtm_family = family;
     header->rtm_dst_len = bits;
     header->rtm_flags = flags;
-    mnl_attr_put(question.message(), RTA_DST, bits / 8U, address);
-    return askKernel(&question, {forgetRoute, readRoute, route}) == 0;
+    mnl_attr_put(request.message(), RTA_DST, bits / 8U, address);
+    return askKernel(&request, {forgetRoute, readRoute, route}) == 0;
 }
 
 /* The table's own entry says towards which network it leads, and names the interface also when the
@@ -135,11 +135,11 @@ bool findRoute(uint8_t family, const void *address, uint8_t bits, Route *route) 
 
 /* Asks for all addresses of a family; false when the kernel does not tell. */
 bool askAddresses(uint8_t family, const NetlinkReader &reader) {
-    NetlinkQuestion question;
+    NetlinkRequest request;
     auto *header = static_cast<ifaddrmsg *>(
-        beginQuestion(&question, RTM_GETADDR, NLM_F_DUMP, sizeof(ifaddrmsg)));
+        beginRequest(&request, RTM_GETADDR, NLM_F_DUMP, sizeof(ifaddrmsg)));
     header->ifa_family = family;
-    return askKernel(&question, reader) == 0;
+    return askKernel(&request, reader) == 0;
 }
 
 /* Copies the address that a message tells of. On a line between two points that is the local one;

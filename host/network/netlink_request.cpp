@@ -1,7 +1,7 @@
-/* The kept sockets. Each thread has one, so that no answer meets another thread's question. The kernel
- * answers while the question is sent, so that a reply is there or on its way when the sending returns.
+/* The kept sockets. Each thread has one, so that no answer meets another thread's request. The kernel
+ * answers while the request is sent, so that a reply is there or on its way when the sending returns.
  * After anything unexpected the socket may hold the rest of an answer: it is closed, and the next
- * question opens a new one. */
+ * request opens a new one. */
 #include "host/network/netlink_request.h"
 
 #include <libmnl/libmnl.h>
@@ -15,11 +15,11 @@
 #include "host/base/descriptor.h"
 #include "host/base/log.h"
 
-namespace tamo {
+namespace tamo::network {
 
 namespace {
 
-constexpr char kUnit[] = "netlink_question";
+constexpr char kUnit[] = "netlink_request";
 
 /* What the kernel puts into one datagram, unless a reader has shown a larger buffer before. */
 constexpr size_t kAnswerBytes = 8192;
@@ -102,11 +102,11 @@ int readAnswer(const KernelLine &line, bool oneMessage, const NetlinkReader &rea
     return result;
 }
 
-int askOnce(KernelLine *line, nlmsghdr *question, const NetlinkReader &reader) {
-    question->nlmsg_seq = ++line->sequence;
-    const bool oneMessage = (question->nlmsg_flags & NLM_F_DUMP) == 0;
+int askOnce(KernelLine *line, nlmsghdr *request, const NetlinkReader &reader) {
+    request->nlmsg_seq = ++line->sequence;
+    const bool oneMessage = (request->nlmsg_flags & NLM_F_DUMP) == 0;
     reader.begin(reader.context);
-    while (send(line->socket.get(), question, question->nlmsg_len, 0) < 0) {
+    while (send(line->socket.get(), request, request->nlmsg_len, 0) < 0) {
         if (errno != EINTR) {
             return kBroken;
         }
@@ -120,25 +120,25 @@ int askOnce(KernelLine *line, nlmsghdr *question, const NetlinkReader &reader) {
 
 }  // namespace
 
-void *beginQuestion(NetlinkQuestion *question, uint16_t type, uint16_t flags, size_t size) {
-    nlmsghdr *message = mnl_nlmsg_put_header(question->bytes);
+void *beginRequest(NetlinkRequest *request, uint16_t type, uint16_t flags, size_t size) {
+    nlmsghdr *message = mnl_nlmsg_put_header(request->bytes);
     message->nlmsg_type = type;
     message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
     return mnl_nlmsg_put_extra_header(message, size);
 }
 
-int askKernel(NetlinkQuestion *question, const NetlinkReader &reader) {
+int askKernel(NetlinkRequest *request, const NetlinkReader &reader) {
     for (int attempt = 0; attempt < kAttempts; attempt++) {
         const int error = threadLine.socket.isOpen() ? 0 : openLine(&threadLine);
         if (error != 0) {
             hostRecord(
                 kError, kUnit, __LINE__,
-                "no socket for questions about routes and addresses (%s): look for a limit of "
+                "no socket for requests about routes and addresses (%s): look for a limit of "
                 "descriptors, or a filter that forbids netlink sockets",
                 strerror(error));
             return error;
         }
-        const int result = askOnce(&threadLine, question->message(), reader);
+        const int result = askOnce(&threadLine, request->message(), reader);
         if (result != kBroken) {
             return result;
         }
@@ -152,4 +152,4 @@ int askKernel(NetlinkQuestion *question, const NetlinkReader &reader) {
     return EAGAIN;
 }
 
-}  // namespace tamo
+}  // namespace tamo::network

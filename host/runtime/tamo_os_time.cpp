@@ -3,16 +3,18 @@
 
 #include <time.h>
 
+#include "host/base/clock.h"
+
 void OsGetTimeEx(OsTimeEx *record) {
     if (record == nullptr) {
         return;
     }
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t now = tamo::wallClockNs();
+    const auto second = static_cast<time_t>(now / tamo::kNsPerSecond);
     tm local = {};
     tzset(); /* localtime_r alone would not see a new time zone */
-    localtime_r(&now.tv_sec, &local);
-    record->milliseconds = static_cast<uint32_t>(now.tv_nsec / 1000000);
+    localtime_r(&second, &local);
+    record->milliseconds = static_cast<uint32_t>(now % tamo::kNsPerSecond / tamo::kNsPerMs);
     record->seconds = static_cast<uint32_t>(local.tm_sec);
     record->minutes = static_cast<uint32_t>(local.tm_min);
     record->hours = static_cast<uint32_t>(local.tm_hour);
@@ -22,7 +24,5 @@ void OsGetTimeEx(OsTimeEx *record) {
 }
 
 uint32_t OsGetSysTimeSec(void) {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint32_t>(now.tv_sec);
+    return static_cast<uint32_t>(tamo::wallClockNs() / tamo::kNsPerSecond);
 }
