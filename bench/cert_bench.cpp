@@ -15,12 +15,13 @@
 #include "platform/tamo_om_cert_client.h"
 #include "platform/tamo_om_cust_util.h"
 #include "tests/cert/cert_files.h"
+#include "tests/cert/handshake.h"
 #include "tests/support/scratch_root.h"
 
 namespace {
 
+using certs::Context;
 using std::string;
-using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 
 constexpr char kCertificate[] = "/data/server/cert.pem";
 constexpr char kKey[] = "/data/server/key.pem";
@@ -29,7 +30,6 @@ constexpr char kCrl[] = "/data/certfile/CRL";
 constexpr int kCaFiles = 30;
 constexpr int kLists = 100;
 constexpr int kRefreshedFiles = 1000;
-constexpr int kMostRoundTrips = 10;
 constexpr size_t kRounds = 40;
 
 ConfOmCertHandler handler;
@@ -43,10 +43,6 @@ void check(bool good, const char *what) {
 
 string native(const string &devicePath) {
     return support::scratchRoot() + devicePath;
-}
-
-Context serverContext() {
-    return Context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
 }
 
 /* ---- a server's context ---- */
@@ -63,21 +59,7 @@ void loadByKey(SSL_CTX *ctx) {
 }
 
 void shakeHands(SSL_CTX *serverSide, SSL_CTX *clientSide) {
-    SSL *server = SSL_new(serverSide), *client = SSL_new(clientSide);
-    BIO *ends[2] = {};
-    BIO_new_bio_pair(&ends[0], 1 << 16, &ends[1], 1 << 16);
-    SSL_set_bio(server, ends[0], ends[0]);
-    SSL_set_bio(client, ends[1], ends[1]);
-    SSL_set_accept_state(server);
-    SSL_set_connect_state(client);
-    bool done = false;
-    for (int round = 0; round < kMostRoundTrips && !done; round++) {
-        const int asked = SSL_do_handshake(client);
-        done = SSL_do_handshake(server) == 1 && asked == 1;
-    }
-    check(done, "a handshake failed");
-    SSL_free(client);
-    SSL_free(server);
+    check(certs::shakeHands(serverSide, clientSide).done, "a handshake failed");
 }
 
 /* ---- a client's context ---- */
@@ -96,7 +78,7 @@ void addListsBare(SSL_CTX *ctx) {
 }
 
 void equipBare() {
-    const Context ctx(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    const Context ctx = certs::clientContext();
     for (int i = 0; i < kCaFiles; i++) {
         const string path = native(kCa) + "/ca" + std::to_string(i) + ".pem";
         check(SSL_CTX_load_verify_file(ctx.get(), path.c_str()) == 1, "a CA file was refused");
@@ -105,7 +87,7 @@ void equipBare() {
 }
 
 void equip() {
-    const Context ctx(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    const Context ctx = certs::clientContext();
     ConfCaCertEntry table[CONF_CERT_MAX_CA_FILES];
     uint32_t count = 0;
     check(ConfCertGetCaCertList(table, &count) == 0 && count == kCaFiles, "no CA files");
@@ -182,7 +164,7 @@ int main() {
     putFiles(leaf);
     ConfCertInit(nullptr);
 
-    const Context bare = serverContext(), equipped = serverContext();
+    const Context bare = certs::serverContext(), equipped = certs::serverContext();
     bool within =
         bench::compare("A server's context, RSA key of 2048 bits",
                        {{"the bare OpenSSL calls", 0, [&] { loadBare(bare.get()); }},
@@ -193,7 +175,7 @@ int main() {
                              {"list, load all, add the lists", 1.1, equip}},
                             1, kRounds) &&
              within;
-    const Context client(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    const Context client = certs::clientContext();
     within = bench::compare(
                  "Handshakes, TLS 1.3",
                  {{"a bare context", 0, [&] { shakeHands(bare.get(), client.get()); }},

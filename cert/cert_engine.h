@@ -1,16 +1,14 @@
 /* The platform's OpenSSL engine, which signs with keys that never leave it. */
 #pragma once
 
-#include <openssl/evp.h>
 #include <openssl/types.h>
 
-#include "cert/openssl_owner.h"
+#include "common/openssl_owner.h"
 
 /* Gives back a reference of ENGINE_by_id. */
 void releaseEngine(ENGINE *engine);
 
 using EngineOwner = OpensslOwner<ENGINE, releaseEngine>;
-using KeyOwner = OpensslOwner<EVP_PKEY, EVP_PKEY_free>;
 
 /* The engine, loaded on first use; null, with a record, when it cannot be. */
 ENGINE *GetOpensslEngine();

@@ -38,6 +38,11 @@ uint32_t certIdOf(uint32_t type);
 /* The key identifier of a row, as of one moment. */
 ConfCertKey keyOf(const ConfCertRecord &row);
 
+/* How many key identifiers a type has had so far, once no new one is on its way from the service to
+ * the table. A load that failed and finds another number than before it may have seen the service's
+ * files of one certificate and the table's identifier of another. */
+uint32_t identifiersSoFar(uint32_t type);
+
 /* Are the contents of the type's certificate in two parts? */
 constexpr bool hasSecondPart(uint32_t type) {
     return (type & ~1U) == 2;
@@ -61,7 +66,5 @@ class CertPaths {
     [[maybe_unused]] char end_[4] = {};
 };
 
-/* Fills the address CA directory anew. Two refreshes at once end as one: each copies after it has
- * removed and makes the hashed copies after it has copied, so that whatever one of them takes away is
- * put back by itself. */
+/* Fills the address CA directory anew. Several refreshes at once take turns. */
 void ConfCertUpdateLdapCert();

@@ -1,13 +1,12 @@
-/* The address CA directory: CA certificates and revocation lists where OpenSSL looks them up by hash.
- * No lock: see ConfCertUpdateLdapCert in cert_table.h on what two refreshes do to each other. */
+/* The address CA directory: CA certificates and revocation lists where OpenSSL looks them up by hash. */
 #include <openssl/pem.h>
 
 #include <cerrno>
+#include <mutex>
 
 #include "cert/cert_table.h"
 #include "cert/directory_walk.h"
-#include "cert/openssl_owner.h"
-#include "cert/published_record.h"
+#include "cert/pem_file.h"
 #include "common/log.h"
 #include "config/config_switches.h"
 #include "include/conf_cert.h"
@@ -28,7 +27,19 @@ struct CertPath {
     char text[kCertPathSize];
 };
 
-constinit PublishedRecord<CertPath> addressDirectory;
+/* Guards the copy alone. */
+constinit std::mutex addressLock;
+constinit CertPath addressDirectory = {};
+
+/* Refreshes take turns with the files: the one that ends last has read every source after the others,
+ * so that what an earlier one read never replaces anything newer. Nothing is asked of the certificate
+ * service, nor of the switches, while it is held. */
+constinit std::mutex refreshLock;
+
+CertPath currentAddress() {
+    const std::lock_guard guard(addressLock);
+    return addressDirectory;
+}
 
 struct RefreshPaths {
     CertPath address, caSource, crlSource;
@@ -240,14 +251,18 @@ void takeServiceLayout(const char *function, RefreshPaths *paths) {
 }  // namespace
 
 void ConfCertUpdateLdapCert() {
-    RefreshPaths paths = {addressDirectory.read(), {}, {}};
+    RefreshPaths paths = {currentAddress(), {}, {}};
     const bool fixed = CallServiceIsForbiddenKitCap() != 0;
     if (fixed) {
         takeFixedLayout(__func__, &paths);
     } else {
         takeServiceLayout(__func__, &paths);
     }
-    addressDirectory.publish(paths.address);
+    {
+        const std::lock_guard guard(addressLock);
+        addressDirectory = paths.address;
+    }
+    const std::lock_guard turn(refreshLock);
     if (fixed) {
         ConfCertRemoveDirFile(paths.address.text);
     }
@@ -257,7 +272,7 @@ void ConfCertUpdateLdapCert() {
 }
 
 void ConfCertGetAddrCaPath(char *dst) {
-    const CertPath path = addressDirectory.read();
+    const CertPath path = currentAddress();
     const int error = memcpy_s(dst, kCertPathSize, path.text, sizeof(path.text));
     if (error != 0) {
         CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);

@@ -4,7 +4,7 @@
 
 #include "cert/cert_table.h"
 #include "cert/directory_walk.h"
-#include "cert/openssl_owner.h"
+#include "cert/pem_file.h"
 #include "common/log.h"
 #include "config/config_switches.h"
 #include "include/conf_cert.h"

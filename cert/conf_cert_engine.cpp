@@ -1,12 +1,12 @@
 /* Finding and loading the platform's engine. OpenSSL 3 has engines, and calls them deprecated. */
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/engine.h>
-#include <sched.h>
 
-#include <atomic>
+#include <mutex>
 
 #include "cert/cert_engine.h"
 #include "cert/cert_table.h"
+#include "cert/pem_file.h"
 #include "common/log.h"
 
 namespace {
@@ -16,8 +16,8 @@ constexpr const char *kUnit = kCertUnit;
 constexpr char kEngineId[] = "openssl_engine";
 constexpr char kEnginePath[] = "/system/lib64/libopenssl_engine.so";
 
-/* Loads between an engine's appearance in OpenSSL's list and its initialisation. */
-constinit std::atomic<uint32_t> loadsUnderWay{0};
+/* The first load is one thread's: others find the engine in OpenSSL's list once it is whole. */
+constinit std::mutex loading;
 
 /* One step of the "dynamic" engine; false, with a record under the caller's name. */
 bool command(const char *function, ENGINE *dynamic, const char *name, const char *text) {
@@ -61,21 +61,15 @@ void releaseEngine(ENGINE *engine) {
 }
 
 ENGINE *GetOpensslEngine() {
+    const std::lock_guard guard(loading);
     ERR_set_mark();
     ENGINE *engine = ENGINE_by_id(kEngineId);
     ERR_pop_to_mark();
     if (engine != nullptr) {
-        /* Another thread's first load may have got no further than the list. */
-        while (loadsUnderWay.load(std::memory_order_acquire) != 0) {
-            sched_yield();
-        }
         CONF_LOG(CONF_LOG_INFO, "ssl_engine has loaded");
         return engine;
     }
-    loadsUnderWay.fetch_add(1, std::memory_order_acq_rel);
-    engine = loadEngine(__func__);
-    loadsUnderWay.fetch_sub(1, std::memory_order_acq_rel);
-    return engine;
+    return loadEngine(__func__);
 }
 
 EVP_PKEY *loadEngineKey(ENGINE *engine, const char *keyId) {

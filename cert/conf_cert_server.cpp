@@ -6,7 +6,7 @@
 
 #include "cert/cert_engine.h"
 #include "cert/cert_table.h"
-#include "cert/openssl_owner.h"
+#include "cert/pem_file.h"
 #include "common/log.h"
 #include "include/conf_cert.h"
 #include "platform/bounds_checked.h"
@@ -174,13 +174,22 @@ int32_t ConfLoadServerCertificateByKey(SSL_CTX *ctx, uint32_t type) {
 
 }  // namespace
 
+/* While a certificate is replaced, what the service says of it and the identifier in the table may belong
+ * to two certificates for a moment: what fails then is tried again. */
 int32_t ConfLoadServerCert(SSL_CTX *ctx, uint32_t type) {
-    uint8_t flag = 0;
-    if (!ConfCertIsSupportKeyless(type, &flag)) {
-        CONF_LOG(CONF_LOG_ERROR, "server cert check error");
-        return -1;
+    for (;;) {
+        const uint32_t before = identifiersSoFar(type);
+        uint8_t flag = 0;
+        if (!ConfCertIsSupportKeyless(type, &flag)) {
+            CONF_LOG(CONF_LOG_ERROR, "server cert check error");
+            return -1;
+        }
+        CONF_LOG(CONF_LOG_INFO, "type=%u flag=%u", type, unsigned{flag});
+        const int32_t result = flag != 0 ? ConfLoadServerCertificateKeyLess(ctx, type)
+                                         : ConfLoadServerCertificateByKey(ctx, type);
+        if (result == 0 || identifiersSoFar(type) == before) {
+            return result;
+        }
+        CONF_LOG(CONF_LOG_INFO, "type=%u was replaced meanwhile, loading again", type);
     }
-    CONF_LOG(CONF_LOG_INFO, "type=%u flag=%u", type, unsigned{flag});
-    return flag != 0 ? ConfLoadServerCertificateKeyLess(ctx, type)
-                     : ConfLoadServerCertificateByKey(ctx, type);
 }

@@ -1,11 +1,12 @@
 /* The certificate table, its updates, and the application's callbacks. */
 #include <openssl/crypto.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 
 #include "cert/cert_table.h"
-#include "cert/published_record.h"
 #include "common/log.h"
 #include "common/platform_block.h"
 #include "config/config_switches.h"
@@ -22,7 +23,19 @@ constexpr size_t kCertificateBufferSize = kMostCertificateBytes + 1;
 constexpr ConfCertRecord kRows[] = {{0, 263, 6}, {1, 265, 8}, {2, 259, 2}, {3, 260, 3}};
 constexpr size_t kRowCount = sizeof(kRows) / sizeof(kRows[0]);
 
-constinit PublishedRecord<ConfCertKey> keys[kRowCount];
+/* What changes of a row. */
+struct RowState {
+    ConfCertKey key;
+    uint32_t stored;   /* identifiers that the row has had */
+    uint32_t onTheWay; /* updates between the service's answer and the table */
+};
+
+/* Held while a row is copied, and for nothing else. */
+constinit std::mutex tableLock;
+constinit RowState states[kRowCount] = {};
+
+/* Who asks for a certificate's contents: the start, or a notification, which is never older. */
+enum class Asker { kStart, kNotification };
 
 /* The application's callbacks, and whether a change of type 0 waits for the first one. */
 constinit std::atomic<ConfCertChangeCallback> changeCallback{nullptr};
@@ -106,19 +119,59 @@ bool GetCertId(const FetchedCertificate &fetched, ConfCertIdBuffer *keyId) {
     return true;
 }
 
-void SetCertInfo(uint32_t type, const uint8_t *keyId, uint32_t length) {
+/* The row of a type while a new identifier is fetched for it. */
+class IdentifierOnTheWay {
+  public:
+    explicit IdentifierOnTheWay(RowState *state) : state_(state) {
+        if (state_ != nullptr) {
+            const std::lock_guard guard(tableLock);
+            state_->onTheWay++;
+        }
+    }
+    ~IdentifierOnTheWay() {
+        if (state_ != nullptr) {
+            const std::lock_guard guard(tableLock);
+            state_->onTheWay--;
+        }
+    }
+    IdentifierOnTheWay(const IdentifierOnTheWay &) = delete;
+    IdentifierOnTheWay &operator=(const IdentifierOnTheWay &) = delete;
+
+  private:
+    RowState *state_;
+};
+
+RowState *stateOf(uint32_t type) {
     const ConfCertRecord *row = findCertType(type);
-    if (row == nullptr) {
+    return row == nullptr ? nullptr : &states[row - kRows];
+}
+
+uint32_t storedSoFar(uint32_t type) {
+    const RowState *state = stateOf(type);
+    const std::lock_guard guard(tableLock);
+    return state == nullptr ? 0 : state->stored;
+}
+
+/* Another identifier that came after `storedBefore` stays in place of one that the start asked for: a
+ * notification brought it. */
+void SetCertInfo(uint32_t type, const ConfCertIdBuffer &identifier, Asker asker,
+                 uint32_t storedBefore) {
+    RowState *state = stateOf(type);
+    if (state == nullptr) {
         CONF_LOG(CONF_LOG_ERROR, "no such type, [%d]", static_cast<int>(type));
         return;
     }
     ConfCertKey key = {};
-    key.keyIdLen = length;
-    const int error = memcpy_s(key.keyId, sizeof(key.keyId), keyId, length);
+    key.keyIdLen = identifier.length;
+    const int error = memcpy_s(key.keyId, sizeof(key.keyId), identifier.data, identifier.length);
     if (error != 0) {
         CONF_LOG(CONF_LOG_ERROR, "conf secure func failed, err = %d!\n", error);
     }
-    keys[row - kRows].publish(key);
+    const std::lock_guard guard(tableLock);
+    if (asker == Asker::kNotification || state->stored == storedBefore) {
+        state->key = key;
+        state->stored++;
+    }
 }
 
 /* Tells of a change of type 0, or remembers it. A callback that is registered meanwhile and the change
@@ -146,26 +199,36 @@ void tellChange(uint32_t type) {
     }
 }
 
-/* 0 done, 1 failed: then the row keeps the key identifier that it had. */
-int32_t ConfCertUpdateCertInfo(uint32_t type) {
-    CONF_LOG(CONF_LOG_INFO, "ConfCertUpdateCertInfo enter, type = [%d]", static_cast<int>(type));
-    FetchedCertificate fetched;
-    if (!ConfCertGetCertSizeAndInfo(type, &fetched)) {
-        return 1;
+/* Fetches a certificate's identifier into the table. */
+bool updateIdentifier(uint32_t type, Asker asker, FetchedCertificate *fetched) {
+    const uint32_t storedBefore = storedSoFar(type);
+    if (!ConfCertGetCertSizeAndInfo(type, fetched)) {
+        return false;
     }
     uint8_t keyId[kKeyIdSize] = {};
     ConfCertIdBuffer identifier = {keyId, sizeof(keyId)};
-    if (!GetCertId(fetched, &identifier)) {
+    const IdentifierOnTheWay onTheWay(stateOf(type));
+    if (!GetCertId(*fetched, &identifier)) {
+        return false;
+    }
+    SetCertInfo(type, identifier, asker, storedBefore);
+    return true;
+}
+
+/* 0 done, 1 failed: then the row keeps the key identifier that it had. */
+int32_t ConfCertUpdateCertInfo(uint32_t type, Asker asker) {
+    CONF_LOG(CONF_LOG_INFO, "ConfCertUpdateCertInfo enter, type = [%d]", static_cast<int>(type));
+    FetchedCertificate fetched;
+    if (!updateIdentifier(type, asker, &fetched)) {
         return 1;
     }
-    SetCertInfo(type, keyId, identifier.length);
     tellChange(type);
     return 0;
 }
 
 void ConfCertGetAllCert() {
     for (uint32_t type = 0; type < kRowCount; type++) {
-        if (ConfCertUpdateCertInfo(type) != 0) {
+        if (ConfCertUpdateCertInfo(type, Asker::kStart) != 0) {
             CONF_LOG(CONF_LOG_ERROR, "Failed to load the certificate. type = [%d]",
                      static_cast<int>(type));
         }
@@ -198,7 +261,7 @@ void ConfOmCertCallback(uint32_t msgId, uint32_t certId) {
     CONF_LOG(CONF_LOG_INFO, "ConfOmCertCallback enter, msgId = %u", msgId);
     switch (msgId) {
         case OM_CERT_MSG_SERVER:
-            (void)ConfCertUpdateCertInfo(typeOfCertificate(certId));
+            (void)ConfCertUpdateCertInfo(typeOfCertificate(certId), Asker::kNotification);
             break;
         case OM_CERT_MSG_CA:
             ConfCertUpdateLdapCert();
@@ -229,7 +292,21 @@ uint32_t certIdOf(uint32_t type) {
 }
 
 ConfCertKey keyOf(const ConfCertRecord &row) {
-    return keys[&row - kRows].read();
+    const std::lock_guard guard(tableLock);
+    return states[&row - kRows].key;
+}
+
+uint32_t identifiersSoFar(uint32_t type) {
+    const RowState *state = stateOf(type);
+    for (;;) {
+        {
+            const std::lock_guard guard(tableLock);
+            if (state == nullptr || state->onTheWay == 0) {
+                return state == nullptr ? 0 : state->stored;
+            }
+        }
+        sched_yield(); /* one question to the service, at most */
+    }
 }
 
 void ConfCertInit(void *argument) {

@@ -5,19 +5,23 @@
  *     openssl s_client -connect 127.0.0.1:4433 -CAfile chain.pem -quiet -ign_eof </dev/null
  *     tamoctl cert install 263 other_chain.pem other_key.pem    # running connections go on
  *
- * Each client gets one line. Certificate 263 is the library's type 0; installed with --engine, its key
+ * Each client gets one line, from a thread of its own: one that stands idle keeps nobody waiting, and is
+ * left after ten seconds. Certificate 263 is the library's type 0; installed with --engine, its key
  * stays in the engine and the server signs through it, without a change here.
  */
 #include <arpa/inet.h>
 #include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <thread>
+#include <vector>
 
 #include "conf_cert.h"
 #include "conf_log_adapter.h"
@@ -25,6 +29,7 @@
 namespace {
 
 constexpr uint32_t kType = 0;
+constexpr timeval kPatience = {10, 0};
 
 using Context = std::shared_ptr<SSL_CTX>;
 
@@ -75,6 +80,8 @@ int listenOn(uint16_t port, sockaddr_in *address) {
 }
 
 void serve(int connection) {
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof(kPatience));
+    setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
     const Context context = currentContext();
     const std::unique_ptr<SSL, decltype(&SSL_free)> tls(SSL_new(context.get()), SSL_free);
     SSL_set_fd(tls.get(), connection);
@@ -84,7 +91,12 @@ void serve(int connection) {
             snprintf(line, sizeof(line), "welcome by %s\n", SSL_get_version(tls.get()));
         SSL_write(tls.get(), line, length);
         SSL_shutdown(tls.get());
+        // What the client still sends is read, or else its system might drop the line unseen.
+        shutdown(connection, SHUT_WR);
+        while (read(connection, line, sizeof(line)) > 0) {
+        }
     }
+    close(connection);
 }
 
 }  // namespace
@@ -105,13 +117,22 @@ int main(int argc, char **argv) {
     }
     printf("listening on 127.0.0.1:%u\n", ntohs(address.sin_port));
     fflush(stdout);
-    // A hand's number of clients for a demonstration, else for ever.
+    // A few clients for a demonstration, else for ever.
+    std::vector<std::thread> serving;
     for (int left = argc > 2 ? atoi(argv[2]) : -1; left != 0; left -= left > 0) {
         const int connection = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection >= 0) {
-            serve(connection);
-            close(connection);
+        if (connection < 0) {
+            continue;
         }
+        std::thread thread(serve, connection);
+        if (left > 0) {
+            serving.push_back(std::move(thread));
+        } else {
+            thread.detach();
+        }
+    }
+    for (std::thread &thread : serving) {
+        thread.join();
     }
     close(listening);
     return 0;

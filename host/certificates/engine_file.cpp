@@ -7,17 +7,20 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
-#include "host/certificates/version.h"
+#include "host/certificates/engine_file.h"
+#include "host/certificates/layout.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::certificates {
 
 namespace {
 
@@ -103,4 +106,4 @@ uint32_t placeEngine() {
     return TAMO_HOST_SYSTEM;
 }
 
-}  // namespace tamo
+}  // namespace tamo::certificates

@@ -1,21 +1,22 @@
-/* See cert_notify.h.
- *
- * The first handler starts a thread that lives as long as the process. A child of fork has neither thread
+/* The first handler starts a thread that lives as long as the process. A child of fork has neither thread
  * nor handler until it registers its own. */
 #include "host/certificates/notify.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <atomic>
+#include <mutex>
 #include <new>
 
 #include "host/base/log.h"
 #include "host/certificates/watch.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::certificates {
 
 namespace {
 
@@ -32,6 +33,34 @@ std::atomic<ConfOmCertHandler> handlerNow;
 /* Made anew after a fork; the parent's, whose thread is not there, is left as it is. */
 CertWatch *watch = nullptr;
 
+/* ---- the versions that queries answer from ---- */
+
+constinit std::mutex versionsLock;
+constinit bool holdsBack = false; /* while there is a thread that tells of changes */
+constinit char told[kCertIds][kVersionNameSize] = {}; /* empty: there was none */
+
+/* What the handler on this thread is being told of. */
+struct Telling {
+    uint32_t certId;
+    const char *version;
+};
+thread_local const Telling *telling = nullptr;
+
+void show(uint32_t certId, const char *version) {
+    const std::lock_guard guard(versionsLock);
+    (void)snprintf(told[certId - kFirstCertId], kVersionNameSize, "%s", version);
+}
+
+void holdBack(const CertWatch *versions) {
+    const std::lock_guard guard(versionsLock);
+    holdsBack = versions != nullptr;
+    for (uint32_t index = 0; holdsBack && index < kCertIds; index++) {
+        (void)snprintf(told[index], kVersionNameSize, "%s", versions->version(index));
+    }
+}
+
+/* ---- notifications ---- */
+
 void tell(uint32_t message, uint32_t certId) {
     const ConfOmCertHandler handler = handlerNow.load(std::memory_order_acquire);
     if (handler != nullptr) {
@@ -39,10 +68,14 @@ void tell(uint32_t message, uint32_t certId) {
     }
 }
 
-void tellAll(const CertChanges &changes) {
+void tellAll(const CertChanges &changes, const CertWatch &versions) {
     for (uint32_t index = 0; index < kCertIds; index++) {
         if (changes.server[index]) {
-            tell(OM_CERT_MSG_SERVER, kFirstCertId + index);
+            const Telling now = {kFirstCertId + index, versions.version(index)};
+            telling = &now;
+            tell(OM_CERT_MSG_SERVER, now.certId);
+            showToldVersion();
+            telling = nullptr;
         }
     }
     if (changes.ca) {
@@ -58,6 +91,7 @@ void *runWatch(void *) {
     pthread_mutex_lock(&startLock);
     CertWatch *mine = watch;
     startResult = mine->open();
+    holdBack(startResult == TAMO_HOST_OK ? mine : nullptr);
     begun = startResult == TAMO_HOST_OK ? Begun::kWatching : Begun::kFailed;
     pthread_cond_broadcast(&started);
     pthread_mutex_unlock(&startLock);
@@ -65,11 +99,22 @@ void *runWatch(void *) {
         return nullptr;
     }
     while (mine->wait()) {
-        tellAll(mine->look());
+        tellAll(mine->look(), *mine);
     }
+    holdBack(nullptr);
     hostRecord(kError, kUnit, __LINE__,
                "certificates are no longer watched: start the program again to hear of changes");
     return nullptr;
+}
+
+void lockAll() {
+    pthread_mutex_lock(&startLock);
+    versionsLock.lock();
+}
+
+void unlockAll() {
+    versionsLock.unlock();
+    pthread_mutex_unlock(&startLock);
 }
 
 void afterForkInChild() {
@@ -79,14 +124,14 @@ void afterForkInChild() {
     watch = nullptr;
     begun = Begun::kNot;
     handlerNow.store(nullptr, std::memory_order_relaxed);
-    pthread_mutex_unlock(&startLock);
+    holdsBack = false;
+    telling = nullptr;
+    unlockAll();
 }
 
 /* With all signals blocked, which the watch needs and a program expects of a library's thread. */
 int startThread() {
-    static const int guarded =
-        pthread_atfork([] { pthread_mutex_lock(&startLock); },
-                       [] { pthread_mutex_unlock(&startLock); }, afterForkInChild);
+    static const int guarded = pthread_atfork(lockAll, unlockAll, afterForkInChild);
     watch = guarded == 0 ? new (std::nothrow) CertWatch : nullptr;
     if (watch == nullptr) {
         return ENOMEM;
@@ -123,6 +168,20 @@ uint32_t beginWatching() {
 
 }  // namespace
 
+bool visibleVersion(uint32_t certId, char (&name)[kVersionNameSize]) {
+    const bool isTold = telling != nullptr && telling->certId == certId;
+    const std::lock_guard guard(versionsLock);
+    (void)snprintf(name, sizeof(name), "%s",
+                   isTold ? telling->version : told[certId - kFirstCertId]);
+    return holdsBack && name[0] != '\0';
+}
+
+void showToldVersion() {
+    if (telling != nullptr) {
+        show(telling->certId, telling->version);
+    }
+}
+
 uint32_t setCertHandler(ConfOmCertHandler handler) {
     if (handler == nullptr) {
         handlerNow.store(nullptr, std::memory_order_release);
@@ -137,4 +196,4 @@ uint32_t setCertHandler(ConfOmCertHandler handler) {
     return code;
 }
 
-}  // namespace tamo
+}  // namespace tamo::certificates

@@ -1,6 +1,7 @@
 /* libtamo_conference_sslex: CA files into TLS contexts. */
 #include "tamo_conference_sslex.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <openssl/ssl.h>
 #include <string.h>
@@ -22,7 +23,7 @@ CertificatesOwner readCertificates(BIO *pem) {
     CertificatesOwner all(sk_X509_new_null());
     for (;;) {
         X509 *next =
-            all == nullptr ? nullptr : PEM_read_bio_X509_AUX(pem, nullptr, nullptr, nullptr);
+            all == nullptr ? nullptr : PEM_read_bio_X509_AUX(pem, nullptr, nullptr, noPassPhrase());
         if (next == nullptr) {
             break;
         }
@@ -52,9 +53,9 @@ int32_t SSL_CTX_load_cacertificate_file(SSL_CTX *ctx, const char *path, uint32_t
     if (!tamo::nativePath(path, native, sizeof(native))) {
         return 0;
     }
-    const tamo::QuietErrors quiet;
-    tamo::SecretFile pem;
-    const int error = tamo::readSecretFile(AT_FDCWD, native, &pem);
+    const ForgivenErrors forgiven;
+    tamo::certificates::SecretFile pem;
+    const int error = tamo::certificates::readSecretFile(AT_FDCWD, native, &pem);
     if (error != 0) {
         return refuse(__LINE__, path, error == EFBIG ? "it has more than 1 MiB" : strerror(error));
     }

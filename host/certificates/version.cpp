@@ -1,27 +1,29 @@
-/* See cert_version.h. */
 #include "host/certificates/version.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "host/base/device_root.h"
 #include "host/base/log.h"
-#include "host/certificates/key.h"
+#include "host/certificates/notify.h"
 #include "tamo_host.h"
 
-namespace tamo {
+namespace tamo::certificates {
 
 namespace {
 
 constexpr const char *kUnit = "cert_version";
 /* Below the root's "data". */
 constexpr const char *kServerPlace = kServerDirectory + sizeof("/data/") - 1;
-/* A version that is removed between the look at the link and its opening. */
+/* A version may be removed between reading the link and opening what it names. */
 constexpr int kAttempts = 3;
 
 /* What the certificate's entry leads to: a version's name, or the entry itself. */
-bool nameVersion(int data, uint32_t certId, char (&name)[64]) {
+bool nameCurrent(int data, uint32_t certId, char (&name)[kVersionNameSize]) {
     char place[96];
     (void)snprintf(place, sizeof(place), "%s/%u", kServerPlace, certId);
     const ssize_t length = readlinkat(data, place, name, sizeof(name) - 1);
@@ -33,17 +35,30 @@ bool nameVersion(int data, uint32_t certId, char (&name)[64]) {
     return strchr(name, '/') == nullptr && strcmp(name, "..") != 0;
 }
 
-bool openVersion(int data, uint32_t certId, CertVersion *version) {
-    char name[64];
-    if (!nameVersion(data, certId, name)) {
-        return false;
-    }
+/* Opens the version of the name in `version`. */
+bool openNamed(int data, CertVersion *version) {
     char place[128];
-    (void)snprintf(place, sizeof(place), "%s/%s", kServerPlace, name);
-    (void)snprintf(version->path, sizeof(version->path), "%s/%s", kServerDirectory, name);
+    (void)snprintf(place, sizeof(place), "%s/%s", kServerPlace, version->name);
+    (void)snprintf(version->path, sizeof(version->path), "%s/%s", kServerDirectory, version->name);
     version->directory =
         Descriptor(openat(data, place, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     return version->directory.isOpen();
+}
+
+bool openCurrent(int data, uint32_t certId, CertVersion *version) {
+    for (int attempt = 0; attempt < kAttempts; attempt++) {
+        if (nameCurrent(data, certId, version->name) && openNamed(data, version)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* One that was removed meanwhile helps nobody: then it is the current one. */
+bool openVisible(int data, uint32_t certId, CertVersion *version) {
+    return (visibleVersion(certId, version->name) && openNamed(data, version) &&
+            hasFile(*version, kChainFile)) ||
+           openCurrent(data, certId, version);
 }
 
 }  // namespace
@@ -58,10 +73,8 @@ uint32_t openCertVersion(uint32_t certId, CertVersion *version) {
     if (data < 0) {
         return TAMO_HOST_NO_ROOT;
     }
-    for (int attempt = 0; attempt < kAttempts; attempt++) {
-        if (openVersion(data, certId, version)) {
-            return TAMO_HOST_OK;
-        }
+    if (openVisible(data, certId, version)) {
+        return TAMO_HOST_OK;
     }
     if (errno == ENOENT) {
         hostRecord(kInfo, kUnit, __LINE__,
@@ -75,26 +88,34 @@ uint32_t openCertVersion(uint32_t certId, CertVersion *version) {
     return TAMO_HOST_SYSTEM;
 }
 
+bool openCurrentVersion(uint32_t certId, CertVersion *version) {
+    const int data = rootDirectory("data");
+    return data >= 0 && openCurrent(data, certId, version);
+}
+
 bool hasFile(const CertVersion &version, const char *name) {
     struct stat status;
     return fstatat(version.directory.get(), name, &status, 0) == 0 && S_ISREG(status.st_mode);
 }
 
-bool isEngineKept(const CertVersion &version) {
-    return hasFile(version, kEngineKeyFile);
+bool isEngineKept(uint32_t certId) {
+    CertVersion version;
+    const int data = rootDirectory("data");
+    return data >= 0 && openVisible(data, certId, &version) && hasFile(version, kEngineKeyFile);
 }
 
 bool isWholeVersion(const CertVersion &version, const char **why) {
-    const QuietErrors quiet;
+    const ForgivenErrors forgiven;
     const int directory = version.directory.get();
     SecretFile chain;
-    const CertificateOwner own(
-        readSecretFile(directory, kChainFile, &chain) == 0 ? readCertificate(chain) : nullptr);
+    const CertificateOwner own(readSecretFile(directory, kChainFile, &chain) == 0
+                                   ? readCertificate(chain.bio.get())
+                                   : nullptr);
     if (own == nullptr) {
-        *why = "cert.pem is no certificate in PEM";
+        *why = "cert.pem holds no certificate in PEM";
         return false;
     }
-    if (isEngineKept(version)) {
+    if (hasFile(version, kEngineKeyFile)) {
         return true;
     }
     Passphrase phrase;
@@ -103,10 +124,11 @@ bool isWholeVersion(const CertVersion &version, const char **why) {
         return false;
     }
     SecretFile pem;
-    const KeyOwner key(readSecretFile(directory, kKeyFile, &pem) == 0 ? readPrivateKey(pem, &phrase)
-                                                                      : nullptr);
+    const KeyOwner key(readSecretFile(directory, kKeyFile, &pem) == 0
+                           ? readPrivateKey(pem.bio.get(), &phrase)
+                           : nullptr);
     if (key == nullptr) {
-        *why = "key.pem is no private key in PEM, or passphrase does not open it";
+        *why = "key.pem holds no private key in PEM, or passphrase does not open it";
         return false;
     }
     *why = "key.pem is not the key of cert.pem";
@@ -118,7 +140,8 @@ uint32_t makeCertDirectories() {
     if (data < 0 || rootDirectory("keys") < 0) {
         return TAMO_HOST_NO_ROOT;
     }
-    for (const char *path : {kCertDirectory, kServerDirectory, kCaDirectory, kCrlDirectory}) {
+    for (const char *path : {kCertDirectory, kServerDirectory, kCaDirectory, kCrlDirectory,
+                             kNewDirectory, kFixedDirectory, kFixedAddressDirectory}) {
         if (mkdirat(data, path + sizeof("/data/") - 1, 0700) != 0 && errno != EEXIST) {
             hostRecord(kError, kUnit, __LINE__,
                        "%s%s cannot be created (%s): give this user the right to, or make it",
@@ -129,4 +152,4 @@ uint32_t makeCertDirectories() {
     return TAMO_HOST_OK;
 }
 
-}  // namespace tamo
+}  // namespace tamo::certificates

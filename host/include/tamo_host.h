@@ -167,6 +167,66 @@ uint32_t TamoHostMemReport(uint32_t pid,
                            uint32_t (*visit)(const TamoHostMemSite *site, void *context),
                            void *context);
 
+/* ---- the certificate service's store ---- */
+
+/* What is installed: server certificates with their keys, trusted CA certificates, revocation lists. */
+enum { TAMO_HOST_CERT_SERVER = 0, TAMO_HOST_CERT_CA = 1, TAMO_HOST_CERT_CRL = 2 };
+
+/* One server certificate: NUL-terminated PEM texts of at most 1 MiB each. */
+typedef struct TamoHostCertServer {
+    uint32_t certId;        /* 257 to 266 */
+    const char *chain;      /* the server's own certificate first */
+    const char *key;        /* the private key of that certificate */
+    const char *passphrase; /* what opens the key, 1 to 63 bytes; null: it is not encrypted */
+    const char *extra;      /* the second part, certificates 259 and 260 only; null: none */
+    uint32_t extraSize;     /* bytes of `extra`, at most 1 MiB */
+    uint8_t inEngine;       /* other than 0: the key stays in the engine */
+} TamoHostCertServer;
+
+/* One CA certificate or revocation list. */
+typedef struct TamoHostCertFile {
+    const char *source; /* the name of the file that it comes from, without a directory */
+    const char *text;   /* NUL-terminated PEM of at most 1 MiB */
+    char name[256];     /* set: the name under which it is installed, which readers go by */
+} TamoHostCertFile;
+
+/* One thing that is installed. */
+typedef struct TamoHostCertEntry {
+    uint32_t kind;
+    const char *name;  /* the certificate's id, or the file's name */
+    const char *path;  /* the native path of its PEM file */
+    int64_t keptUntil; /* seconds since 1970 until which a replaced server certificate stays at the
+                        * least, for programs that were told its paths; 0: it is in use */
+    uint8_t inEngine;  /* other than 0: its key is the engine's */
+} TamoHostCertEntry;
+
+/* The operations that change the store do all they are asked for, or nothing. Several of them at once
+ * take turns, from any thread or process. A failure is told as a sentence in `why`, a buffer of `size`
+ * bytes, and is recorded where `why` is null. Running programs hear of each change. */
+
+/* Puts a server certificate in the place of the one with its id, with its key and pass phrase at one
+ * moment. What it replaces is removed at once when no program uses the service, else by the programs that
+ * run, ten minutes later. */
+uint32_t TamoHostCertInstall(const TamoHostCertServer *server, char *why, uint32_t size);
+
+/* Removes a server certificate and the keys of all its versions. */
+uint32_t TamoHostCertRemove(uint32_t certId, char *why, uint32_t size);
+
+/* Installs `count` files of one kind, CA certificates or revocation lists. Files of the same name are
+ * replaced. */
+uint32_t TamoHostCertInstallFiles(uint32_t kind, TamoHostCertFile *files, uint32_t count, char *why,
+                                  uint32_t size);
+
+/* Removes `count` files of one kind by the names under which they are installed. */
+uint32_t TamoHostCertRemoveFiles(uint32_t kind, const char *const *names, uint32_t count, char *why,
+                                 uint32_t size);
+
+/* Calls `visit` for everything that is installed, by kinds and names, and for what is replaced and still
+ * kept behind what replaced it. It changes nothing, and makes nothing where there is no store. `visit`
+ * must not change the store. */
+uint32_t TamoHostCertList(void (*visit)(const TamoHostCertEntry *entry, void *context),
+                          void *context);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -8,7 +8,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <openssl/crypto.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <stdio.h>
@@ -18,6 +17,7 @@
 
 #include <memory>
 
+#include "common/openssl_owner.h"
 #include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
@@ -49,19 +49,7 @@ struct Secret {
 
 using Key = Secret<kKeySize>;
 
-struct FreeCipher {
-    void operator()(EVP_CIPHER_CTX *context) const { EVP_CIPHER_CTX_free(context); }
-};
-using Cipher = std::unique_ptr<EVP_CIPHER_CTX, FreeCipher>;
-
-/* A failure of ours leaves nothing in the thread's error queue, where TLS code would find it. */
-class QuietErrors {
-  public:
-    QuietErrors() { ERR_set_mark(); }
-    ~QuietErrors() { ERR_pop_to_mark(); }
-    QuietErrors(const QuietErrors &) = delete;
-    QuietErrors &operator=(const QuietErrors &) = delete;
-};
+using Cipher = OpensslOwner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
 
 using tamo::Descriptor;
 
@@ -304,7 +292,7 @@ int32_t TamoOmKeymEncrypt(const char *ownerName, const char *plain, uint32_t pla
         return static_cast<int32_t>(
             refuse(__LINE__, TAMO_HOST_INVALID, "nothing is encrypted: no buffer was given"));
     }
-    QuietErrors quiet;
+    const ForgivenErrors forgiven;
     uint32_t code = encrypt(ownerName, plain, plainLength, out, outLength);
     if (code != TAMO_HOST_OK) {
         out[0] = '\0';
@@ -320,7 +308,7 @@ uint32_t TamoHostKeymDecrypt(const char *ownerName, const char *encrypted, char 
             __LINE__, TAMO_HOST_INVALID,
             "nothing is decrypted: the owner's name or an argument is missing or not valid");
     }
-    QuietErrors quiet;
+    const ForgivenErrors forgiven;
     uint32_t size = *outLength;
     *outLength = 0;
     out[0] = '\0';

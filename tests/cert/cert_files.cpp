@@ -21,13 +21,20 @@ std::string native(const std::string &devicePath) {
 }
 
 EVP_PKEY *makeKey(const std::string &kind) {
-    return kind == "RSA"  ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048})
-           : kind == "EC" ? EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256")
-                          : EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
+        EVP_PKEY_CTX_new_from_name(nullptr, kind.c_str(), nullptr), EVP_PKEY_CTX_free);
+    EVP_PKEY *key = nullptr;
+    EVP_PKEY_keygen_init(context.get());
+    if (kind == "EC") {
+        EVP_PKEY_CTX_set_group_name(context.get(), "P-256");
+    }
+    EVP_PKEY_generate(context.get(), &key);
+    return key;
 }
 
 const EVP_MD *digestFor(const Party &signer) {
-    return EVP_PKEY_get_id(signer.key.get()) == EVP_PKEY_ED25519 ? nullptr : EVP_sha256();
+    const int type = EVP_PKEY_get_id(signer.key.get());
+    return type == EVP_PKEY_ED25519 || type == EVP_PKEY_ED448 ? nullptr : EVP_sha256();
 }
 
 template <typename Write>
@@ -49,7 +56,7 @@ Party makeParty(const std::string &name, const char *keyKind, const Party *issue
     ASN1_INTEGER_set(X509_get_serialNumber(made), serial);
     X509_gmtime_adj(X509_getm_notBefore(made), -kDay);
     X509_gmtime_adj(X509_getm_notAfter(made), 365 * kDay);
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(made), "CN", MBSTRING_ASC,
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(made), "CN", MBSTRING_UTF8,
                                reinterpret_cast<const unsigned char *>(name.c_str()), -1, -1, 0);
     X509_set_issuer_name(made, X509_get_subject_name(signer.certificate.get()));
     X509_set_pubkey(made, party.key.get());

@@ -9,13 +9,13 @@
 
 namespace certs {
 
-/* Someone with a key and a certificate. */
+/* A key and its certificate. */
 struct Party {
     std::shared_ptr<EVP_PKEY> key;
     std::shared_ptr<X509> certificate;
 };
 
-/* A party with a fresh key ("RSA", "EC", "ED25519"), self-signed without an issuer. */
+/* A party with a fresh key ("RSA", "RSA-PSS", "EC" on P-256, "ED25519", "ED448"), self-signed without an issuer. */
 Party makeParty(const std::string &name, const char *keyKind, const Party *issuer = nullptr,
                 long serial = 1);
 

@@ -1,8 +1,5 @@
 /* A certificate service of the test's own, in place of the platform's client. */
 #pragma once
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -10,9 +7,10 @@
 #include "common/native_path.h"
 #include "include/conf_cert.h"
 #include "tests/cert/cert_files.h"
+#include "tests/cert/handshake.h"
 #include "tests/support/forwarding_platform.h"
 
-using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+using certs::Context;
 
 /* A record as CertService::log gives it. */
 inline std::string error(const char *function, const std::string &text) {

@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <future>
+#include <thread>
 
 #include "include/conf_config.h"
 #include "tests/cert/cert_service.h"
@@ -77,7 +80,7 @@ TEST_F(CertAddress, FixedLayoutIsEmptiedAndFeedsTheLists) {
         ConfCertUpdateNotifyCallback([](uint32_t, uint32_t) { ADD_FAILURE(); });
         handler(1, 0);
         EXPECT_EQ(certs::list(address), names);
-        const Context context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+        const Context context = certs::clientContext();
         log();
         EXPECT_EQ(ConfAddCancelCrlToSslctx(context.get()), 0);
         EXPECT_EQ(log().find("1[ConfAddCancelCrlToSslctx]crlPath /data/tamo_conference/CA/\n"), 0U);
@@ -86,6 +89,31 @@ TEST_F(CertAddress, FixedLayoutIsEmptiedAndFeedsTheLists) {
     int status = 1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+/* The start has read the old file, and writes it after a notification told of the new one. */
+TEST_F(CertAddress, AnOlderRefreshNeverOverwritesANewerOne) {
+    const string old = certs::pem(party);
+    certs::write(ca + "/a.pem", old);
+    const string renewed = "# renewed\n" + old;
+    std::thread notified;
+    std::promise<void> done;
+    platform::override(OsCopyFile, [&](const char *from, const char *to) {
+        if (notified.joinable()) {
+            return platform::next(OsCopyFile)(from, to);
+        }
+        certs::write(ca + "/a.pem", renewed);
+        notified = std::thread([&] { handler(OM_CERT_MSG_CA, 0), done.set_value(); });
+        /* Refreshes that do not wait for each other have ended by then. */
+        (void)done.get_future().wait_for(std::chrono::milliseconds(200));
+        certs::write(storage + "/a.pem", old);
+        return 0;
+    });
+    ConfCertInit(nullptr);
+    notified.join();
+    for (const string &name : {string("a.pem"), hashName(".0")}) {
+        EXPECT_EQ(certs::read(storage + "/" + name), renewed) << name;
+    }
 }
 
 TEST_F(CertAddress, WhatIsNoCertificateOrListIsRecordedAndTheWalkGoesOn) {

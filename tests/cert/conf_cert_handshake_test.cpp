@@ -7,44 +7,20 @@ namespace {
 
 using std::string;
 
-using Endpoint = std::unique_ptr<SSL, decltype(&SSL_free)>;
+using certs::shakeHands;
 constexpr long kSelfSigned = X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT;
-
-/* Whether both ends finished, and the client's view of its peer. */
-using Outcome = std::pair<bool, long>;
-
-Outcome shakeHands(SSL_CTX *serverContext, SSL_CTX *clientContext, int version) {
-    const Endpoint server(SSL_new(serverContext), SSL_free);
-    const Endpoint client(SSL_new(clientContext), SSL_free);
-    SSL_set_min_proto_version(client.get(), version);
-    SSL_set_max_proto_version(client.get(), version);
-    SSL_set_verify(client.get(), SSL_VERIFY_PEER, nullptr);
-    BIO *ends[2] = {};
-    BIO_new_bio_pair(&ends[0], 1 << 16, &ends[1], 1 << 16);
-    SSL_set_bio(server.get(), ends[0], ends[0]);
-    SSL_set_bio(client.get(), ends[1], ends[1]);
-    SSL_set_accept_state(server.get());
-    SSL_set_connect_state(client.get());
-    bool done = false;
-    for (int round = 0; round < 10 && !done; round++) {
-        const int asked = SSL_do_handshake(client.get());
-        done = SSL_do_handshake(server.get()) == 1 && asked == 1;
-    }
-    ERR_clear_error();
-    return {done, SSL_get_verify_result(client.get())};
-}
 
 class CertHandshake : public CertService {
   protected:
     Context serverWith(const certs::Party &leaf, const string &restOfChain = "") {
         certs::write(files.certPath, certs::pem(leaf) + restOfChain);
         certs::write(files.keyPath, certs::keyPem(leaf));
-        Context context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+        Context context = certs::serverContext();
         EXPECT_EQ(ConfLoadServerCert(context.get(), 1), 0);
         return context;
     }
 
-    Context client{SSL_CTX_new(TLS_client_method()), SSL_CTX_free};
+    Context client = certs::clientContext();
     ConfCaCertEntry table[CONF_CERT_MAX_CA_FILES] = {};
     uint32_t count = 77;
 };
@@ -60,21 +36,22 @@ TEST_F(CertHandshake, PeersAreJudgedByTrustAndLists) {
             const char *what;
             const certs::Party &peer, &trusted;
             string lists[2];
-            Outcome expected;
+            bool done;
+            long verified;
         } cases[] = {
-            {"good", peer, root, {rootList, certs::crlPem(issuer, {4})}, {true, X509_V_OK}},
-            {"no lists", peer, root, {none, none}, {true, X509_V_OK}},
-            {"missing list", peer, root, {rootList, none}, {true, X509_V_OK}},
-            {"unknown CA", peer, loner, {rootList, none}, {false, 20}},
-            {"revoked", peer, root, {rootList, certs::crlPem(issuer, {3})}, {false, 23}},
-            {"revoked CA", peer, root, {certs::crlPem(root, {2}), none}, {false, 23}},
-            {"old list", peer, root, {certs::crlPem(issuer, {}, -1), rootList}, {false, 12}},
-            {"self-signed", loner, root, {certs::crlPem(loner), rootList}, {true, kSelfSigned}},
-            {"self-signed, list forgiven", loner, root, {rootList, none}, {true, X509_V_OK}},
-            {"self-signed, no lists", loner, root, {none, none}, {false, kSelfSigned}}};
-        for (const auto &[what, shown, trusted, lists, expected] : cases) {
+            {"good", peer, root, {rootList, certs::crlPem(issuer, {4})}, true, X509_V_OK},
+            {"no lists", peer, root, {none, none}, true, X509_V_OK},
+            {"missing list", peer, root, {rootList, none}, true, X509_V_OK},
+            {"unknown CA", peer, loner, {rootList, none}, false, 20},
+            {"revoked", peer, root, {rootList, certs::crlPem(issuer, {3})}, false, 23},
+            {"revoked CA", peer, root, {certs::crlPem(root, {2}), none}, false, 23},
+            {"old list", peer, root, {certs::crlPem(issuer, {}, -1), rootList}, false, 12},
+            {"self-signed", loner, root, {certs::crlPem(loner), rootList}, true, kSelfSigned},
+            {"self-signed, list forgiven", loner, root, {rootList, none}, true, X509_V_OK},
+            {"self-signed, no lists", loner, root, {none, none}, false, kSelfSigned}};
+        for (const auto &[what, shown, trusted, lists, done, verified] : cases) {
             SetUp();
-            client.reset(SSL_CTX_new(TLS_client_method()));
+            client = certs::clientContext();
             certs::write(ca + "/root.pem", certs::pem(trusted));
             for (int i = 0; i < 2 && !lists[i].empty(); i++) {
                 certs::write(crl + "/crl" + std::to_string(i) + ".pem", lists[i]);
@@ -84,7 +61,9 @@ TEST_F(CertHandshake, PeersAreJudgedByTrustAndLists) {
             EXPECT_EQ(ConfAddCancelCrlToSslctx(client.get()), 0);
             const Context server = serverWith(shown, certs::pem(issuer));
             for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-                EXPECT_EQ(shakeHands(server.get(), client.get(), version), expected)
+                SSL_CTX_set_verify(client.get(), SSL_VERIFY_PEER, nullptr);
+                const certs::Handshake met = shakeHands(server.get(), client.get(), version);
+                EXPECT_EQ(std::pair(met.done, met.verified), std::pair(done, verified))
                     << kind << ' ' << what;
             }
         }
@@ -100,10 +79,11 @@ TEST_F(CertHandshake, AddressDirectoryIsAHashedDirectory) {
     ConfCertGetAddrCaPath(directory);
     SSL_CTX_load_verify_dir(client.get(), NativePath(directory).get());
     X509_STORE_set_flags(SSL_CTX_get_cert_store(client.get()), X509_V_FLAG_CRL_CHECK);
-    for (const auto &[serial, expected] :
-         {std::pair{2, Outcome{true, X509_V_OK}}, {3, {false, X509_V_ERR_CERT_REVOKED}}}) {
+    SSL_CTX_set_verify(client.get(), SSL_VERIFY_PEER, nullptr);
+    for (const auto &[serial, verified] :
+         {std::pair{2, long{X509_V_OK}}, {3, long{X509_V_ERR_CERT_REVOKED}}}) {
         const Context server = serverWith(certs::makeParty("Peer", "EC", &root, serial));
-        EXPECT_EQ(shakeHands(server.get(), client.get(), TLS1_3_VERSION), expected);
+        EXPECT_EQ(shakeHands(server.get(), client.get()).verified, verified);
     }
 }
 

@@ -2,19 +2,40 @@
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/engine.h>
 
+#include <future>
+#include <thread>
+
 #include "tests/cert/cert_service.h"
 
 namespace {
 
 using std::string;
 
-EVP_PKEY *engineKey;
-string engineKeyId;
+/* An engine of the test's own, which asks it for the key that an identifier stands for. */
+std::function<EVP_PKEY *(const string &keyId)> findKey;
 
 EVP_PKEY *loadKey(ENGINE *, const char *keyId, UI_METHOD *, void *) {
-    engineKeyId = keyId;
-    return engineKey != nullptr && EVP_PKEY_up_ref(engineKey) == 1 ? engineKey : nullptr;
+    EVP_PKEY *key = findKey(keyId);
+    return key != nullptr && EVP_PKEY_up_ref(key) == 1 ? key : nullptr;
 }
+
+class TestEngine {
+  public:
+    TestEngine() {
+        ENGINE_set_id(engine_, "openssl_engine");
+        ENGINE_set_name(engine_, "of the test");
+        ENGINE_set_load_privkey_function(engine_, loadKey);
+        EXPECT_TRUE(ENGINE_init(engine_) == 1 && ENGINE_add(engine_) == 1);
+    }
+    ~TestEngine() {
+        ENGINE_remove(engine_);
+        ENGINE_finish(engine_);
+        ENGINE_free(engine_);
+    }
+
+  private:
+    ENGINE *engine_ = ENGINE_new();
+};
 
 class CertServer : public CertService {
   protected:
@@ -27,7 +48,7 @@ class CertServer : public CertService {
         files = {"/data/server/cert.pem", "/data/server/key.pem", "secret words"};
         certs::write(files.certPath, certs::pem(leaf) + certs::pem(issuer));
         certs::write(files.keyPath, certs::keyPem(leaf, files.keyPassword));
-        context.reset(SSL_CTX_new(TLS_server_method()));
+        context = certs::serverContext();
     }
 
     int32_t load(uint32_t type = 0) { return ConfLoadServerCert(context.get(), type); }
@@ -86,23 +107,15 @@ TEST_F(CertServer, KeylessTakesTheKeyThatTheIdentifierStandsFor) {
     EXPECT_EQ(load(), -1);
     EXPECT_EQ(log(), begin + error("GetOpensslEngine", "ENGINE_ctrl_cmd_string LOAD failed"));
 
-    ENGINE *engine = ENGINE_new();
-    ENGINE_set_id(engine, "openssl_engine");
-    ENGINE_set_name(engine, "of the test");
-    ENGINE_set_load_privkey_function(engine, loadKey);
-    ASSERT_TRUE(ENGINE_init(engine) == 1 && ENGINE_add(engine) == 1);
+    const TestEngine engine;
     const string refused = error("ConfLoadServerCertificateKeyLess", "use privkey error");
     for (const auto &[key, result, record] : {std::tuple{leaf.key.get(), 0, string()},
                                               {nullptr, -1, refused},
                                               {other.key.get(), -1, refused}}) {
-        engineKey = key;
+        findKey = [&](const string &asked) { return asked == keyId ? key : nullptr; };
         EXPECT_EQ(load(), result);
-        EXPECT_EQ(engineKeyId, keyId);
         EXPECT_EQ(log(), begin + "3[GetOpensslEngine]ssl_engine has loaded\n" + record);
     }
-    ENGINE_remove(engine);
-    ENGINE_finish(engine);
-    ENGINE_free(engine);
 
     memset(files.certPath, '/', 512);
     platform::failCall("TamoOmCertGetCapability", 2);
@@ -113,6 +126,79 @@ TEST_F(CertServer, KeylessTakesTheKeyThatTheIdentifierStandsFor) {
                   error("ConfCertIsSupportKeyless", "TamoOmCertGetCapability fail, ret=1.") +
                   error("ConfLoadServerCert", "server cert check error") +
                   error("ConfLoadServerCert", "server cert check error"));
+}
+
+/* The start's fetch has the old identifier when the notification of the new one comes. */
+TEST_F(CertServer, TheStartNeverOverwritesWhatANotificationBrought) {
+    keyless[6] = 1;
+    const TestEngine engine;
+    string asked;
+    findKey = [&](const string &found) { return asked = found, leaf.key.get(); };
+    std::atomic<int> calls = 0;
+    platform::override(TamoOmCertGetCertId, [&](const ConfCertIdBuffer *, ConfCertIdBuffer *out) {
+        const int call = calls++;
+        if (call == 0) {
+            std::thread(handler, OM_CERT_MSG_SERVER, 263).join();
+        }
+        out->length = 3;
+        memcpy(out->data, call == 1 ? "new" : "old", 3);
+        return 0;
+    });
+    ConfCertInit(nullptr);
+    EXPECT_EQ(load(), 0);
+    EXPECT_EQ(asked, "new");
+}
+
+/* A load between the two halves of a replacement, whichever comes first: the service's paths, or the
+ * identifier in the table. */
+TEST_F(CertServer, AKeylessLoadDuringAReplacementSucceeds) {
+    keyless[6] = 1;
+    const TestEngine engine;
+    for (const bool pathsFirst : {true, false}) {
+        std::promise<void> identifying, looked;
+        std::thread notified;
+        std::atomic<int> loads = 0;
+        keyId = string(256, 'k');
+        putFiles();
+        ConfCertInit(nullptr);
+        findKey = [&](const string &asked) {
+            if (loads++ == 0 && pathsFirst) {
+                looked.set_value();
+            }
+            return asked == string(256, 'k') ? leaf.key.get() : other.key.get();
+        };
+        platform::override(TamoOmCertGetCertId,
+                           [&](const ConfCertIdBuffer *, ConfCertIdBuffer *out) {
+                               if (pathsFirst) {
+                                   identifying.set_value();
+                                   looked.get_future().wait();
+                               }
+                               memset(out->data, 'o', 256);
+                               return 0;
+                           });
+        platform::override(TamoOmCertGetCertPath,
+                           [&](uint32_t, uint32_t, uint32_t, ConfCertPathInfo *info) {
+                               *info = files;
+                               if (!notified.joinable()) {
+                                   notified = std::thread(handler, OM_CERT_MSG_SERVER, 263);
+                                   if (pathsFirst) {
+                                       identifying.get_future().wait();
+                                   } else {
+                                       notified.join();
+                                       notified = std::thread([] {});
+                                   }
+                                   certs::write("/data/server/new.pem", certs::pem(other));
+                                   strcpy(files.certPath, "/data/server/new.pem");
+                                   *info = pathsFirst ? files : *info;
+                               }
+                               return 0;
+                           });
+        EXPECT_EQ(load(), 0) << pathsFirst;
+        EXPECT_EQ(loads, 2);
+        notified.join();
+        answerQueries();
+        answerContents();
+    }
 }
 
 TEST_F(CertServer, GmInfoCopiesFieldByField) {

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <thread>
 
-#include "cert/published_record.h"
 #include "tests/cert/cert_service.h"
 
 namespace {
@@ -154,28 +153,6 @@ TEST_F(CertStore, RefreshesAndQueriesAtOnce) {
     std::thread one(refresh, 1), two(refresh, 3);
     one.join();
     two.join();
-}
-
-TEST(PublishedRecord, ReadersSeeWholeRecordsOfSeveralWriters) {
-    using Many = std::array<uint32_t, 64>;
-    static constinit PublishedRecord<Many> shared;
-    std::atomic<int> writing = 2;
-    const auto write = [&](uint32_t first) {
-        for (uint32_t round = 0; round < 2000; round++) {
-            Many many;
-            many.fill(first + round);
-            shared.publish(many);
-        }
-        writing--;
-    };
-    std::thread one(write, 1), two(write, 1U << 20);
-    while (writing != 0) {
-        const Many seen = shared.read();
-        ASSERT_EQ(std::count(seen.begin(), seen.end(), seen[0]), 64);
-    }
-    one.join();
-    two.join();
-    EXPECT_EQ(shared.read()[0] & 0xFFFFF, shared.read()[0] >> 20 != 0 ? 1999U : 2000U);
 }
 
 }  // namespace

@@ -1,55 +1,36 @@
-/* Handshakes with what is installed, also while it is replaced; and the tool that installs it. */
+/* Handshakes with what is installed, also while it is replaced. */
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <openssl/err.h>
-#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <barrier>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
 
 #include "include/conf_cert.h"
+#include "include/conf_config.h"
+#include "tests/cert/handshake.h"
 #include "tests/process/cert_administrator.h"
+#include "tests/support/child_process.h"
 #include "tests/support/deadline.h"
 
 namespace {
 
+using certs::Context;
 using std::string;
-using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
-using Endpoint = std::unique_ptr<SSL, decltype(&SSL_free)>;
 
-/* ---- handshakes ---- */
-
-/* The name that the server showed; empty when a handshake failed. */
-string shakeHands(SSL_CTX *serverContext, int version) {
-    const Context clientContext(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
-    const Endpoint server(SSL_new(serverContext), SSL_free);
-    const Endpoint client(SSL_new(clientContext.get()), SSL_free);
-    SSL_set_min_proto_version(client.get(), version);
-    SSL_set_max_proto_version(client.get(), version);
-    BIO *ends[2] = {};
-    BIO_new_bio_pair(&ends[0], 1 << 16, &ends[1], 1 << 16);
-    SSL_set_bio(server.get(), ends[0], ends[0]);
-    SSL_set_bio(client.get(), ends[1], ends[1]);
-    SSL_set_accept_state(server.get());
-    SSL_set_connect_state(client.get());
-    bool done = false;
-    for (int round = 0; round < 10 && !done; round++) {
-        const int asked = SSL_do_handshake(client.get());
-        done = SSL_do_handshake(server.get()) == 1 && asked == 1;
+/* The name that a server of this type shows; empty when a handshake failed. */
+string serveOnce(uint32_t type, int version = 0, const char *suites = nullptr) {
+    const Context server = certs::serverContext(), client = certs::clientContext();
+    if (ConfLoadServerCert(server.get(), type) != 0) {
+        return "";
     }
-    char name[64] = "";
-    X509 *shown = SSL_get0_peer_certificate(client.get());
-    if (done && shown != nullptr) {
-        X509_NAME_get_text_by_NID(X509_get_subject_name(shown), NID_commonName, name, sizeof(name));
-    }
-    return name;
-}
-
-string serveOnce(uint32_t type, int version) {
-    const Context context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-    return ConfLoadServerCert(context.get(), type) == 0 ? shakeHands(context.get(), version) : "";
+    const certs::Handshake met = certs::shakeHands(server.get(), client.get(), version, suites);
+    return met.done ? met.shown : "";
 }
 
 std::mutex changeLock;
@@ -81,38 +62,47 @@ class CertHandshakes : public testing::Test {
     }
 };
 
-TEST_F(CertHandshakes, TheEngineSignsAndKeepsTheKey) {
-    for (const char *kind : {"RSA", "EC", "ED25519"}) {
+/* Every suite that works by key works with the engine's, RSA key exchange too, which decrypts. */
+TEST_F(CertHandshakes, TheEngineWorksWithTheKeyAndKeepsIt) {
+    const struct {
+        const char *kind, *suites;
+    } cases[] = {{"RSA", "AES128-GCM-SHA256"}, {"RSA", "ECDHE-RSA-AES128-GCM-SHA256"},
+                 {"RSA-PSS", "ECDHE+AES"},     {"EC", "ECDHE-ECDSA-AES128-GCM-SHA256"},
+                 {"ED25519", "ECDHE+AES"},     {"ED448", "ECDHE+AES"}};
+    for (const auto &[kind, suites] : cases) {
         const testing::ScopedTrace trace(__FILE__, __LINE__, kind);
         const certs::Party party = certs::makeParty(kind, kind);
         ASSERT_TRUE(awaitChange([&] { install("263", party, {"--engine"}, "secret"); }));
-        EXPECT_EQ(serveOnce(0, TLS1_2_VERSION), kind);
+        EXPECT_EQ(serveOnce(0, TLS1_2_VERSION, suites), kind);
         EXPECT_EQ(serveOnce(0, TLS1_3_VERSION), kind);
-        const Context context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+        const Context context = certs::serverContext();
         ASSERT_EQ(ConfLoadServerCert(context.get(), 0), 0);
         EVP_PKEY *key = SSL_CTX_get0_privatekey(context.get());
         unsigned char *encoded = nullptr;
         EXPECT_LE(i2d_PrivateKey(key, &encoded), 0) << "the private half is not there";
+        BIGNUM *secret = nullptr;
+        EXPECT_NE(EVP_PKEY_get_bn_param(key, kind[0] == 'R' ? "d" : "priv", &secret), 1);
         ERR_clear_error();
     }
 }
 
 TEST_F(CertHandshakes, NoneFailsWhileTheCertificateIsReplaced) {
     const certs::Party parties[] = {certs::makeParty("Odd", "EC"), certs::makeParty("Even", "RSA")};
-    ASSERT_TRUE(awaitChange([&] { install("263", parties[0]); }));
+    ASSERT_TRUE(awaitChange([&] { install("263", parties[0], {"--engine"}); }));
     std::atomic<bool> over = false;
     std::atomic<int> served = 0, failed = 0;
     std::thread load([&] {
         while (!over) {
-            const string shown = serveOnce(0, TLS1_3_VERSION);
+            const string shown = serveOnce(0);
             served++;
             failed += shown != "Odd" && shown != "Even";
         }
     });
-    for (int round = 1; round <= 10; round++) {
+    for (int round = 1; round <= 12; round++) {
         const bool even = round % 2 == 1;
-        EXPECT_TRUE(awaitChange([&] { install("263", parties[even ? 1 : 0]); }));
-        EXPECT_EQ(serveOnce(0, TLS1_2_VERSION), even ? "Even" : "Odd");
+        const Words options = round % 3 == 0 ? Words{} : Words{"--engine"};
+        EXPECT_TRUE(awaitChange([&] { install("263", parties[even ? 1 : 0], options); }));
+        EXPECT_EQ(serveOnce(0), even ? "Even" : "Odd");
     }
     over = true;
     load.join();
@@ -120,73 +110,94 @@ TEST_F(CertHandshakes, NoneFailsWhileTheCertificateIsReplaced) {
     EXPECT_EQ(failed, 0);
 }
 
-/* ---- the tool ---- */
+/* ---- programs of their own ---- */
 
-TEST(TamoctlCert, RefusesWhatDoesNotWork) {
-    const certs::Party one = certs::makeParty("One", "RSA"), two = certs::makeParty("Two", "RSA");
-    removeAll();
-    certs::write("/data/in/one.pem", certs::pem(one));
-    certs::write("/data/in/two.key", certs::keyPem(two));
-    certs::write("/data/in/locked.key", certs::keyPem(one, "secret"));
-    certs::write("/data/in/wrong", "wrong");
-    const string in = native("/data/in/");
-    const struct {
-        Words words;
-        int code;
-        const char *says;
-    } cases[] = {
-        {{"install", "263", in + "one.pem", in + "two.key"}, 1, "does not belong"},
-        {{"install", "263", in + "one.pem", in + "locked.key"}, 1, "--passphrase"},
-        {{"install", "--passphrase", in + "wrong", "263", in + "one.pem", in + "locked.key"},
-         1,
-         "--passphrase"},
-        {{"install", "263", in + "two.key", in + "two.key"}, 1, "no certificates"},
-        {{"install", "263", in + "none", in + "two.key"}, 1, "cannot be read"},
-        {{"install", "256", in + "one.pem", in + "two.key"}, 2, "257 to 266"},
-        {{"install", "--extra", in + "wrong", "263", in + "one.pem", in + "two.key"}, 2, "259"},
-        {{"install", "--json", "263", in + "one.pem", in + "two.key"}, 2, "option"},
-        {{"remove", "263"}, 1, "not installed"},
-        {{"ca", "install", in + "two.key"}, 1, "no certificate"},
-        {{"crl", "install", in + "one.pem"}, 1, "no revocation list"},
-        {{"ca", "remove", "../server"}, 1, "cert list"},
-        {{"ca"}, 2, "install FILE"},
-        {{}, 2, "--help"}};
-    for (const auto &[words, code, says] : cases) {
-        Words all = {"cert"};
-        all.insert(all.end(), words.begin(), words.end());
-        const Outcome outcome = tamoctl(all);
-        EXPECT_EQ(outcome.code, code) << testing::PrintToString(words);
-        EXPECT_NE(outcome.errors.find(says), string::npos) << outcome.errors;
-        EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
+constexpr int kLoaders = 8;
+
+const support::ChildRole firstLoads("firstLoads", [](const support::ChildArguments &) {
+    std::barrier begin(kLoaders);
+    std::atomic<int> good = 0;
+    std::thread loaders[kLoaders];
+    ConfCertInit(nullptr);
+    for (std::thread &loader : loaders) {
+        loader = std::thread([&] {
+            begin.arrive_and_wait();
+            const Context server = certs::serverContext(), client = certs::clientContext();
+            good += ConfLoadServerCert(server.get(), 1) == 0 &&
+                    certs::shakeHands(server.get(), client.get()).done;
+        });
     }
-    EXPECT_EQ(tamoctl({"cert", "list"}).output, "");
-    EXPECT_EQ(certs::list("/data/certfile/server"), Words{}) << "nothing is left";
+    for (std::thread &loader : loaders) {
+        loader.join();
+    }
+    support::tellParent(std::to_string(good));
+    return 0;
+});
+
+TEST(CertPrograms, FirstKeylessLoadsAtOnceAllSucceed) {
+    ASSERT_EQ(install("265", certs::makeParty("Party", "RSA"), {"--engine"}).code, 0);
+    for (int round = 0; round < 5; round++) {
+        support::ChildProcess child("firstLoads");
+        EXPECT_EQ(child.hear(), std::to_string(kLoaders));
+    }
 }
 
-TEST(TamoctlCert, InstallsListsAndRemoves) {
-    const certs::Party root = certs::makeParty("Root", "EC");
-    const certs::Party party = certs::makeParty("Room 4", "RSA", &root, 2);
+const support::ChildRole fixedLayout("fixedLayout", [](const support::ChildArguments &) {
+    char directory[512];
+    const Context client = certs::clientContext();
+    (void)ConfConfigXmlInit();
+    ConfCertInit(nullptr);
+    ConfCertGetAddrCaPath(directory);
+    const int32_t added = ConfAddCancelCrlToSslctx(client.get());
+    support::tellParent(directory + std::to_string(added));
+    return 0;
+});
+
+TEST(CertPrograms, TheFixedLayoutHasItsDirectories) {
     removeAll();
-    certs::write("/data/in/root.crt", certs::pem(root));
-    certs::write("/data/in/revoked.pem", certs::crlPem(root));
-    ASSERT_EQ(install("263", party, {"--engine"}, "secret").code, 0);
-    ASSERT_EQ(tamoctl({"cert", "ca", "install", native("/data/in/root.crt")}).code, 0);
-    ASSERT_EQ(tamoctl({"cert", "crl", "install", native("/data/in/revoked.pem")}).code, 0);
-    EXPECT_EQ(certs::list("/data/certfile/CA"), Words{"root.pem"});
-    EXPECT_EQ(certs::list("/data/certfile/CRL"), Words{"revoked_crl.pem"});
+    const certs::Party root = certs::makeParty("Root", "EC");
+    certs::write("/data/certfile/CA/root.pem", certs::pem(root));
+    certs::write("/data/cust/config/conference/conf_config.xml",
+                 "<c><s name='isForbiddenKitCapbility'>1</s></c>");
+    support::ChildProcess child("fixedLayout");
+    EXPECT_EQ(child.hear(), "/data/tamo_conference/CA/0");
+    char hashed[16];
+    snprintf(hashed, sizeof(hashed), "%08lx.0", X509_subject_name_hash(root.certificate.get()));
+    EXPECT_EQ(certs::list("/data/tamo_conference/CA"), (Words{hashed, "root.pem"}));
+    certs::remove("/data/cust/config/conference/conf_config.xml");
+}
 
-    const string listed = tamoctl({"cert", "list"}).output;
-    EXPECT_EQ(listed.find("server\t263\tCN=Room 4\tCN=Root\t"), 0U) << listed;
-    EXPECT_NE(listed.find("\tRSA 2048, in the engine\nca\troot.pem\tCN=Root\t"), string::npos);
-    EXPECT_NE(listed.find("crl\trevoked_crl.pem\t\tCN=Root\t"), string::npos) << listed;
-    EXPECT_NE(tamoctl({"cert", "list", "--json"}).output.find("\"daysLeft\":\t36"), string::npos);
+/* A line from the server behind a finished handshake; empty when there was none in time. */
+string greeting(uint16_t port) {
+    const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    const timeval patience = {5, 0}; /* less than the server has with one that stands idle */
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    EXPECT_EQ(connect(connection, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    const Context context = certs::clientContext();
+    const std::unique_ptr<SSL, decltype(&SSL_free)> client(SSL_new(context.get()), SSL_free);
+    SSL_set_fd(client.get(), connection);
+    char line[64] = "";
+    if (SSL_connect(client.get()) == 1) {
+        (void)SSL_read(client.get(), line, sizeof(line) - 1);
+    }
+    close(connection);
+    return line;
+}
 
-    EXPECT_EQ(tamoctl({"cert", "remove", "263"}).code, 0);
-    EXPECT_EQ(tamoctl({"cert", "ca", "remove", "root.pem"}).code, 0);
-    EXPECT_EQ(tamoctl({"cert", "crl", "remove", "revoked_crl.pem"}).code, 0);
-    EXPECT_EQ(tamoctl({"cert", "list"}).output, "");
-    EXPECT_EQ(certs::list("/data/certfile/server"), Words{});
-    EXPECT_EQ(certs::list("/keys"), Words{}) << "nor a key of the engine";
+TEST(CertPrograms, TheExampleServesOthersWhileAClientStandsIdle) {
+    ASSERT_EQ(install("263", certs::makeParty("Example", "EC")).code, 0);
+    Program server({EXAMPLE_TLS_SERVER});
+    string line = server.line();
+    while (!line.empty() && line.find("listening on 127.0.0.1:") != 0) {
+        line = server.line();
+    }
+    const auto port = static_cast<uint16_t>(atoi(line.c_str() + line.rfind(':') + 1));
+    const int idle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(idle, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    EXPECT_EQ(greeting(port), "welcome by TLSv1.3\n");
+    close(idle);
 }
 
 }  // namespace

@@ -1,24 +1,24 @@
 /* The certificate service between processes: an administrator's hands, and those who hear of it. */
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <openssl/err.h>
-#include <openssl/ssl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <functional>
+#include <future>
 
 #include "platform/tamo_conference_sslex.h"
 #include "platform/tamo_om_cert_client.h"
 #include "platform/tamo_os_file.h"
+#include "tests/cert/handshake.h"
 #include "tests/process/cert_administrator.h"
 #include "tests/support/child_process.h"
 
 namespace {
 
+using certs::Context;
 using std::string;
-using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 
 /* ---- notifications ---- */
 
@@ -141,6 +141,48 @@ TEST_F(CertNotifications, AChildOfForkHearsOnceItHasRegistered) {
 }
 #endif
 
+/* Paths and the identifier that a handler keeps change at one moment: when it has asked for it. */
+TEST(CertVersions, OneThatIsPutInPlaceIsHeldBackUntilTheHandlerHasHeardOfIt) {
+    removeAll();
+    const certs::Party one = certs::makeParty("One", "EC"), two = certs::makeParty("Two", "EC");
+    ASSERT_EQ(install("263", one, {"--engine"}).code, 0);
+    static std::promise<void> told, identify, identified, end;
+    static string seenByHandler;
+    const auto chainNow = [] {
+        ConfCertPathInfo info = {};
+        uint8_t capabilities[10] = {};
+        EXPECT_EQ(TamoOmCertGetCertPath(OM_CERT_PATH_SERVER, 2, 263, &info), 0);
+        EXPECT_EQ(TamoOmCertGetCapability(capabilities), 0);
+        return certs::read(info.certPath) + std::to_string(capabilities[6]);
+    };
+    static const auto seen = chainNow;
+    ASSERT_EQ(TamoOmCertNotifyCallback([](uint32_t message, uint32_t) {
+                  if (message == OM_CERT_MSG_SERVER) {
+                      told.set_value();
+                      identify.get_future().wait();
+                      seenByHandler = seen();
+                      uint8_t room[256] = {};
+                      ConfCertIdBuffer id = {room, sizeof(room)};
+                      auto *text = reinterpret_cast<uint8_t *>(seenByHandler.data());
+                      const ConfCertIdBuffer contents = {
+                          text, static_cast<uint32_t>(seenByHandler.size())};
+                      EXPECT_EQ(TamoOmCertGetCertId(&contents, &id), 0);
+                      identified.set_value();
+                      end.get_future().wait();
+                  }
+              }),
+              0);
+    ASSERT_EQ(install("263", two).code, 0);
+    told.get_future().wait();
+    EXPECT_EQ(chainNow(), certs::pem(one) + "1");
+    identify.set_value();
+    identified.get_future().wait();
+    EXPECT_EQ(seenByHandler, certs::pem(two) + "0");
+    EXPECT_EQ(chainNow(), certs::pem(two) + "0");
+    end.set_value();
+    ASSERT_EQ(TamoOmCertNotifyCallback(nullptr), 0);
+}
+
 /* ---- queries ---- */
 
 TEST(CertQueries, AnswerFromTheInstalledFiles) {
@@ -207,6 +249,15 @@ TEST(CertQueries, RefuseWhatIsMissingOrTooLarge) {
         EXPECT_EQ(TamoOmCertGetCertPath(OM_CERT_PATH_SERVER, 2, 263, &info) == 0, good);
         EXPECT_EQ(string(info.keyPassword), good ? string(length, 'p') : "");
     }
+    const certs::Party party = certs::makeParty("Party", "EC");
+    certs::remove(place + "passphrase");
+    certs::write(place + "cert.pem", certs::pem(party));
+    certs::write(place + "key.pem", certs::keyPem(party, "secret"));
+    EXPECT_NE(TamoOmCertGetCertPath(OM_CERT_PATH_SERVER, 2, 263, &info), 0)
+        << "a reader would ask a person";
+    EXPECT_STREQ(info.keyPath, "");
+    certs::write(place + "passphrase", "secret");
+    EXPECT_EQ(TamoOmCertGetCertPath(OM_CERT_PATH_SERVER, 2, 263, &info), 0);
     uint8_t text[] = "no certificate", room[256];
     const ConfCertIdBuffer contents = {text, sizeof(text)};
     ConfCertIdBuffer out = {room, sizeof(room)};
@@ -223,7 +274,7 @@ TEST(CertQueries, ACaFileIsLoadedAsAWholeOrNotAtAll) {
                                             {certs::crlPem(one), 0},
                                             {string(5 << 20, '\n') + both, 0}};
     for (const auto &[text, loaded] : cases) {
-        const Context context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+        const Context context = certs::clientContext();
         certs::write("/data/in/ca.pem", text);
         EXPECT_EQ(SSL_CTX_load_cacertificate_file(context.get(), "/data\\in\\ca.pem", 1) == 1,
                   loaded > 0);
@@ -231,7 +282,7 @@ TEST(CertQueries, ACaFileIsLoadedAsAWholeOrNotAtAll) {
         EXPECT_EQ(sk_X509_OBJECT_num(objects), loaded);
     }
     ASSERT_EQ(mkfifo(native("/data/in/pipe.pem").c_str(), 0600), 0);
-    const Context context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    const Context context = certs::clientContext();
     for (const char *path : {"/data/in/pipe.pem", "/data/in", "/data/in/none.pem", "../ca.pem"}) {
         EXPECT_NE(SSL_CTX_load_cacertificate_file(context.get(), path, 1), 1) << path;
     }

@@ -1,17 +1,22 @@
-/* The engine "openssl_engine": private keys that sign without leaving it, by their identifiers.
+/* The engine "openssl_engine": private keys that sign and decrypt without leaving it, by their identifiers.
  *
  * It lies in a device root (system/lib64/), and its keys in that root's keys/. OpenSSL 3 has engines, and
  * calls them deprecated. */
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <openssl/engine.h>
 #include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include "host/certificates/key.h"
 #include "kept_key.h"
 
 namespace {
+
+using namespace tamo::certificates;
 
 constexpr char kEngineId[] = "openssl_engine";
 constexpr char kEngineName[] = "Keys of the device's certificates";
@@ -38,48 +43,43 @@ int openKeys() {
                                                    : -1;
 }
 
-tamo::KeyOwner readKept(int keys, const char *identifier) {
-    char name[tamo::KeyIdentifier::kLength + 16];
-    tamo::SecretFile pem;
-    tamo::Passphrase phrase;
-    (void)snprintf(name, sizeof(name), "%s.passphrase", identifier);
-    if (tamo::readPassphrase(keys, name, &phrase) != 0) {
-        return nullptr;
-    }
+KeyOwner readKept(int keys, const char *identifier) {
+    char name[KeyIdentifier::kLength + 16];
+    SecretFile pem;
+    Passphrase phrase;
     (void)snprintf(name, sizeof(name), "%s.pem", identifier);
-    return tamo::readSecretFile(keys, name, &pem) == 0 ? tamo::readPrivateKey(pem, &phrase)
-                                                       : nullptr;
+    return readSecretFile(keys, name, &pem) == 0 && readPassphraseLine(pem, &phrase)
+               ? readPrivateKey(pem.bio.get(), &phrase)
+               : nullptr;
 }
 
-EVP_PKEY *loadPrivateKey(ENGINE *engine, const char *identifier, UI_METHOD *, void *) {
-    if (!tamo::isKeyIdentifier(identifier)) {
-        return refuse(identifier == nullptr ? "(none)" : identifier, "this is no key identifier");
+EVP_PKEY *loadPrivateKey(ENGINE *, const char *identifier, UI_METHOD *, void *) {
+    if (!isKeyIdentifier(identifier)) {
+        return refuse(identifier == nullptr ? "(none)" : identifier, "not a key identifier");
     }
     const int keys = openKeys();
-    tamo::KeyOwner kept = keys < 0 ? nullptr : readKept(keys, identifier);
+    KeyOwner kept = keys < 0 ? nullptr : readKept(keys, identifier);
     if (keys >= 0) {
         close(keys);
     }
-    tamo::KeyIdentifier found;
+    KeyIdentifier found;
     if (kept == nullptr) {
         return refuse(identifier,
                       "the engine does not have it, or cannot open it: install the "
                       "certificate with its key again");
     }
-    if (!tamo::identifyKey(kept.get(), &found) || strcmp(found.text, identifier) != 0) {
+    if (!identifyKey(kept.get(), &found) || strcmp(found.text, identifier) != 0) {
         return refuse(identifier, "another key lies in its place");
     }
-    return openssl_engine::makeKeyObject(engine, std::move(kept));
+    return openssl_engine::makeKeyObject(std::move(kept));
 }
 
 int bind(ENGINE *engine, const char *id) {
     if (id != nullptr && strcmp(id, kEngineId) != 0) {
         return 0;
     }
-    return openssl_engine::prepareMethods() && ENGINE_set_id(engine, kEngineId) == 1 &&
-                   ENGINE_set_name(engine, kEngineName) == 1 &&
-                   ENGINE_set_load_privkey_function(engine, loadPrivateKey) == 1 &&
-                   ENGINE_set_pkey_meths(engine, openssl_engine::findKeyMethod) == 1
+    return ENGINE_set_id(engine, kEngineId) == 1 && ENGINE_set_name(engine, kEngineName) == 1 &&
+                   ENGINE_set_load_privkey_function(engine, loadPrivateKey) == 1
                ? 1
                : 0;
 }

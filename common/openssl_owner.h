@@ -1,14 +1,12 @@
-/* OpenSSL objects owned by scope, and opening a PEM file. */
+/* OpenSSL's objects owned by scope, for the library and for the host. */
 #pragma once
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
+#include <openssl/evp.h>
 #include <openssl/x509.h>
-#include <sys/stat.h>
 
 #include <memory>
-
-#include "common/native_path.h"
 
 /* One release for each kind of object. */
 template <auto Free>
@@ -25,6 +23,7 @@ using OpensslOwner = std::unique_ptr<Object, OpensslRelease<Free>>;
 using BioOwner = OpensslOwner<BIO, BIO_free>;
 using CertificateOwner = OpensslOwner<X509, X509_free>;
 using CrlOwner = OpensslOwner<X509_CRL, X509_CRL_free>;
+using KeyOwner = OpensslOwner<EVP_PKEY, EVP_PKEY_free>;
 
 /* What was forgiven within the scope leaves nothing in the thread's error queue, where a caller's next
  * SSL_get_error would find it. */
@@ -36,24 +35,8 @@ class ForgivenErrors {
     ForgivenErrors &operator=(const ForgivenErrors &) = delete;
 };
 
-/* For OpenSSL, which opens no empty path. */
-inline const char *openable(const NativePath &path) {
-    return path.get() == nullptr ? "" : path.get();
-}
-
-/* Opens a file for reading; null for one that is not there, and for what would keep a reader waiting or
- * never end: a pipe, a socket, a device. */
-inline BioOwner openPemFile(const char *devicePath) {
-    const NativePath path(devicePath);
-    struct stat status;
-    if (stat(openable(path), &status) != 0 ||
-        !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
-        return nullptr;
-    }
-    return BioOwner(BIO_new_file(openable(path), "rb"));
-}
-
-/* For readers of PEM: an encrypted file is refused instead of asked a person for. */
+/* The user data of a PEM reader without a callback of its own: an encrypted text is refused instead of
+ * a person asked for the pass phrase. */
 inline char *noPassPhrase() {
     static char empty[] = "";
     return empty;
