@@ -90,8 +90,9 @@ void ConfCertNotifyCallback(ConfCertChangeCallback callback);
 void ConfCertUpdateNotifyCallback(ConfCaCertUpdateCallback callback);
 
 /* Equips a server's context with the certificate chain and the private key of a type: from files, or
- * with a key that stays in the platform and signs through its engine, as the platform decides. -1 when
- * the context has not got a matching pair. */
+ * with a key that stays in the platform and works through its engine, as the platform decides. While the
+ * certificate is replaced, the pair is the old one's or the new one's. -1 when the context has not got a
+ * matching pair. */
 int32_t ConfLoadServerCert(SSL_CTX *ctx, uint32_t type);
 
 /* Fills `info` with the paths and the pass phrase of a type. -1 for a null record or when the service

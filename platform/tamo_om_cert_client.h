@@ -5,9 +5,12 @@
  *    its certificate id: 257 and what TamoOmCertGetCapability calls its index.
  * 2. Results are 0 for success and another value for failure. A caller zeroes every record before
  *    it passes it.
- * 3. Any thread may call any operation. Queries answer as of one moment: contents, sizes and paths
- *    of a certificate that is being replaced are all the old one's or all the new one's.
- * 4. Files behind the paths are whole whenever their path has been given out. */
+ * 3. Any thread may call any operation. Queries answer as of one moment: contents, sizes, paths and
+ *    capability of a certificate that is being replaced are all the old one's or all the new one's. To
+ *    a process with a handler they are the new one's on the handler's thread while it is being told,
+ *    and on every other thread once the handler has asked for the identifier, or has returned.
+ * 4. Files behind the paths are whole whenever their path has been given out, and open without a
+ *    question to a person: an encrypted key without its pass phrase fails the query. */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -73,7 +76,7 @@ int32_t TamoOmCertClientInit(void *argument);
 int32_t TamoOmCertNotifyCallback(ConfOmCertHandler handler);
 
 /* Tells where the server certificate `certId` is, or (`certId` 0) a directory; see OM_CERT_PATH_*.
- * `two` is always 2. A certificate that is not there fails. */
+ * `two` is 2. A certificate that is not there fails. */
 int32_t TamoOmCertGetCertPath(uint32_t kind, uint32_t two, uint32_t certId, ConfCertPathInfo *info);
 
 /* Stores how large the contents of a server certificate are. */
@@ -88,7 +91,7 @@ int32_t TamoOmCertGetServiceCert(uint32_t certId, ConfCertContent *content);
 int32_t TamoOmCertGetCertId(const ConfCertIdBuffer *contents, ConfCertIdBuffer *identifier);
 
 /* Fills 10 bytes, one per index: nonzero where the certificate's private key stays in the platform
- * and only the engine signs with it. */
+ * and only the engine works with it. */
 int32_t TamoOmCertGetCapability(uint8_t *capabilities10);
 
 #pragma GCC visibility pop
