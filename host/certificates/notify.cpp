@@ -4,7 +4,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -12,7 +11,9 @@
 #include <mutex>
 #include <new>
 
+#include "host/base/fork.h"
 #include "host/base/log.h"
+#include "host/base/thread.h"
 #include "host/certificates/watch.h"
 #include "tamo_host.h"
 
@@ -87,7 +88,6 @@ void tellAll(const CertChanges &changes, const CertWatch &versions) {
 }
 
 void *runWatch(void *) {
-    (void)pthread_setname_np(pthread_self(), "tamo_cert");
     pthread_mutex_lock(&startLock);
     CertWatch *mine = watch;
     startResult = mine->open();
@@ -129,29 +129,17 @@ void afterForkInChild() {
     unlockAll();
 }
 
-/* With all signals blocked, which the watch needs and a program expects of a library's thread. */
-int startThread() {
-    static const int guarded = pthread_atfork(lockAll, unlockAll, afterForkInChild);
-    watch = guarded == 0 ? new (std::nothrow) CertWatch : nullptr;
-    if (watch == nullptr) {
-        return ENOMEM;
-    }
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
-    const int error = pthread_create(&thread, nullptr, runWatch, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error == 0) {
-        pthread_detach(thread);
-    }
-    return error;
+/* Without signals, which the watch needs. */
+int startWatch() {
+    guardForks(ForkStage::kCertificateWatch, {lockAll, unlockAll, afterForkInChild});
+    watch = new (std::nothrow) CertWatch;
+    return watch == nullptr ? ENOMEM : startThread("tamo_cert", runWatch, nullptr);
 }
 
 uint32_t beginWatching() {
     if (begun == Begun::kNot || begun == Begun::kFailed) {
         delete watch;
-        const int error = startThread();
+        const int error = startWatch();
         if (error != 0) {
             hostRecord(kError, kUnit, __LINE__,
                        "the thread that watches certificates cannot be started: %s",
