@@ -161,6 +161,7 @@ void measureReading(const std::string &root) {
                      [&] { require(TamoOmConfigStringGet(&one[0]) == 0, "Get"); }}});
 }
 
+/* Two files: a write to the other's would empty each connection's cache. */
 void measureWriting(const std::string &root) {
     BareStore bare(root + "/written.db");
     bare.write(makeRecords(kReadKeys));
