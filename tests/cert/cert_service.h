@@ -84,7 +84,7 @@ class CertService : public platform::PlatformTest {
         std::string lines;
         for (const platform::Record &record : platform::records()) {
             if (record.unit == "conf_cert") {
-                lines += std::to_string(record.level) + record.text + '\n';
+                lines += std::to_string(record.level) + record.whole() + '\n';
             }
         }
         platform::clearRecords();

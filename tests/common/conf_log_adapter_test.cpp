@@ -21,7 +21,7 @@ class ConfLog : public platform::PlatformTest {
         PlatformTest::TearDown();
     }
 
-    static string textOf(size_t i) { return platform::records().at(i).text; }
+    static string textOf(size_t i) { return platform::records().at(i).whole(); }
     static size_t count() { return platform::records().size(); }
     static void expectTexts(const std::vector<string> &texts) {
         ASSERT_EQ(count(), texts.size());
@@ -39,7 +39,7 @@ TEST_F(ConfLog, RecordCarriesFunctionUnitAndLine) {
     EXPECT_EQ(records[0].logFileId, GetConfLogFileId());
     EXPECT_EQ(records[0].unit, "conf_msg_api");
     EXPECT_EQ(records[0].line, 230);
-    EXPECT_EQ(records[0].text, "[ConfCommMsgProcess]Null ptr.");
+    EXPECT_EQ(records[0].whole(), "[ConfCommMsgProcess]Null ptr.");
 }
 
 TEST_F(ConfLog, FilterDecidesByLevelAndRefusesLevelsAboveDebug) {

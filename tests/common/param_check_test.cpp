@@ -68,7 +68,7 @@ TEST_F(ParamCheck, WholeTextIsANumberOrTheDefault) {
         platform::clearRecords();
         EXPECT_EQ(ConfGetAtoi(bad, -5), -5);
         ASSERT_EQ(platform::records().size(), 1u);
-        EXPECT_EQ(platform::records()[0].text, "[ConfGetAtoi]strtol failed. defaultValue:-5");
+        EXPECT_EQ(platform::records()[0].whole(), "[ConfGetAtoi]strtol failed. defaultValue:-5");
     }
 }
 

@@ -89,7 +89,7 @@ TEST_F(ConfigReport, EachCallbackHearsItsKeysOnceInReportOrder) {
     EXPECT_EQ(calls[1].second, (std::vector<string>{"B.1=v", "B.2=v"}));
     string texts;
     for (const auto &record : platform::records()) {
-        texts += std::to_string(record.level) + record.text + "|";
+        texts += std::to_string(record.level) + record.whole() + "|";
     }
     EXPECT_EQ(texts,
               "4[ConfConfigClientCallBack]ConfConfigClientCallBack msgid :0x10000|"
@@ -160,7 +160,7 @@ TEST_F(ConfigReport, ReportIsDeliveredWholeOrNotAtAll) {
     const auto check = [&](uint64_t, int) {
         EXPECT_TRUE(calls.empty());
         ASSERT_FALSE(platform::records().empty());
-        last.push_back(platform::records()[0].text);
+        last.push_back(platform::records()[0].whole());
     };
     EXPECT_EQ(platform::forEachFailure("OsMemMallocSetCharMon", setUp, deliver, check), 6u);
     EXPECT_EQ(last, (std::vector<string>{

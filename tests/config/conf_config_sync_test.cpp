@@ -28,7 +28,7 @@ ConfConfigListItem listItem(const string &key, const string &value) {
 Strings recordTexts() {
     Strings texts;
     for (const auto &record : platform::records()) {
-        texts.push_back(std::to_string(record.level) + record.text);
+        texts.push_back(std::to_string(record.level) + record.whole());
     }
     return texts;
 }

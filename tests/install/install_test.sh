@@ -1,6 +1,6 @@
 #!/bin/bash
-# Installs the build, moves the installed tree, and builds and runs a small consumer in C and in C++
-# against it, once with the CMake package and once with pkg-config.
+# Installs the build, moves the installed tree, and builds and runs small consumers (in C, in C++, and a
+# test with the test kit) against it, once with the CMake package and once with pkg-config.
 # usage: install_test.sh BUILD_DIR C_COMPILER CXX_COMPILER
 set -euo pipefail
 
@@ -35,15 +35,17 @@ grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of inst
 cmake -S "$source/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
-run "$scratch/cmake/consumer_c"
-run "$scratch/cmake/consumer_cpp"
+for consumer in c cpp testkit; do
+    run "$scratch/cmake/consumer_$consumer"
+done
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name conference_common.pc)")
 export PKG_CONFIG_PATH
-read -ra flags <<<"$(pkg-config --cflags --libs conference_common tamo_host)"
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir conference_common)
 export LD_LIBRARY_PATH
+read -ra flags <<<"$(pkg-config --cflags --libs conference_common tamo_host)"
 "$cc" -std=c11 "$source/consumer/consumer.c" "${flags[@]}" -o "$scratch/consumer_c"
-"$cxx" -std=c++20 "$source/consumer/consumer.cpp" "${flags[@]}" -o "$scratch/consumer_cpp"
 run "$scratch/consumer_c"
-run "$scratch/consumer_cpp"
+read -ra flags <<<"$(pkg-config --cflags --libs conference_testkit)"
+"$cxx" -std=c++17 "$source/consumer/testkit.cpp" "${flags[@]}" -o "$scratch/consumer_testkit"
+run "$scratch/consumer_testkit"

@@ -40,7 +40,7 @@ class Json : public platform::PlatformTest {
         string text;
         for (const auto &each : platform::records()) {
             EXPECT_TRUE(each.level == 1 && each.unit == "conf_json") << each;
-            text += '[' + each.text.substr(9) + ';';
+            text += '[' + each.whole().substr(9) + ';';
         }
         platform::clearRecords();
         return text;

@@ -160,7 +160,7 @@ TEST_F(XmlAdapter, MissingArgumentsAreRefusedWithTheRecordOfTheirFunction) {
     ASSERT_EQ(records.size(), std::size(cases));
     for (size_t at = 0; at < records.size(); at++) {
         EXPECT_TRUE(cases[at].refused) << cases[at].record;
-        EXPECT_EQ(records[at].text, string("[ConfXml") + cases[at].record);
+        EXPECT_EQ(records[at].whole(), string("[ConfXml") + cases[at].record);
         EXPECT_EQ(records[at].level, cases[at].level) << cases[at].record;
     }
     platform::clearRecords();

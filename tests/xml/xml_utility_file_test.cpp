@@ -96,7 +96,8 @@ void put(const char *path, const string &content) {
 size_t countErrors(const char *text) {
     const auto records = platform::records();
     return static_cast<size_t>(std::count_if(records.begin(), records.end(), [&](const auto &one) {
-        return one.level == 1 && one.unit == "xml_utility" && one.text.find(text) != string::npos;
+        return one.level == 1 && one.unit == "xml_utility" &&
+               one.whole().find(text) != string::npos;
     }));
 }
 
