@@ -158,7 +158,7 @@ int32_t SSL_CTX_load_cacertificate_file(SSL_CTX *ctx, const char *path, uint32_t
 
 int main() {
     setvbuf(stdout, nullptr, _IOLBF, 0); /* each table is seen as soon as it is measured */
-    support::beginScratchRoot();
+    const testkit::ScratchRoot root;
     ConfLogInit();
     const certs::Party leaf = certs::makeParty("Server", "RSA");
     putFiles(leaf);
@@ -183,6 +183,5 @@ int main() {
                  1, kRounds) &&
              within;
     measureRefreshes(leaf);
-    support::endScratchRoot();
     return within ? 0 : 1;
 }

@@ -1,6 +1,7 @@
 /* The index of bound configuration items, as the other files of the unit see it. */
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "include/conf_config.h"
@@ -34,3 +35,10 @@ int32_t lowerBoundItem(const char *name);
 
 /* Does a name begin with a prefix, in any letter case? */
 bool nameBeginsWith(const char *name, const char *prefix);
+
+static_assert(offsetof(ConfConfigIndexEntry, type) == 128);
+static_assert(offsetof(ConfConfigIndexEntry, value) == (sizeof(void *) == 4 ? 132 : 136));
+static_assert(offsetof(ConfConfigIndexEntry, size) == (sizeof(void *) == 4 ? 136 : 144));
+static_assert(offsetof(ConfConfigIndexEntry, localOnly) == (sizeof(void *) == 4 ? 140 : 148));
+static_assert(offsetof(ConfConfigIndexEntry, callback) == (sizeof(void *) == 4 ? 144 : 152));
+static_assert(sizeof(ConfConfigIndexEntry) == (sizeof(void *) == 4 ? 148 : 160));

@@ -22,6 +22,7 @@
  *     ConfAddCancelCrlToSslctx(clientContext);
  *     SSL_CTX_set_verify(clientContext, SSL_VERIFY_PEER, NULL); */
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -121,4 +122,10 @@ int32_t ConfAddCancelCrlToSslctx(SSL_CTX *ctx);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(ConfGmSrvCertInfo, keyPath) == 512, "");
+static_assert(offsetof(ConfGmSrvCertInfo, keyPassword) == 1024, "");
+static_assert(sizeof(ConfGmSrvCertInfo) == 1152, "");
+static_assert(offsetof(ConfCaCertEntry, fileType) == 512, "");
+static_assert(sizeof(ConfCaCertEntry) == 516, "");
 #endif

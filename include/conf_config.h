@@ -21,6 +21,7 @@
  *    work of the calling thread alone: whoever shares a variable with other threads, or applies
  *    lists on two of them, keeps them apart. */
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -227,4 +228,10 @@ int32_t IgnoreLayoutStrategy(void);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(ConfConfigListItem, value) == 128, "");
+static_assert(sizeof(ConfConfigListItem) == 1152, "");
+static_assert(offsetof(ConfConfigOmBatch, capacity) == 4, "");
+static_assert(offsetof(ConfConfigOmBatch, records) == 8, "");
+static_assert(sizeof(ConfConfigOmBatch) == (sizeof(void *) == 4 ? 12 : 16), "");
 #endif

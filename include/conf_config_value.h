@@ -17,6 +17,7 @@
 #include <stdalign.h>
 #include <stdbool.h>
 #endif
+#include <stddef.h>
 #include <stdint.h>
 
 #include "conf_config.h"
@@ -114,4 +115,10 @@ bool ConfConfigStrEqual(const char *a, const char *b);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(ConfConfigValue, payload) == 8, "");
+static_assert(offsetof(ConfConfigValue, payload.str.length) == (sizeof(void *) == 4 ? 12 : 16), "");
+static_assert(offsetof(ConfConfigValue, payload.data.length) == (sizeof(void *) == 4 ? 12 : 16),
+              "");
+static_assert(sizeof(ConfConfigValue) == (sizeof(void *) == 4 ? 16 : 24), "");
 #endif

@@ -23,6 +23,7 @@
 #ifndef __cplusplus
 #error "conf_json.h is for C++: its functions take and return std::string"
 #endif
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -140,3 +141,7 @@ void ConfJsonReplaceStr(std::string &text, char const *search, char const *repla
 void ConfJsonClearStr(std::string &text);
 
 #pragma GCC visibility pop
+
+static_assert(offsetof(ConfJsonItem, key) == (sizeof(void *) == 4 ? 4 : 8), "");
+static_assert(offsetof(ConfJsonItem, value) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(sizeof(ConfJsonItem) == (sizeof(void *) == 4 ? 16 : 24), "");

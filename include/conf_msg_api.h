@@ -139,4 +139,11 @@ uint32_t GetMeetingServerMsgBlockSize(const MeetingServerMsgBlock *block);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(MeetingServerMsgBlock, itemCount) == 4, "");
+static_assert(offsetof(MeetingServerMsgBlock, requestWords) == 8, "");
+static_assert(offsetof(MeetingServerMsgBlock, resultList) == (sizeof(void *) == 4 ? 68 : 64), "");
+static_assert(offsetof(MeetingServerMsgBlock, resultSize) == 72, "");
+static_assert(offsetof(MeetingServerMsgBlock, bodyLength) == 76, "");
+static_assert(offsetof(MeetingServerMsgBlock, body) == 80, "");
 #endif

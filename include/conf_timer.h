@@ -130,4 +130,25 @@ uint32_t ConfGetSysTimeSec(void);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(ConfCommTimerEntry, defaultDuration) == 8, "");
+static_assert(offsetof(ConfCommTimerEntry, receiver) == (sizeof(void *) == 4 ? 12 : 16), "");
+static_assert(offsetof(ConfCommTimerEntry, handler) == (sizeof(void *) == 4 ? 16 : 24), "");
+static_assert(offsetof(ConfCommTimerEntry, handle) == (sizeof(void *) == 4 ? 20 : 32), "");
+static_assert(offsetof(ConfCommTimerEntry, param) == (sizeof(void *) == 4 ? 24 : 36), "");
+static_assert(offsetof(ConfCommTimerEntry, data) == (sizeof(void *) == 4 ? 28 : 40), "");
+static_assert(offsetof(ConfCommTimerEntry, dataLength) == (sizeof(void *) == 4 ? 32 : 48), "");
+static_assert(sizeof(ConfCommTimerEntry) == (sizeof(void *) == 4 ? 36 : 56), "");
+static_assert(offsetof(ConfTimer, mode) == 4, "");
+static_assert(offsetof(ConfTimer, receiver) == 8, "");
+static_assert(offsetof(ConfTimer, handler) == (sizeof(void *) == 4 ? 12 : 16), "");
+static_assert(offsetof(ConfTimer, handle) == (sizeof(void *) == 4 ? 16 : 24), "");
+static_assert(offsetof(ConfTimer, param) == (sizeof(void *) == 4 ? 20 : 28), "");
+static_assert(offsetof(ConfTimer, dataLength) == (sizeof(void *) == 4 ? 24 : 32), "");
+static_assert(offsetof(ConfTimer, data) == (sizeof(void *) == 4 ? 28 : 40), "");
+static_assert(sizeof(ConfTimer) == (sizeof(void *) == 4 ? 32 : 48), "");
+static_assert(offsetof(ConfSysTime, month) == 2, "");
+static_assert(offsetof(ConfSysTime, second) == 6, "");
+static_assert(offsetof(ConfSysTime, millisecond) == 8, "");
+static_assert(sizeof(ConfSysTime) == 10, "");
 #endif

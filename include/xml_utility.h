@@ -32,6 +32,7 @@
  *     ConfXmlSave(describe, "/data/audio.xml", "/data/audio.bak");
  *     ConfXmlLoad(describe, "/data/audio.xml", "/data/audio.bak"); */
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 #include "xmlAdapter.h"
@@ -321,4 +322,32 @@ uint32_t ConfXmlFindMatchNode(ConfXmlNode *indexElement, ConfXmlNode *fileParent
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(ConfXmlAttrDesc, value) == (sizeof(void *) == 4 ? 4 : 8), "");
+static_assert(sizeof(ConfXmlAttrDesc) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(offsetof(ConfXmlNodeDesc, attrCount) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(offsetof(ConfXmlNodeDesc, attrs) == (sizeof(void *) == 4 ? 12 : 24), "");
+static_assert(sizeof(ConfXmlNodeDesc) == (sizeof(void *) == 4 ? 16 : 32), "");
+static_assert(offsetof(ConfXmlEncodeDesc, nodeCount) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(sizeof(ConfXmlEncodeDesc) == (sizeof(void *) == 4 ? 12 : 24), "");
+static_assert(offsetof(ConfXmlEncodeRootDesc, childCount) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(sizeof(ConfXmlEncodeRootDesc) == (sizeof(void *) == 4 ? 12 : 24), "");
+static_assert(offsetof(ConfXmlNoteParam, isString) == 68, "");
+static_assert(offsetof(ConfXmlNoteParam, dst) == 72, "");
+static_assert(offsetof(ConfXmlNoteParam, dstSize) == (sizeof(void *) == 4 ? 76 : 80), "");
+static_assert(offsetof(ConfXmlNoteParam, asciiCodes) == (sizeof(void *) == 4 ? 81 : 85), "");
+static_assert(sizeof(ConfXmlNoteParam) == (sizeof(void *) == 4 ? 84 : 88), "");
+static_assert(offsetof(ConfXmlValue, value) == (sizeof(void *) == 4 ? 4 : 8), "");
+static_assert(offsetof(ConfXmlValue, charLen) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(sizeof(ConfXmlValue) == (sizeof(void *) == 4 ? 12 : 24), "");
+static_assert(sizeof(ConfXmlValueNodeDesc) == (sizeof(void *) == 4 ? 8 : 16), "");
+static_assert(offsetof(ConfXmlNodeInfo, nodeName) == (sizeof(void *) == 4 ? 4 : 8), "");
+static_assert(offsetof(ConfXmlNodeInfo, name) == (sizeof(void *) == 4 ? 37 : 41), "");
+static_assert(offsetof(ConfXmlNodeInfo, type) == (sizeof(void *) == 4 ? 70 : 74), "");
+static_assert(offsetof(ConfXmlNodeInfo, instId) == (sizeof(void *) == 4 ? 72 : 76), "");
+static_assert(offsetof(ConfXmlNodeInfo, charLen) == (sizeof(void *) == 4 ? 76 : 80), "");
+static_assert(sizeof(ConfXmlNodeInfo) == (sizeof(void *) == 4 ? 80 : 88), "");
+static_assert(offsetof(TransXMLContext, word) == (sizeof(void *) == 4 ? 4 : 8), "");
+static_assert(offsetof(TransXMLContext, spare) == (sizeof(void *) == 4 ? 8 : 12), "");
+static_assert(sizeof(TransXMLContext) == (sizeof(void *) == 4 ? 16 : 24), "");
 #endif

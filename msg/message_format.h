@@ -48,8 +48,3 @@ static_assert(sizeof(ConfMsgBody) == (sizeof(void *) == 4 ? 16 : 24));
 static_assert(offsetof(ConfMsgBody, result) == sizeof(void *));
 static_assert(offsetof(ConfMsgBody, dataLength) == sizeof(void *) + 8);
 static_assert(sizeof(MultiPackHeader) == 12);
-static_assert(offsetof(MeetingServerMsgBlock, itemCount) == 4);
-static_assert(offsetof(MeetingServerMsgBlock, resultList) == (sizeof(void *) == 4 ? 68 : 64));
-static_assert(offsetof(MeetingServerMsgBlock, resultSize) == 72);
-static_assert(offsetof(MeetingServerMsgBlock, bodyLength) == 76);
-static_assert(kBlockHead == 80);

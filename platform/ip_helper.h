@@ -5,6 +5,7 @@
  * 2. IPv4 addresses and masks are in network byte order.
  * 3. Any thread may call; nothing is kept between calls that a caller could see. */
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -73,4 +74,13 @@ uint32_t GetIpAddrTable(IpAddrTable *table, uint32_t *size, int32_t sorted);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(sizeof(IpForwardRow) == 16);
+static_assert(sizeof(IpAddrRow) == 12);
+static_assert(offsetof(IpAddrTable, rows) == 4);
+static_assert(offsetof(IpAdapter, ipv6InterfaceIndex) == (sizeof(void *) == 4 ? 4 : 8));
+static_assert(offsetof(IpAdapter, firstUnicast) == (sizeof(void *) == 4 ? 8 : 16));
+static_assert(offsetof(IpUnicastAddress, address) == (sizeof(void *) == 4 ? 4 : 8));
+static_assert(offsetof(IpSocketAddress6, address) == 8);
+static_assert(sizeof(IpSocketAddress6) == 28);
 #endif

@@ -103,4 +103,5 @@ static_assert(offsetof(ConfCertPathInfo, keyPassword) == 1024);
 static_assert(sizeof(ConfCertSizes) == 12 && offsetof(ConfCertSizes, extra) == 4);
 static_assert(offsetof(ConfCertContent, extraData) == 2 * sizeof(void *));
 static_assert(offsetof(ConfCertIdBuffer, length) == sizeof(void *));
+static_assert(offsetof(ConfCertContent, spare) == (sizeof(void *) == 4 ? 16 : 28));
 #endif

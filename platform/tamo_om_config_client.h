@@ -114,4 +114,6 @@ static_assert(sizeof(ConfConfigOmVal) == 1028 && offsetof(ConfConfigOmVal, lengt
 static_assert(sizeof(ConfConfigOmRecord) == 1160 && offsetof(ConfConfigOmRecord, value) == 132);
 static_assert(sizeof(ConfConfigChangeItem) == 132 + 4 * (sizeof(void *) / 8) + sizeof(void *));
 static_assert(offsetof(ConfConfigChangeList, items) == sizeof(void *));
+static_assert(offsetof(ConfConfigChangeItem, value) == (sizeof(void *) == 4 ? 132 : 136));
+static_assert(sizeof(ConfConfigChangeList) == (sizeof(void *) == 4 ? 8 : 16));
 #endif

@@ -8,6 +8,7 @@
  * 4. Text arrives as its author formatted it. The client masks nothing, and keeps one record from
  *    looking like two. */
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -48,4 +49,9 @@ int32_t TamoOmLogModuleLogRecord(uint8_t level, uint16_t logFileId, const char *
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(OmLogCreateParam, fileCount) == 4);
+static_assert(offsetof(OmLogCreateParam, fileSize) == 8);
+static_assert(offsetof(OmLogCreateParam, name) == 12);
+static_assert(sizeof(OmLogCreateParam) == 44);
 #endif

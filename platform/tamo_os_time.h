@@ -1,5 +1,6 @@
 /* libtamo_os_time: the system time. Any thread may call. */
 #pragma once
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -25,4 +26,8 @@ uint32_t OsGetSysTimeSec(void);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+
+static_assert(offsetof(OsTimeEx, day) == 16);
+static_assert(offsetof(OsTimeEx, year) == 24);
+static_assert(sizeof(OsTimeEx) == 36);
 #endif

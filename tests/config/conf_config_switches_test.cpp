@@ -1,7 +1,5 @@
 /* The switch file: loaded once in a process, so that each case has a child process. */
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -10,6 +8,7 @@
 
 #include "include/conf_config.h"
 #include "tests/support/forwarding_platform.h"
+#include "tests/support/child_process.h"
 #include "tests/support/scratch_root.h"
 
 namespace {
@@ -31,15 +30,7 @@ class ConfigSwitches : public platform::PlatformTest {
     static void inChild(const string &children, Body body) {
         std::ofstream(folder() + "/conf_config.xml") << "<any>" << children << "</any>";
         fflush(nullptr);
-        const pid_t child = fork();
-        if (child == 0) {
-            body();
-            fflush(nullptr);
-            _exit(HasFailure() ? 1 : 0);
-        }
-        int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0) << children.substr(0, 200);
+        support::inFork(body);
     }
 
     static string value(const char *name) {

@@ -6,110 +6,88 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 
 namespace {
 
-constexpr size_t kTooLarge = 0x80000000u;
+using std::string;
+
 constexpr size_t kMost = 7;
 
-/* `size` bytes between two pages without access, as close to the second as they can be. */
+/* Bytes between two pages without access, as close to the second as they can be. */
 class Guarded {
   public:
-    explicit Guarded(size_t size) : size_(size), page_(static_cast<size_t>(getpagesize())) {
+    explicit Guarded(const string &bytes)
+        : size_(bytes.size()), page_(static_cast<size_t>(getpagesize())) {
         base_ = static_cast<char *>(
             mmap(nullptr, 3 * page_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         mprotect(base_ + page_, page_, PROT_READ | PROT_WRITE);
+        bytes.copy(at(), size_);
     }
     ~Guarded() { munmap(base_, 3 * page_); }
     Guarded(const Guarded &) = delete;
     Guarded &operator=(const Guarded &) = delete;
 
     char *at() { return base_ + 2 * page_ - size_; }
-    void fill(const std::string &bytes) { bytes.copy(at(), size_); }
-    std::string bytes() { return std::string(at(), size_); }
-    std::string text() { return bytes().c_str(); }
+    string bytes() { return string(at(), size_); }
 
   private:
     size_t size_, page_;
     char *base_;
 };
 
-std::string letters(size_t count) {
-    return std::string("abcdefgh").substr(0, count);
-}
+#define CALL(expression) \
+    [](char *d, size_t n, const char *s, size_t c) { return (void)s, (void)c, expression; }
 
-TEST(BoundsChecked, MemoryFunctionsCopyOrClearTheWholeDestination) {
-    for (size_t dstSize = 1; dstSize <= kMost; ++dstSize) {
-        for (size_t count = 0; count <= kMost; ++count) {
-            SCOPED_TRACE(testing::Message() << dstSize << " " << count);
-            Guarded src(count);
-            src.fill(letters(count));
-            const bool fits = count <= dstSize;
-            std::string expected(dstSize, fits ? 'x' : '\0');
-            std::string filled = expected;
-            if (fits) {
-                expected.replace(0, count, letters(count));
-                filled.replace(0, count, count, 'y');
-            }
-            Guarded dst(dstSize);
-            for (auto copy : {memcpy_s, memmove_s}) {
-                dst.fill(std::string(dstSize, 'x'));
-                EXPECT_EQ(copy(dst.at(), dstSize, src.at(), count) == 0, fits);
-                EXPECT_EQ(dst.bytes(), expected);
-            }
-            dst.fill(std::string(dstSize, 'x'));
-            EXPECT_EQ(memset_s(dst.at(), dstSize, 'y', count) == 0, fits);
-            EXPECT_EQ(dst.bytes(), filled);
-        }
-    }
-}
+const struct Function {
+    const char *name;
+    int (*call)(char *dst, size_t size, const char *src, size_t length);
+    bool isText;
+    bool readsEnd; /* the source's terminator, which elsewhere is not there to be read */
+} functions[] = {
+    {"memcpy_s", CALL(memcpy_s(d, n, s, c)), false, false},
+    {"memmove_s", CALL(memmove_s(d, n, s, c)), false, false},
+    {"memset_s", CALL(memset_s(d, n, 'y', c)), false, false},
+    {"strcpy_s", CALL(strcpy_s(d, n, s)), true, true},
+    {"strncpy_s", CALL(strncpy_s(d, n, s, c)), true, false},
+    {"strncpy_s beyond", CALL(strncpy_s(d, n, s, c + 1)), true, true},
+    {"strcat_s", CALL(strcat_s(d, n, s)), true, true},
+};
 
-/* The source of a limited copy has no terminator, and nothing readable behind it. */
-TEST(BoundsChecked, TextFunctionsCopyOrEmptyTheDestination) {
-    for (size_t dstSize = 1; dstSize <= kMost; ++dstSize) {
-        for (size_t length = 0; length <= kMost; ++length) {
-            SCOPED_TRACE(testing::Message() << dstSize << " " << length);
-            Guarded src(length + 1);
-            src.fill(letters(length) + '\0');
-            Guarded dst(dstSize);
-            const bool fits = length < dstSize;
-            dst.fill(std::string(dstSize, 'x'));
-            EXPECT_EQ(strcpy_s(dst.at(), dstSize, src.at()) == 0, fits);
-            EXPECT_EQ(dst.text(), fits ? letters(length) : "");
-            for (size_t count : {length, length + 1}) {
-                Guarded limited(count);
-                limited.fill(letters(length) + '\0');
-                dst.fill(std::string(dstSize, 'x'));
-                EXPECT_EQ(strncpy_s(dst.at(), dstSize, limited.at(), count) == 0, fits);
-                EXPECT_EQ(dst.text(), fits ? letters(length) : "");
-            }
-            for (size_t used = 0; used <= dstSize; ++used) {
-                std::string before(dstSize, '\0');
-                before.replace(0, used, used, 'x');
-                dst.fill(before); /* with `used` == `dstSize`, a text without an end */
-                const bool joined = used + length < dstSize;
-                EXPECT_EQ(strcat_s(dst.at(), dstSize, src.at()) == 0, joined) << used;
-                EXPECT_EQ(dst.text(), joined ? std::string(used, 'x') + letters(length) : "");
+TEST(BoundsChecked, AllOrNothingGoesIntoTheDestination) {
+    for (const Function &each : functions) {
+        for (size_t at = 0; at < kMost * (kMost + 1) * (kMost + 1); ++at) {
+            const size_t size = 1 + at % kMost, length = at / kMost % (kMost + 1);
+            const size_t used = std::min(at / kMost / (kMost + 1), size);
+            const string name = each.name, letters = string("abcdefgh").substr(0, length);
+            const string before = string(used, 'x') + string(size - used, '\0');
+            Guarded dst(before); /* with `used` == `size`, a text without an end */
+            Guarded src(each.readsEnd ? letters + '\0' : letters);
+            const string wanted = name == "memset_s"   ? string(length, 'y')
+                                  : name == "strcat_s" ? string(used, 'x') + letters
+                                                       : letters;
+            const bool fits = wanted.size() < size + (each.isText ? 0 : 1);
+            EXPECT_EQ(each.call(dst.at(), size, src.at(), length) == 0, fits);
+            if (each.isText) {
+                EXPECT_EQ(dst.bytes().c_str(), fits ? wanted : "") << name << ' ' << at;
+            } else {
+                EXPECT_EQ(dst.bytes(), fits ? wanted + before.substr(length) : string(size, '\0'))
+                    << name << ' ' << at;
             }
         }
     }
 }
 
 TEST(BoundsChecked, OverlapIsRefusedWhereverItBegins) {
-    for (size_t to = 0; to <= 8; ++to) {
-        const bool apart = to == 0 || to == 8;
-        const std::string area = "xxxx" + std::string("abc\0", 4) + "xxxx";
-        std::string moved = area;
-        moved.replace(to, 4, "abc\0", 4);
-        std::string copied[4] = {area, area, area, area};
-        EXPECT_EQ(memcpy_s(&copied[0][to], 4, &copied[0][4], 4) == 0, apart) << to;
-        EXPECT_EQ(strcpy_s(&copied[1][to], 4, &copied[1][4]) == 0, apart) << to;
-        EXPECT_EQ(strncpy_s(&copied[2][to], 4, &copied[2][4], 4) == 0, apart) << to;
-        EXPECT_EQ(memmove_s(&copied[3][to], 4, &copied[3][4], 4), 0);
-        EXPECT_EQ(copied[3], moved);
-        for (int i = 0; i < 3; i++) {
-            EXPECT_STREQ(&copied[i][to], apart ? "abc" : "") << to;
+    for (const Function &each : functions) {
+        const string name = each.name;
+        for (size_t to = 0; to <= 8 && name != "memset_s" && name != "strcat_s"; ++to) {
+            const bool apart = to == 0 || to == 8, moves = name == "memmove_s";
+            string area = "xxxx" + string("abc\0", 4) + "xxxx";
+            EXPECT_EQ(each.call(&area[to], 4, &area[4], 4) == 0, apart || moves);
+            EXPECT_STREQ(&area[to], apart || moves ? "abc" : "") << name << ' ' << to;
         }
     }
     char text[8] = "ab";
@@ -118,44 +96,32 @@ TEST(BoundsChecked, OverlapIsRefusedWhereverItBegins) {
 }
 
 TEST(BoundsChecked, UnusableDestinationIsLeftAloneAndWrongSourcesClearIt) {
-    const struct {
-        size_t cleared;
-        int (*call)(char *dst, size_t size, const char *src, size_t count);
-    } calls[] = {
-        {4, [](char *d, size_t n, const char *s, size_t c) { return memcpy_s(d, n, s, c); }},
-        {4, [](char *d, size_t n, const char *s, size_t c) { return memmove_s(d, n, s, c); }},
-        {4, [](char *d, size_t n, const char *, size_t c) { return memset_s(d, n, 1, c); }},
-        {1, [](char *d, size_t n, const char *s, size_t c) { return strncpy_s(d, n, s, c); }},
-        {1, [](char *d, size_t n, const char *s, size_t) { return strcpy_s(d, n, s); }},
-        {1, [](char *d, size_t n, const char *s, size_t) { return strcat_s(d, n, s); }},
-    };
-    for (size_t i = 0; i < std::size(calls); i++) {
-        SCOPED_TRACE(i);
-        const auto &[cleared, call] = calls[i];
+    for (const Function &each : functions) {
+        SCOPED_TRACE(each.name);
+        const string name = each.name, cleared(each.isText ? 1 : 4, '\0');
+        const bool isCounted = !each.isText || name == "strncpy_s";
         char dst[4] = {'x', 'x', '\0', 'x'};
-        for (size_t size : {size_t{0}, kTooLarge, SIZE_MAX}) {
-            EXPECT_GT(call(dst, size, "a", 1), 0);
+        for (size_t size : {size_t{0}, size_t{0x80000000}, SIZE_MAX}) {
+            EXPECT_GT(each.call(dst, size, "a", 1), 0);
         }
-        EXPECT_GT(call(nullptr, 4, "a", 1), 0);
-        EXPECT_EQ(std::string(dst, 4), std::string("xx\0x", 4));
-        EXPECT_GT(call(dst, 4, i < 4 ? "a" : nullptr, SIZE_MAX), 0);
-        EXPECT_EQ(std::string(dst, cleared), std::string(cleared, '\0'));
-        if (i != 2) {
-            dst[0] = 'x';
-            EXPECT_GT(call(dst, 4, nullptr, 1), 0);
-            EXPECT_EQ(std::string(dst, cleared), std::string(cleared, '\0'));
-        }
+        EXPECT_GT(each.call(nullptr, 4, "a", 1), 0);
+        EXPECT_EQ(string(dst, 4), string("xx\0x", 4));
+        EXPECT_GT(each.call(dst, 4, isCounted ? "a" : nullptr, SIZE_MAX), 0);
+        EXPECT_EQ(string(dst, cleared.size()), cleared);
+        dst[0] = 'x';
+        EXPECT_EQ(each.call(dst, 4, nullptr, 1) > 0, name != "memset_s");
+        EXPECT_EQ(string(dst, cleared.size()), name == "memset_s" ? string("y\0\0\0", 4) : cleared);
     }
 }
 
 TEST(BoundsChecked, FormatterPrintsAllOrNothingAndScannerTellsAnEmptyText) {
     char dst[6] = "xxxxx";
+    const char *volatile none = nullptr;
     EXPECT_EQ(sprintf_s(dst, sizeof(dst), "%s-%d", "ab", 12), 5);
     EXPECT_STREQ(dst, "ab-12");
     EXPECT_EQ(sprintf_s(dst, 0, "a"), -1);
     EXPECT_EQ(sprintf_s(dst, sizeof(dst), "%s-%d", "ab", 123), -1);
     EXPECT_STREQ(dst, "");
-    const char *volatile none = nullptr;
     dst[0] = 'x';
     EXPECT_EQ(sprintf_s(dst, sizeof(dst), none, 0), -1);
     EXPECT_STREQ(dst, "");
@@ -163,9 +129,9 @@ TEST(BoundsChecked, FormatterPrintsAllOrNothingAndScannerTellsAnEmptyText) {
     int first = 0, second = 0;
     EXPECT_EQ(sscanf_s(" 12 x", "%d%d", &first, &second), 1);
     EXPECT_EQ(first, 12);
-    EXPECT_EQ(sscanf_s("x", "%d", &first), 0);
-    EXPECT_EQ(sscanf_s(" ", "%d", &first), -1);
-    EXPECT_EQ(sscanf_s(none, "%d", &first), -1);
+    for (const auto &[text, result] : {std::pair("x", 0), {" ", -1}, {none, -1}}) {
+        EXPECT_EQ(sscanf_s(text, "%d", &first), result);
+    }
     EXPECT_EQ(sscanf_s("1", none, &first), -1);
 }
 

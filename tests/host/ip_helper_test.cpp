@@ -6,12 +6,11 @@
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <set>
 #include <thread>
 
+#include "tests/support/child_process.h"
 #include "tests/support/open_descriptors.h"
 
 namespace {
@@ -60,15 +59,11 @@ TEST(IpHelper, ThreadsAndForkedChildrenHaveSocketsOfTheirOwn) {
     ASSERT_TRUE(ask());
     const auto before = openPorts();
     ASSERT_EQ(before.size(), 1U);
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool good = ask();
+    support::inFork([&] {
+        EXPECT_TRUE(ask());
         const auto ports = openPorts();
-        _exit(good && ports.size() == 1 && ports != before ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        EXPECT_TRUE(ports.size() == 1 && ports != before);
+    });
     std::thread([&] {
         EXPECT_TRUE(ask());
         EXPECT_EQ(openPorts().size(), 2U);

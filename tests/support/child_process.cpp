@@ -44,62 +44,60 @@ void sendLine(int fd, const std::string &line) {
     }
 }
 
-/* Takes one line out of what was received, or receives more. 1: a line, 0: the other side closed,
- * -1: the deadline passed. */
-int receiveLine(int fd, std::string &unread, std::chrono::steady_clock::time_point *deadline,
-                std::string &line) {
-    for (;;) {
-        const size_t end = unread.find('\n');
-        if (end != std::string::npos) {
-            line = unread.substr(0, end);
-            unread.erase(0, end + 1);
-            return 1;
-        }
-        int timeout = -1;
-        if (deadline != nullptr) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                *deadline - std::chrono::steady_clock::now());
-            timeout = left.count() > 0 ? static_cast<int>(left.count()) : 0;
-        }
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = poll(&entry, 1, timeout);
-        if (ready == 0) {
-            return -1;
-        }
-        char buffer[4096];
-        const ssize_t n = ready > 0 ? recv(fd, buffer, sizeof(buffer), 0) : -1;
-        if (n == 0 || (n < 0 && errno != EINTR)) {
-            return 0;
-        }
-        unread.append(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+enum class Got { kMore, kEnd, kLate };
+
+/* Appends what comes; a terminal whose other side is gone is at its end too. */
+Got readMore(int fd, int timeoutMs, std::string *text) {
+    pollfd entry{fd, POLLIN, 0};
+    const int ready = poll(&entry, 1, timeoutMs);
+    if (ready <= 0) {
+        return ready == 0 ? Got::kLate : Got::kMore; /* or a signal came */
     }
+    char buffer[4096];
+    const ssize_t n = read(fd, buffer, sizeof(buffer));
+    text->append(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+    return n > 0 || (n < 0 && errno == EINTR) ? Got::kMore : Got::kEnd;
+}
+
+int patienceMs(double seconds = 10) {
+    return static_cast<int>(patience(seconds).count());
+}
+
+/* Takes one line out of what was read, or reads more. */
+Got takeLine(int fd, int timeoutMs, std::string *unread, std::string *line) {
+    size_t end;
+    while ((end = unread->find('\n')) == std::string::npos) {
+        const Got got = readMore(fd, timeoutMs, unread);
+        if (got != Got::kMore) {
+            return got;
+        }
+    }
+    *line = unread->substr(0, end);
+    unread->erase(0, end + 1);
+    return Got::kMore;
 }
 
 ChildEnd endOf(int status) {
     return WIFEXITED(status) ? exited(WEXITSTATUS(status)) : killed(WTERMSIG(status));
 }
 
-pid_t spawn(const char *role, const ChildArguments &arguments, int line) {
-    std::vector<std::string> words = {program_invocation_name, std::string(kRoleOption) + role};
-    words.push_back("--parent=" + std::to_string(getpid()));
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char *> argv;
-    for (std::string &word : words) {
-        argv.push_back(word.data());
+/* Opens a pipe, or a terminal whose program side is `ends[1]`. */
+void openOutput(bool terminal, int (&ends)[2]) {
+    if (!terminal) {
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        return;
     }
-    argv.push_back(nullptr);
+    ends[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(grantpt(ends[0]) | unlockpt(ends[0]), 0);
+    ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(ends[1], 0);
+}
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, line, kParentLine);
-    pid_t pid = -1;
-    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        ADD_FAILURE() << "cannot start a child: " << std::strerror(error);
-        return -1;
+void closeOnce(int *fd) {
+    if (*fd >= 0) {
+        close(*fd);
     }
-    return pid;
+    *fd = -1;
 }
 
 }  // namespace
@@ -115,7 +113,7 @@ void tellParent(const std::string &line) {
 std::string hearParent() {
     static std::string unread;
     std::string line;
-    receiveLine(kParentLine, unread, nullptr, line);
+    takeLine(kParentLine, -1, &unread, &line);
     return line;
 }
 
@@ -131,14 +129,72 @@ ChildEnd killed(int signal) {
     return ChildEnd{false, signal};
 }
 
+void Child::start(Words words, const Places &places) {
+    std::vector<char *> argv;
+    for (std::string &word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (const auto &[ours, childs] : places) {
+        posix_spawn_file_actions_adddup2(&actions, ours, childs);
+    }
+    const int error = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        ADD_FAILURE() << "cannot start " << words[0] << ": " << std::strerror(error);
+        pid_ = -1;
+    }
+    for (const auto &[ours, childs] : places) {
+        close(ours);
+    }
+}
+
+void Child::signal(int number) {
+    if (pid_ > 0) {
+        ::kill(pid_, number);
+    }
+}
+
+ChildEnd Child::wait(double seconds) {
+    if (pid_ <= 0) {
+        ADD_FAILURE() << "there is no child to wait for";
+        return killed(0);
+    }
+    const int descriptor = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+    pollfd entry{descriptor, POLLIN, 0};
+    if (descriptor >= 0 && poll(&entry, 1, patienceMs(seconds)) == 0) {
+        ADD_FAILURE() << "child " << pid_ << " did not end in time";
+        ::kill(pid_, SIGKILL);
+    }
+    close(descriptor);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return endOf(status);
+}
+
+void Child::kill() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+}
+
+/* ---- a role of the test program ---- */
+
 ChildProcess::ChildProcess(const char *role, const ChildArguments &arguments) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         ADD_FAILURE() << "socketpair: " << std::strerror(errno);
         return;
     }
-    pid_ = spawn(role, arguments, ends[1]);
-    close(ends[1]);
+    Words words = {program_invocation_name, std::string(kRoleOption) + role,
+                   "--parent=" + std::to_string(getpid())};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    start(words, {{ends[1], kParentLine}});
     line_ = ends[0];
 }
 
@@ -152,52 +208,75 @@ void ChildProcess::tell(const std::string &line) {
 }
 
 std::string ChildProcess::hear(double seconds) {
-    auto deadline = std::chrono::steady_clock::now() + patience(seconds);
     std::string line;
-    if (receiveLine(line_, unread_, &deadline, line) < 0) {
+    if (takeLine(line_, patienceMs(seconds), &unread_, &line) == Got::kLate) {
         ADD_FAILURE() << "child " << pid_ << " said nothing in time";
     }
     return line;
 }
 
-void ChildProcess::signal(int number) {
-    if (pid_ > 0) {
-        ::kill(pid_, number);
-    }
-}
-
 void ChildProcess::hangUp() {
-    if (line_ >= 0) {
-        close(line_);
-        line_ = -1;
-    }
+    closeOnce(&line_);
 }
 
-ChildEnd ChildProcess::wait(double seconds) {
-    if (pid_ <= 0) {
-        ADD_FAILURE() << "there is no child to wait for";
-        return killed(0);
-    }
-    const int descriptor = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-    pollfd entry{descriptor, POLLIN, 0};
-    if (descriptor >= 0 && poll(&entry, 1, static_cast<int>(patience(seconds).count())) == 0) {
-        ADD_FAILURE() << "child " << pid_ << " did not end in time";
-        ::kill(pid_, SIGKILL);
-    }
-    close(descriptor);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return endOf(status);
+/* ---- another program ---- */
+
+Program::Program(const Words &words, bool onTerminal) {
+    int output[2], errors[2];
+    openOutput(onTerminal, output);
+    openOutput(false, errors);
+    start(words, {{output[1], STDOUT_FILENO}, {errors[1], STDERR_FILENO}});
+    output_ = output[0];
+    errors_ = errors[0];
 }
 
-void ChildProcess::kill() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+Program::~Program() {
+    closeOutput();
+    closeOnce(&errors_);
 }
+
+std::string Program::line() {
+    std::string found;
+    if (takeLine(output_, patienceMs(), &text_, &found) != Got::kMore) {
+        ADD_FAILURE() << "no line came, only '" << text_ << "'";
+    }
+    return found;
+}
+
+void Program::closeOutput() {
+    closeOnce(&output_);
+}
+
+Outcome Program::finish() {
+    Outcome outcome = {};
+    const auto readAll = [](int fd, std::string *text) {
+        Got got = Got::kMore;
+        while (fd >= 0 && got == Got::kMore) {
+            got = readMore(fd, patienceMs(), text);
+        }
+        EXPECT_NE(got, Got::kLate) << "nothing came in time";
+    };
+    readAll(output_, &text_);
+    readAll(errors_, &outcome.errors);
+    const ChildEnd end = wait();
+    outcome.code = end.normal ? end.code : 256 + end.code;
+    outcome.output = text_;
+    return outcome;
+}
+
+void inFork(const std::function<void()> &body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(endOf(status), exited(0));
+}
+
+/* ---- main ---- */
 
 int runChildRole(int argc, char **argv) {
     const size_t length = std::strlen(kRoleOption);

@@ -1,4 +1,5 @@
-/* Tests across processes: the test program starts itself again in a named role.
+/* Processes of a test: the test program itself again in a named role, any other program with its output
+ * in the test's hand, and a fork of the test.
  *
  *     const support::ChildRole server("server", [](const support::ChildArguments &arguments) {
  *         ... open a queue ...
@@ -23,11 +24,13 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace support {
 
-using ChildArguments = std::vector<std::string>;
+using Words = std::vector<std::string>;
+using ChildArguments = Words;
 using ChildFunction = std::function<int(const ChildArguments &)>;
 
 /* Registers what a child does in the role `name`; a constant at namespace level. The function's
@@ -53,27 +56,18 @@ std::ostream &operator<<(std::ostream &out, const ChildEnd &end);
 ChildEnd exited(int code);
 ChildEnd killed(int signal);
 
-/* A running child. It is killed, and reaped, when the object or this process ends. Started from the
+/* A running process. It is killed, and reaped, when the object or this process ends. Started from the
  * program's main thread: the system counts the end of the starting thread as the parent's end. */
-class ChildProcess {
+class Child {
   public:
-    explicit ChildProcess(const char *role, const ChildArguments &arguments = {});
-    ~ChildProcess();
-    ChildProcess(const ChildProcess &) = delete;
-    ChildProcess &operator=(const ChildProcess &) = delete;
+    Child() = default;
+    ~Child() { kill(); }
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
 
     pid_t pid() const { return pid_; }
 
-    void tell(const std::string &line);
-
-    /* The child's next line. Empty when the child ended first or, with a failed test, when the
-     * deadline passed. */
-    std::string hear(double seconds = 10);
-
     void signal(int number);
-
-    /* Closes the child's line, for a child that ends with it. */
-    void hangUp();
 
     /* Waits for the end. When the deadline passes the test fails and the child is killed. */
     ChildEnd wait(double seconds = 10);
@@ -81,11 +75,61 @@ class ChildProcess {
     /* Kills the child and waits until it is gone. */
     void kill();
 
-  private:
+  protected:
+    using Places =
+        std::vector<std::pair<int, int>>;          /* descriptors: of this process, of the child */
+    void start(Words words, const Places &places); /* found as the shell finds it */
+
     pid_t pid_ = -1;
+};
+
+/* The test program in one of its roles. */
+class ChildProcess : public Child {
+  public:
+    explicit ChildProcess(const char *role, const ChildArguments &arguments = {});
+    ~ChildProcess();
+
+    void tell(const std::string &line);
+
+    /* The child's next line. Empty when the child ended first or, with a failed test, when the
+     * deadline passed. */
+    std::string hear(double seconds = 10);
+
+    /* Closes the child's line, for a child that ends with it. */
+    void hangUp();
+
+  private:
     int line_ = -1;
     std::string unread_;
 };
+
+struct Outcome {
+    int code; /* exit code, or 256 and the signal */
+    std::string output, errors;
+};
+
+/* A program, found as the shell finds it, with its output in a pipe, or on a terminal, of the test's. */
+class Program : public Child {
+  public:
+    explicit Program(const Words &words, bool onTerminal = false);
+    ~Program();
+
+    /* The next line of its output; empty, with a failed test, when none comes in time. */
+    std::string line();
+
+    /* Goes away as a reader. */
+    void closeOutput();
+
+    /* Reads what it still writes and waits for its end. */
+    Outcome finish();
+
+  private:
+    int output_ = -1, errors_ = -1;
+    std::string text_;
+};
+
+/* Runs `body` in a fork of this process; its failed checks are failures of the test. */
+void inFork(const std::function<void()> &body);
 
 /* For main: runs the role that the command line asks for and returns its exit code, or -1 when it
  * asks for none. */

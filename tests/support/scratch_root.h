@@ -1,32 +1,18 @@
-/* The private device root of a test program: a fresh directory that TAMO_DEVICE_ROOT names. */
+/* The private device root of a test program, which main makes. */
 #pragma once
+#include <conference_testkit.h>
+
+#include <cstdlib>
 #include <string>
 
 namespace support {
 
-/* Creates the root (mode 0700, below $TMPDIR or /tmp) and names it in the environment. Called once, by
- * main. */
-void beginScratchRoot();
-
-/* Removes the root. A program that is killed leaves it behind. */
-void endScratchRoot();
+using testkit::ScratchDirectory;
 
 /* The root that this process and its children use. */
-std::string scratchRoot();
-
-/* A fresh directory of mode 0700 below $TMPDIR or /tmp, removed with its contents by the
- * destructor. */
-class ScratchDirectory {
-  public:
-    ScratchDirectory();
-    ~ScratchDirectory();
-    ScratchDirectory(const ScratchDirectory &) = delete;
-    ScratchDirectory &operator=(const ScratchDirectory &) = delete;
-
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
-};
+inline std::string scratchRoot() {
+    const char *root = std::getenv("TAMO_DEVICE_ROOT");
+    return root != nullptr ? root : "";
+}
 
 }  // namespace support

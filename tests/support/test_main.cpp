@@ -1,8 +1,8 @@
 /* The main of every test program. */
+#include <conference_testkit.h>
 #include <gtest/gtest.h>
 
 #include "child_process.h"
-#include "scratch_root.h"
 
 #ifdef CONF_SANITIZED
 
@@ -32,9 +32,7 @@ int main(int argc, char **argv) {
     if (childResult >= 0) {
         return childResult;
     }
-    support::beginScratchRoot();
+    const testkit::ScratchRoot root;
     testing::InitGoogleTest(&argc, argv);
-    const int result = RUN_ALL_TESTS();
-    support::endScratchRoot();
-    return result;
+    return RUN_ALL_TESTS();
 }
