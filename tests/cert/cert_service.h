@@ -4,11 +4,11 @@
 #include <cstring>
 #include <string>
 
+#include <conference_testkit_gtest.h>
 #include "common/native_path.h"
 #include "include/conf_cert.h"
 #include "tests/cert/cert_files.h"
 #include "tests/cert/handshake.h"
-#include "tests/support/forwarding_platform.h"
 
 using certs::Context;
 
@@ -17,7 +17,7 @@ inline std::string error(const char *function, const std::string &text) {
     return std::string("1[") + function + "]" + text + "\n";
 }
 
-class CertService : public platform::PlatformTest {
+class CertService : public testkit::PlatformTest {
   protected:
     const std::string ca = "/data/ca", crl = "/data/crl", storage = "/data/storage";
 
@@ -29,19 +29,19 @@ class CertService : public platform::PlatformTest {
             certs::write(folder + "/x", "");
             certs::remove(folder + "/x");
         }
-        platform::override(TamoOmCertClientInit, [](void *) { return 0; });
-        platform::override(TamoOmCertNotifyCallback, [this](ConfOmCertHandler registered) {
+        testkit::replace(TamoOmCertClientInit, [](void *) { return 0; });
+        testkit::replace(TamoOmCertNotifyCallback, [this](ConfOmCertHandler registered) {
             handler = registered;
             return 0;
         });
-        platform::override(TamoOmCustUtilGetStoragePath, [this] { return storagePath.c_str(); });
+        testkit::replace(TamoOmCustUtilGetStoragePath, [this] { return storagePath.c_str(); });
         answerQueries();
         answerContents();
     }
 
     void answerQueries() {
-        platform::override(TamoOmCertGetCertPath, [this](uint32_t kind, uint32_t two,
-                                                         uint32_t certId, ConfCertPathInfo *info) {
+        testkit::replace(TamoOmCertGetCertPath, [this](uint32_t kind, uint32_t two, uint32_t certId,
+                                                       ConfCertPathInfo *info) {
             const ConfCertPathInfo none = {};
             EXPECT_TRUE(two == 2 && memcmp(info, &none, sizeof(none)) == 0);
             askedFor = certId;
@@ -51,18 +51,18 @@ class CertService : public platform::PlatformTest {
             }
             return 0;
         });
-        platform::override(TamoOmCertGetCapability, [this](uint8_t *capabilities) {
+        testkit::replace(TamoOmCertGetCapability, [this](uint8_t *capabilities) {
             memcpy(capabilities, keyless, sizeof(keyless));
             return 0;
         });
     }
 
     void answerContents() {
-        platform::override(TamoOmCertGetExpectedSrvCertSize, [this](uint32_t, ConfCertSizes *out) {
+        testkit::replace(TamoOmCertGetExpectedSrvCertSize, [this](uint32_t, ConfCertSizes *out) {
             *out = sizes;
             return 0;
         });
-        platform::override(TamoOmCertGetServiceCert, [](uint32_t certId, ConfCertContent *to) {
+        testkit::replace(TamoOmCertGetServiceCert, [](uint32_t certId, ConfCertContent *to) {
             EXPECT_EQ(to->extraData != nullptr, certId == 259 || certId == 260);
             memset(to->certData, 'c', 1048577);
             if (to->extraData != nullptr) {
@@ -70,24 +70,24 @@ class CertService : public platform::PlatformTest {
             }
             return 0;
         });
-        platform::override(TamoOmCertGetCertId,
-                           [this](const ConfCertIdBuffer *contents, ConfCertIdBuffer *identifier) {
-                               EXPECT_TRUE(contents->data[0] == 'c' && identifier->length == 256);
-                               memcpy(identifier->data, keyId.data(), 256);
-                               identifier->length = keyIdLength;
-                               return 0;
-                           });
+        testkit::replace(TamoOmCertGetCertId,
+                         [this](const ConfCertIdBuffer *contents, ConfCertIdBuffer *identifier) {
+                             EXPECT_TRUE(contents->data[0] == 'c' && identifier->length == 256);
+                             memcpy(identifier->data, keyId.data(), 256);
+                             identifier->length = keyIdLength;
+                             return 0;
+                         });
     }
 
     /* The unit's records since the last call, one a line: level and text. */
     static std::string log() {
         std::string lines;
-        for (const platform::Record &record : platform::records()) {
+        for (const testkit::Record &record : testkit::records()) {
             if (record.unit == "conf_cert") {
                 lines += std::to_string(record.level) + record.whole() + '\n';
             }
         }
-        platform::clearRecords();
+        testkit::clearRecords();
         return lines;
     }
 

@@ -72,7 +72,7 @@ TEST_F(CertAddress, FixedLayoutIsEmptiedAndFeedsTheLists) {
         const string address = "/data/tamo_conference/CA";
         certs::write("/data/cfg/conference/conf_config.xml",
                      "<c><s name='isForbiddenKitCapbility'>1</s></c>");
-        platform::override(TamoOmCustUtilGetCfgPath, [](uint32_t) { return "/data/cfg"; });
+        testkit::replace(TamoOmCustUtilGetCfgPath, [](uint32_t) { return "/data/cfg"; });
         EXPECT_EQ(ConfConfigXmlInit(), 0);
         EXPECT_EQ(refresh().find("1[ConfCertRemoveDirFile]/da******A/ is empty.\n"), 0U);
         certs::write(address + "/stale.pem", "");
@@ -184,7 +184,7 @@ TEST_F(CertAddress, PathsThatDoNotFitOrAreNotThereAreRecorded) {
     EXPECT_EQ(refresh(),
               error("ConfCertUpdateLdapCert", "conf secure func failed, err = 34!\n") + records);
     storagePath = "";
-    platform::failEveryCall("TamoOmCertGetCertPath");
+    testkit::failEveryCall(TamoOmCertGetCertPath);
     const char *update = "ConfCertUpdateLdapCert", *refused = "TamoOmCertGetCertPath error, 1";
     EXPECT_EQ(refresh(), error("ConfCertGetCaPath", refused) +
                              error(update, "ConfCertGetCaPath error.") +

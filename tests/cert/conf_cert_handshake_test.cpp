@@ -107,7 +107,7 @@ TEST_F(CertHandshake, CaListTakesThirtyFilesByTheEndOfTheirNames) {
     certs::remove(ca);
     EXPECT_EQ(ConfCertGetCaCertList(nullptr, &count), -1);
     EXPECT_EQ(ConfCertGetCaCertList(table, &count), -1);
-    platform::failCall("TamoOmCertGetCertPath", 1);
+    testkit::failCall(TamoOmCertGetCertPath, 1);
     EXPECT_EQ(ConfCertGetCaCertList(table, &count), -1);
     EXPECT_EQ(count, 30U);
     const string unloaded = error("ConfCertLoadOneCaCert", "load ca file fail!");
@@ -142,7 +142,7 @@ TEST_F(CertHandshake, OnlyFilesNamedLikeListsAreTried) {
         {"TamoOmCertGetCertPath", client.get(), 0, /* a walk of the nameless directory */
          error("ConfCertGetCrlPath", "TamoOmCertGetCertPath error, 1") + error(add, "crlPath ")}};
     for (const auto &[failing, context, result, records] : cases) {
-        platform::failCall(failing, 1);
+        testkit::failCall(failing, 1);
         EXPECT_EQ(ConfAddCancelCrlToSslctx(context), result);
         EXPECT_EQ(log(), records);
         EXPECT_EQ(ERR_peek_error(), 0U);

@@ -78,7 +78,7 @@ TEST_F(CertServer, ByKeyFailuresAreRecordedWithoutThePassPhrase) {
         std::function<void()> spoil;
         string record;
     } cases[] = {
-        {[] { platform::failCall("TamoOmCertGetCertPath", 1); }, "TamoOmCertGetCertPath, ret=1."},
+        {[] { testkit::failCall(TamoOmCertGetCertPath, 1); }, "TamoOmCertGetCertPath, ret=1."},
         {[this] { files.keyPath[0] = '\0'; }, "server cert is null"},
         {[this] { files.certPath[0] = '\0'; }, "server cert is null"},
         {[this] { certs::remove(files.certPath); }, badCertificate},
@@ -118,7 +118,7 @@ TEST_F(CertServer, KeylessTakesTheKeyThatTheIdentifierStandsFor) {
     }
 
     memset(files.certPath, '/', 512);
-    platform::failCall("TamoOmCertGetCapability", 2);
+    testkit::failCall(TamoOmCertGetCapability, 2);
     EXPECT_EQ(load() + load() + load(4), -3);
     EXPECT_EQ(log(),
               flag + error("ConfCertGetSrvCertFilePath", "conf secure func failed, err = 34!\n") +
@@ -205,7 +205,7 @@ TEST_F(CertServer, GmInfoCopiesFieldByField) {
     const char *function = "ConfCertGetGmSrvCertInfo";
     ConfGmSrvCertInfo info = {"old", "old", "old"};
     EXPECT_EQ(ConfCertGetGmSrvCertInfo(2, nullptr), -1);
-    platform::failCall("TamoOmCertGetCertPath", 1);
+    testkit::failCall(TamoOmCertGetCertPath, 1);
     EXPECT_EQ(ConfCertGetGmSrvCertInfo(2, &info), -1);
     EXPECT_STREQ(info.certPath, "old");
     memset(files.keyPath, 'k', sizeof(files.keyPath));

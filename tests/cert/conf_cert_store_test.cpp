@@ -58,7 +58,7 @@ TEST_F(CertStore, UpdatesTellOrFailStepByStep) {
         SetUp();
         sizes.certificate = bytes;
         keyIdLength = idLength;
-        platform::failCall(failing, call);
+        testkit::failCall(failing, call);
         handler(0, certId);
         EXPECT_EQ(changes, told) << records;
         EXPECT_EQ(log(),
@@ -71,8 +71,8 @@ TEST_F(CertStore, UpdatesTellOrFailStepByStep) {
 }
 
 TEST_F(CertStore, StartGoesOnAfterFailures) {
-    platform::failCall("TamoOmCertClientInit", 1);
-    platform::failEveryCall("TamoOmCertGetExpectedSrvCertSize");
+    testkit::failCall(TamoOmCertClientInit, 1);
+    testkit::failEveryCall(TamoOmCertGetExpectedSrvCertSize);
     ConfCertInit(this);
     string expected =
         "3[ConfCertInit]TamoOmCertClientInit enter\n1[ConfCertInit]TamoOmCertClientInit ERROR\n";
@@ -127,7 +127,7 @@ TEST_F(CertStore, PathQueriesCheckCopyAndRecord) {
         EXPECT_EQ(out, path);
         EXPECT_EQ(query(nullptr, 512), -1);
         EXPECT_EQ(query(out, length), 1);
-        platform::failCall("TamoOmCertGetCertPath", 1);
+        testkit::failCall(TamoOmCertGetCertPath, 1);
         EXPECT_EQ(query(out, sizeof(out)), -1);
         EXPECT_EQ(log(), error(function, "input null error") +
                              error(function, "conf secure func failed, err = 34!\n") +

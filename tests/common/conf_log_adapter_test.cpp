@@ -8,21 +8,21 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/forwarding_platform.h"
+#include <conference_testkit_gtest.h>
 
 namespace {
 
 using std::string;
 
-class ConfLog : public platform::PlatformTest {
+class ConfLog : public testkit::PlatformTest {
   protected:
     void TearDown() override {
         SetLogLevel(CONF_LOG_INFO);
         PlatformTest::TearDown();
     }
 
-    static string textOf(size_t i) { return platform::records().at(i).whole(); }
-    static size_t count() { return platform::records().size(); }
+    static string textOf(size_t i) { return testkit::records().at(i).whole(); }
+    static size_t count() { return testkit::records().size(); }
     static void expectTexts(const std::vector<string> &texts) {
         ASSERT_EQ(count(), texts.size());
         for (size_t i = 0; i < texts.size(); i++) {
@@ -33,7 +33,7 @@ class ConfLog : public platform::PlatformTest {
 
 TEST_F(ConfLog, RecordCarriesFunctionUnitAndLine) {
     ConfLogPrintf(1, "ConfCommMsgProcess", "conf_msg_api", 230, "Null ptr.");
-    const auto records = platform::records();
+    const auto records = testkit::records();
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].level, 1);
     EXPECT_EQ(records[0].logFileId, GetConfLogFileId());
@@ -45,7 +45,7 @@ TEST_F(ConfLog, RecordCarriesFunctionUnitAndLine) {
 TEST_F(ConfLog, FilterDecidesByLevelAndRefusesLevelsAboveDebug) {
     EXPECT_EQ(GetLogLevel(), CONF_LOG_INFO);
     ConfLogPrintf(4, "f", "u", 1, "hidden");
-    EXPECT_EQ(platform::callCount("TamoOmLogModuleLogRecord"), 0u);
+    EXPECT_EQ(testkit::callCount(TamoOmLogModuleLogRecord), 0u);
     EXPECT_EQ(SetLogLevel(5), -1);
     EXPECT_EQ(GetLogLevel(), CONF_LOG_INFO);
     EXPECT_EQ(SetLogLevel(4), 0);
@@ -82,7 +82,7 @@ TEST_F(ConfLog, LongTextsAndBuffersAreCutIntoPieces) {
         {string(352, 'c'), {"[fn]" + string(352, 'c')}},
         {lines, {"[fn]" + lines.substr(0, 101), string(352, 'b'), string(247, 'b')}}};
     for (const auto &[text, pieces] : texts) {
-        platform::clearRecords();
+        testkit::clearRecords();
         ConfLogPrintfStr(1, "fn", "u", 1, text.c_str());
         expectTexts(pieces);
     }
@@ -93,7 +93,7 @@ TEST_F(ConfLog, LongTextsAndBuffersAreCutIntoPieces) {
         {one + two, {head + one, head + two}},
         {one + two + "rest", {head + one, head + two, head + "rest"}}};
     for (const auto &[bytes, pieces] : buffers) {
-        platform::clearRecords();
+        testkit::clearRecords();
         ConfLogSegmentPrint("/some/where/unit.cpp", 7, 1, bytes.data(),
                             static_cast<uint32_t>(bytes.size()));
         expectTexts(pieces);
@@ -102,20 +102,20 @@ TEST_F(ConfLog, LongTextsAndBuffersAreCutIntoPieces) {
 
 TEST_F(ConfLog, SegmentThatCannotBeCopiedGoesOnWithTheRemainder) {
     const string text(516, 'x');
-    platform::failCall("memcpy_s", 1);
+    testkit::failCall(memcpy_s, 1);
     ConfLogSegmentPrint("u.c", 9, 1, text.data(), 516);
     ASSERT_EQ(count(), 2u);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_log_adapter", "] [u.c : 9] secure func fail,ret:"));
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_log_adapter", "] [u.c : 9] secure func fail,ret:"));
     EXPECT_EQ(textOf(1), "[ConfLogSegmentPrint][u.c : 9] \nxxxx");
 
-    platform::clearRecords();
-    platform::failCall("memset_s", 3);
+    testkit::clearRecords();
+    testkit::failCall(memset_s, 3);
     ConfLogSegmentPrint("u.c", 9, 1, text.data(), 516);
     ASSERT_EQ(count(), 3u);
     EXPECT_EQ(textOf(2).back(), ' ');
     EXPECT_NE(textOf(2).find("][u.c : 9] secure func fail,ret:"), string::npos);
 
-    platform::clearRecords();
+    testkit::clearRecords();
     ConfLogSegmentPrint(nullptr, 12, 1, "x", 1);
     ConfLogSegmentPrint("u.c", 12, 1, nullptr, 1);
     ConfLogSegmentPrint("u.c", 12, 1, "x", 0);
@@ -124,28 +124,28 @@ TEST_F(ConfLog, SegmentThatCannotBeCopiedGoesOnWithTheRemainder) {
 
 TEST_F(ConfLog, InitReturnsTheFirstFailingStep) {
     OmLogCreateParam seen = {};
-    platform::override(TamoOmLogClientInit, [](const char *mode, uint32_t flag) {
+    testkit::replace(TamoOmLogClientInit, [](const char *mode, uint32_t flag) {
         return strcmp(mode, "C") == 0 && flag == 1 ? 0 : 99;
     });
-    platform::override(TamoOmLogCreateLog, [&](const OmLogCreateParam *param, uint16_t *id) {
+    testkit::replace(TamoOmLogCreateLog, [&](const OmLogCreateParam *param, uint16_t *id) {
         seen = *param;
         *id = 17;
         return 0;
     });
-    platform::failCall("strcpy_s", 1);
+    testkit::failCall(strcpy_s, 1);
     EXPECT_NE(ConfLogInit(), 0);
-    EXPECT_EQ(platform::callCount("TamoOmLogCreateLog"), 0u);
+    EXPECT_EQ(testkit::callCount(TamoOmLogCreateLog), 0u);
     EXPECT_EQ(ConfLogInit(), 0);
     EXPECT_EQ(GetConfLogFileId(), 17u);
     const OmLogCreateParam expected = {512, 9, 0xA00000, "Conference.log"};
     EXPECT_EQ(memcmp(&seen, &expected, sizeof(expected)), 0);
 
-    platform::override(TamoOmLogCreateLog, [](const OmLogCreateParam *, uint16_t *) { return 5; });
+    testkit::replace(TamoOmLogCreateLog, [](const OmLogCreateParam *, uint16_t *) { return 5; });
     EXPECT_EQ(ConfLogInit(), 5);
-    platform::override(TamoOmLogClientInit, [](const char *, uint32_t) { return 77; });
+    testkit::replace(TamoOmLogClientInit, [](const char *, uint32_t) { return 77; });
     EXPECT_EQ(ConfLogInit(), 77);
     EXPECT_EQ(ConfLogUnInit(), 0);
-    EXPECT_EQ(platform::callCount("TamoOmLogClientUnInit"), 1u);
+    EXPECT_EQ(testkit::callCount(TamoOmLogClientUnInit), 1u);
     EXPECT_EQ(GetConfLogFileId(), 17u);
 }
 

@@ -8,13 +8,13 @@
 #include <string>
 #include <utility>
 
-#include "tests/support/forwarding_platform.h"
+#include <conference_testkit_gtest.h>
 
 namespace {
 
 using std::string;
 
-class MaskKeyword : public platform::PlatformTest {};
+class MaskKeyword : public testkit::PlatformTest {};
 
 /* The masked text; what is behind it must be gone. */
 string masked(decltype(&ConfFilterStr) filter, const string &source) {
@@ -70,7 +70,7 @@ TEST_F(MaskKeyword, RefusedOperationsAreFailures) {
         {"strcat_s", ipv6},  {"memset_s", ipv6},
         {"memcpy_s", name},  {"OsMemMallocSetCharMon", name}};
     for (const auto &[operation, address] : cases) {
-        platform::forEachFailure(
+        testkit::forEachFailure(
             operation, [text = address] { EXPECT_EQ(ConfFilterSetIPStr(text), 0u); },
             [] {
                 char *out = nullptr;
@@ -82,10 +82,10 @@ TEST_F(MaskKeyword, RefusedOperationsAreFailures) {
             [](uint64_t, uint32_t result) { EXPECT_EQ(result, 1u); });
     }
     char buffer[CONF_MASK_SIZE];
-    platform::failCall("memcpy_s", 1);
+    testkit::failCall(memcpy_s, 1);
     EXPECT_EQ(ConfFilterIPAddrStr(name, buffer, sizeof(buffer)), 1u);
     EXPECT_TRUE(
-        platform::hasRecord(1, "conf_mask_keyword", "[ConfFilterIPAddrStr]ConfFilterStr fail.\n"));
+        testkit::hasRecord(1, "conf_mask_keyword", "[ConfFilterIPAddrStr]ConfFilterStr fail.\n"));
 }
 
 TEST_F(MaskKeyword, ValuesBehindAKey) {

@@ -6,13 +6,13 @@
 #include <string>
 #include <utility>
 
-#include "tests/support/forwarding_platform.h"
+#include <conference_testkit_gtest.h>
 
 namespace {
 
 using std::string;
 
-class ParamCheck : public platform::PlatformTest {};
+class ParamCheck : public testkit::PlatformTest {};
 
 TEST_F(ParamCheck, AllowedCharactersAreAllPrintableButFour) {
     for (int c = 1; c < 256; c++) {
@@ -36,11 +36,11 @@ TEST_F(ParamCheck, AddressesOfBothFamilies) {
         EXPECT_EQ(ConfParamCheckIpType(bad), -1) << bad;
     }
     EXPECT_EQ(ConfParamCheckIpType("10.0.0.1"), 2);
-    platform::override(MOX_Socket_Get_AF_INET6, [] { return 4711; });
+    testkit::replace(MOX_Socket_Get_AF_INET6, [] { return 4711; });
     EXPECT_EQ(ConfParamCheckIpType("::1"), 4711);
     EXPECT_EQ(ConfParamCheckValidIp(nullptr), 1u);
     EXPECT_EQ(ConfParamCheckIpType(nullptr), -1);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(ParamCheck, CharactersAreCountedWhereTheyStart) {
@@ -62,13 +62,13 @@ TEST_F(ParamCheck, WholeTextIsANumberOrTheDefault) {
     for (const auto &[text, number] : cases) {
         EXPECT_EQ(ConfGetAtoi(text, 5), number) << text;
     }
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
     for (const char *bad : {"42 ", "", "abc", "2147483648", "-2147483649", "08", "0x",
                             "99999999999999999999", static_cast<const char *>(nullptr)}) {
-        platform::clearRecords();
+        testkit::clearRecords();
         EXPECT_EQ(ConfGetAtoi(bad, -5), -5);
-        ASSERT_EQ(platform::records().size(), 1u);
-        EXPECT_EQ(platform::records()[0].whole(), "[ConfGetAtoi]strtol failed. defaultValue:-5");
+        ASSERT_EQ(testkit::records().size(), 1u);
+        EXPECT_EQ(testkit::records()[0].whole(), "[ConfGetAtoi]strtol failed. defaultValue:-5");
     }
 }
 
@@ -80,23 +80,23 @@ TEST_F(ParamCheck, TrimRemovesWhiteSpaceAtBothEnds) {
     longest[40000] = 'x';
     ConfTrim(longest.data());
     EXPECT_STREQ(longest.c_str(), "x");
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 
     char blanks[] = "   ";
     ConfTrim(blanks);
     EXPECT_STREQ(blanks, "");
-    EXPECT_TRUE(platform::hasRecord(1, "param_check", "[ConfTrimRight]Invalid param."));
-    platform::clearRecords();
+    EXPECT_TRUE(testkit::hasRecord(1, "param_check", "[ConfTrimRight]Invalid param."));
+    testkit::clearRecords();
     ConfTrim(nullptr);
-    EXPECT_TRUE(platform::hasRecord(1, "param_check", "[ConfTrim]Invalid param."));
+    EXPECT_TRUE(testkit::hasRecord(1, "param_check", "[ConfTrim]Invalid param."));
     string tooLong(65536, ' ');
     ConfTrim(tooLong.data());
     EXPECT_EQ(tooLong, string(65536, ' '));
 
     char refused[] = " a";
-    platform::failCall("memmove_s", 1);
+    testkit::failCall(memmove_s, 1);
     ConfTrim(refused);
-    EXPECT_TRUE(platform::hasRecord(1, "param_check", "[ConfTrimLeft]secure func failed, err = "));
+    EXPECT_TRUE(testkit::hasRecord(1, "param_check", "[ConfTrimLeft]secure func failed, err = "));
 }
 
 }  // namespace

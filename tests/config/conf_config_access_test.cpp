@@ -4,13 +4,13 @@
 #include <cstring>
 #include <string>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_config.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 void store(const char *key, const char *value) {
     ConfConfigOmRecord record = {};
@@ -25,7 +25,7 @@ string stored(const char *key) {
     return TamoOmConfigStringGet(&record) == 0 ? record.value.text : "(none)";
 }
 
-class ConfigAccess : public platform::PlatformTest {};
+class ConfigAccess : public testkit::PlatformTest {};
 
 TEST_F(ConfigAccess, NumbersGoAndComeBack) {
     EXPECT_EQ(ConfConfigSetUint64Value("Acc.u", UINT64_MAX), 0);
@@ -83,12 +83,12 @@ TEST_F(ConfigAccess, MissingArgumentsAndTooLongKeysAreRefused) {
 TEST_F(ConfigAccess, EveryFailedStepOfAWriteIsNamed) {
     for (const char *operation :
          {"TamoOmConfigcopyStr2Key", "TamoOmConfigsetIntValue", "TamoOmConfigStringMset"}) {
-        platform::failCall(operation, 1);
+        testkit::failCall(operation, 1);
         EXPECT_EQ(SetEnableEofb(3), 1);
         EXPECT_TRUE(
             hasRecord(1, "conf_config", string("[ConfConfigSetIntValue]") + operation + " fail"));
     }
-    platform::failCall("TamoOmConfigsetUintValue", 1);
+    testkit::failCall(TamoOmConfigsetUintValue, 1);
     EXPECT_EQ(ConfConfigSetUint64Value("k", 3), 1);
     EXPECT_TRUE(
         hasRecord(1, "conf_config", "[ConfConfigSetUint64Value]TamoOmConfigsetUintValue fail"));
@@ -127,7 +127,7 @@ TEST_F(ConfigAccess, TheLocalAddressGoesToTheServiceAndComesBack) {
     EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigSetLocalIp]param is NULL!"));
     EXPECT_EQ(ConfConfigSetLocalIp(2, "x"), 1);
     for (const char *operation : {"TamoOmConfigcopyStr2Key", "TamoOmConfigStringSet"}) {
-        platform::failCall(operation, 1);
+        testkit::failCall(operation, 1);
         EXPECT_EQ(ConfConfigSetLocalIp(0, "x"), 1) << operation;
         EXPECT_EQ(stored("DEVM.NET.LAN1.IPV4ADDR"), string(43, '1'));
     }

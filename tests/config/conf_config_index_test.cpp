@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_config.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
@@ -44,15 +44,14 @@ void bindKey(const string &name, int32_t type = CONF_VALUE_INT,
 
 void bindNothing() {}
 
-class ConfigIndex : public platform::PlatformTest {
+class ConfigIndex : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
-        platform::override(TamoOmConfigInit,
-                           [](uint32_t, const char *, const char *) { return 0; });
-        platform::override(TamoOmConfigNotifyCallback,
-                           [](ConfConfigChangeHandler, const char *) { return 0; });
-        platform::override(TamoOmConfigUnInit, [](const char *) { return 0; });
+        testkit::replace(TamoOmConfigInit, [](uint32_t, const char *, const char *) { return 0; });
+        testkit::replace(TamoOmConfigNotifyCallback,
+                         [](ConfConfigChangeHandler, const char *) { return 0; });
+        testkit::replace(TamoOmConfigUnInit, [](const char *) { return 0; });
     }
     void TearDown() override {
         ConfConfigDeInit();
@@ -74,7 +73,7 @@ TEST_F(ConfigIndex, NamesAreFoundInAnyLetterCaseAndOverwritten) {
     bindKey("Conf.A.b", CONF_VALUE_STR);
     EXPECT_TRUE(isBound("Conf.A.b"));
     ConfConfigBind(nullptr, CONF_VALUE_INT, &value, 4, tell);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(ConfigIndex, GrowsByTwoHundredAndKeepsEveryItem) {
@@ -83,7 +82,7 @@ TEST_F(ConfigIndex, GrowsByTwoHundredAndKeepsEveryItem) {
     for (int i = 0; i < 701; i++) {
         bindKey(name(i));
     }
-    EXPECT_EQ(platform::callCount("OsMemMallocSetCharMon"), 1u + 3u);
+    EXPECT_EQ(testkit::callCount(OsMemMallocSetCharMon), 1u + 3u);
     for (int i = 0; i < 701; i++) {
         ASSERT_TRUE(isBound(name(i))) << i;
     }
@@ -106,10 +105,10 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
         {"memset_s", 1, "[ConfConfigInsertIndex]conf secure func failed, err = "},
         {"memmove_s", 1, "[ConfConfigInsertIndex]conf secure func failed, err = "}};
     for (const auto &failure : failures) {
-        platform::clearRecords();
-        platform::failCall(failure.operation, failure.call);
+        testkit::clearRecords();
+        testkit::failCall(failure.operation, failure.call);
         bindKey("Key.");
-        EXPECT_TRUE(platform::hasRecord(1, "conf_config", failure.record));
+        EXPECT_TRUE(testkit::hasRecord(1, "conf_config", failure.record));
         EXPECT_FALSE(isBound("Key."));
     }
     for (int i = 0; i < 300; i++) {
@@ -117,8 +116,8 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
     }
     bindKey(string(127, 'x'));
     bindKey(string(128, 'y'));
-    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
-                                    "[ConfConfigAddIndex]conf secure func failed, err = "));
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_config",
+                                   "[ConfConfigAddIndex]conf secure func failed, err = "));
     EXPECT_TRUE(isBound(string(127, 'x')));
     EXPECT_FALSE(isBound(string(127, 'y')));
 }
@@ -138,26 +137,26 @@ TEST_F(ConfigIndex, BindingWithoutAnIndexChangesNothing) {
     EXPECT_EQ(ConfConfigInit(nullptr, "o", "m"), -1);
     EXPECT_EQ(ConfConfigInit(bindNothing, nullptr, "m"), -1);
     EXPECT_EQ(ConfConfigInit(bindNothing, "o", nullptr), -1);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
-                                    "[ConfConfigInit]ConfConfigInit invalue param, null pointer!"));
-    platform::failCall("OsMemMallocSetCharMon", 1);
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_config",
+                                   "[ConfConfigInit]ConfConfigInit invalue param, null pointer!"));
+    testkit::failCall(OsMemMallocSetCharMon, 1);
     EXPECT_EQ(ConfConfigInit([] { FAIL() << "nothing to bind to"; }, "o", "m"), -1);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_config", "ConfConfigInit Malloc fail"));
-    EXPECT_EQ(platform::callCount("TamoOmConfigNotifyCallback"), 3u);
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_config", "ConfConfigInit Malloc fail"));
+    EXPECT_EQ(testkit::callCount(TamoOmConfigNotifyCallback), 3u);
 }
 
 TEST_F(ConfigIndex, ConnectionIsTheServicesAndItsRefusalIsSurvived) {
     string steps;
-    platform::override(TamoOmConfigInit, [&](uint32_t zero, const char *owner, const char *module) {
+    testkit::replace(TamoOmConfigInit, [&](uint32_t zero, const char *owner, const char *module) {
         steps += "connect " + std::to_string(zero) + owner + module + ", ";
         return 3;
     });
-    platform::override(
+    testkit::replace(
         TamoOmConfigNotifyCallback, [&](ConfConfigChangeHandler handler, const char *module) {
             steps += handler == ConfConfigClientCallBack ? string("notify ") + module + ", " : "?";
             return 0;
         });
-    platform::override(TamoOmConfigUnInit, [&](const char *module) {
+    testkit::replace(TamoOmConfigUnInit, [&](const char *module) {
         steps += string("leave ") + module;
         return 9;
     });
@@ -168,14 +167,14 @@ TEST_F(ConfigIndex, ConnectionIsTheServicesAndItsRefusalIsSurvived) {
               "connect 0MeMine, notify Mine, connect 0TamoUIConfConf, notify Conf, leave Conf");
     for (const char *text :
          {"[ConfConfigInit]TamoOmConfigInit failed", "[ConfConfigReInit]ConfInitOmConfig failed"}) {
-        EXPECT_TRUE(platform::hasRecord(1, "conf_config", text)) << text;
+        EXPECT_TRUE(testkit::hasRecord(1, "conf_config", text)) << text;
     }
     EXPECT_TRUE(isBound("Conf.A"));
-    platform::override(OSMemTypeFreeMon,
-                       [](void *block, uint32_t a, uint32_t b, uint32_t line, const char *file) {
-                           EXPECT_EQ(platform::next(OSMemTypeFreeMon)(block, a, b, line, file), 0u);
-                           return 7u;
-                       });
+    testkit::replace(OSMemTypeFreeMon,
+                     [](void *block, uint32_t a, uint32_t b, uint32_t line, const char *file) {
+                         EXPECT_EQ(testkit::real(OSMemTypeFreeMon)(block, a, b, line, file), 0u);
+                         return 7u;
+                     });
     EXPECT_EQ(ConfConfigDeInit(), 7) << "the release's own result";
     allowOutstandingBlocks(); /* a replaced release is not accounted for */
 }

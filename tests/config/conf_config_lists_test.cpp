@@ -8,15 +8,15 @@
 #include <utility>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_config.h"
 #include "include/conf_msg_api.h"
 #include "tamo_host.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 constexpr uint32_t kFailed = 0xFFFFFFFF;
 
@@ -56,12 +56,12 @@ class Block {
     std::unique_ptr<char[]> bytes_;
 };
 
-class ConfigLists : public platform::PlatformTest {};
+class ConfigLists : public testkit::PlatformTest {};
 
 TEST_F(ConfigLists, ValuesAreWrittenAndReadInOneOperationEach) {
     Block values{{"List.a", "1"}, {"List.b", ""}, {"List.c", string(1023, 'c')}};
     EXPECT_EQ(values.write(), 0u);
-    EXPECT_EQ(platform::callCount("TamoOmConfigStringMset"), 1u);
+    EXPECT_EQ(testkit::callCount(TamoOmConfigStringMset), 1u);
     EXPECT_TRUE(hasRecord(3, "conf_config",
                           "[ConfConfigSetConfConfig]ConfConfigGetConfConfigset listLen = 3.\n"));
     EXPECT_TRUE(hasRecord(1, "conf_config", "ConfConfigSetConfConfig key= List.a.\n"));
@@ -69,7 +69,7 @@ TEST_F(ConfigLists, ValuesAreWrittenAndReadInOneOperationEach) {
 
     Block keys{{"List.c", "old"}, {"List.a", ""}, {"List.b", "x"}};
     EXPECT_EQ(keys.read(), 0u);
-    EXPECT_EQ(platform::callCount("TamoOmConfigStringMget"), 1u);
+    EXPECT_EQ(testkit::callCount(TamoOmConfigStringMget), 1u);
     EXPECT_EQ(keys.get()->resultSize, 3 * 1152u);
     EXPECT_EQ(keys.result(0).value, string(1023, 'c'));
     EXPECT_STREQ(keys.result(1).key, "List.a");
@@ -123,11 +123,11 @@ TEST_F(ConfigLists, FiveHundredItemsAndNoMore) {
 
 TEST_F(ConfigLists, FailedEncryptionStoresNothing) {
     Block list{{"Enc.other", "1"}, {"Conf.H323CallParam.gkPwd", "secret"}};
-    platform::failCall("TamoOmKeymEncrypt", 1);
+    testkit::failCall(TamoOmKeymEncrypt, 1);
     EXPECT_EQ(list.write(), 1u);
     EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigSetConfConfig]condition false."));
-    EXPECT_EQ(platform::callCount("TamoOmConfigStringMset"), 0u);
-    platform::failCall("TamoOmConfigStringMset", 1);
+    EXPECT_EQ(testkit::callCount(TamoOmConfigStringMset), 0u);
+    testkit::failCall(TamoOmConfigStringMset, 1);
     EXPECT_EQ(list.write(), uint32_t{CONF_COMM_ERR_MSG_INVALID});
     EXPECT_TRUE(hasRecord(1, "conf_config", "[CONFIG_DEVM]Set Cfg: failed ret = "));
 }
@@ -164,7 +164,7 @@ TEST_F(ConfigLists, LyingBlocksAreRefusedBeforeTheirBodyIsRead) {
     const auto tiny = std::make_unique<char[]>(8);
     EXPECT_EQ(ConfConfigGetConfConfig(0, tiny.get(), 8), kFailed);
     EXPECT_EQ(ConfConfigSetConfConfig(0, tiny.get(), 8), kFailed);
-    EXPECT_EQ(platform::callCount("TamoOmConfigStringMset"), 0u);
+    EXPECT_EQ(testkit::callCount(TamoOmConfigStringMset), 0u);
 }
 
 TEST_F(ConfigLists, EveryFailedStepOfAReadIsReported) {
@@ -175,15 +175,15 @@ TEST_F(ConfigLists, EveryFailedStepOfAReadIsReported) {
         OSMemTypeFreeMon(values.get()->resultList, 0, 0, 1, "test");
         values.get()->resultList = nullptr;
     };
-    platform::forEachFailure(
-        "OsMemMallocSetCharMon", [] {}, read,
+    testkit::forEachFailure(
+        OsMemMallocSetCharMon, [] {}, read,
         [](uint64_t, uint32_t result) {
             EXPECT_EQ(result, kFailed);
             EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigGetConfConfig]Null ptr."));
         },
         drop);
-    EXPECT_EQ(platform::forEachFailure(
-                  "memcpy_s", [] {}, read,
+    EXPECT_EQ(testkit::forEachFailure(
+                  memcpy_s, [] {}, read,
                   [&](uint64_t, uint32_t result) {
                       EXPECT_EQ(result, kFailed);
                       EXPECT_TRUE(hasRecord(1, "conf_config", "memcpy_s fail\n"));
@@ -191,10 +191,10 @@ TEST_F(ConfigLists, EveryFailedStepOfAReadIsReported) {
                   },
                   drop),
               4u);
-    platform::failCall("memset_s", 1);
+    testkit::failCall(memset_s, 1);
     EXPECT_EQ(values.read(), 0u) << "a fresh list is zero anyway";
     EXPECT_TRUE(hasRecord(1, "conf_config", "ConfConfigGetConfConfig memset_s fail\n"));
-    platform::failCall("memset_s", 1);
+    testkit::failCall(memset_s, 1);
     EXPECT_EQ(values.write(), kFailed);
     EXPECT_TRUE(hasRecord(1, "conf_config", "ConfConfigSetConfConfig memset_s fail\n"));
     drop(0);

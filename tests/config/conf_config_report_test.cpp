@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_config.h"
 #include "include/conf_log_adapter.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ constexpr auto manyCallbacks(std::index_sequence<I...>) {
     }...};
 }
 
-class ConfigReport : public platform::PlatformTest {
+class ConfigReport : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -65,7 +65,7 @@ class ConfigReport : public platform::PlatformTest {
         ConfConfigBind("B.2", CONF_VALUE_INT, &storage, 4, callback<'B'>);
         ConfConfigBind("Local", CONF_VALUE_DATA, &storage, 4, callback<'B'>);
         ConfConfigBind("Quiet", CONF_VALUE_INT, &storage, 4, nullptr);
-        platform::clearRecords();
+        testkit::clearRecords();
         for (const char *key : {"A.1", "B.1", "a.2", "Unbound", "Local", "Quiet", "B.2"}) {
             mixed.add(key, "v");
         }
@@ -88,7 +88,7 @@ TEST_F(ConfigReport, EachCallbackHearsItsKeysOnceInReportOrder) {
     EXPECT_EQ(calls[1].first, 'B');
     EXPECT_EQ(calls[1].second, (std::vector<string>{"B.1=v", "B.2=v"}));
     string texts;
-    for (const auto &record : platform::records()) {
+    for (const auto &record : testkit::records()) {
         texts += std::to_string(record.level) + record.whole() + "|";
     }
     EXPECT_EQ(texts,
@@ -102,12 +102,12 @@ TEST_F(ConfigReport, EachCallbackHearsItsKeysOnceInReportOrder) {
 
 TEST_F(ConfigReport, WhatIsNoReportCallsNothing) {
     ConfConfigClientCallBack(65537, 0, 0, &mixed.list);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
     ConfConfigClientCallBack(65536, 0, 0, nullptr);
     const ConfConfigChangeList noItems = {3, nullptr};
     ConfConfigClientCallBack(65536, 0, 0, &noItems);
-    EXPECT_EQ(platform::records().size(), 2u);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_config", "[ConfConfigClientCallBack]Null ptr."));
+    EXPECT_EQ(testkit::records().size(), 2u);
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_config", "[ConfConfigClientCallBack]Null ptr."));
     mixed.list.count = 0;
     ConfConfigClientCallBack(65536, 0, 0, &mixed.list);
     Report unbound;
@@ -120,8 +120,8 @@ TEST_F(ConfigReport, WhatIsNoReportCallsNothing) {
     mixed.values[0].length = 5000;
     memset(mixed.values[0].text, 'x', sizeof(mixed.values[0].text));
     ConfConfigClientCallBack(65536, 0, 0, &mixed.list);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_config",
-                                    "[ConfConfigClientCallBack]conf secure func failed, err = "));
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_config",
+                                   "[ConfConfigClientCallBack]conf secure func failed, err = "));
     EXPECT_TRUE(calls.empty());
 }
 
@@ -159,10 +159,10 @@ TEST_F(ConfigReport, ReportIsDeliveredWholeOrNotAtAll) {
     std::vector<string> last;
     const auto check = [&](uint64_t, int) {
         EXPECT_TRUE(calls.empty());
-        ASSERT_FALSE(platform::records().empty());
-        last.push_back(platform::records()[0].whole());
+        ASSERT_FALSE(testkit::records().empty());
+        last.push_back(testkit::records()[0].whole());
     };
-    EXPECT_EQ(platform::forEachFailure("OsMemMallocSetCharMon", setUp, deliver, check), 6u);
+    EXPECT_EQ(testkit::forEachFailure(OsMemMallocSetCharMon, setUp, deliver, check), 6u);
     EXPECT_EQ(last, (std::vector<string>{
                         "[ConfConfigClientCallBack]malloc fail\n",
                         "[ConfConfigDealCallBackList] ConfConfigDealCallBackList malloc fail\n",
@@ -171,9 +171,9 @@ TEST_F(ConfigReport, ReportIsDeliveredWholeOrNotAtAll) {
                         "[ConfConfigDealCallBackList] ConfConfigDealCallBackList malloc fail\n",
                         "[ConfConfigAdditemlist] ConfConfigAdditemlist malloc fail\n"}));
     last.clear();
-    EXPECT_EQ(platform::forEachFailure("memcpy_s", setUp, deliver, check), 4u);
+    EXPECT_EQ(testkit::forEachFailure(memcpy_s, setUp, deliver, check), 4u);
     EXPECT_EQ(last[3], "[ConfConfigAdditemlist] ConfConfigAdditemlist memcpy_s fail\n");
-    EXPECT_EQ(platform::forEachFailure("strncpy_s", setUp, deliver, check), 14u);
+    EXPECT_EQ(testkit::forEachFailure(strncpy_s, setUp, deliver, check), 14u);
 }
 
 }  // namespace

@@ -6,21 +6,21 @@
 #include <fstream>
 #include <string>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_config.h"
-#include "tests/support/forwarding_platform.h"
 #include "tests/support/child_process.h"
 #include "tests/support/scratch_root.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 string element(const string &name, const string &value) {
     return "<s name='" + name + "'>" + value + "</s>";
 }
 
-class ConfigSwitches : public platform::PlatformTest {
+class ConfigSwitches : public testkit::PlatformTest {
   protected:
     ConfigSwitches() { std::filesystem::create_directories(folder()); }
 
@@ -58,7 +58,7 @@ TEST_F(ConfigSwitches, AreFoundInAnyLetterCaseAndReadAsNumbers) {
         EXPECT_EQ(value("longest"), string(127, 'v'));
         EXPECT_EQ(value(string(127, 'n').c_str()), "n");
         EXPECT_EQ(value(""), "(none)");
-        platform::clearRecords();
+        testkit::clearRecords();
         char small[8] = "as was";
         EXPECT_EQ(ConfConfigGetValueByName("ten", small, sizeof(small)), 1);
         EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigGetValueByName]strcpy_s fail"));
@@ -67,7 +67,7 @@ TEST_F(ConfigSwitches, AreFoundInAnyLetterCaseAndReadAsNumbers) {
         EXPECT_TRUE(hasRecord(1, "conf_config", "[ConfConfigGetValueByName]name is null"));
         char address[42] = {};
         (void)ConfConfigGetLocalIpv4(0, address);
-        EXPECT_EQ(platform::callCount("TamoOmDevmNetGetIpv4Block"), 0u) << "256 forbids nothing";
+        EXPECT_EQ(testkit::callCount(TamoOmDevmNetGetIpv4Block), 0u) << "256 forbids nothing";
     });
 }
 
@@ -78,13 +78,13 @@ TEST_F(ConfigSwitches, ForbiddenKitCapabilityAsksDeviceManagementForTheAddress) 
             strcpy_s(buffer, 42, "device");
             return static_cast<int32_t>(selector);
         };
-        platform::override(TamoOmDevmNetGetIpv4Block, answer);
-        platform::override(TamoOmDevmNetGetIpv6Block, answer);
+        testkit::replace(TamoOmDevmNetGetIpv4Block, answer);
+        testkit::replace(TamoOmDevmNetGetIpv6Block, answer);
         char buffer[42];
         EXPECT_EQ(ConfConfigGetLocalIpv4(4, buffer), 4);
         EXPECT_EQ(ConfConfigGetLocalIpv6(6, buffer), 6);
         EXPECT_STREQ(buffer, "device");
-        EXPECT_EQ(platform::callCount("TamoOmConfigStringGet"), 0u);
+        EXPECT_EQ(testkit::callCount(TamoOmConfigStringGet), 0u);
     });
 }
 
@@ -94,16 +94,16 @@ TEST_F(ConfigSwitches, AFileWithOneBadEntryIsNoFile) {
                               element("n", string(128, 'v'))}) {
         inChild(bad.empty() ? bad : good + bad + good, [] {
             EXPECT_EQ(ConfConfigXmlInit(), 1);
-            EXPECT_EQ(platform::outstanding(), 0);
+            EXPECT_EQ(testkit::outstanding(), 0);
             EXPECT_EQ(ConfConfigXmlInit(), 0) << "no second attempt";
             EXPECT_EQ(value("good"), "(none)");
         });
     }
     for (const char *operation : {"OsFopen", "OsMemMallocSetCharMon", "sprintf_s"}) {
         inChild(good, [&] {
-            platform::failCall(operation, 1);
+            testkit::failCall(operation, 1);
             EXPECT_EQ(ConfConfigXmlInit(), 1) << operation;
-            EXPECT_EQ(platform::outstanding(), 0);
+            EXPECT_EQ(testkit::outstanding(), 0);
         });
     }
 }

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_config.h"
 #include "include/conf_log_adapter.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ ConfConfigListItem listItem(const string &key, const string &value) {
 
 Strings recordTexts() {
     Strings texts;
-    for (const auto &record : platform::records()) {
+    for (const auto &record : testkit::records()) {
         texts.push_back(std::to_string(record.level) + record.whole());
     }
     return texts;
@@ -45,15 +45,15 @@ void bind(const string &name, int32_t type, void *value, size_t size) {
 }
 
 /* Bound variables, and a service that notes each write as its keys and values. */
-class ConfigSync : public platform::PlatformTest {
+class ConfigSync : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
-        platform::override(TamoOmConfigStringGet, [this](ConfConfigOmRecord *record) {
+        testkit::replace(TamoOmConfigStringGet, [this](ConfConfigOmRecord *record) {
             const char *value = stored[record->key.text].c_str();
             return *value == 0 ? 7 : TamoOmConfigcopyStr2Val(&record->value, value);
         });
-        platform::override(TamoOmConfigStringMset, [this](const auto *records, uint32_t count) {
+        testkit::replace(TamoOmConfigStringMset, [this](const auto *records, uint32_t count) {
             Strings &write = writes.emplace_back();
             for (const auto &[key, value] : std::span(records, count)) {
                 EXPECT_TRUE(key.length == strlen(key.text) && value.length == strlen(value.text));
@@ -69,7 +69,7 @@ class ConfigSync : public platform::PlatformTest {
         bind("Conf.A.data", CONF_VALUE_DATA, data, sizeof(data));
         bind("Conf.A.tiny", CONF_VALUE_STR, tiny, sizeof(tiny));
         SetLogLevel(4);
-        platform::clearRecords();
+        testkit::clearRecords();
     }
     void TearDown() override {
         SetLogLevel(3);
@@ -206,7 +206,7 @@ TEST_F(ConfigSync, KeysSelectWhatIsWrittenBack) {
         EXPECT_EQ(countOf("3[ConfConfigAddOmCfg]ConfConfigAddOmCfg ConfConfigV2Str fail " + name),
                   1u);
     }
-    platform::failCall("OsMemMallocSetCharMon", 1);
+    testkit::failCall(OsMemMallocSetCharMon, 1);
     EXPECT_EQ(ConfConfigSyncByKeyToOM(""), -1);
     EXPECT_EQ(recordTexts().back(), "1[ConfConfigSyncToOM]Null ptr.");
 }
@@ -220,15 +220,15 @@ TEST_F(ConfigSync, SensitiveValuesAreWipedAndDoNotGoWithoutTheirKey) {
     const auto holds = [](const void *block, size_t size) {
         return memmem(block, size, "4711", 4) != nullptr;
     };
-    platform::override(TamoOmConfigStringMset, [&](const ConfConfigOmRecord *records, uint32_t n) {
+    testkit::replace(TamoOmConfigStringMset, [&](const ConfConfigOmRecord *records, uint32_t n) {
         EXPECT_TRUE(holds(records, n * sizeof(*records)));
         held = records;
         return 0;
     });
-    platform::override(OSMemTypeFreeMon, [&](void *block, uint32_t a, uint32_t b, uint32_t line,
-                                             const char *unit) {
+    testkit::replace(OSMemTypeFreeMon, [&](void *block, uint32_t a, uint32_t b, uint32_t line,
+                                           const char *unit) {
         wiped += block == held && !holds(block, sizeof(ConfConfigListItem)) ? 1 : 0;
-        return platform::next(OSMemTypeFreeMon)(block, a, b, line, unit);
+        return testkit::real(OSMemTypeFreeMon)(block, a, b, line, unit);
     });
     allowOutstandingBlocks();
     ConfConfigBind(key.c_str(), CONF_VALUE_STR, password, 16,
@@ -246,7 +246,7 @@ TEST_F(ConfigSync, SensitiveValuesAreWipedAndDoNotGoWithoutTheirKey) {
     const ConfConfigChangeList changes = {1, &change};
     ConfConfigClientCallBack(65536, 0, 0, &changes);
     EXPECT_EQ(wiped, 2u);
-    platform::failCall("TamoOmConfigcopyStr2Key", 1);
+    testkit::failCall(TamoOmConfigcopyStr2Key, 1);
     held = nullptr;
     EXPECT_EQ(ConfConfigSyncByKeyToOM(key.c_str()), -1);
     EXPECT_EQ(held, nullptr) << "nothing is sent";

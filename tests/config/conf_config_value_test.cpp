@@ -12,9 +12,9 @@
 #include <fstream>
 #include <string>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_json.h"
 #include "include/xmlAdapter.h"
-#include "tests/support/forwarding_platform.h"
 #include "tests/support/scratch_root.h"
 
 namespace {
@@ -23,7 +23,7 @@ using std::string;
 
 constexpr uint64_t kAllBits = UINT64_MAX;
 
-class ConfigValue : public platform::PlatformTest {};
+class ConfigValue : public testkit::PlatformTest {};
 
 ConfConfigValue ofText(const char *text) {
     ConfConfigValue value = {};
@@ -77,7 +77,7 @@ TEST_F(ConfigValue, ReadersByType) {
     EXPECT_EQ(ConfConfigV2UInt(nullptr), kAllBits);
     EXPECT_EQ(ConfConfigV2Float(nullptr), 0);
     EXPECT_EQ(ConfConfigV2Bool(nullptr), 0);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(ConfigValue, TextWithoutAnythingToReadIsRecorded) {
@@ -87,10 +87,10 @@ TEST_F(ConfigValue, TextWithoutAnythingToReadIsRecorded) {
     EXPECT_EQ(ConfConfigV2UInt(&value), 0u);
     EXPECT_EQ(ConfConfigV2Bool(&value), 0);
     EXPECT_EQ(ConfConfigV2DByType(&value, &stored, 3, CONF_VALUE_FLOAT), -1);
-    ASSERT_EQ(platform::records().size(), 3u);
+    ASSERT_EQ(testkit::records().size(), 3u);
     for (const char *reader : {"V2Int", "V2UInt", "V2Float"}) {
         const string record = string("[ConfConfig") + reader + "]sscanf_s fail 3";
-        EXPECT_TRUE(platform::hasRecord(1, "conf_config_value", record)) << reader;
+        EXPECT_TRUE(testkit::hasRecord(1, "conf_config_value", record)) << reader;
     }
 }
 
@@ -214,7 +214,7 @@ TEST_F(ConfigValue, FloatingPointTextsDoNotFollowTheLocale) {
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(ConfJsonFindItem(tree, "n")->valuedouble, 3.5e9);
     EXPECT_EQ(ConfJsonGetInt(tree, "n", 7), 7);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_json", "number[3500000000.000000] is out"));
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_json", "number[3500000000.000000] is out"));
     cJSON_Delete(tree);
     EXPECT_STREQ(localeconv()->decimal_point, ",") << "the process keeps its own";
 }

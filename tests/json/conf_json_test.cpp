@@ -5,8 +5,8 @@
 #include <new>
 #include <string>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_json.h"
-#include "tests/support/forwarding_platform.h"
 
 static thread_local int64_t untilFailure = -1; /* allocations that succeed; -1: all */
 
@@ -31,18 +31,18 @@ constexpr ConfJsonItem kItems[] = {{CONF_JSON_ITEM_NUMBER, "n", {.number = 2.5}}
                                    {CONF_JSON_ITEM_STRING, "s", {.string = "a\"\xFF"}},
                                    {CONF_JSON_ITEM_BOOL, "b", {.boolean = true}}};
 
-class Json : public platform::PlatformTest {
+class Json : public testkit::PlatformTest {
   protected:
     ~Json() override { cJSON_Delete(root_); }
 
     /* What was logged since the last call, each record "[function without ConfJson]text;". */
     static string logged() {
         string text;
-        for (const auto &each : platform::records()) {
+        for (const auto &each : testkit::records()) {
             EXPECT_TRUE(each.level == 1 && each.unit == "conf_json") << each;
             text += '[' + each.whole().substr(9) + ';';
         }
-        platform::clearRecords();
+        testkit::clearRecords();
         return text;
     }
 

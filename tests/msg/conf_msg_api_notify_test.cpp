@@ -7,13 +7,13 @@
 #include <utility>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_msg_api.h"
 #include "msg/message_format.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
-using platform::hasRecord;
+using testkit::hasRecord;
 
 void expectRecord(const char *part) {
     EXPECT_TRUE(hasRecord(1, "conf_msg_api", part)) << part;
@@ -38,7 +38,7 @@ uint32_t remember(uint32_t id, const void *data, uint32_t length, uint32_t resul
     return 40 + result;
 }
 
-class Notify : public platform::PlatformTest {
+class Notify : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -57,7 +57,7 @@ TEST_F(Notify, CallbackGetsWhatIsNotified) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].id, 6u);
     EXPECT_EQ(calls[1].length, 9u);
-    EXPECT_EQ(platform::callCount("OsMutexLock"), platform::callCount("OsMutexUnLock"));
+    EXPECT_EQ(testkit::callCount(OsMutexLock), testkit::callCount(OsMutexUnLock));
 }
 
 TEST_F(Notify, LargeBlockGoesInPacketsBehindAHeader) {
@@ -96,7 +96,7 @@ TEST_F(Notify, NullDataIsToldOnceAndSendsNoPacket) {
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].data, nullptr);
     EXPECT_EQ(calls[1].length, 5000u);
-    EXPECT_EQ(platform::callCount("OsMutexLock"), 0u);
+    EXPECT_EQ(testkit::callCount(OsMutexLock), 0u);
 }
 
 TEST_F(Notify, PacketsOfTwoThreadsDoNotMix) {
@@ -136,11 +136,11 @@ TEST_F(Notify, BlockHasItsBodyAndRoomForFourBytes) {
 
 TEST_F(Notify, BlockFailuresAreRecorded) {
     for (const char *operation : {"OsMemMallocSetCharMon", "memcpy_s"}) {
-        platform::forEachFailure(
+        testkit::forEachFailure(
             operation, [] {}, [] { return GenerateMeetingServerMsgBlock("body", 4); },
             [](uint64_t, MeetingServerMsgBlock *block) {
                 EXPECT_EQ(block, nullptr);
-                EXPECT_EQ(platform::records().size(), 1u);
+                EXPECT_EQ(testkit::records().size(), 1u);
             },
             [](MeetingServerMsgBlock *block) { OSMemTypeFreeMon(block, 0, 0, 1, "test"); });
     }

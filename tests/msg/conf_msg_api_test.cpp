@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "msg/message_format.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 constexpr uint32_t kFailed = CONF_COMM_ERR_FAILED;
 constexpr uint32_t kInvalid = CONF_COMM_ERR_MSG_INVALID;
@@ -36,15 +36,15 @@ uint32_t answer7(uint32_t param, void *data, uint32_t dataLength) {
 
 /* A message layer of one message: the response is a copy of the request, run through
  * ConfCommMsgProcess, and then through `change`. */
-class MsgApi : public platform::PlatformTest {
+class MsgApi : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
-        platform::override(OsMsgSynSend, [this](OsMsgHeader *h, OsMsgHeader **r, uint32_t t) {
+        testkit::replace(OsMsgSynSend, [this](OsMsgHeader *h, OsMsgHeader **r, uint32_t t) {
             return loopBack(h, r, t);
         });
-        platform::override(OsMsgSynSendResp, [](OsMsgHeader *, void *, uint32_t) { return 0u; });
-        platform::override(OsMsgSynRespFree, [this](OsMsgHeader *header) {
+        testkit::replace(OsMsgSynSendResp, [](OsMsgHeader *, void *, uint32_t) { return 0u; });
+        testkit::replace(OsMsgSynRespFree, [this](OsMsgHeader *header) {
             freed.push_back(header);
             return 0u;
         });
@@ -87,7 +87,7 @@ TEST_F(MsgApi, SynchronousSendBringsResultAndDataBack) {
     EXPECT_EQ(sent.msgId, 2u);
     EXPECT_EQ(seenTimeout, 17u);
     EXPECT_EQ(freed.size(), 2u);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(MsgApi, LongerResponseLeavesAProcessSenderItsDataAndFailsATaskSender) {
@@ -117,7 +117,7 @@ TEST_F(MsgApi, LongerResponseLeavesAProcessSenderItsDataAndFailsATaskSender) {
 
 TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
     std::vector<char> data(64, 'x');
-    platform::override(OsMsgSynSend, [this](OsMsgHeader *h, OsMsgHeader **r, uint32_t t) {
+    testkit::replace(OsMsgSynSend, [this](OsMsgHeader *h, OsMsgHeader **r, uint32_t t) {
         const uint32_t result = loopBack(h, r, t);
         response.bodyLength = sizeof(ConfMsgBody) + 8; /* the body says 64 */
         return result;
@@ -126,7 +126,7 @@ TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
     EXPECT_EQ(data, std::vector<char>(64, 'x'));
 
     freed.clear();
-    platform::override(OsMsgSynSend, [](OsMsgHeader *, OsMsgHeader **, uint32_t) { return 0xABu; });
+    testkit::replace(OsMsgSynSend, [](OsMsgHeader *, OsMsgHeader **, uint32_t) { return 0xABu; });
     EXPECT_EQ(ConfCommMsgSynSendImpl("proc", nothing, 0, nullptr, 0, 1), kFailed);
     expectRecord(
         "[ConfCommMsgSynSendImpl]ConfCommMsgSynSend OsMsgSynSend fail 0xab "
@@ -138,7 +138,7 @@ TEST_F(MsgApi, NoUsableResponseIsAFailedSend) {
     EXPECT_EQ(freed, (std::vector<OsMsgHeader *>{nullptr, nullptr}));
 
     OsMsgHeader empty = {};
-    platform::override(OsMsgSynSend, [&](OsMsgHeader *, OsMsgHeader **r, uint32_t) {
+    testkit::replace(OsMsgSynSend, [&](OsMsgHeader *, OsMsgHeader **r, uint32_t) {
         *r = &empty;
         return 0u;
     });
@@ -161,7 +161,7 @@ TEST_F(MsgApi, RefusedArgumentsReachNoMessageLayer) {
     EXPECT_EQ(freed.size(), 1u) << "the missing response is released too";
     EXPECT_EQ(ConfCommMsgSynSend("p", nothing, 0, data, UINT32_MAX), kFailed);
 
-    platform::clearRecords();
+    testkit::clearRecords();
     const struct {
         const char *receiver;
         ConfMsgHandler handler;
@@ -176,15 +176,15 @@ TEST_F(MsgApi, RefusedArgumentsReachNoMessageLayer) {
         EXPECT_EQ(ConfCommMsgAsynSend(each.receiver, each.handler, 0, each.data, each.length),
                   kFailed);
     }
-    EXPECT_EQ(platform::callCount("OsMsgSynSend") + platform::callCount("OsMsgAsynSend"), 0u);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_EQ(testkit::callCount(OsMsgSynSend) + testkit::callCount(OsMsgAsynSend), 0u);
+    EXPECT_TRUE(testkit::records().empty());
     EXPECT_EQ(ConfCommMsgSynSend("fifteen_chars_x", nothing, 0, nullptr, 0), 0u);
     EXPECT_STREQ(sent.receiver, "fifteen_chars_x");
 }
 
 TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
     string seen;
-    platform::override(OsMsgAsynSend, [&](OsMsgHeader *h) {
+    testkit::replace(OsMsgAsynSend, [&](OsMsgHeader *h) {
         const auto *b = static_cast<ConfMsgBody *>(h->body);
         seen.assign(reinterpret_cast<const char *>(b + 1), b->dataLength);
         EXPECT_EQ(h->msgId, 1u);
@@ -194,7 +194,7 @@ TEST_F(MsgApi, AsynchronousSendQueuesACopy) {
     EXPECT_EQ(seen, "data");
     EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 1, nullptr, 0), 0u);
     EXPECT_EQ(seen, "");
-    platform::override(OsMsgAsynSend, [](OsMsgHeader *) { return 6u; });
+    testkit::replace(OsMsgAsynSend, [](OsMsgHeader *) { return 6u; });
     EXPECT_EQ(ConfCommMsgAsynSend("p", nothing, 1, nullptr, 0), kFailed);
     expectRecord(
         "[ConfCommMsgAsynSend]ConfCommMsgAsynSend OsMsgAsynSend fail 0x6 "
@@ -208,22 +208,22 @@ TEST_F(MsgApi, EveryFailedStepOfASendReleasesEverything) {
     const auto queue = [] { return ConfCommMsgAsynSend("t", nothing, 0, "data", 4); };
     const auto setUp = [this] {
         SetUp();
-        platform::override(OsMsgAsynSend, [](OsMsgHeader *) { return 0u; });
+        testkit::replace(OsMsgAsynSend, [](OsMsgHeader *) { return 0u; });
     };
     for (const char *operation :
          {"OsMemMallocSetCharMon", "strcpy_s", "memcpy_s", "OsMsgSynSend"}) {
-        platform::forEachFailure(
+        testkit::forEachFailure(
             operation, setUp, send,
             [](uint64_t, uint32_t result) {
                 EXPECT_EQ(result, kFailed);
-                EXPECT_EQ(platform::records().size(), 1u);
+                EXPECT_EQ(testkit::records().size(), 1u);
             },
             [](uint32_t result) { EXPECT_EQ(result, 7u); });
     }
     for (const char *operation : {"OsMemMallocSetCharMon", "strcpy_s", "memcpy_s"}) {
-        platform::forEachFailure(operation, setUp, queue, [](uint64_t, uint32_t result) {
+        testkit::forEachFailure(operation, setUp, queue, [](uint64_t, uint32_t result) {
             EXPECT_EQ(result, kFailed);
-            EXPECT_TRUE(platform::records().empty());
+            EXPECT_TRUE(testkit::records().empty());
         });
     }
 }
@@ -279,12 +279,12 @@ uint32_t hangsAList(uint32_t, void *data, uint32_t) {
 TEST_F(MsgApi, ResultListThatNobodyGetsIsReleased) {
     Message message(2, hangsAList, 84);
     message.header.syncFlag = 1;
-    platform::override(OsMsgSynSendResp, [](OsMsgHeader *, void *, uint32_t) { return 0x1Fu; });
+    testkit::replace(OsMsgSynSendResp, [](OsMsgHeader *, void *, uint32_t) { return 0x1Fu; });
     EXPECT_EQ(ConfCommMsgProcess(&message.header), 0u);
     expectRecord("ConfCommMsgProcess Resp fail! msgId:2, ret:0x1f");
     const auto *block = reinterpret_cast<MeetingServerMsgBlock *>(message.body() + 1);
     EXPECT_EQ(block->resultList, nullptr);
-    EXPECT_EQ(platform::outstanding(), 0);
+    EXPECT_EQ(testkit::outstanding(), 0);
 
     Message tooShort(2, nothing, 66);
     memset(tooShort.body() + 1, 0x5A, 80);

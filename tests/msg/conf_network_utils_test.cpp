@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/forwarding_platform.h"
+#include <conference_testkit_gtest.h>
 
 namespace {
 
@@ -72,7 +72,7 @@ void fillAdapters(const Network &network, IpAdapter *buffer) {
     }
 }
 
-class BestLocalIp : public platform::PlatformTest {
+class BestLocalIp : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -80,16 +80,16 @@ class BestLocalIp : public platform::PlatformTest {
     }
 
     void tellNetwork() {
-        platform::override(GetBestRoute,
-                           [this](uint32_t destination, uint32_t source, IpForwardRow *route) {
-                               const IpForwardRow none = {};
-                               EXPECT_EQ(source, 0U);
-                               EXPECT_EQ(memcmp(route, &none, sizeof(none)), 0) << "not zeroed";
-                               network.destination4 = destination;
-                               *route = network.route;
-                               return destination == UINT32_MAX ? 1U : 0U;
-                           });
-        platform::override(GetIpAddrTable, [this](IpAddrTable *table, uint32_t *size, int32_t) {
+        testkit::replace(GetBestRoute,
+                         [this](uint32_t destination, uint32_t source, IpForwardRow *route) {
+                             const IpForwardRow none = {};
+                             EXPECT_EQ(source, 0U);
+                             EXPECT_EQ(memcmp(route, &none, sizeof(none)), 0) << "not zeroed";
+                             network.destination4 = destination;
+                             *route = network.route;
+                             return destination == UINT32_MAX ? 1U : 0U;
+                         });
+        testkit::replace(GetIpAddrTable, [this](IpAddrTable *table, uint32_t *size, int32_t) {
             const size_t rows = network.rows.size() * sizeof(IpAddrRow);
             if (*size < sizeof(*table) + rows) {
                 *size = static_cast<uint32_t>(sizeof(*table) + rows);
@@ -101,14 +101,14 @@ class BestLocalIp : public platform::PlatformTest {
             }
             return 0U;
         });
-        platform::override(GetBestInterfaceEx,
-                           [this](const IpSocketAddress6 *destination, uint32_t *index) {
-                               network.destination6 = *destination;
-                               *index = kBest;
-                               return 0U;
-                           });
-        platform::override(GetAdaptersAddresses, [this](uint32_t family, uint32_t flags, void *none,
-                                                        IpAdapter *buffer, uint32_t *size) {
+        testkit::replace(GetBestInterfaceEx,
+                         [this](const IpSocketAddress6 *destination, uint32_t *index) {
+                             network.destination6 = *destination;
+                             *index = kBest;
+                             return 0U;
+                         });
+        testkit::replace(GetAdaptersAddresses, [this](uint32_t family, uint32_t flags, void *none,
+                                                      IpAdapter *buffer, uint32_t *size) {
             EXPECT_EQ(family, 23U);
             EXPECT_EQ(none, nullptr);
             EXPECT_EQ(*size, network.blockSizes.back());
@@ -120,14 +120,14 @@ class BestLocalIp : public platform::PlatformTest {
             fillAdapters(network, buffer);
             return 0U;
         });
-        platform::override(
-            OsMemMallocSetCharMon, [this](size_t size, uint32_t a, uint32_t b, uint32_t c,
-                                          uint32_t line, const char *file) {
-                EXPECT_EQ(a + b + c, 0U);
-                EXPECT_STREQ(file, "conf_network_utils");
-                network.blockSizes.push_back(static_cast<uint32_t>(size));
-                return platform::next(OsMemMallocSetCharMon)(size, a, b, c, line, file);
-            });
+        testkit::replace(OsMemMallocSetCharMon,
+                         [this](size_t size, uint32_t a, uint32_t b, uint32_t c, uint32_t line,
+                                const char *file) {
+                             EXPECT_EQ(a + b + c, 0U);
+                             EXPECT_STREQ(file, "conf_network_utils");
+                             network.blockSizes.push_back(static_cast<uint32_t>(size));
+                             return testkit::real(OsMemMallocSetCharMon)(size, a, b, c, line, file);
+                         });
     }
 
     /* The choice for a destination, or "none" when there is none and the buffer is as it was. */
@@ -180,13 +180,13 @@ TEST_F(BestLocalIp, RouteAndTableDecideTogether) {
         EXPECT_EQ(choose(kDestination4), chosen);
         EXPECT_EQ(network.destination4, ip(kDestination4));
     }
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(BestLocalIp, TableIsReadIntoABlockOfTheSizeAskedFor) {
     EXPECT_EQ(choose(kDestination4), "10.0.0.5");
     EXPECT_EQ(network.blockSizes, (vector<uint32_t>{28, 16}));
-    platform::override(GetIpAddrTable, [=](IpAddrTable *, uint32_t *size, int32_t) {
+    testkit::replace(GetIpAddrTable, [=](IpAddrTable *, uint32_t *size, int32_t) {
         *size = 16;
         return 5U; /* another failure than a table that is too small */
     });
@@ -209,7 +209,7 @@ TEST_F(BestLocalIp, Ipv6TakesTheFirstAddressOfTheInterfaceThatIsNotOfItsLinkOnly
     network.adapters.clear();
     network.adapters.push_back({kBest, {}});
     EXPECT_EQ(choose(kDestination6), "none");
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(BestLocalIp, AdapterBufferIsEnlargedTwiceAtMost) {
@@ -218,7 +218,7 @@ TEST_F(BestLocalIp, AdapterBufferIsEnlargedTwiceAtMost) {
     EXPECT_EQ(network.blockSizes, (vector<uint32_t>{15000, 16000, 17000}));
     network.tooSmall = 3;
     EXPECT_EQ(choose(kDestination6), "none");
-    EXPECT_EQ(platform::callCount("GetAdaptersAddresses"), 6U);
+    EXPECT_EQ(testkit::callCount(GetAdaptersAddresses), 6U);
 }
 
 TEST_F(BestLocalIp, BuffersOfEverySizeAreFilledOrLeftAlone) {
@@ -240,11 +240,11 @@ TEST_F(BestLocalIp, EveryFailureReleasesEverythingAndIsNotRecorded) {
     };
     const auto failed = [](uint64_t, const string &chosen) {
         EXPECT_EQ(chosen, "none");
-        EXPECT_TRUE(platform::records().empty());
+        EXPECT_TRUE(testkit::records().empty());
     };
     const auto worked = [](const string &chosen) { EXPECT_NE(chosen, "none"); };
     const auto count = [&](const char *operation, const char *destination) {
-        return platform::forEachFailure(
+        return testkit::forEachFailure(
             operation, setup, [&] { return choose(destination); }, failed, worked);
     };
     EXPECT_EQ(count("GetBestRoute", kDestination4), 1U);
@@ -264,15 +264,15 @@ TEST_F(BestLocalIp, MissingArgumentsAreRecordedAndHostileTextsHaveNoRoute) {
                   GetBestLocalIpByDestIp(kDestination4, out, 0),
               4U);
     EXPECT_STREQ(out, "untouched");
-    EXPECT_EQ(platform::records().size(), 4U);
-    EXPECT_TRUE(platform::hasRecord(1, "conf_network_utils",
-                                    "[GetBestLocalIpByDestIp]GetBestLocalIpByDestIp param error!"));
+    EXPECT_EQ(testkit::records().size(), 4U);
+    EXPECT_TRUE(testkit::hasRecord(1, "conf_network_utils",
+                                   "[GetBestLocalIpByDestIp]GetBestLocalIpByDestIp param error!"));
     for (const string &text : {string(10 << 20, '1'), string(10 << 20, ':'), string("10.0.0.256"),
                                string("2001:db8::5%eth0"), string("%s%n%x"), string("\xff\xfe")}) {
         EXPECT_EQ(choose(text.c_str()), "none") << text.substr(0, 20);
         EXPECT_EQ(network.destination4, UINT32_MAX);
     }
-    EXPECT_EQ(platform::callCount("GetBestInterfaceEx"), 0U);
+    EXPECT_EQ(testkit::callCount(GetBestInterfaceEx), 0U);
     EXPECT_TRUE(network.blockSizes.empty());
 }
 

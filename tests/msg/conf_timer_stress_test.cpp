@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_timer.h"
 #include "msg/message_format.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
@@ -85,9 +85,9 @@ class Walk {
 class CarelessManager {
   public:
     CarelessManager() {
-        platform::override(OsTmrManagerInit, [](uint32_t, uint32_t, uint32_t) { return 0u; });
-        platform::override(OsTmrDelete, [](uint32_t) { return 0u; });
-        platform::override(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
+        testkit::replace(OsTmrManagerInit, [](uint32_t, uint32_t, uint32_t) { return 0u; });
+        testkit::replace(OsTmrDelete, [](uint32_t) { return 0u; });
+        testkit::replace(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
             const std::lock_guard lock(mutex_);
             const auto known = [&](const OsTmrCreateParam &each) { return each.key == param->key; };
             if (std::none_of(timers_.begin(), timers_.end(), known)) {
@@ -130,12 +130,12 @@ class CarelessManager {
     std::thread threads_[3];
 };
 
-class TimerStress : public platform::PlatformTest {
+class TimerStress : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
         delivered = torn = 0;
-        platform::override(OsMsgAsynSend, look);
+        testkit::replace(OsMsgAsynSend, look);
         for (uint32_t i = 0; i < kTimers; i++) {
             table[i] = {i, i % 2, 1, "receiver", nothing, 0, 0, nullptr, 0};
             ConfTimerInit(&objects[i], i, i % 2, "receiver", nothing);

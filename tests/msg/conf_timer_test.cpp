@@ -12,8 +12,8 @@
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 /* ---- starting ---- */
 
@@ -56,7 +56,7 @@ TEST_F(Timer, StartOfARunningTimerOnlyReplacesWhatItDelivers) {
     expire(1);
     expire(2);
     EXPECT_EQ(sent, (std::vector<Sent>{{"periodic", 3, "fir"}, {"receiver", 4, "other"}}));
-    EXPECT_EQ(platform::outstanding(), 2);
+    EXPECT_EQ(testkit::outstanding(), 2);
     EXPECT_TRUE(deleted.empty());
 }
 
@@ -67,12 +67,12 @@ TEST_F(Timer, NameThatDoesNotFitIsRecordedAndTheTimerRuns) {
     EXPECT_STREQ(created[0].receiver, "");
     EXPECT_STREQ(created[1].receiver, "");
     expectRecords({"[ConfCommTimerStartEx]conf secure func failed, err = "});
-    platform::clearRecords();
+    testkit::clearRecords();
     expire(1);
     expire(2);
     EXPECT_TRUE(sent.empty());
     expectRecords({"[ConfCommTimerOut]ConfCommTimerIDOut send msg fail"});
-    EXPECT_EQ(platform::records().size(), 2u);
+    EXPECT_EQ(testkit::records().size(), 2u);
 }
 
 TEST_F(Timer, TimerThatThePlatformRefusesLeavesEverythingAsItWas) {
@@ -82,7 +82,7 @@ TEST_F(Timer, TimerThatThePlatformRefusesLeavesEverythingAsItWas) {
     void *const kept[] = {table[1].data, object.data};
     table[1].handle = object.handle = 0;
     for (const uint32_t result : {9u, 0u}) {
-        platform::override(OsTmrCreate, [=](OsTmrCreateParam *, uint32_t *handle) {
+        testkit::replace(OsTmrCreate, [=](OsTmrCreateParam *, uint32_t *handle) {
             *handle = result; /* refused with a handle, or accepted without one */
             return result;
         });
@@ -104,14 +104,14 @@ TEST_F(Timer, WithoutMemoryARunningTimerDeliversNoData) {
     ConfTimerInit(&object, 0, 0, "receiver", remind);
     ASSERT_EQ(ConfCommTimerStart(10, 1, "old", 3), 0u);
     ASSERT_EQ(ConfTimerStart(&object, 0, 1, "old", 3), 0u);
-    platform::failEveryCall("OsMemMallocSetCharMon");
+    testkit::failEveryCall(OsMemMallocSetCharMon);
     EXPECT_EQ(ConfCommTimerStart(10, 2, "newer", 5), 1u);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
     EXPECT_EQ(ConfTimerStart(&object, 0, 2, "newer", 5), 1u);
     expectRecords(
         {"[ConfTimerStart]TAMO_CONF_LOG_ERROR: CONF_MALLOC failed, timer->data "
          "is NULL!"});
-    EXPECT_EQ(platform::outstanding(), 0) << "the old data is released";
+    EXPECT_EQ(testkit::outstanding(), 0) << "the old data is released";
     EXPECT_EQ(table[0].data, nullptr);
     EXPECT_EQ(table[0].dataLength, 5u);
     EXPECT_EQ(object.param, 2u);
@@ -128,7 +128,7 @@ TEST_F(Timer, EveryFailedCopyOfAStartIsRecorded) {
         return result;
     };
     for (const char *operation : {"strcpy_s", "memcpy_s"}) {
-        const uint64_t failures = platform::forEachFailure(
+        const uint64_t failures = testkit::forEachFailure(
             operation, [this] { again(); }, startAndStop,
             [](uint64_t, uint32_t result) {
                 EXPECT_EQ(result, 0u);
@@ -171,7 +171,7 @@ TEST_F(Timer, ExpiryThatCannotBeDeliveredIsRecorded) {
                    "[ConfCommTimerIDOut]ConfCommTimerIDOut send msg fail! ret:989a6c",
                    "[ConfCommTimerOut]Null ptr.", "[ConfCommTimerIDOut]Null ptr.",
                    "[ConfCommTimerOut]timerId:77 invalid", "[ConfCommTimerIDOut]timer is NULL"});
-    platform::failCall("memcpy_s", 1);
+    testkit::failCall(memcpy_s, 1);
     expire(2);
     expectRecords({"[ConfCommTimerIDOut]conf secure func failed, err = "});
     EXPECT_TRUE(sent.empty());
@@ -179,7 +179,7 @@ TEST_F(Timer, ExpiryThatCannotBeDeliveredIsRecorded) {
 
 /* The manager's thread may be faster than the thread that starts. */
 TEST_F(Timer, ExpiryBeforeTheEndOfItsStartDeliversWhatTheStartStores) {
-    platform::override(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
+    testkit::replace(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
         created.push_back(*param);
         *handle = 5;
         param->expiry(param);
@@ -213,26 +213,26 @@ TEST_F(Timer, OneStartOfAOneShotObjectIsOneMessageWhereverAnExpiryFalls) {
                 held = before;
             }
         };
-        platform::override(OsMutexLock, [&](OsMutex *) {
+        testkit::replace(OsMutexLock, [&](OsMutex *) {
             meet("lock");
             return held++;
         });
-        platform::override(OsMutexUnLock, [&](OsMutex *) {
+        testkit::replace(OsMutexUnLock, [&](OsMutex *) {
             meet("unlock");
             return --held;
         });
-        platform::override(OsMemMallocSetCharMon, [&](size_t size, uint32_t a, uint32_t b,
-                                                      uint32_t c, uint32_t line, const char *file) {
+        testkit::replace(OsMemMallocSetCharMon, [&](size_t size, uint32_t a, uint32_t b, uint32_t c,
+                                                    uint32_t line, const char *file) {
             if (size == 5) {
                 meet("allocate");
             }
-            return platform::next(OsMemMallocSetCharMon)(size, a, b, c, line, file);
+            return testkit::real(OsMemMallocSetCharMon)(size, a, b, c, line, file);
         });
-        platform::override(OSMemTypeFreeMon, [&](void *block, uint32_t a, uint32_t b, uint32_t line,
-                                                 const char *file) {
-            meet("release");
-            return platform::next(OSMemTypeFreeMon)(block, a, b, line, file);
-        });
+        testkit::replace(OSMemTypeFreeMon,
+                         [&](void *block, uint32_t a, uint32_t b, uint32_t line, const char *file) {
+                             meet("release");
+                             return testkit::real(OSMemTypeFreeMon)(block, a, b, line, file);
+                         });
         ASSERT_EQ(ConfTimerStart(&object, 20, 2, "newer", 5), 0u);
         if (created.size() == 2) {
             expire(2);
@@ -251,7 +251,7 @@ TEST_F(Timer, OneStartOfAOneShotObjectIsOneMessageWhereverAnExpiryFalls) {
 TEST_F(Timer, StartDuringTheLastExpiryOfAOneShotObjectGetsATimerOfItsOwn) {
     ConfTimerInit(&object, 1, 1, "receiver", remind);
     ASSERT_EQ(ConfTimerStart(&object, 10, 1, "old", 3), 0u);
-    platform::override(OsMsgAsynSend, [this](OsMsgHeader *) {
+    testkit::replace(OsMsgAsynSend, [this](OsMsgHeader *) {
         EXPECT_EQ(object.handle, 1u);
         for (const uint32_t param : {3u, 4u}) {
             EXPECT_EQ(ConfTimerStart(&object, 30, param, nullptr, 0), 0u);
@@ -268,15 +268,15 @@ TEST_F(Timer, StartDuringTheLastExpiryOfAOneShotObjectGetsATimerOfItsOwn) {
 
 TEST_F(Timer, StartUpBlocksTwoSignalsAndStartsTheManager) {
     std::vector<uint32_t> seen;
-    platform::override(OsSigAddSet, [&](OsSigSet *, int32_t signal) {
+    testkit::replace(OsSigAddSet, [&](OsSigSet *, int32_t signal) {
         seen.push_back(static_cast<uint32_t>(signal));
         return 0u;
     });
-    platform::override(OsPthreadSigmask, [&](int32_t how, const OsSigSet *, OsSigSet *old) {
+    testkit::replace(OsPthreadSigmask, [&](int32_t how, const OsSigSet *, OsSigSet *old) {
         seen.push_back(how == 0 && old != nullptr ? 1 : 0);
         return 0u;
     });
-    platform::override(OsTmrManagerInit, [&](uint32_t a, uint32_t tick, uint32_t b) {
+    testkit::replace(OsTmrManagerInit, [&](uint32_t a, uint32_t tick, uint32_t b) {
         seen.insert(seen.end(), {a, tick, b});
         return 0u;
     });
@@ -293,16 +293,16 @@ TEST_F(Timer, EachFailedStepOfTheStartUpEndsItWithARecord) {
     /* The service refers to it until another table is given. */
     static ConfCommTimerEntry other = {55, 1, 10, "other", remind, 0, 0, nullptr, 0};
     for (const auto &[operation, text] : steps) {
-        platform::forEachFailure(
+        testkit::forEachFailure(
             operation, [this] { again(); }, [] { return ConfCommTimerInit(&other, 1); },
             [text = text](uint64_t, uint32_t result) {
                 EXPECT_EQ(result, 1u);
                 expectRecords({text});
-                EXPECT_EQ(platform::records().size(), 1u);
+                EXPECT_EQ(testkit::records().size(), 1u);
                 EXPECT_EQ(ConfCommTimerStop(55), 0u) << "the table is stored all the same";
             });
     }
-    platform::failCall("OsMutexInit", 1);
+    testkit::failCall(OsMutexInit, 1);
     EXPECT_EQ(ConfCommTimerInit(table, 4), 1u);
     expectRecords({"[ConfCommTimerInit]OsSemInit fail! ret:1"});
     EXPECT_EQ(ConfCommTimerStop(20), 1u) << "the table is not stored";
@@ -310,9 +310,9 @@ TEST_F(Timer, EachFailedStepOfTheStartUpEndsItWithARecord) {
 
 TEST_F(Timer, NullTableAndNegativeCountStartNothing) {
     EXPECT_EQ(ConfCommTimerFuncInit(nullptr, 4) + ConfCommTimerInit(nullptr, 4), 2u);
-    EXPECT_EQ(platform::callCount("OsMutexInit"), 2u) << "of the set-up and of the second";
-    EXPECT_EQ(platform::callCount("OsTmrManagerInit"), 1u);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_EQ(testkit::callCount(OsMutexInit), 2u) << "of the set-up and of the second";
+    EXPECT_EQ(testkit::callCount(OsTmrManagerInit), 1u);
+    EXPECT_TRUE(testkit::records().empty());
     EXPECT_EQ(ConfCommTimerStop(20), 0u) << "the table of before is still in use";
     EXPECT_EQ(ConfCommTimerInit(table, -1), 0u);
     EXPECT_EQ(ConfCommTimerStart(20, 0, nullptr, 0), 1u);
@@ -323,9 +323,9 @@ TEST_F(Timer, EndDeletesEveryTimerAndKeepsTheTable) {
     ASSERT_EQ(ConfCommTimerStart(20, 0, nullptr, 4), 0u);
     table[3].handle = 99; /* an entry that its id does not lead to */
     ConfCommTimerFuncDeInit();
-    EXPECT_EQ(platform::callCount("OsMutexDestroy"), 1u);
+    EXPECT_EQ(testkit::callCount(OsMutexDestroy), 1u);
     EXPECT_EQ(deleted, (std::vector<uint32_t>{1, 2, 99}));
-    EXPECT_EQ(platform::outstanding(), 0);
+    EXPECT_EQ(testkit::outstanding(), 0);
     EXPECT_EQ(table[0].data, nullptr);
     EXPECT_EQ(table[0].handle, 0u);
     EXPECT_EQ(ConfCommTimerStop(10), 0u);
@@ -333,11 +333,11 @@ TEST_F(Timer, EndDeletesEveryTimerAndKeepsTheTable) {
     /* An owner stops its object afterwards: there is no mutex any more to hold. */
     ConfTimerInit(&object, 1, 1, "receiver", remind);
     ASSERT_EQ(ConfTimerStart(&object, 10, 0, "data", 4), 0u);
-    platform::failEveryCall("OsMutexLock");
-    const uint64_t unlocked = platform::callCount("OsMutexUnLock");
+    testkit::failEveryCall(OsMutexLock);
+    const uint64_t unlocked = testkit::callCount(OsMutexUnLock);
     EXPECT_EQ(ConfTimerStop(&object), 0u);
-    EXPECT_EQ(platform::callCount("OsMutexUnLock"), unlocked);
-    EXPECT_EQ(platform::outstanding(), 0);
+    EXPECT_EQ(testkit::callCount(OsMutexUnLock), unlocked);
+    EXPECT_EQ(testkit::outstanding(), 0);
 }
 
 TEST_F(Timer, UnknownIdsAndNullObjectsAreRefusedWithARecord) {
@@ -352,7 +352,7 @@ TEST_F(Timer, UnknownIdsAndNullObjectsAreRefusedWithARecord) {
                    "[ConfCommTimerStop]timerId:77 invalid", "[ConfTimerInit]Null ptr.",
                    "[ConfTimerStart]Null ptr.", "[ConfTimerStop]Null ptr.",
                    "[ConfTimerIsVaild]Null ptr."});
-    EXPECT_EQ(platform::records().size(), 8u);
+    EXPECT_EQ(testkit::records().size(), 8u);
     EXPECT_EQ(object.receiver, nullptr);
 }
 
@@ -381,8 +381,8 @@ TEST_F(Timer, StopDeletesTheTimerAndItsDataOnly) {
 /* ---- the system time ---- */
 
 TEST_F(Timer, SystemTimeCountsMonthsFromOneAndYearsFromZero) {
-    platform::override(OsGetTimeEx,
-                       [](OsTimeEx *record) { *record = {0x10000 + 250, 9, 5, 8, 1, 2, 126, {}}; });
+    testkit::replace(OsGetTimeEx,
+                     [](OsTimeEx *record) { *record = {0x10000 + 250, 9, 5, 8, 1, 2, 126, {}}; });
     ConfSysTime now;
     ConfBasicGetSysTime(&now);
     const ConfSysTime expected = {2026, 3, 1, 8, 5, 9, 250}; /* the low 16 bits */
@@ -390,7 +390,7 @@ TEST_F(Timer, SystemTimeCountsMonthsFromOneAndYearsFromZero) {
     EXPECT_EQ(now.millisecond, expected.millisecond);
     ConfBasicGetSysTime(nullptr);
     expectRecords({"[ConfBasicGetSysTime]Null ptr."});
-    platform::override(OsGetSysTimeSec, [] { return 0xFFFFFFF0u; });
+    testkit::replace(OsGetSysTimeSec, [] { return 0xFFFFFFF0u; });
     EXPECT_EQ(ConfGetSysTimeSec(), 0xFFFFFFF0u);
 }
 

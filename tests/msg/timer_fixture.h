@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_timer.h"
 #include "msg/message_format.h"
-#include "tests/support/forwarding_platform.h"
 
 constexpr uint32_t kUnknownId = 77;
 
@@ -23,13 +23,13 @@ struct Sent {
     bool operator==(const Sent &) const = default;
 };
 
-class Timer : public platform::PlatformTest {
+class Timer : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
         playManager();
         ASSERT_EQ(ConfCommTimerInit(table, 4), 0u);
-        platform::clearRecords();
+        testkit::clearRecords();
     }
 
     void TearDown() override {
@@ -39,19 +39,19 @@ class Timer : public platform::PlatformTest {
     }
 
     void playManager() {
-        platform::override(OsTmrManagerInit, [](uint32_t, uint32_t, uint32_t) { return 0u; });
-        platform::override(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
+        testkit::replace(OsTmrManagerInit, [](uint32_t, uint32_t, uint32_t) { return 0u; });
+        testkit::replace(OsTmrCreate, [this](OsTmrCreateParam *param, uint32_t *handle) {
             created.push_back(*param);
             *handle = static_cast<uint32_t>(created.size());
             return 0u;
         });
-        platform::override(OsTmrDelete, [this](uint32_t handle) {
+        testkit::replace(OsTmrDelete, [this](uint32_t handle) {
             deleted.push_back(handle);
             return 0u;
         });
-        platform::override(OsMutexLock, [this](OsMutex *) { return held++; });
-        platform::override(OsMutexUnLock, [this](OsMutex *) { return --held; });
-        platform::override(OsMsgAsynSend, [this](OsMsgHeader *header) {
+        testkit::replace(OsMutexLock, [this](OsMutex *) { return held++; });
+        testkit::replace(OsMutexUnLock, [this](OsMutex *) { return --held; });
+        testkit::replace(OsMsgAsynSend, [this](OsMsgHeader *header) {
             EXPECT_EQ(held, 0u) << "no message is sent under the mutex";
             auto *body = static_cast<ConfMsgBody *>(header->body);
             EXPECT_EQ(body->handler, remind);
@@ -63,14 +63,14 @@ class Timer : public platform::PlatformTest {
 
     /* Everything as at the begin of a test, for another round. */
     void again() {
-        platform::reset();
+        testkit::reset();
         playManager();
         ConfTimerInit(&object, 0, 1, "receiver", remind);
     }
 
     static void expectRecords(std::initializer_list<const char *> texts) {
         for (const char *text : texts) {
-            EXPECT_TRUE(platform::hasRecord(1, "conf_timer", text)) << text;
+            EXPECT_TRUE(testkit::hasRecord(1, "conf_timer", text)) << text;
         }
     }
 

@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/xml_utility.h"
-#include "tests/support/forwarding_platform.h"
 #include "tests/support/open_descriptors.h"
 #include "tests/support/scratch_root.h"
 
@@ -60,8 +60,8 @@ void operator delete[](void *block, size_t) noexcept {
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 string nested(size_t levels, bool closed = true) {
     string text;
@@ -74,7 +74,7 @@ string nested(size_t levels, bool closed = true) {
     return text;
 }
 
-class XmlHostile : public platform::PlatformTest {
+class XmlHostile : public testkit::PlatformTest {
   protected:
     XmlHostile() {
         EXPECT_NE(OsFileNativePath("/data/hostile.xml", path_, sizeof(path_)), nullptr);
@@ -100,21 +100,21 @@ TEST_F(XmlHostile, WhatIsNoDocumentGivesARecordAndNothing) {
     ConfXmlFreeRootNode(parseFile("<r/>"));
     const support::DescriptorCheck descriptors;
     for (const string &text : cases) {
-        platform::clearRecords();
+        testkit::clearRecords();
         EXPECT_EQ(ConfXmlParseBodyGetRoot(text.c_str()), nullptr) << text.substr(0, 40);
         EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseBodyGetRoot]Parse doc failed"))
             << text.substr(0, 40);
         EXPECT_EQ(parseFile(text), nullptr) << text.substr(0, 40);
         EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseFileGetRoot]LoadFile failed"));
     }
-    platform::clearRecords();
+    testkit::clearRecords();
     EXPECT_EQ(ConfXmlParseFileGetRoot("/data"), nullptr);
     EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseFileGetRoot]LoadFile failed"));
-    platform::clearRecords();
+    testkit::clearRecords();
     EXPECT_EQ(ConfXmlParseBodyGetRoot("<!-- nobody -->"), nullptr);
     EXPECT_EQ(ConfXmlParseBodyGetRoot("</r>"), nullptr);
     EXPECT_EQ(parseFile("<?xml version='1.0'?><!-- nobody -->"), nullptr);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(XmlHostile, UnknownEntitiesAndForeignBytesDoNoHarm) {
@@ -139,7 +139,7 @@ ssize_t readBlanks(void *left, char *buffer, size_t size) {
 
 TEST_F(XmlHostile, AGibibyteOfBlanksTakesNoMemory) {
     size_t left = size_t{1} << 30;
-    platform::override(OsFopen, [&](const char *, const char *) {
+    testkit::replace(OsFopen, [&](const char *, const char *) {
         return fopencookie(&left, "rb", {readBlanks, nullptr, nullptr, nullptr});
     });
     rusage before = {};
@@ -208,8 +208,8 @@ bool buildAndPrint() {
 
 TEST_F(XmlHostile, MemoryThatRunsOutIsAnAnswer) {
     ConfXmlFreeRootNode(parseFile("<r/>"));
-    platform::forEachFailure(
-        "OsMemMallocSetCharMon", [] {}, buildAndPrint,
+    testkit::forEachFailure(
+        OsMemMallocSetCharMon, [] {}, buildAndPrint,
         [](uint64_t, bool good) { EXPECT_FALSE(good); }, [](bool good) { EXPECT_TRUE(good); });
     int64_t failures = 0;
     for (bool good = false; !good; failures++) {
@@ -218,7 +218,7 @@ TEST_F(XmlHostile, MemoryThatRunsOutIsAnAnswer) {
         const bool failed = newUntilFailure < 0;
         newUntilFailure = -1;
         EXPECT_NE(good, failed) << failures;
-        EXPECT_EQ(platform::outstanding(), 0);
+        EXPECT_EQ(testkit::outstanding(), 0);
     }
     EXPECT_GT(failures, 10);
 }
@@ -266,7 +266,7 @@ TEST_F(XmlHostile, ASaveWithoutMemoryForAllOfItLeavesAGoodBackup) {
         const string saved = contentOf(path_);
         EXPECT_TRUE(result == 0 || saved == good) << failures;
         EXPECT_EQ(contentOf(backup), saved == better ? better : good) << failures;
-        EXPECT_EQ(platform::outstanding(), 0);
+        EXPECT_EQ(testkit::outstanding(), 0);
         incomplete += saved != better && saved != good;
         std::ofstream(path_) << good;
         std::ofstream(backup) << good;

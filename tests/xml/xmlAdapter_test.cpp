@@ -6,17 +6,17 @@
 #include <string>
 #include <tuple>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_log_adapter.h"
 #include "include/xmlAdapter.h"
-#include "tests/support/forwarding_platform.h"
 #include "tests/support/scratch_root.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
-class XmlAdapter : public platform::PlatformTest {
+class XmlAdapter : public testkit::PlatformTest {
   protected:
     ConfXmlNode *parse(const char *text) { return root_ = ConfXmlParseBodyGetRoot(text); }
     string print() { return ConfXmlTransformStr(root_); }
@@ -51,7 +51,7 @@ TEST_F(XmlAdapter, StepsGoOnBehindTheRootWhereAnElementFollows) {
     ConfXmlNode *second = ConfXmlGetNodeIterator(parse("<r/><s/>"));
     EXPECT_STREQ(ConfXmlGetNodeName(second), "s");
     EXPECT_EQ(ConfXmlGetNodeIterator(second), nullptr);
-    EXPECT_TRUE(platform::records().empty()) << "no step was one up from the root";
+    EXPECT_TRUE(testkit::records().empty()) << "no step was one up from the root";
 }
 
 TEST_F(XmlAdapter, PathsLeadWhereTheirNamesSay) {
@@ -68,7 +68,7 @@ TEST_F(XmlAdapter, PathsLeadWhereTheirNamesSay) {
         ConfXmlNode *found = ConfXmlGetNodeByPath(root_, c.path);
         EXPECT_EQ(found == nullptr ? -1 : ConfXmlGetNodeIntAttr(found, "n"), c.found) << c.path;
     }
-    EXPECT_EQ(platform::records().size(), 1u) << "a miss leaves no record";
+    EXPECT_EQ(testkit::records().size(), 1u) << "a miss leaves no record";
 }
 
 TEST_F(XmlAdapter, ValuesAreReadWithTheWidthAndTheSignOfTheirType) {
@@ -96,7 +96,7 @@ TEST_F(XmlAdapter, ValuesAreReadWithTheWidthAndTheSignOfTheirType) {
         EXPECT_EQ(ConfXmlAddAttr(root_, "a", type, value), 15u);
     }
     EXPECT_EQ(print(), "<r/>");
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 TEST_F(XmlAdapter, ChangesShowInThePrintAndInTheFile) {
@@ -156,20 +156,20 @@ TEST_F(XmlAdapter, MissingArgumentsAreRefusedWithTheRecordOfTheirFunction) {
         {1, "GetNodeByPath]invalid param!", !ConfXmlGetNodeByPath(root_, "")},
         {4, "GetNodeIterator]pstNode is nullptr!", !ConfXmlGetNodeIterator(nullptr)},
         {1, "TransformStr]rootNode is nullptr!", !ConfXmlTransformStr(nullptr)}};
-    const auto records = platform::records();
+    const auto records = testkit::records();
     ASSERT_EQ(records.size(), std::size(cases));
     for (size_t at = 0; at < records.size(); at++) {
         EXPECT_TRUE(cases[at].refused) << cases[at].record;
         EXPECT_EQ(records[at].whole(), string("[ConfXml") + cases[at].record);
         EXPECT_EQ(records[at].level, cases[at].level) << cases[at].record;
     }
-    platform::clearRecords();
+    testkit::clearRecords();
     EXPECT_EQ(ConfXmlCreateRootNode(nullptr), nullptr);
     EXPECT_EQ(ConfXmlGetNodeParenet(nullptr), nullptr);
     EXPECT_FALSE(ConfXmlIsRootNode(nullptr));
     EXPECT_EQ(ConfXmlDeleteAttr(root_, nullptr), 2u);
     EXPECT_EQ(ConfXmlTransformFile(root_, nullptr), 15u);
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
     SetLogLevel(CONF_LOG_INFO);
 }
 

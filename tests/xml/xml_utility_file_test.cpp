@@ -16,15 +16,15 @@
 #include <tuple>
 #include <vector>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_log_adapter.h"
 #include "include/xml_utility.h"
-#include "tests/support/forwarding_platform.h"
 #include "tests/support/open_descriptors.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 constexpr char kFile[] = "/data/settings.xml";
 constexpr char kBackup[] = "/data/settings.bak";
@@ -94,7 +94,7 @@ void put(const char *path, const string &content) {
 }
 
 size_t countErrors(const char *text) {
-    const auto records = platform::records();
+    const auto records = testkit::records();
     return static_cast<size_t>(std::count_if(records.begin(), records.end(), [&](const auto &one) {
         return one.level == 1 && one.unit == "xml_utility" &&
                one.whole().find(text) != string::npos;
@@ -119,7 +119,7 @@ struct DiskThatFills {
     rlimit before = {};
 };
 
-class XmlFile : public platform::PlatformTest {
+class XmlFile : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -149,7 +149,7 @@ TEST_F(XmlFile, EveryTypeComesBackExactlyAndTheBackupIsTheSame) {
         EXPECT_TRUE(fields == kExtreme);
         EXPECT_EQ(levels[0] * 100 + levels[1] * 10 + levels[2], 789);
     }
-    EXPECT_TRUE(platform::records().empty());
+    EXPECT_TRUE(testkit::records().empty());
 }
 
 /* A file with one line below "Fields", and what it leaves in fields that were zero. */
@@ -192,7 +192,7 @@ TEST_F(XmlFile, ForeignValuesFillWithTheirNumberOrLeaveTheField) {
         {"<val name='u8' InstID='1' type='UINT8'>7</val>", expected, nullptr}};
     for (const auto &c : cases) {
         put(kFile, string("<cfg name='Root'><cfg name='Fields'>") + c.line + "</cfg></cfg>");
-        platform::clearRecords();
+        testkit::clearRecords();
         fields = {};
         EXPECT_EQ(ConfXmlLoad(describe, kFile, kBackup), 0u) << c.line;
         EXPECT_TRUE(fields == c.left) << c.line;
@@ -240,8 +240,8 @@ TEST_F(XmlFile, WhatStandsBehindAnUnreadableSiblingIsHidden) {
                        c.element + "<val name='u8' type='UINT8'>2</val></cfg></cfg>");
         for (const bool withMemory : {true, false}) {
             fields = {};
-            platform::clearRecords();
-            platform::failCall("OsMemMallocSetCharMon", withMemory ? 0 : 3);
+            testkit::clearRecords();
+            testkit::failCall(OsMemMallocSetCharMon, withMemory ? 0 : 3);
             EXPECT_EQ(ConfXmlLoad(describe, kFile, kBackup), 0u);
             EXPECT_EQ(countErrors(c.record), c.count) << c.element << withMemory;
             EXPECT_EQ(fields.i8 * 10 + fields.u8, c.count == 0 ? 12 : 10) << c.element;
@@ -319,7 +319,7 @@ TEST_F(XmlFile, AFailedSaveLeavesBothFilesAndAFailedBackupFailsNothing) {
     EXPECT_EQ(countErrors("[ConfXmlSave]TransForm File fail"), 4u);
     EXPECT_EQ(contentOf(kFile), before);
     EXPECT_EQ(contentOf(kBackup), before);
-    platform::failCall("OsCopyFile", 1);
+    testkit::failCall(OsCopyFile, 1);
     EXPECT_EQ(ConfXmlSave(describe, kFile, kBackup), 0u);
     EXPECT_EQ(countErrors("[ConfXmlBakFile]OsCopyFile fail, ret:"), 1u);
     EXPECT_EQ(contentOf(kBackup), before);
@@ -333,8 +333,8 @@ TEST_F(XmlFile, AFailedSaveLeavesBothFilesAndAFailedBackupFailsNothing) {
 
 TEST_F(XmlFile, MemoryThatRunsOutIsAnAnswer) {
     for (const bool saving : {true, false}) {
-        platform::forEachFailure(
-            "OsMemMallocSetCharMon", [] { EXPECT_EQ(ConfXmlSave(describe, kFile, kBackup), 0u); },
+        testkit::forEachFailure(
+            OsMemMallocSetCharMon, [] { EXPECT_EQ(ConfXmlSave(describe, kFile, kBackup), 0u); },
             [&] { return (saving ? ConfXmlSave : ConfXmlLoad)(describe, kFile, kBackup); },
             [](uint64_t, uint32_t) { EXPECT_FALSE(contentOf(kFile).empty()); },
             [](uint32_t result) { EXPECT_EQ(result, 0u); });

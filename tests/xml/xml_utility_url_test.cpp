@@ -4,14 +4,14 @@
 #include <cstring>
 #include <string>
 
+#include <conference_testkit_gtest.h>
 #include "include/conf_log_adapter.h"
 #include "include/xml_utility.h"
-#include "tests/support/forwarding_platform.h"
 
 namespace {
 
-using platform::hasRecord;
 using std::string;
+using testkit::hasRecord;
 
 /* A record at the error level that a function of the family left. */
 bool hasError(const char *text) {
@@ -24,7 +24,7 @@ string take(char *text) {
     return taken;
 }
 
-class XmlUrl : public platform::PlatformTest {
+class XmlUrl : public testkit::PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -111,7 +111,7 @@ TEST_F(XmlUrl, CodeListsAreReadToTheirEnd) {
         EXPECT_EQ(decoded[c.decoded.size()], '\0') << c.list;
     }
     char decoded[9] = {};
-    platform::failCall("MOX_UnicodeToUtf8", 1);
+    testkit::failCall(MOX_UnicodeToUtf8, 1);
     EXPECT_EQ(ConfXmlGetStringFromAscii("72,233", decoded, 8), 1u);
     EXPECT_STREQ(decoded, "H");
     EXPECT_TRUE(hasError("pcUTF8Temp is null!"));
@@ -159,7 +159,7 @@ TEST_F(XmlUrl, DescriptorsBecomeTextOrFailWhole) {
     EXPECT_TRUE(hasError("[ConfXmlAdptEncodeWithRootAttr]ConfXmlAdptAddNodeAttrs fail, ret = 15!"));
     const char *const outOfMemory[] = {"Null ptr.", "xmlBuf is nullptr!"};
     for (uint64_t call = 0; call < 2; call++) {
-        platform::failCall("OsMemMallocSetCharMon", call + 1);
+        testkit::failCall(OsMemMallocSetCharMon, call + 1);
         EXPECT_EQ(ConfXmlAdptEncode(&plain), nullptr);
         EXPECT_TRUE(hasError(outOfMemory[call]));
     }
@@ -167,7 +167,7 @@ TEST_F(XmlUrl, DescriptorsBecomeTextOrFailWhole) {
     EXPECT_EQ(ConfXmlDumpWithHeader("", &whole), 0u);
     EXPECT_EQ(take(whole), "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\n");
     EXPECT_EQ(ConfXmlDumpWithHeader("<r/>", nullptr), 15u);
-    platform::failCall("sprintf_s", 1);
+    testkit::failCall(sprintf_s, 1);
     EXPECT_EQ(ConfXmlDumpWithHeader("<r/>", &whole), 16u);
 }
 
