@@ -98,9 +98,9 @@ TEST_F(CertAddress, AnOlderRefreshNeverOverwritesANewerOne) {
     const string renewed = "# renewed\n" + old;
     std::thread notified;
     std::promise<void> done;
-    platform::override(OsCopyFile, [&](const char *from, const char *to) {
+    testkit::replace(OsCopyFile, [&](const char *from, const char *to) {
         if (notified.joinable()) {
-            return platform::next(OsCopyFile)(from, to);
+            return testkit::real(OsCopyFile)(from, to);
         }
         certs::write(ca + "/a.pem", renewed);
         notified = std::thread([&] { handler(OM_CERT_MSG_CA, 0), done.set_value(); });

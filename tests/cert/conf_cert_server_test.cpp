@@ -135,7 +135,7 @@ TEST_F(CertServer, TheStartNeverOverwritesWhatANotificationBrought) {
     string asked;
     findKey = [&](const string &found) { return asked = found, leaf.key.get(); };
     std::atomic<int> calls = 0;
-    platform::override(TamoOmCertGetCertId, [&](const ConfCertIdBuffer *, ConfCertIdBuffer *out) {
+    testkit::replace(TamoOmCertGetCertId, [&](const ConfCertIdBuffer *, ConfCertIdBuffer *out) {
         const int call = calls++;
         if (call == 0) {
             std::thread(handler, OM_CERT_MSG_SERVER, 263).join();
@@ -167,32 +167,31 @@ TEST_F(CertServer, AKeylessLoadDuringAReplacementSucceeds) {
             }
             return asked == string(256, 'k') ? leaf.key.get() : other.key.get();
         };
-        platform::override(TamoOmCertGetCertId,
-                           [&](const ConfCertIdBuffer *, ConfCertIdBuffer *out) {
-                               if (pathsFirst) {
-                                   identifying.set_value();
-                                   looked.get_future().wait();
-                               }
-                               memset(out->data, 'o', 256);
-                               return 0;
-                           });
-        platform::override(TamoOmCertGetCertPath,
-                           [&](uint32_t, uint32_t, uint32_t, ConfCertPathInfo *info) {
-                               *info = files;
-                               if (!notified.joinable()) {
-                                   notified = std::thread(handler, OM_CERT_MSG_SERVER, 263);
-                                   if (pathsFirst) {
-                                       identifying.get_future().wait();
-                                   } else {
-                                       notified.join();
-                                       notified = std::thread([] {});
-                                   }
-                                   certs::write("/data/server/new.pem", certs::pem(other));
-                                   strcpy(files.certPath, "/data/server/new.pem");
-                                   *info = pathsFirst ? files : *info;
-                               }
-                               return 0;
-                           });
+        testkit::replace(TamoOmCertGetCertId, [&](const ConfCertIdBuffer *, ConfCertIdBuffer *out) {
+            if (pathsFirst) {
+                identifying.set_value();
+                looked.get_future().wait();
+            }
+            memset(out->data, 'o', 256);
+            return 0;
+        });
+        testkit::replace(TamoOmCertGetCertPath,
+                         [&](uint32_t, uint32_t, uint32_t, ConfCertPathInfo *info) {
+                             *info = files;
+                             if (!notified.joinable()) {
+                                 notified = std::thread(handler, OM_CERT_MSG_SERVER, 263);
+                                 if (pathsFirst) {
+                                     identifying.get_future().wait();
+                                 } else {
+                                     notified.join();
+                                     notified = std::thread([] {});
+                                 }
+                                 certs::write("/data/server/new.pem", certs::pem(other));
+                                 strcpy(files.certPath, "/data/server/new.pem");
+                                 *info = pathsFirst ? files : *info;
+                             }
+                             return 0;
+                         });
         EXPECT_EQ(load(), 0) << pathsFirst;
         EXPECT_EQ(loads, 2);
         notified.join();

@@ -136,12 +136,11 @@ TEST_F(ConfigLists, SensitiveValueDoesNotGoWithoutItsKey) {
     for (const char *key : {"Conf.H323CallParam.gkPwd", "Conf.ServerParam.pwd"}) {
         Block list{{key, "secret"}};
         string sent = "none";
-        platform::override(TamoOmConfigStringMset,
-                           [&](const ConfConfigOmRecord *records, uint32_t) {
-                               sent = string(records->key.text) + records->value.text;
-                               return 5;
-                           });
-        platform::failCall("TamoOmConfigcopyStr2Key", 1);
+        testkit::replace(TamoOmConfigStringMset, [&](const ConfConfigOmRecord *records, uint32_t) {
+            sent = string(records->key.text) + records->value.text;
+            return 5;
+        });
+        testkit::failCall(TamoOmConfigcopyStr2Key, 1);
         EXPECT_EQ(list.write(), uint32_t{CONF_COMM_ERR_MSG_INVALID});
         EXPECT_EQ(sent, "");
     }
