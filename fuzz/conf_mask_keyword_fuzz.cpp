@@ -12,7 +12,6 @@
 #include "fuzz/scratch.h"
 #include "include/conf_mask_keyword.h"
 #include "platform/tamo_os_mem.h"
-#include "fuzz/mask_model.h"
 
 namespace {
 

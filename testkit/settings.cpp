@@ -9,6 +9,8 @@
 #include <mutex>
 #include <ostream>
 
+#include <tamo_os_mem.h>
+
 #include "testkit/dispatch.h"
 
 namespace testkit {
@@ -16,6 +18,9 @@ namespace testkit {
 using detail::Slot;
 
 namespace {
+
+/* Whatever a test uses of the kit, the table of operations has to come out of the archive with it. */
+[[maybe_unused]] auto *const volatile needsTable = &OsMemMallocSetCharMon;
 
 constinit Slot *firstSlot = nullptr;
 thread_local constinit int platformDepth = 0;

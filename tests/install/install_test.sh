@@ -30,7 +30,6 @@ grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of inst
 "$prefix/bin/tamoctl" --help >/dev/null || fail "the installed tamoctl does not run"
 
 "$prefix/bin/tamoctl" cert list >/dev/null || fail "tamoctl cert does not run"
-[ -f "$TAMO_DEVICE_ROOT/system/lib64/libopenssl_engine.so" ] || fail "the engine is not found"
 
 cmake -S "$source/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
@@ -38,6 +37,7 @@ cmake --build "$scratch/cmake" >/dev/null
 for consumer in c cpp testkit; do
     run "$scratch/cmake/consumer_$consumer"
 done
+[ -f "$TAMO_DEVICE_ROOT/system/lib64/libopenssl_engine.so" ] || fail "the engine is not found"
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name conference_common.pc)")
 export PKG_CONFIG_PATH

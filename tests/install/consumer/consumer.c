@@ -1,4 +1,6 @@
-/* A small user of the installed library in C: logs one record and sends to nobody. */
+/* A small user of the installed library in C: logs one record, sends to nobody, and connects to the
+ * certificate service. */
+#include <conf_cert.h>
 #include <conf_log_adapter.h>
 #include <conf_msg_api.h>
 #include <param_check.h>
@@ -17,6 +19,7 @@ int main(void) {
     if (ConfCommMsgAsynSend("Nobody", handler, 1, NULL, 0) != CONF_COMM_ERR_FAILED) {
         return 2;
     }
+    ConfCertInit(NULL);
     puts("consumer: ok");
     return ConfLogUnInit();
 }
