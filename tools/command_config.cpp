@@ -54,7 +54,10 @@ std::vector<ConfConfigOmRecord> readKeys(const Command &command, std::span<char 
     for (size_t i = 0; i < keys.size(); ++i) {
         setKey(command, &records[i], keys[i]);
     }
-    missing->assign(keys.size(), false);
+    missing->assign(keys.size(), !requireStore(command));
+    if (!keys.empty() && missing->front()) {
+        return records;
+    }
     if (TamoOmConfigStringMget(records.data(), static_cast<uint32_t>(records.size())) == 0) {
         return records;
     }
@@ -116,6 +119,7 @@ int runSet(const Command &command, int argc, char **argv) {
         }
         TamoOmConfigcopyStr2Val(&records[i].value, value);
     }
+    requireRoot(command, Access::change);
     int32_t result = TamoOmConfigStringMset(records.data(), static_cast<uint32_t>(records.size()));
     if (result != 0) {
         failHost(command, "nothing was stored", static_cast<uint32_t>(result));
@@ -144,8 +148,11 @@ int runList(const Command &command, int argc, char **argv) {
 
     Table table({{"KEY", false}, {"VALUE", false}});
     Json json(cJSON_CreateObject());
-    uint32_t result = asJson ? TamoHostConfigList(glob, addMember, json.get())
-                             : TamoHostConfigList(glob, addRow, &table);
+    uint32_t result = TAMO_HOST_OK;
+    if (requireStore(command)) {
+        result = asJson ? TamoHostConfigList(glob, addMember, json.get())
+                        : TamoHostConfigList(glob, addRow, &table);
+    }
     if (result != TAMO_HOST_OK) {
         failHost(command, "cannot read the configuration store", result);
     }

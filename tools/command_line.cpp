@@ -1,11 +1,15 @@
 /* Command lines, the device root and the ways to end: see tamoctl.h. */
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "output.h"
@@ -16,9 +20,6 @@
 namespace tamoctl {
 
 namespace {
-
-/* The root that --root named; empty when the environment or the default decides. */
-std::string namedRoot;
 
 void printHelp(const Command &command) {
     printf("Usage: tamoctl [--root DIR] %s %s\n\n%s", command.name, command.arguments,
@@ -36,6 +37,46 @@ void printHelp(const Command &command) {
     vsnprintf(message, sizeof(message), format, arguments);
     fprintf(stderr, "tamoctl %s: %s\n", command.name, printable(message).c_str());
     exit(code);
+}
+
+bool isRootNamed() {
+    const char *named = getenv("TAMO_DEVICE_ROOT");
+    return named != nullptr && named[0] != 0;
+}
+
+/* Where the host will look for the device root, whether it is there or not. */
+std::string rootInUse() {
+    const char *home = getenv("HOME");
+    const char *data = getenv("XDG_DATA_HOME");
+    std::error_code error;
+    if (isRootNamed()) {
+        return std::filesystem::absolute(getenv("TAMO_DEVICE_ROOT"), error).string();
+    }
+    if (data != nullptr && data[0] == '/') {
+        return std::string(data) + "/tamo";
+    }
+    const passwd *user = home != nullptr && home[0] == '/' ? nullptr : getpwuid(geteuid());
+    return std::string(user != nullptr   ? user->pw_dir
+                       : home != nullptr ? home
+                                         : "") +
+           "/.local/share/tamo";
+}
+
+/* Whether a program has worked in the directory. One that this user may not enter is for the host to
+ * judge. */
+bool holdsDeviceRoot(const std::string &root) {
+    return access((root + "/data").c_str(), F_OK) == 0 || errno == EACCES;
+}
+
+void workAs(const Command &command, const struct stat &owner) {
+    const passwd *user = getpwuid(owner.st_uid);
+    const int groups =
+        user == nullptr ? setgroups(1, &owner.st_gid) : initgroups(user->pw_name, user->pw_gid);
+    if (groups != 0 || setegid(user == nullptr ? owner.st_gid : user->pw_gid) != 0 ||
+        seteuid(owner.st_uid) != 0) {
+        fail(command, "cannot work as the owner of the device root (%s): run tamoctl as user %u",
+             strerror(errno), owner.st_uid);
+    }
 }
 
 }  // namespace
@@ -63,6 +104,9 @@ int CommandLine::next() {
             printHelp(command_);
             exit(finishOutput(kSuccess));
         case kOptionRoot:
+            if (optarg[0] == 0) {
+                failUsage(command_, "the directory of --root is empty");
+            }
             useRoot(optarg);
             return next();
         case ':':
@@ -92,16 +136,47 @@ std::span<char *> CommandLine::operands() const {
 
 void useRoot(const char *directory) {
     std::error_code error;
-    namedRoot = std::filesystem::absolute(directory, error).string();
-    setenv("TAMO_DEVICE_ROOT", namedRoot.c_str(), 1);
+    setenv("TAMO_DEVICE_ROOT", std::filesystem::absolute(directory, error).c_str(), 1);
 }
 
-void requireRoot(const Command &command) {
-    struct stat status;
-    if (!namedRoot.empty() && (stat(namedRoot.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))) {
-        fail(command, "no device root at '%s': check --root, or start a program there first",
-             namedRoot.c_str());
+void requireRoot(const Command &command, Access access) {
+    const std::string root = rootInUse();
+    struct stat status = {};
+    const bool isThere = stat(root.c_str(), &status) == 0;
+    if (isThere && !S_ISDIR(status.st_mode)) {
+        fail(command, "'%s' is not a directory: check --root and TAMO_DEVICE_ROOT", root.c_str());
     }
+    if (access == Access::change ? !isThere && isRootNamed() : !holdsDeviceRoot(root)) {
+        fail(command,
+             "there is no device root at '%s': check --root and TAMO_DEVICE_ROOT, or start a "
+             "program there%s",
+             root.c_str(), access == Access::change ? " or make the directory (mode 0700)" : "");
+    }
+    if (isThere && geteuid() == 0 && status.st_uid != 0) {
+        workAs(command, status);
+    }
+}
+
+void workAsCaller() {
+    if (getuid() != geteuid()) {
+        (void)seteuid(getuid());
+        (void)setegid(getgid());
+    }
+}
+
+bool requireStore(const Command &command) {
+    char fault[PATH_MAX + 256];
+    const uint32_t result = TamoHostConfigCheck(fault, sizeof(fault));
+    if (result == TAMO_HOST_REFUSED) {
+        fail(command,
+             "the configuration store is damaged (%s): nothing was changed; the next program that "
+             "opens it sets it aside and begins an empty one",
+             fault);
+    }
+    if (result != TAMO_HOST_OK && result != TAMO_HOST_NOT_FOUND) {
+        failHost(command, "cannot read the configuration store", result);
+    }
+    return result == TAMO_HOST_OK;
 }
 
 std::string rootPath(const Command &command, const char *devicePath) {

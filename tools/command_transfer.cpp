@@ -70,6 +70,7 @@ int runImport(const Command &command, int argc, char **argv) {
     if (!problem.empty()) {
         fail(command, "'%s' %s; nothing was changed", name, problem.c_str());
     }
+    requireRoot(command, Access::change);
     const auto count = static_cast<uint32_t>(entries.pairs.size());
     ProgressBar bar("importing " + std::to_string(count) + " keys", count);
     bar.show(0);
@@ -100,7 +101,8 @@ uint32_t collectEntry(const char *key, const char *value, void *entries) {
 /* All entries, or the end of the program: a store that lacks some would be no copy. */
 std::vector<Entry> readStore(const Command &command) {
     std::vector<Entry> entries;
-    const uint32_t result = TamoHostConfigList(nullptr, collectEntry, &entries);
+    const uint32_t result =
+        requireStore(command) ? TamoHostConfigList(nullptr, collectEntry, &entries) : TAMO_HOST_OK;
     if (result != TAMO_HOST_OK) {
         failHost(command, "cannot read the configuration store", result);
     }
@@ -176,6 +178,7 @@ int runExport(const Command &command, int argc, char **argv) {
     if (line.operands().empty() || strcmp(line.operands()[0], "-") == 0) {
         writeEntries(entries, stdout, !onTerminal());
     } else {
+        workAsCaller();
         writeFile(command, line.operands()[0], entries);
     }
     return kSuccess;

@@ -194,6 +194,7 @@ int runWatch(const Command &command, int argc, char **argv) {
     static Viewer viewer;
     viewer.options = parse(command, argc, argv);
     requireRoot(command);
+    requireStore(command);
     const auto begin = Clock::now();
     endOnSignal(command, &viewer);
     TamoHostConfigWatch *watch = nullptr;

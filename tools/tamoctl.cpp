@@ -62,6 +62,9 @@ void readGlobalOptions(int argc, char **argv) {
     for (int code; (code = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
         switch (code) {
             case kOptionRoot:
+                if (optarg[0] == 0) {
+                    endUsage("the directory of --root is empty", "");
+                }
                 useRoot(optarg);
                 break;
             case 'h':

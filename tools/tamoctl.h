@@ -60,10 +60,23 @@ class CommandLine {
     std::vector<option> longOptions_;
 };
 
-/* Makes `directory` the device root. A directory that does not exist is refused later, by
- * requireRoot, for the commands that only look. */
+/* Makes `directory`, a name that is not empty, the device root. */
 void useRoot(const char *directory);
-void requireRoot(const Command &command);
+
+/* What a command does to the device root. */
+enum class Access { look, change };
+
+/* Ends the program when there is no device root: looking makes none, and changing makes the default
+ * one alone, not one that was named. A program of user 0 works on as the root's owner, who then owns
+ * what it makes there. */
+void requireRoot(const Command &command, Access access = Access::look);
+
+/* The end of working as the root's owner, before the caller's own files are written. */
+void workAsCaller();
+
+/* For commands that look at the configuration: false when nothing was stored yet. Ends the program
+ * when the store is damaged, which opening it would change. */
+bool requireStore(const Command &command);
 
 /* The native path of a directory below the device root; ends the program when there is no root. */
 std::string rootPath(const Command &command, const char *devicePath);

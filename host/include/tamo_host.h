@@ -98,6 +98,12 @@ uint32_t TamoHostConfigList(const char *glob,
  * same. */
 uint32_t TamoHostConfigReset(const char *const *keys, uint32_t count);
 
+/* Examines the store without making, moving or mending anything. TAMO_HOST_NOT_FOUND when nothing was
+ * stored yet; TAMO_HOST_REFUSED when the store is damaged or the file is another program's, which the
+ * next to open it would set aside: `fault` (null allowed), a buffer of `size` bytes, then holds its
+ * path and what is wrong with it, else an empty text. Nothing is recorded. */
+uint32_t TamoHostConfigCheck(char *fault, uint32_t size);
+
 /* A key and its value. */
 typedef struct TamoHostConfigPair {
     const char *key;   /* 1 to 127 bytes */

@@ -29,6 +29,8 @@ grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of inst
 [ -f "$prefix/share/bash-completion/completions/tamoctl" ] || fail "no completion for tamoctl"
 "$prefix/bin/tamoctl" --help >/dev/null || fail "the installed tamoctl does not run"
 
+mkdir -m 700 "$TAMO_DEVICE_ROOT"
+"$prefix/bin/tamoctl" set Test.key value || fail "tamoctl set does not run"
 "$prefix/bin/tamoctl" cert list >/dev/null || fail "tamoctl cert does not run"
 
 cmake -S "$source/consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \

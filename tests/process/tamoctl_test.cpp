@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -13,6 +15,7 @@
 #include "tamo_host.h"
 #include "tests/process/program.h"
 #include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
 
 namespace {
 
@@ -105,6 +108,7 @@ TEST(TamoctlUsage, wrongUseIsOneLineAndCode2) {
 TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
     const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".open";
     ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((root + "/data").c_str(), 0700), 0);
     ASSERT_EQ(chmod(root.c_str(), 0755), 0);
     for (const Words &words : {Words{"get", "Ctl.A"}, Words{"set", "Ctl.A", "1"}, Words{"list"},
                                Words{"log"}, Words{"log", "-f"}, Words{"mem"}, Words{"queues"},
@@ -115,7 +119,64 @@ TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
         EXPECT_EQ(outcome.code, 1) << words[0];
         EXPECT_NE(outcome.errors.find("chmod 700"), std::string::npos) << outcome.errors;
     }
-    EXPECT_EQ(rmdir(root.c_str()), 0) << "nothing was made in it";
+    EXPECT_EQ(rmdir((root + "/data").c_str()) + rmdir(root.c_str()), 0) << "nothing was made in it";
+}
+
+TEST(TamoctlUsage, aRootThatIsNotThereIsNeverMadeWhenItWasNamed) {
+    const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".typo";
+    const struct {
+        Words words;
+        int code;
+        const char *named;
+    } cases[] = {
+        {{"list"}, 1, "no device root"},          {{"get", "a"}, 1, "no device root"},
+        {{"set", "a", "1"}, 1, "no device root"}, {{"queues"}, 1, "no device root"},
+        {{"mem"}, 1, "no device root"},           {{"log"}, 1, "no device root"},
+        {{"log", "-f"}, 1, "no device root"},     {{"watch", "-t", "0"}, 1, "no device root"},
+        {{"export"}, 1, "no device root"},        {{"cert", "list"}, 1, "no device root"},
+    };
+    for (const auto &[words, code, named] : cases) {
+        Words all = {"--root", root};
+        all.insert(all.end(), words.begin(), words.end());
+        const Outcome outcome = tamoctl(all);
+        EXPECT_EQ(outcome.code, code) << words[0];
+        EXPECT_NE(outcome.errors.find(named), std::string::npos) << outcome.errors;
+        EXPECT_NE(access(root.c_str(), F_OK), 0) << words[0] << " made it";
+    }
+    EXPECT_EQ(tamoctl({"--root", "", "list"}).code, 2);
+    EXPECT_EQ(tamoctl({"list", "--root="}).code, 2);
+}
+
+TEST(TamoctlUsage, lookingAtADamagedStoreLeavesItAsItIs) {
+    const support::ScratchDirectory root;
+    ASSERT_EQ(tamoctl({"--root", root.path(), "set", "a", "1"}).code, 0);
+    const std::string store = root.path() + "/config/config.db";
+    ASSERT_EQ(unlink((store + "-wal").c_str()), 0);
+    std::ofstream(store) << "not a store";
+    for (const Words &words : {Words{"list"}, Words{"get", "a"}, Words{"export"}, Words{"watch"}}) {
+        Words all = {"--root", root.path()};
+        all.insert(all.end(), words.begin(), words.end());
+        const Outcome outcome = tamoctl(all);
+        EXPECT_EQ(outcome.code, 1) << words[0];
+        EXPECT_NE(outcome.errors.find("config.db"), std::string::npos) << outcome.errors;
+        std::string text;
+        std::getline(std::ifstream(store), text);
+        EXPECT_EQ(text, "not a store") << words[0];
+    }
+}
+
+TEST(TamoctlUsage, whatUser0MakesIsTheRootOwners) {
+    const support::ScratchDirectory root;
+    if (geteuid() != 0 || chown(root.path().c_str(), 65534, 65534) != 0) {
+        GTEST_SKIP() << "needs user 0";
+    }
+    ASSERT_EQ(tamoctl({"--root", root.path(), "set", "a", "1"}).code, 0);
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root.path())) {
+        struct stat status = {};
+        ASSERT_EQ(lstat(entry.path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, 65534U) << entry.path();
+    }
+    EXPECT_EQ(tamoctl({"--root", root.path(), "get", "a"}).output, "1\n");
 }
 
 /* ---- mem and queues ---- */
