@@ -12,8 +12,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "command_cert.h"
+#include "commands.h"
 #include "common/openssl_owner.h"
 #include "output.h"
+#include "rows.h"
 #include "tamo_host.h"
 #include "tamoctl.h"
 
@@ -87,7 +90,8 @@ struct Row {
     std::string kind, name, subject, issuer, from, until, key;
     int64_t daysLeft = 0, keptUntil = 0;
     bool hasEnd = false, inEngine = false;
-    std::string fault; /* why there is nothing else to show */
+    std::string fault;    /* why there is nothing else to show */
+    std::string mismatch; /* what is wrong with its key */
 };
 
 /* In UTF-8, with control characters escaped. */
@@ -162,6 +166,30 @@ void describeCertificate(Row *row, const SecretText &pem) {
     row->key = keyText(X509_get0_pubkey(own.get()));
 }
 
+/* Whether the certificate's own key, in the file beside it, can be used with it. */
+void examineKey(Row *row, const Command &command, const std::string &chainPath,
+                const SecretText &pem) {
+    const std::string directory = chainPath.substr(0, chainPath.rfind('/') + 1);
+    SecretText text, phrase;
+    if (access((directory + "key.pem").c_str(), R_OK) != 0) {
+        row->mismatch = "its key is missing";
+        return;
+    }
+    readFile(command, (directory + "key.pem").c_str(), &text);
+    if (access((directory + "passphrase").c_str(), R_OK) == 0) {
+        readPassphrase(command, (directory + "passphrase").c_str(), &phrase);
+    }
+    const CertificateOwner own(
+        PEM_read_bio_X509(openText(pem).get(), nullptr, nullptr, noPassPhrase()));
+    const KeyOwner key(
+        PEM_read_bio_PrivateKey(openText(text).get(), nullptr, nullptr, phrase.text.data()));
+    if (key == nullptr) {
+        row->mismatch = "its key cannot be read with the pass phrase beside it";
+    } else if (own != nullptr && X509_check_private_key(own.get(), key.get()) != 1) {
+        row->mismatch = "its key does not belong to it";
+    }
+}
+
 void describeList(Row *row, const SecretText &pem) {
     const CrlOwner list(
         PEM_read_bio_X509_CRL(openText(pem).get(), nullptr, nullptr, noPassPhrase()));
@@ -174,14 +202,15 @@ void describeList(Row *row, const SecretText &pem) {
     setEnd(row, X509_CRL_get0_nextUpdate(list.get()));
 }
 
-struct Rows {
+/* What a walk over the store has found. */
+struct Found {
     const Command &command;
     std::vector<Row> all;
 };
 
 /* One entry of the store. What cannot be read is a row too. */
 void addRow(const TamoHostCertEntry *entry, void *context) {
-    auto *rows = static_cast<Rows *>(context);
+    auto *found = static_cast<Found *>(context);
     constexpr const char *kKinds[] = {"server", "ca", "crl"};
     Row row(entry->keptUntil != 0 ? "replaced" : kKinds[entry->kind], entry->name);
     struct stat status = {};
@@ -191,16 +220,19 @@ void addRow(const TamoHostCertEntry *entry, void *context) {
         row.fault = S_ISREG(status.st_mode) ? "more than 1 MiB" : "not a regular file";
     } else {
         SecretText pem;
-        readFile(rows->command, entry->path, &pem);
+        readFile(found->command, entry->path, &pem);
         if (entry->kind == TAMO_HOST_CERT_CRL) {
             describeList(&row, pem);
         } else {
             describeCertificate(&row, pem);
         }
+        if (entry->kind == TAMO_HOST_CERT_SERVER && entry->inEngine == 0 && row.fault.empty()) {
+            examineKey(&row, found->command, entry->path, pem);
+        }
     }
     row.keptUntil = entry->keptUntil;
     row.inEngine = entry->inEngine != 0;
-    rows->all.push_back(std::move(row));
+    found->all.push_back(std::move(row));
 }
 
 /* As "2026-11-24T18:30:00Z". */
@@ -212,170 +244,84 @@ std::string momentText(int64_t seconds) {
     return {text, strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &fields)};
 }
 
-void printRows(const std::vector<Row> &rows) {
-    Table table({{"KIND", false},
-                 {"NAME", false},
-                 {"SUBJECT", false},
-                 {"ISSUER", false},
-                 {"FROM", false},
-                 {"UNTIL", false},
-                 {"DAYS", true},
-                 {"KEY", false}});
-    for (const Row &row : rows) {
-        const std::string subject = row.fault.empty() ? row.subject : "(" + row.fault + ")";
-        const std::string key =
-            row.key + (row.inEngine ? ", in the engine" : "") +
-            (row.keptUntil != 0 ? ", kept until " + momentText(row.keptUntil) : "");
-        table.add({row.kind, row.name, subject, row.issuer, row.from, row.until,
-                   row.hasEnd ? std::to_string(row.daysLeft) : "-", key});
-    }
-    if (!table.empty()) {
-        table.print();
-    }
-}
-
-void printRowsAsJson(const std::vector<Row> &rows) {
-    const Json json(cJSON_CreateArray());
-    for (const Row &row : rows) {
-        cJSON *entry = cJSON_CreateObject();
-        const std::pair<const char *, const std::string *> members[] = {
-            {"kind", &row.kind},     {"name", &row.name},   {"subject", &row.subject},
-            {"issuer", &row.issuer}, {"from", &row.from},   {"until", &row.until},
-            {"key", &row.key},       {"fault", &row.fault},
-        };
-        for (const auto &[key, text] : members) {
-            if (!text->empty()) {
-                addText(entry, key, *text);
-            }
-        }
-        if (row.hasEnd) {
-            cJSON_AddNumberToObject(entry, "daysLeft", static_cast<double>(row.daysLeft));
-            cJSON_AddBoolToObject(entry, "expired", row.daysLeft < 0);
-        }
-        if (row.kind == "server" || row.kind == "replaced") {
-            cJSON_AddBoolToObject(entry, "inEngine", row.inEngine);
-        }
-        if (row.keptUntil != 0) {
-            addText(entry, "keptUntil", momentText(row.keptUntil));
-        }
-        cJSON_AddItemToArray(json.get(), entry);
-    }
-    printJson(json);
-}
-
-int listCertificates(const Command &command, bool asJson) {
+/* Everything that is installed. */
+std::vector<Row> readInstalled(const Command &command) {
     const ForgivenErrors forgiven;
-    Rows rows = {command, {}};
-    const uint32_t result = TamoHostCertList(addRow, &rows);
+    Found found = {command, {}};
+    const uint32_t result = TamoHostCertList(addRow, &found);
     if (result != TAMO_HOST_OK) {
-        failHost(command, "listing the certificates", result);
+        failHost(command, "cannot list the certificates", result);
     }
-    if (asJson) {
-        printRowsAsJson(rows.all);
-    } else {
-        printRows(rows.all);
+    return std::move(found.all);
+}
+
+Cell orNone(const std::string &text) {
+    return text.empty() ? Cell::none("") : Cell(text);
+}
+
+int listCertificates(const Command &command, const Arguments &arguments) {
+    Rows table(command, arguments,
+               {{"KIND", "kind"},
+                {"NAME", "name", false, true},
+                {"SUBJECT", "subject", false, true},
+                {"ISSUER", "issuer", false, true},
+                {"FROM", "from"},
+                {"UNTIL", "until"},
+                {"DAYS", "daysLeft", true},
+                {nullptr, "expired"},
+                {"KEY", "key", false, true},
+                {nullptr, "inEngine"},
+                {nullptr, "keptUntil"},
+                {nullptr, "fault"}});
+    for (const Row &row : readInstalled(command)) {
+        const bool isWhole = row.fault.empty(), hasKey = row.kind == "server" || row.keptUntil != 0;
+        const std::string kept = row.keptUntil == 0 ? "" : momentText(row.keptUntil);
+        const std::string key = row.key + (row.inEngine ? ", in the engine" : "") +
+                                (kept.empty() ? "" : ", kept until " + kept);
+        if (!table.add({row.kind, row.name,
+                        isWhole ? orNone(row.subject) : Cell::none("(" + row.fault + ")"),
+                        orNone(row.issuer), orNone(row.from), orNone(row.until),
+                        row.hasEnd ? Cell(row.daysLeft) : Cell::none("-"),
+                        row.hasEnd ? Cell::truth(row.daysLeft < 0) : Cell::none(""),
+                        row.key.empty() ? Cell::none(key) : Cell::both(key, row.key),
+                        hasKey ? Cell::truth(row.inEngine) : Cell::none(""), orNone(kept),
+                        orNone(row.fault)})) {
+            break;
+        }
     }
-    return kSuccess;
+    return table.finish();
 }
 
 /* ---- install and remove ---- */
-
-enum CertOption : int { kOptionEngine = 300, kOptionPassphrase, kOptionExtra };
-
-/* What the command line says besides its words. */
-struct CertOptions {
-    bool json = false, engine = false;
-    const char *passphrase = nullptr, *extra = nullptr;
-};
-
-CertOptions readOptions(CommandLine *line) {
-    CertOptions options;
-    for (int code; (code = line->next()) != -1;) {
-        switch (code) {
-            case kOptionJson:
-                options.json = true;
-                break;
-            case kOptionEngine:
-                options.engine = true;
-                break;
-            case kOptionPassphrase:
-                options.passphrase = optarg;
-                break;
-            default:
-                options.extra = optarg;
-        }
-    }
-    return options;
-}
 
 uint32_t readCertId(const Command &command, const char *text) {
     uint32_t certId = 0;
     const char *end = text + strlen(text);
     const auto [parsed, error] = std::from_chars(text, end, certId);
     if (parsed != end || error != std::errc() || certId < kFirstCertId || certId > kLastCertId) {
-        failUsage(command, "not a certificate id: '%s' (valid ids are %u to %u)", text,
-                  kFirstCertId, kLastCertId);
+        failUsage(command, "invalid certificate id '%s': must be %u to %u", text, kFirstCertId,
+                  kLastCertId);
     }
     return certId;
 }
 
-/* What the user named, read as the user before anything is looked for below the device root. */
-struct Sources {
-    SecretText chain, key, passphrase, extra;
+/* The user's files are read before anything is looked for below the device root. */
+int installFiles(const Command &command, const Arguments &arguments, uint32_t kind) {
+    char why[kWhySize];
+    if (arguments.operands().empty()) {
+        failUsage(command, "a file is missing");
+    }
     std::vector<std::string> names;
-    std::vector<SecretText> files;
-};
-
-void readSources(const Command &command, const CertOptions &options, std::span<char *> words,
-                 Sources *sources) {
-    if (words[0] == std::string_view("install")) {
-        readFile(command, words[2], &sources->chain);
-        readFile(command, words[3], &sources->key);
-        if (options.passphrase != nullptr) {
-            readPassphrase(command, options.passphrase, &sources->passphrase);
-        }
-        if (options.extra != nullptr) {
-            readFile(command, options.extra, &sources->extra);
-        }
-        return;
+    std::vector<SecretText> texts;
+    for (const char *path : arguments.operands()) {
+        names.push_back(baseName(path));
+        readFile(command, path, &texts.emplace_back());
     }
-    for (const char *path : words.subspan(2)) {
-        sources->names.push_back(baseName(path));
-        readFile(command, path, &sources->files.emplace_back());
-    }
-}
-
-int installCertificate(const Command &command, const CertOptions &options, uint32_t certId,
-                       const Sources &sources) {
-    char why[kWhySize];
-    const TamoHostCertServer server = {
-        certId,
-        sources.chain.text.c_str(),
-        sources.key.text.c_str(),
-        options.passphrase == nullptr ? nullptr : sources.passphrase.text.c_str(),
-        options.extra == nullptr ? nullptr : sources.extra.text.data(),
-        static_cast<uint32_t>(sources.extra.text.size()),
-        options.engine};
-    if (TamoHostCertInstall(&server, why, sizeof(why)) != TAMO_HOST_OK) {
-        fail(command, "certificate %u was not installed: %s", certId, why);
-    }
-    return kSuccess;
-}
-
-int removeCertificate(const Command &command, uint32_t certId) {
-    char why[kWhySize];
-    if (TamoHostCertRemove(certId, why, sizeof(why)) != TAMO_HOST_OK) {
-        fail(command, "%s", why);
-    }
-    return kSuccess;
-}
-
-int installFiles(const Command &command, const Sources &sources, uint32_t kind) {
-    char why[kWhySize];
     std::vector<TamoHostCertFile> files;
-    for (size_t at = 0; at < sources.files.size(); at++) {
-        files.push_back({sources.names[at].c_str(), sources.files[at].text.c_str(), ""});
+    for (size_t at = 0; at < texts.size(); at++) {
+        files.push_back({names[at].c_str(), texts[at].text.c_str(), ""});
     }
+    requireRoot(command, Access::change);
     if (TamoHostCertInstallFiles(kind, files.data(), static_cast<uint32_t>(files.size()), why,
                                  sizeof(why)) != TAMO_HOST_OK) {
         fail(command, "nothing was installed: %s", why);
@@ -386,8 +332,13 @@ int installFiles(const Command &command, const Sources &sources, uint32_t kind) 
     return kSuccess;
 }
 
-int removeFiles(const Command &command, std::span<char *> names, uint32_t kind) {
+int removeFiles(const Command &command, const Arguments &arguments, uint32_t kind) {
     char why[kWhySize];
+    const std::span<char *const> names = arguments.operands();
+    if (names.empty()) {
+        failUsage(command, "a name is missing");
+    }
+    requireRoot(command, Access::change);
     if (TamoHostCertRemoveFiles(kind, names.data(), static_cast<uint32_t>(names.size()), why,
                                 sizeof(why)) != TAMO_HOST_OK) {
         fail(command, "nothing was removed: %s", why);
@@ -395,95 +346,105 @@ int removeFiles(const Command &command, std::span<char *> names, uint32_t kind) 
     return kSuccess;
 }
 
-int runCert(const Command &command, int argc, char **argv) {
-    CommandLine line(command, argc, argv, "",
-                     {kJsonOption,
-                      {"engine", no_argument, nullptr, kOptionEngine},
-                      {"passphrase", required_argument, nullptr, kOptionPassphrase},
-                      {"extra", required_argument, nullptr, kOptionExtra}});
-    const CertOptions options = readOptions(&line);
-    const std::span<char *> words = line.operands();
-    const std::string_view verb = words.empty() ? "" : words[0];
-    const bool isInstall = verb == "install";
-    if ((options.json && verb != "list") ||
-        (!isInstall &&
-         (options.engine || options.passphrase != nullptr || options.extra != nullptr))) {
-        failUsage(command, "an option does not belong to '%s'", std::string(verb).c_str());
-    }
-    const bool isFiles = verb == "ca" || verb == "crl";
-    const std::string_view filesVerb = isFiles && words.size() > 1 ? words[1] : "";
-    const size_t operands = isInstall ? 4 : verb == "remove" ? 2 : verb == "list" ? 1 : 0;
-    if (isFiles && ((filesVerb != "install" && filesVerb != "remove") || words.size() < 3)) {
-        failUsage(command, "'%s' needs 'install FILE...' or 'remove NAME...'", words[0]);
-    }
-    if (!isFiles && (operands == 0 || words.size() != operands)) {
-        failUsage(command, "%s",
-                  isInstall          ? "'install' needs ID CHAIN KEY"
-                  : verb == "remove" ? "'remove' needs one ID"
-                  : verb == "list"   ? "'list' takes no operands"
-                  : words.empty()    ? "one of list, install, remove, ca and crl is needed"
-                                     : "the first word must be list, install, remove, ca or crl");
-    }
-    const uint32_t certId = isInstall || verb == "remove" ? readCertId(command, words[1]) : 0;
-    Sources sources;
-    if (isInstall || filesVerb == "install") {
-        readSources(command, options, words, &sources);
-    }
-    requireRoot(command);
-    rootPath(command, "/data");  // or else there is no root to work in
-    if (isFiles) {
-        const uint32_t kind = verb == "ca" ? TAMO_HOST_CERT_CA : TAMO_HOST_CERT_CRL;
-        return filesVerb == "install" ? installFiles(command, sources, kind)
-                                      : removeFiles(command, words.subspan(2), kind);
-    }
-    if (isInstall) {
-        return installCertificate(command, options, certId, sources);
-    }
-    return verb == "list" ? listCertificates(command, options.json)
-                          : removeCertificate(command, certId);
-}
-
 }  // namespace
 
-const Command kCertCommand = {
-    "cert",
-    "list [--json] | install [OPTION...] ID CHAIN KEY | remove ID | ca|crl install|remove ...",
-    "show and change certificates, keys and revocation lists",
-    "Works on the files of the certificate service; running programs hear of each change.\n"
-    "\n"
-    "  list                     what is installed: subject, issuer, dates, days left, key; of "
-    "what\n"
-    "                           was replaced, until when it is kept\n"
-    "  install ID CHAIN KEY     a server certificate: its chain with its own certificate first,\n"
-    "                           and its private key, both in PEM; replaces the one of that id\n"
-    "  remove ID                a server certificate with its key\n"
-    "  ca install FILE...       trusted CA certificates in PEM\n"
-    "  ca remove NAME...\n"
-    "  crl install FILE...      revocation lists in PEM\n"
-    "  crl remove NAME...\n"
-    "\n"
-    "IDs are 257 to 266; the library's certificate types 0 to 3 are 263, 265, 259 and 260. Files "
-    "of "
-    "CA\n"
-    "certificates and lists get names by which the library finds them, which are printed: those of "
-    "CA\n"
-    "certificates end in '.pem', those of lists contain 'crl' too. Several files are installed "
-    "together\n"
-    "or not at all. A replaced certificate is removed with its key at once when no program uses "
-    "the\n"
-    "service, else ten minutes later by the programs that run; until then, list shows it.\n"
-    "\n"
-    "Options:\n"
-    "  --passphrase FILE  the pass phrase of an encrypted key: the one line of a file\n"
-    "  --engine           the key stays in the engine, which works with it (keyless)\n"
-    "  --extra FILE       the second part of certificate 259 or 260\n"
-    "  --json             print JSON (list)\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl cert install 263 chain.pem key.pem\n"
-    "  tamoctl cert install --engine --passphrase phrase.txt 265 chain.pem key.pem\n"
-    "  tamoctl cert ca install company_root.pem\n"
-    "  tamoctl cert list --json | jq '.[] | select(.daysLeft < 30)'\n",
-    runCert};
+int runCertList(const Command &command, const Arguments &arguments) {
+    requireRoot(command);
+    return listCertificates(command, arguments);
+}
+
+int runCertInstall(const Command &command, const Arguments &arguments) {
+    const std::span<char *const> words = arguments.operands();
+    if (words.size() != 3) {
+        failUsage(command, "ID, CHAIN and KEY are needed");
+    }
+    const uint32_t certId = readCertId(command, words[0]);
+    const char *phraseFile = arguments.text("passphrase"), *extraFile = arguments.text("extra");
+    SecretText chain, key, phrase, extra;
+    readFile(command, words[1], &chain);
+    readFile(command, words[2], &key);
+    if (phraseFile != nullptr) {
+        readPassphrase(command, phraseFile, &phrase);
+    }
+    if (extraFile != nullptr) {
+        readFile(command, extraFile, &extra);
+    }
+    requireRoot(command, Access::change);
+    char why[kWhySize];
+    const TamoHostCertServer server = {certId,
+                                       chain.text.c_str(),
+                                       key.text.c_str(),
+                                       phraseFile == nullptr ? nullptr : phrase.text.c_str(),
+                                       extraFile == nullptr ? nullptr : extra.text.data(),
+                                       static_cast<uint32_t>(extra.text.size()),
+                                       arguments.has("engine")};
+    if (TamoHostCertInstall(&server, why, sizeof(why)) != TAMO_HOST_OK) {
+        fail(command, "certificate %u was not installed: %s", certId, why);
+    }
+    return kSuccess;
+}
+
+int runCertRemove(const Command &command, const Arguments &arguments) {
+    if (arguments.operands().empty()) {
+        failUsage(command, "an ID is missing");
+    }
+    const uint32_t certId = readCertId(command, arguments.operands()[0]);
+    requireRoot(command, Access::change);
+    char why[kWhySize];
+    if (TamoHostCertRemove(certId, why, sizeof(why)) != TAMO_HOST_OK) {
+        fail(command, "%s", why);
+    }
+    return kSuccess;
+}
+
+int runCertCaInstall(const Command &command, const Arguments &arguments) {
+    return installFiles(command, arguments, TAMO_HOST_CERT_CA);
+}
+
+int runCertCaRemove(const Command &command, const Arguments &arguments) {
+    return removeFiles(command, arguments, TAMO_HOST_CERT_CA);
+}
+
+int runCertCrlInstall(const Command &command, const Arguments &arguments) {
+    return installFiles(command, arguments, TAMO_HOST_CERT_CRL);
+}
+
+int runCertCrlRemove(const Command &command, const Arguments &arguments) {
+    return removeFiles(command, arguments, TAMO_HOST_CERT_CRL);
+}
+
+std::vector<std::string> certificateNames(const std::string &kind) {
+    std::vector<std::string> names;
+    if (holdsDeviceRoot(rootInUse())) {
+        for (const Row &row : readInstalled(commands().front())) {
+            if (row.kind == kind) {
+                names.push_back(row.name);
+            }
+        }
+    }
+    return names;
+}
+
+void examineCertificates(const Command &command, const FindingFunction &report) {
+    constexpr int64_t kSoon = 30;
+    for (const Row &row : readInstalled(command)) {
+        const std::string subject = row.kind + " " + row.name;
+        const bool isList = row.kind == "crl";
+        if (!row.fault.empty()) {
+            report("certificate", subject, row.fault, "install it again");
+        } else if (row.hasEnd && row.daysLeft < 0 && row.keptUntil == 0) {
+            report("certificate", subject, "it expired on " + row.until,
+                   isList ? "install the issuer's newest list" : "install a new one");
+        } else if (row.hasEnd && row.daysLeft < kSoon && !isList && row.keptUntil == 0) {
+            report("certificate", subject,
+                   "it expires in " + std::to_string(row.daysLeft) + " days, on " + row.until,
+                   "install a new one before");
+        }
+        if (!row.mismatch.empty()) {
+            report("certificate", subject, row.mismatch,
+                   "install the certificate with its own key");
+        }
+    }
+}
 
 }  // namespace tamoctl

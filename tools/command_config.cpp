@@ -1,8 +1,13 @@
 /* tamoctl get, set and list: the configuration service's keys and values. */
+#include <strings.h>
+
 #include <cstdio>
 #include <cstring>
 
+#include "commands.h"
 #include "output.h"
+#include "rows.h"
+#include "secret.h"
 #include "tamo_host.h"
 #include "tamo_om_config_client.h"
 #include "tamoctl.h"
@@ -11,199 +16,155 @@ namespace tamoctl {
 
 namespace {
 
-/* A shell pattern that matches the text and nothing else. */
-std::string literalPattern(const char *text) {
-    std::string pattern;
-    for (; *text != 0; ++text) {
-        if (strchr("*?[", *text) != nullptr) {
-            pattern += {'[', *text, ']'};
-        } else {
-            pattern += *text;
-        }
-    }
-    return pattern;
-}
+using Entries = std::vector<std::pair<std::string, std::string>>;
 
-uint32_t noteFound(const char *, const char *, void *found) {
-    *static_cast<bool *>(found) = true;
+uint32_t collect(const char *key, const char *value, void *entries) {
+    static_cast<Entries *>(entries)->emplace_back(key, value);
     return 0;
 }
 
-/* Whether the service has a value for the key. */
-bool isStored(const Command &command, const char *key) {
-    bool found = false;
-    uint32_t result = TamoHostConfigList(literalPattern(key).c_str(), noteFound, &found);
+/* The entries that match a shell pattern, or all. */
+Entries readStore(const Command &command, const char *glob) {
+    Entries entries;
+    const uint32_t result = requireStore(command) ? TamoHostConfigList(glob, collect, &entries)
+                                                  : uint32_t{TAMO_HOST_OK};
     if (result != TAMO_HOST_OK) {
         failHost(command, "cannot read the configuration store", result);
     }
-    return found;
+    return entries;
+}
+
+[[noreturn]] void failUnknownKey(const Command &command, const char *key) {
+    fail(command, "no value is stored for '%s'%s", key, suggestion(key, storedKeys()).c_str());
 }
 
 void setKey(const Command &command, ConfConfigOmRecord *record, const char *key) {
     if (key[0] == 0 || strlen(key) >= sizeof(record->key.text)) {
-        failUsage(command, "a key has 1 to %zu characters, '%.40s' has %zu",
-                  sizeof(record->key.text) - 1, key, strlen(key));
+        failUsage(command, "invalid key '%.40s': must have 1 to %zu bytes, and has %zu", key,
+                  sizeof(record->key.text) - 1, strlen(key));
     }
     TamoOmConfigcopyStr2Key(record, key);
 }
 
-/* Reads all keys as of one moment. `missing` gets the keys without a value. */
-std::vector<ConfConfigOmRecord> readKeys(const Command &command, std::span<char *> keys,
-                                         std::vector<bool> *missing) {
+/* Whether the service has a value for the key: its own comparison decides, whatever the letter case. */
+bool isStored(const ConfConfigOmRecord &asked) {
+    ConfConfigOmRecord record = asked;
+    return TamoOmConfigStringMget(&record, 1) == 0;
+}
+
+int runGetOfStore(const Command &command, const Arguments &arguments) {
+    const std::span<char *const> keys = arguments.operands();
     std::vector<ConfConfigOmRecord> records(keys.size());
     for (size_t i = 0; i < keys.size(); ++i) {
         setKey(command, &records[i], keys[i]);
     }
-    missing->assign(keys.size(), !requireStore(command));
-    if (!keys.empty() && missing->front()) {
-        return records;
-    }
-    if (TamoOmConfigStringMget(records.data(), static_cast<uint32_t>(records.size())) == 0) {
-        return records;
-    }
-    for (size_t i = 0; i < keys.size(); ++i) {
-        (*missing)[i] = records[i].value.length == 0 && !isStored(command, keys[i]);
-    }
-    return records;
-}
-
-int runGet(const Command &command, int argc, char **argv) {
-    CommandLine line(command, argc, argv, "", {kJsonOption});
-    const bool asJson = line.readJson();
-    std::span<char *> keys = line.operands();
-    if (keys.empty()) {
-        failUsage(command, "a key is missing");
-    }
-    requireRoot(command);
-
-    std::vector<bool> missing;
-    std::vector<ConfConfigOmRecord> records = readKeys(command, keys, &missing);
-    Json json(cJSON_CreateObject());
+    const bool isThere = requireStore(command);
+    const bool all =
+        isThere && TamoOmConfigStringMget(records.data(), static_cast<uint32_t>(keys.size())) == 0;
     const char *firstMissing = nullptr;
     for (size_t i = 0; i < keys.size(); ++i) {
-        if (missing[i]) {
+        const char *value = records[i].value.text;
+        if (!all && (!isThere || (value[0] == 0 && !isStored(records[i])))) {
             firstMissing = firstMissing != nullptr ? firstMissing : keys[i];
-        } else if (asJson) {
-            addText(json.get(), keys[i], records[i].value.text);
+        } else if (arguments.has("json")) {
+            const Json json(cJSON_CreateObject());
+            addText(json.get(), "key", keys[i]);
+            addText(json.get(), "value", value);
+            printJsonLine(json);
         } else {
-            printValue(records[i].value.text);
+            printValue(value);
         }
     }
-    if (asJson) {
-        printJson(json);
-    }
     if (firstMissing != nullptr) {
-        fail(command, "no value for '%s': 'tamoctl list' shows the keys that have one",
-             firstMissing);
+        failUnknownKey(command, firstMissing);
     }
     return kSuccess;
 }
 
-int runSet(const Command &command, int argc, char **argv) {
-    // Options end at the first key, so that a value may begin with '-'.
-    CommandLine line(command, argc, argv, "+", {});
-    while (line.next() != -1) {
+void setValue(const Command &command, ConfConfigOmRecord *record, const char *value) {
+    if (strlen(value) >= sizeof(record->value.text)) {
+        failUsage(command, "invalid value of '%s': must have at most %zu bytes, and has %zu",
+                  record->key.text, sizeof(record->value.text) - 1, strlen(value));
     }
-    std::span<char *> words = line.operands();
-    if (words.empty() || words.size() % 2 != 0) {
-        failUsage(command, "keys and values come in pairs");
-    }
+    TamoOmConfigcopyStr2Val(&record->value, value);
+}
 
-    std::vector<ConfConfigOmRecord> records(words.size() / 2);
-    for (size_t i = 0; i < records.size(); ++i) {
-        const char *value = words[2 * i + 1];
-        setKey(command, &records[i], words[2 * i]);
-        if (strlen(value) >= sizeof(records[i].value.text)) {
-            failUsage(command, "the value of '%s' has %zu characters, %zu are the most",
-                      words[2 * i], strlen(value), sizeof(records[i].value.text) - 1);
-        }
-        TamoOmConfigcopyStr2Val(&records[i].value, value);
-    }
+void store(const Command &command, std::vector<ConfConfigOmRecord> *records) {
     requireRoot(command, Access::change);
-    int32_t result = TamoOmConfigStringMset(records.data(), static_cast<uint32_t>(records.size()));
+    const int32_t result =
+        TamoOmConfigStringMset(records->data(), static_cast<uint32_t>(records->size()));
     if (result != 0) {
         failHost(command, "nothing was stored", static_cast<uint32_t>(result));
     }
-    return kSuccess;
 }
 
-uint32_t addRow(const char *key, const char *value, void *table) {
-    static_cast<Table *>(table)->add({key, value});
-    return 0;
+void setSecret(const Command &command, std::span<char *const> words) {
+    if (words.size() != 1) {
+        failUsage(command, "--secret takes one key, and no value on the command line");
+    }
+    std::vector<ConfConfigOmRecord> records(1);
+    setKey(command, &records[0], words[0]);
+    requireRoot(command, Access::change);
+    Secret secret;
+    readSecret(command, words[0], &secret);
+    if (isKeptEncrypted(words[0])) {
+        encryptSecret(command, &secret);
+    }
+    setValue(command, &records[0], secret.text);
+    store(command, &records);
 }
 
-uint32_t addMember(const char *key, const char *value, void *object) {
-    addText(static_cast<cJSON *>(object), key, value);
-    return 0;
-}
-
-int runList(const Command &command, int argc, char **argv) {
-    CommandLine line(command, argc, argv, "", {kJsonOption});
-    const bool asJson = line.readJson();
-    if (line.operands().size() > 1) {
-        failUsage(command, "one pattern at most: quote it against the shell");
+void setPairs(const Command &command, std::span<char *const> words) {
+    if (words.empty() || words.size() % 2 != 0) {
+        failUsage(command, "keys and values come in pairs");
     }
-    const char *glob = line.operands().empty() ? nullptr : line.operands()[0];
-    requireRoot(command);
-
-    Table table({{"KEY", false}, {"VALUE", false}});
-    Json json(cJSON_CreateObject());
-    uint32_t result = TAMO_HOST_OK;
-    if (requireStore(command)) {
-        result = asJson ? TamoHostConfigList(glob, addMember, json.get())
-                        : TamoHostConfigList(glob, addRow, &table);
+    std::vector<ConfConfigOmRecord> records(words.size() / 2);
+    for (size_t i = 0; i < records.size(); ++i) {
+        const char *key = words[2 * i], *value = words[2 * i + 1];
+        setKey(command, &records[i], key);
+        if (!isUtf8(key) || !isUtf8(value)) {
+            failUsage(command, "the key '%s' or its value is not UTF-8", key);
+        }
+        if (isPassword(key, value)) {
+            failUsage(command,
+                      "'%s' is a password, which does not belong on a command line: use "
+                      "'tamoctl set --secret %s'",
+                      key, key);
+        }
+        setValue(command, &records[i], value);
     }
-    if (result != TAMO_HOST_OK) {
-        failHost(command, "cannot read the configuration store", result);
-    }
-    bool nothing = asJson ? json->child == nullptr : table.empty();
-    if (asJson) {
-        printJson(json);
-    } else if (!nothing) {
-        table.print();
-    }
-    if (nothing && glob != nullptr) {
-        fail(command, "no key matches '%s': 'tamoctl list' shows all keys", glob);
-    }
-    return kSuccess;
+    store(command, &records);
 }
 
 }  // namespace
 
-const Command kGetCommand = {
-    "get", "[--json] KEY...", "print the values of configuration keys",
-    "Prints the stored values, one a line in the order asked, all as of one moment. A key without\n"
-    "a value is reported and makes the exit status 1; the other values are printed all the same.\n"
-    "\n"
-    "Options:\n"
-    "  --json         print one object of keys and values\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl get Conf.SIPCallParam.sipServerAddr\n"
-    "  tamoctl get --json Conf.SIPCallParam.sipServerAddr Conf.SIPCallParam.sipPwd\n",
-    runGet};
+int runGet(const Command &command, const Arguments &arguments) {
+    if (arguments.operands().empty()) {
+        failUsage(command, "a key is missing");
+    }
+    requireRoot(command);
+    return runGetOfStore(command, arguments);
+}
 
-const Command kSetCommand = {
-    "set", "KEY VALUE [KEY VALUE...]", "store configuration values",
-    "Stores the values in one transaction: all of them, or none. Values are stored as they stand;\n"
-    "the two password keys hold encrypted texts, which only the library's list handler writes.\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl set Conf.SIPCallParam.sipServerAddr sip.example.com\n"
-    "  tamoctl set Conf.Audio.gain -6 Conf.Audio.mute 0\n",
-    runSet};
+int runSet(const Command &command, const Arguments &arguments) {
+    arguments.has("secret") ? setSecret(command, arguments.operands())
+                            : setPairs(command, arguments.operands());
+    return kSuccess;
+}
 
-const Command kListCommand = {
-    "list", "[--json] [GLOB]", "list configuration keys and values",
-    "Lists the keys that match the shell pattern, or all, in order of key. Quote the pattern.\n"
-    "\n"
-    "Options:\n"
-    "  --json         print one object of keys and values\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl list\n"
-    "  tamoctl list 'Conf.SIPCallParam.*'\n"
-    "  tamoctl list --json | jq -r '.\"Conf.SIPCallParam.sipServerAddr\"'\n",
-    runList};
+int runList(const Command &command, const Arguments &arguments) {
+    const char *glob = arguments.operands().empty() ? nullptr : arguments.operands()[0];
+    requireRoot(command);
+    Rows rows(command, arguments, {{"KEY", "key"}, {"VALUE", "value", false, true}});
+    for (const auto &[key, value] : readStore(command, glob)) {
+        if (!rows.add({key, value})) {
+            break;
+        }
+    }
+    if (rows.empty() && glob != nullptr) {
+        fail(command, "no key matches '%s'%s", glob, suggestion(glob, storedKeys()).c_str());
+    }
+    return rows.finish();
+}
 
 }  // namespace tamoctl

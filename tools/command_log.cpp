@@ -1,4 +1,5 @@
 /* tamoctl log: the end of a log file, and what is written to it from then on. */
+#include <fnmatch.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -6,11 +7,12 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "commands.h"
+#include "lines.h"
 #include "log_file.h"
+#include "log_filter.h"
 #include "output.h"
 #include "tamoctl.h"
 
@@ -20,149 +22,74 @@ namespace {
 
 constexpr const char *kDefaultName = "Conference.log";
 constexpr size_t kDefaultLines = 20;
-/* "2026-11-24 14:46:45.123456 " stands before the level. */
-constexpr size_t kTimeLength = 27;
-
-struct Level {
-    std::string_view name;
-    const char *color;
-};
-/* By their numbers, less 1. */
-constexpr std::array<Level, 4> kLevels = {{{"ERROR", "\x1b[1;31m"},
-                                           {"WARNING", "\x1b[33m"},
-                                           {"INFO", "\x1b[32m"},
-                                           {"DEBUG", "\x1b[36m"}}};
+constexpr const char *kColors[] = {"\x1b[1;31m", "\x1b[33m", "\x1b[32m", "\x1b[36m"};
 constexpr const char *kColorEnd = "\x1b[0m";
 
 struct LogOptions {
-    size_t lines = kDefaultLines;
-    bool follow = false;
-    size_t level = kLevels.size(); /* the least severe to show */
-    bool color = false;
-    std::string name = kDefaultName;
+    std::string name;
+    size_t lines;
+    bool color, json;
+    LogFilter filter;
 };
 
-/* The number of a record's level; 0 for a line that is no record. */
-size_t levelOf(std::string_view line) {
-    if (line.size() <= kTimeLength) {
-        return 0;
+LogOptions readOptions(const Command &command, const Arguments &arguments) {
+    const std::string when = arguments.has("color") ? arguments.text("color") : "auto";
+    const char *name = arguments.operands().empty() ? kDefaultName : arguments.operands()[0];
+    const std::optional<uint64_t> lines = arguments.number("lines", 0);
+    if (name[0] == 0 || name[0] == '.' || strpbrk(name, "/\\") != nullptr) {
+        failUsage(command, "invalid log name '%s': it stands alone, without a directory", name);
     }
-    const std::string_view word =
-        line.substr(kTimeLength, line.find(' ', kTimeLength) - kTimeLength);
-    for (size_t i = 0; i < kLevels.size(); ++i) {
-        if (word == kLevels[i].name) {
-            return i + 1;
-        }
-    }
-    return 0;
+    return {name, lines.value_or(arguments.has("since") ? SIZE_MAX : kDefaultLines),
+            when == "auto" ? wantsColor() : when == "always", arguments.has("json"),
+            LogFilter(command, arguments)};
 }
 
-void printRecord(std::string_view line, bool color) {
-    const size_t level = levelOf(line);
+bool putJson(const LogRecord &record) {
+    const Json json(cJSON_CreateObject());
+    addText(json.get(), "time", record.universalTime());
+    addText(json.get(), "level", record.level);
+    addText(json.get(), "process", record.process);
+    addNumber(json.get(), "pid", record.pid);
+    addNumber(json.get(), "tid", record.tid);
+    addText(json.get(), "unit", record.unit);
+    addNumber(json.get(), "line", record.line);
+    addText(json.get(), "text", record.text);
+    return putLine(jsonLine(json));
+}
+
+/* Prints a line of the log; false when no other is wanted. */
+bool putRecord(std::string_view line, const LogOptions &options) {
+    const std::optional<LogRecord> record = parseRecord(line);
+    if (options.json) {
+        return !record.has_value() || putJson(*record);
+    }
     // The log layer escapes what would forge a line; this is for files of other origin.
     std::string text = onTerminal() ? printable(line) : std::string(line);
-    if (color && level != 0) {
-        text.insert(kTimeLength + kLevels[level - 1].name.size(), kColorEnd);
-        text.insert(kTimeLength, kLevels[level - 1].color);
+    if (options.color && record.has_value()) {
+        text.insert(kLogTimeLength + record->level.size(), kColorEnd);
+        text.insert(kLogTimeLength, kColors[record->severity - 1]);
     }
-    fwrite(text.data(), 1, text.size(), stdout);
-    putchar('\n');
-}
-
-size_t parseLevel(const Command &command, const char *text) {
-    for (size_t i = 0; i < kLevels.size(); ++i) {
-        if (kLevels[i].name.size() == strlen(text) &&
-            strcasecmp(kLevels[i].name.data(), text) == 0) {
-            return i + 1;
-        }
-    }
-    failUsage(command, "'%s' is no level: error, warning, info or debug", text);
-}
-
-bool parseColor(const Command &command, const char *text) {
-    if (strcmp(text, "always") == 0 || strcmp(text, "never") == 0) {
-        return text[0] == 'a';
-    }
-    if (strcmp(text, "auto") != 0) {
-        failUsage(command, "'%s' is no choice of colour: auto, always or never", text);
-    }
-    const char *noColor = getenv("NO_COLOR");
-    const char *terminal = getenv("TERM");
-    return onTerminal() && (noColor == nullptr || noColor[0] == 0) &&
-           (terminal == nullptr || strcmp(terminal, "dumb") != 0);
-}
-
-size_t parseLines(const Command &command, const char *text) {
-    char *end = nullptr;
-    errno = 0;
-    const unsigned long lines = strtoul(text, &end, 10);
-    if (text[0] < '0' || text[0] > '9' || *end != 0 || errno != 0) {
-        failUsage(command, "'%s' is no number of lines", text);
-    }
-    return lines;
-}
-
-LogOptions parse(const Command &command, int argc, char **argv) {
-    CommandLine line(command, argc, argv, "n:f",
-                     {{"lines", required_argument, nullptr, 'n'},
-                      {"follow", no_argument, nullptr, 'f'},
-                      {"level", required_argument, nullptr, kOptionLevel},
-                      {"color", required_argument, nullptr, kOptionColor}});
-    LogOptions options;
-    options.color = parseColor(command, "auto");
-    for (int code; (code = line.next()) != -1;) {
-        switch (code) {
-            case 'n':
-                options.lines = parseLines(command, optarg);
-                break;
-            case 'f':
-                options.follow = true;
-                break;
-            case kOptionLevel:
-                options.level = parseLevel(command, optarg);
-                break;
-            default:
-                options.color = parseColor(command, optarg);
-        }
-    }
-    if (line.operands().size() > 1) {
-        failUsage(command, "one log at a time");
-    }
-    if (!line.operands().empty()) {
-        options.name = line.operands()[0];
-    }
-    if (options.name.empty() || options.name.front() == '.' ||
-        options.name.find_first_of("/\\") != std::string::npos) {
-        failUsage(command, "'%s' is no name of a log: it stands alone, without a directory",
-                  options.name.c_str());
-    }
-    return options;
+    return putLine(text);
 }
 
 /* Reports changes in the log's directory. */
 class Watch {
   public:
     Watch(const Command &command, const std::string &directory)
-        : command_(command), inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+        : command_(command), inotify_(inotify_init1(IN_CLOEXEC)) {
         if (inotify_add_watch(inotify_.get(), directory.c_str(),
                               IN_MODIFY | IN_CREATE | IN_MOVED_TO) < 0) {
-            fail(command, "cannot watch '%s' (%s): check that it is there and yours",
-                 directory.c_str(), strerror(errno));
+            fail(command, "cannot watch '%s': %s", directory.c_str(), strerror(errno));
         }
     }
 
-    /* Waits for the next changes; false when nobody reads standard output any more. */
-    bool wait() {
-        pollfd polled[] = {{inotify_.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-        while (poll(polled, 2, -1) < 0 && errno == EINTR) {
-        }
+    /* Waits for the next changes. */
+    void wait() {
         alignas(inotify_event) char events[16 * 1024];
-        while (read(inotify_.get(), events, sizeof(events)) > 0) {
-            if ((reinterpret_cast<inotify_event *>(events)->mask & IN_IGNORED) != 0) {
-                fail(command_, "the log's directory is gone: start again when it is back");
-            }
+        const ssize_t size = read(inotify_.get(), events, sizeof(events));
+        if (size > 0 && (reinterpret_cast<inotify_event *>(events)->mask & IN_IGNORED) != 0) {
+            fail(command_, "the log's directory was removed: start again when it is back");
         }
-        return (polled[1].revents & (POLLERR | POLLHUP)) == 0;
     }
 
   private:
@@ -170,63 +97,51 @@ class Watch {
     Descriptor inotify_;
 };
 
-void printTail(LogFile *log, const LogOptions &options) {
-    const auto wanted = [&](std::string_view line) { return levelOf(line) <= options.level; };
+bool putTail(LogFile *log, const LogOptions &options) {
+    const auto wanted = [&](std::string_view line) { return options.filter.takes(line); };
     for (const std::string &line : log->tail(options.lines, wanted)) {
-        printRecord(line, options.color);
+        if (!putRecord(line, options)) {
+            return false;
+        }
     }
+    return true;
 }
 
-int follow(const Command &command, const LogOptions &options, const std::string &directory) {
+void follow(const Command &command, const LogOptions &options, const std::string &directory) {
     // The log's own layer makes the directory in the same way; it may not have come to it yet.
     mkdir(directory.c_str(), 0700);
     Watch watch(command, directory);
     LogFile log(directory + "/" + options.name);
-    if (log.open()) {
-        printTail(&log, options);
-    }
-    do {
+    bool more = !log.open() || putTail(&log, options);
+    while (more) {
         log.readOn([&](std::string_view line) {
-            if (levelOf(line) <= options.level) {
-                printRecord(line, options.color);
-            }
+            more = more && (!options.filter.takes(line) || putRecord(line, options));
         });
-    } while (finishOutput(kSuccess) == kSuccess && watch.wait());
-    return kSuccess;
-}
-
-int runLog(const Command &command, int argc, char **argv) {
-    const LogOptions options = parse(command, argc, argv);
-    requireRoot(command);
-    const std::string directory = rootPath(command, "/log");
-    if (options.follow) {
-        return follow(command, options, directory);
+        if (more) {
+            watch.wait();
+        }
     }
-    LogFile log(directory + "/" + options.name);
-    if (!log.open()) {
-        fail(command, "cannot open '%s/%s' (%s): start a program that writes it, or add --follow",
-             directory.c_str(), options.name.c_str(), strerror(errno));
-    }
-    printTail(&log, options);
-    return kSuccess;
 }
 
 }  // namespace
 
-const Command kLogCommand = {
-    "log", "[-n LINES] [-f] [--level LEVEL] [--color WHEN] [NAME]", "show the log, and follow it",
-    "Shows the end of a log (Conference.log unless named), reaching back into rotated files.\n"
-    "\n"
-    "Options:\n"
-    "  -n, --lines LINES   how many lines to begin with (default: 20)\n"
-    "  -f, --follow        go on with what is written, across rotations, until interrupted\n"
-    "  --level LEVEL       only records at least as severe: error, warning, info or debug\n"
-    "  --color WHEN        colour the levels: auto (on a terminal, unless NO_COLOR is set),\n"
-    "                      always or never\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl log -n 100\n"
-    "  tamoctl log --follow --level warning\n",
-    runLog};
+int runLog(const Command &command, const Arguments &arguments) {
+    const LogOptions options = readOptions(command, arguments);
+    requireRoot(command);
+    const std::string directory = rootPath(command, "/log");
+    if (arguments.has("follow")) {
+        beginLines(command, arguments, Lines::endless);
+        follow(command, options, directory);
+        return endLines();
+    }
+    beginLines(command, arguments, Lines::finite);
+    LogFile log(directory + "/" + options.name);
+    if (!log.open()) {
+        fail(command, "cannot open the log '%s': %s%s", options.name.c_str(), strerror(errno),
+             suggestion(options.name, logNames()).c_str());
+    }
+    (void)putTail(&log, options);
+    return endLines();
+}
 
 }  // namespace tamoctl

@@ -1,4 +1,5 @@
-/* tamoctl import and export: whole configuration stores as JSON. */
+/* tamoctl import and export: configuration stores, or the part below a prefix, as JSON. */
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,9 +10,11 @@
 #include <cstring>
 #include <filesystem>
 
+#include "commands.h"
 #include "config_json.h"
 #include "output.h"
 #include "progress.h"
+#include "secret.h"
 #include "tamo_host.h"
 #include "tamoctl.h"
 
@@ -32,21 +35,18 @@ std::string readAll(const Command &command, const char *name) {
     const File opened(isInput ? nullptr : fopen(name, "re"), fclose);
     FILE *file = isInput ? stdin : opened.get();
     if (file == nullptr) {
-        fail(command, "cannot open '%s' (%s): check its name and that it is yours to read", name,
-             strerror(errno));
+        fail(command, "cannot open '%s' (%s)", name, strerror(errno));
     }
     std::string text;
     char part[65536];
     for (size_t length; (length = fread(part, 1, sizeof(part), file)) > 0;) {
         text.append(part, length);
         if (text.size() > kLargestFile) {
-            fail(command, "'%s' has more than 1 GiB: nothing was changed, import it in parts",
-                 name);
+            fail(command, "'%s' has more than 1 GiB: nothing was changed", name);
         }
     }
     if (ferror(file) != 0) {
-        fail(command, "cannot read '%s' (%s): nothing was changed, name a file that can be read",
-             name, strerror(errno));
+        fail(command, "cannot read '%s' (%s): nothing was changed", name, strerror(errno));
     }
     return text;
 }
@@ -55,35 +55,27 @@ void showImported(uint32_t done, void *bar) {
     static_cast<ProgressBar *>(bar)->show(done);
 }
 
-int runImport(const Command &command, int argc, char **argv) {
-    CommandLine line(command, argc, argv, "", {{"replace", no_argument, nullptr, kOptionReplace}});
-    bool replace = false;
-    while (line.next() != -1) {
-        replace = true;
+bool hasPrefix(std::string_view key, const char *prefix) {
+    return prefix == nullptr ||
+           (key.size() >= strlen(prefix) && strncasecmp(key.data(), prefix, strlen(prefix)) == 0);
+}
+
+/* Leaves those below the prefix, and ends the program for a password in clear text. */
+void choose(const Command &command, const char *name, const char *prefix, ConfigEntries *entries) {
+    std::erase_if(entries->pairs,
+                  [&](const TamoHostConfigPair &pair) { return !hasPrefix(pair.key, prefix); });
+    if (prefix != nullptr && entries->pairs.empty()) {
+        fail(command, "'%s' has no key that begins with '%s': nothing was changed", name, prefix);
     }
-    if (line.operands().size() != 1) {
-        failUsage(command, "name one file, or '-' for standard input");
+    for (const TamoHostConfigPair &pair : entries->pairs) {
+        if (isClearSecret(pair.key, pair.value)) {
+            fail(
+                command,
+                "'%s' holds the password '%s' in clear text: nothing was changed; take it out, and "
+                "use 'tamoctl set --secret %s'",
+                name, pair.key, pair.key);
+        }
     }
-    const char *name = line.operands()[0];
-    ConfigEntries entries;
-    const std::string problem = readEntries(readAll(command, name), &entries);
-    if (!problem.empty()) {
-        fail(command, "'%s' %s; nothing was changed", name, problem.c_str());
-    }
-    requireRoot(command, Access::change);
-    const auto count = static_cast<uint32_t>(entries.pairs.size());
-    ProgressBar bar("importing " + std::to_string(count) + " keys", count);
-    bar.show(0);
-    const uint32_t result =
-        TamoHostConfigImport(entries.pairs.data(), count, replace, showImported, &bar);
-    if (result == TAMO_HOST_OK) {
-        bar.show(count);
-    }
-    bar.end();
-    if (result != TAMO_HOST_OK) {
-        failHost(command, "nothing was changed", result);
-    }
-    return kSuccess;
 }
 
 /* ---- export ---- */
@@ -98,28 +90,30 @@ uint32_t collectEntry(const char *key, const char *value, void *entries) {
     return 0;
 }
 
-/* All entries, or the end of the program: a store that lacks some would be no copy. */
-std::vector<Entry> readStore(const Command &command) {
+/* The entries below the prefix. Those that JSON cannot hold are left out; the first of their keys goes
+ * to `leftOut`. */
+std::vector<Entry> readStore(const Command &command, const char *prefix, std::string *leftOut) {
     std::vector<Entry> entries;
-    const uint32_t result =
-        requireStore(command) ? TamoHostConfigList(nullptr, collectEntry, &entries) : TAMO_HOST_OK;
+    const uint32_t result = requireStore(command)
+                                ? TamoHostConfigList(nullptr, collectEntry, &entries)
+                                : uint32_t{TAMO_HOST_OK};
     if (result != TAMO_HOST_OK) {
         failHost(command, "cannot read the configuration store", result);
     }
-    for (const Entry &entry : entries) {
-        const std::string problem = entryProblem(entry.key, entry.value);
-        if (!problem.empty()) {
-            fail(command, "the entry of the key '%.40s' cannot be exported, %s", entry.key.c_str(),
-                 problem.c_str());
+    std::erase_if(entries, [&](const Entry &entry) {
+        const bool cannot = !entryProblem(entry.key, entry.value).empty();
+        const bool isBelow = hasPrefix(entry.key, prefix);
+        if (cannot && isBelow && leftOut->empty()) {
+            *leftOut = entry.key;
         }
-    }
+        return cannot || !isBelow;
+    });
     return entries;
 }
 
 /* Writes the entries; errors stay with the stream. */
 void writeEntries(const std::vector<Entry> &entries, FILE *file, bool withBar) {
-    ProgressBar bar("exporting " + std::to_string(entries.size()) + " keys", entries.size(),
-                    withBar);
+    ProgressBar bar("exporting", entries.size(), withBar);
     const char *before = "{\n  ";
     uint64_t done = 0;
     for (const Entry &entry : entries) {
@@ -139,7 +133,8 @@ std::string targetOf(const Command &command, const char *name) {
         return name;
     }
     if (!S_ISREG(status.st_mode)) {
-        fail(command, "'%s' is no regular file: name another, or none for standard output", name);
+        fail(command, "'%s' is not a regular file: name another, or none for standard output",
+             name);
     }
     std::error_code error;
     const std::string target = std::filesystem::canonical(name, error).string();
@@ -153,68 +148,71 @@ void writeFile(const Command &command, const char *name, const std::vector<Entry
     const int descriptor = mkstemp(beside.data());
     const File file(descriptor < 0 ? nullptr : fdopen(descriptor, "w"), fclose);
     if (file == nullptr) {
-        fail(command, "cannot write beside '%s' (%s): name a file in a directory of yours", name,
-             strerror(errno));
+        fail(command, "cannot write beside '%s' (%s)", name, strerror(errno));
     }
     writeEntries(entries, file.get(), true);
     if (ferror(file.get()) != 0 || fflush(file.get()) != 0 || fsync(descriptor) != 0 ||
         rename(beside.c_str(), target.c_str()) != 0) {
         const int error = errno;
         unlink(beside.c_str());
-        fail(command, "cannot write '%s' (%s): it is as it was, free space or name another", name,
-             strerror(error));
+        fail(command, "cannot write '%s' (%s): it was not changed", name, strerror(error));
     }
-}
-
-int runExport(const Command &command, int argc, char **argv) {
-    CommandLine line(command, argc, argv, "", {});
-    while (line.next() != -1) {
-    }
-    if (line.operands().size() > 1) {
-        failUsage(command, "one file at most");
-    }
-    requireRoot(command);
-    const std::vector<Entry> entries = readStore(command);
-    if (line.operands().empty() || strcmp(line.operands()[0], "-") == 0) {
-        writeEntries(entries, stdout, !onTerminal());
-    } else {
-        workAsCaller();
-        writeFile(command, line.operands()[0], entries);
-    }
-    return kSuccess;
 }
 
 }  // namespace
 
-const Command kImportCommand = {
-    "import", "[--replace] FILE|-", "store the values of a JSON file",
-    "Stores the values of a JSON object of texts, as export writes it, or of standard input (-), "
-    "in\n"
-    "one transaction: all of them, or none. A file with any fault changes nothing. Keys that are "
-    "not\n"
-    "in the file keep their values. Values are stored as they stand, so that the passwords of an\n"
-    "export, which are encrypted, serve the device root whose key encrypted them.\n"
-    "\n"
-    "Options:\n"
-    "  --replace      make the store exactly the file: remove the keys that are not in it. Who\n"
-    "                 follows changes is told an empty value of them\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl import settings.json\n"
-    "  tamoctl export | tamoctl --root /tmp/other import --replace -\n",
-    runImport};
+int runImport(const Command &command, const Arguments &arguments) {
+    if (arguments.operands().size() != 1) {
+        failUsage(command, "name one file, or '-' for standard input");
+    }
+    const char *name = arguments.operands()[0], *prefix = arguments.text("prefix");
+    if (prefix != nullptr && arguments.has("replace")) {
+        failUsage(command, "--replace is for a whole store");
+    }
+    ConfigEntries entries;
+    const std::string problem = readEntries(readAll(command, name), &entries);
+    if (!problem.empty()) {
+        fail(command, "'%s' %s; nothing was changed", name, problem.c_str());
+    }
+    choose(command, name, prefix, &entries);
+    requireRoot(command, Access::change);
+    const auto count = static_cast<uint32_t>(entries.pairs.size());
+    ProgressBar bar("importing", count);
+    bar.show(0);
+    const uint32_t result = TamoHostConfigImport(entries.pairs.data(), count,
+                                                 arguments.has("replace"), showImported, &bar);
+    if (result == TAMO_HOST_OK) {
+        bar.show(count);
+    }
+    bar.end();
+    if (result != TAMO_HOST_OK) {
+        failHost(command, "nothing was changed", result);
+    }
+    return kSuccess;
+}
 
-const Command kExportCommand = {
-    "export", "[FILE|-]", "write all keys and values as JSON",
-    "Writes the whole store, as of one moment, as a JSON object in order of key; to standard "
-    "output\n"
-    "unless a file is named. The file is written beside and renamed: it is the old one or the new\n"
-    "one, whole, readable for its owner alone. Passwords are exported as they are stored, "
-    "encrypted.\n"
-    "\n"
-    "Examples:\n"
-    "  tamoctl export settings.json\n"
-    "  tamoctl export | jq 'with_entries(select(.key | startswith(\"Conf.Audio.\")))'\n",
-    runExport};
+int runExport(const Command &command, const Arguments &arguments) {
+    requireRoot(command);
+    const char *prefix = arguments.text("prefix");
+    std::string leftOut;
+    const std::vector<Entry> entries = readStore(command, prefix, &leftOut);
+    if (prefix != nullptr && entries.empty() && leftOut.empty()) {
+        fail(command, "no key begins with '%s'%s", prefix,
+             suggestion(prefix, storedKeys()).c_str());
+    }
+    if (arguments.operands().empty() || strcmp(arguments.operands()[0], "-") == 0) {
+        writeEntries(entries, stdout, !onTerminal());
+    } else {
+        workAsCaller();
+        writeFile(command, arguments.operands()[0], entries);
+    }
+    if (!leftOut.empty()) {
+        fail(command,
+             "the key '%s' or its value is not UTF-8, or too long, and was left out; the rest is "
+             "written",
+             leftOut.c_str());
+    }
+    return kSuccess;
+}
 
 }  // namespace tamoctl

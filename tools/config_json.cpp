@@ -25,14 +25,14 @@ std::string encodingProblem(const std::string &text) {
         const std::string_view rest = std::string_view(text).substr(at);
         length = characterLength(rest);
         if (length == 0) {
-            return placeOf(text, at) + "this is no UTF-8: convert the file, with iconv for one";
+            return placeOf(text, at) + "not UTF-8: convert the file, for instance with iconv";
         }
         const auto byte = static_cast<unsigned char>(text[at]);
         if (byte < 0x20 && (inText || (byte != '\n' && byte != '\r' && byte != '\t'))) {
-            return placeOf(text, at) + "a control character: write it as JSON does, \\n for one";
+            return placeOf(text, at) + "a control character: JSON writes it as \\n, \\t or \\u00XX";
         }
         if (rest.starts_with("\\u0000")) {
-            return placeOf(text, at) + "a value cannot hold a zero character: take it out";
+            return placeOf(text, at) + "a zero character, which a value cannot hold";
         }
         if (byte == '"') {
             inText = !inText;
@@ -44,27 +44,17 @@ std::string encodingProblem(const std::string &text) {
 }
 
 std::string atMost(const char *what, size_t size, size_t most) {
-    return std::string("its ") + what + " has " + std::to_string(size) + " bytes, " +
-           std::to_string(most) + " are the most: shorten it";
-}
-
-bool isUtf8(std::string_view text) {
-    for (size_t length; !text.empty(); text.remove_prefix(length)) {
-        length = characterLength(text);
-        if (length == 0) {
-            return false;
-        }
-    }
-    return true;
+    return std::string("the ") + what + " has " + std::to_string(size) + " bytes, the limit is " +
+           std::to_string(most);
 }
 
 /* `keys` holds those of the members before. */
 std::string memberProblem(const cJSON *member, std::unordered_set<std::string_view> *keys) {
     if (!keys->insert(member->string).second) {
-        return "its key stands there already: keep one of the two";
+        return "duplicate key";
     }
     if (!cJSON_IsString(member)) {
-        return "its value is no text: put it in quotes";
+        return "the value is not a text: put it in quotes";
     }
     return entryProblem(member->string, member->valuestring);
 }
@@ -75,7 +65,7 @@ std::string entryProblem(std::string_view key, std::string_view value) {
     constexpr size_t kMostOfKey = sizeof(ConfConfigOmKey::text) - 1;
     constexpr size_t kMostOfValue = sizeof(ConfConfigOmVal::text) - 1;
     if (key.empty()) {
-        return "its key is empty: name it";
+        return "the key is empty";
     }
     if (key.size() > kMostOfKey) {
         return atMost("key", key.size(), kMostOfKey);
@@ -83,7 +73,7 @@ std::string entryProblem(std::string_view key, std::string_view value) {
     if (value.size() > kMostOfValue) {
         return atMost("value", value.size(), kMostOfValue);
     }
-    return isUtf8(key) && isUtf8(value) ? "" : "it is no UTF-8, which JSON needs: set it anew";
+    return isUtf8(key) && isUtf8(value) ? "" : "not UTF-8, which JSON needs";
 }
 
 std::string readEntries(const std::string &text, ConfigEntries *entries) {
@@ -96,10 +86,10 @@ std::string readEntries(const std::string &text, ConfigEntries *entries) {
     entries->json.reset(cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, &end, 1));
     if (entries->json == nullptr) {
         const size_t place = end == nullptr ? 0 : static_cast<size_t>(end - text.c_str());
-        return placeOf(text, place) + "this is no JSON: correct it";
+        return placeOf(text, place) + "not valid JSON";
     }
     if (!cJSON_IsObject(entries->json.get())) {
-        return "this is no object of texts: write {\"KEY\": \"VALUE\", ...}";
+        return "not an object of texts: {\"KEY\": \"VALUE\", ...} is wanted";
     }
     std::unordered_set<std::string_view> keys;
     const cJSON *member = nullptr;

@@ -1,6 +1,7 @@
-/* Texts, tables and JSON: see output.h. */
+/* Texts and JSON: see output.h. */
 #include "output.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <cwchar>
 
 #include "tamoctl.h"
 
@@ -37,10 +40,13 @@ std::string escaped(std::string_view bytes) {
     return result;
 }
 
-/* Terminal cells of a printable text, at one cell a character. */
-size_t cells(const std::string &text) {
-    return static_cast<size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+/* The cells that one character takes. */
+size_t cellsOf(std::string_view character) {
+    wchar_t wide = 0;
+    mbstate_t state = {};
+    const size_t length = mbrtowc(&wide, character.data(), character.size(), &state);
+    const int width = length == character.size() ? wcwidth(wide) : 1;
+    return width < 0 ? 1 : static_cast<size_t>(width);
 }
 
 std::string validUtf8(std::string_view text) {
@@ -55,16 +61,6 @@ std::string validUtf8(std::string_view text) {
         text.remove_prefix(std::max<size_t>(length, 1));
     }
     return result;
-}
-
-/* Prints what the JSON library made, and releases it. */
-void printText(char *made) {
-    const std::unique_ptr<char, decltype(&cJSON_free)> text(made, cJSON_free);
-    if (text == nullptr) {
-        fputs("tamoctl: no memory for the JSON text: ask for fewer keys\n", stderr);
-        exit(kFailed);
-    }
-    printf("%s\n", text.get());
 }
 
 }  // namespace
@@ -94,6 +90,58 @@ bool onTerminal() {
     return terminal;
 }
 
+bool wantsColor() {
+    const char *noColor = getenv("NO_COLOR");
+    const char *terminal = getenv("TERM");
+    return onTerminal() && (noColor == nullptr || noColor[0] == 0) &&
+           (terminal == nullptr || strcmp(terminal, "dumb") != 0);
+}
+
+size_t terminalWidth() {
+    constexpr size_t kUnlimited = 10000;
+    winsize size = {};
+    const char *columns = getenv("COLUMNS");
+    const int named = columns == nullptr ? 0 : atoi(columns);
+    if (named > 0) {
+        return static_cast<size_t>(named);
+    }
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
+    return known ? size.ws_col : kUnlimited;
+}
+
+bool isUtf8(std::string_view text) {
+    for (size_t length; !text.empty(); text.remove_prefix(length)) {
+        length = characterLength(text);
+        if (length == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+size_t displayWidth(std::string_view text) {
+    size_t width = 0;
+    for (size_t length; !text.empty(); text.remove_prefix(length)) {
+        length = std::max<size_t>(characterLength(text), 1);
+        width += cellsOf(text.substr(0, length));
+    }
+    return width;
+}
+
+std::string cutToWidth(std::string_view text, size_t width) {
+    std::string cut;
+    size_t used = 0;
+    for (size_t length; !text.empty(); text.remove_prefix(length)) {
+        length = std::max<size_t>(characterLength(text), 1);
+        used += cellsOf(text.substr(0, length));
+        if (used + 1 > width) {
+            break;
+        }
+        cut += text.substr(0, length);
+    }
+    return width == 0 ? "" : cut + "\xE2\x80\xA6";
+}
+
 std::string printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {
@@ -115,53 +163,6 @@ void printValue(std::string_view value) {
     putchar('\n');
 }
 
-void Table::add(std::vector<std::string> row) {
-    for (std::string &field : row) {
-        field = printable(field);
-    }
-    rows_.push_back(std::move(row));
-}
-
-void Table::print() const {
-    if (onTerminal()) {
-        printAligned();
-        return;
-    }
-    for (const auto &row : rows_) {
-        for (size_t i = 0; i < row.size(); ++i) {
-            printf("%s%c", row[i].c_str(), i + 1 < row.size() ? '\t' : '\n');
-        }
-    }
-}
-
-void Table::printAligned() const {
-    std::vector<size_t> widths;
-    for (size_t i = 0; i < columns_.size(); ++i) {
-        size_t width = strlen(columns_[i].title);
-        for (const auto &row : rows_) {
-            width = std::max(width, cells(row[i]));
-        }
-        widths.push_back(width);
-    }
-    auto printRow = [&](auto &&field) {
-        for (size_t i = 0; i < columns_.size(); ++i) {
-            std::string text = field(i);
-            std::string gap(widths[i] - cells(text), ' ');
-            bool last = i + 1 == columns_.size();
-            if (columns_[i].number) {
-                printf("%s%s", gap.c_str(), text.c_str());
-            } else {
-                printf("%s%s", text.c_str(), last ? "" : gap.c_str());
-            }
-            fputs(last ? "\n" : "  ", stdout);
-        }
-    };
-    printRow([&](size_t i) { return std::string(columns_[i].title); });
-    for (const auto &row : rows_) {
-        printRow([&](size_t i) { return row[i]; });
-    }
-}
-
 void addText(cJSON *object, const char *key, std::string_view text) {
     cJSON_AddStringToObject(object, validUtf8(key).c_str(), validUtf8(text).c_str());
 }
@@ -171,12 +172,30 @@ void addNumber(cJSON *object, const char *key, uint64_t number) {
     cJSON_AddRawToObject(object, key, std::to_string(number).c_str());
 }
 
-void printJson(const Json &json) {
-    printText(cJSON_Print(json.get()));
+std::string jsonLine(const Json &json) {
+    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(json.get()),
+                                                            cJSON_free);
+    if (text == nullptr) {
+        fputs("tamoctl: out of memory for the JSON text\n", stderr);
+        exit(kFailed);
+    }
+    return text.get();
 }
 
 void printJsonLine(const Json &json) {
-    printText(cJSON_PrintUnformatted(json.get()));
+    printf("%s\n", jsonLine(json).c_str());
+}
+
+std::string timeText(int64_t timeUs, bool universal) {
+    const time_t seconds = static_cast<time_t>(timeUs / 1000000);
+    tm parts = {};
+    char text[64];
+    universal ? gmtime_r(&seconds, &parts) : localtime_r(&seconds, &parts);
+    const size_t length =
+        strftime(text, sizeof(text), universal ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &parts);
+    snprintf(text + length, sizeof(text) - length, ".%06d%s", static_cast<int>(timeUs % 1000000),
+             universal ? "Z" : "");
+    return text;
 }
 
 int finishOutput(int code) {

@@ -1,63 +1,57 @@
-/* What tamoctl prints: texts that a terminal can show safely, tables and JSON.
- *
- * A terminal gets aligned tables with a title line. A pipe gets one row a line with tabs between
- * the fields and no titles. Control characters are escaped in both, so that a row stays a row. */
+/* Texts as tamoctl prints them: what a terminal can show safely, and JSON. */
 #pragma once
 #include <cjson/cJSON.h>
 
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace tamoctl {
 
 /* Whether standard output is a terminal. */
 bool onTerminal();
 
-/* The text with control characters and bytes that are no UTF-8 written as \n, \t, \xNN. */
+/* Whether to colour: on a terminal that can, unless NO_COLOR is set. */
+bool wantsColor();
+
+/* The columns of the terminal; very many when it does not say. */
+size_t terminalWidth();
+
+/* The text with control characters and bytes that are not UTF-8 written as \n, \t, \xNN. */
 std::string printable(std::string_view text);
 
-/* The length of the UTF-8 character at the start of a text that is not empty, 0 when it is none. */
+/* The length of the UTF-8 character at the start of a text that is not empty; 0 when there is none. */
 size_t characterLength(std::string_view text);
+
+bool isUtf8(std::string_view text);
+
+/* The cells of a terminal that a printable text takes. */
+size_t displayWidth(std::string_view text);
+
+/* The beginning of a text that is wider than `width`, with a mark at its end. */
+std::string cutToWidth(std::string_view text, size_t width);
 
 /* Prints a value that stands alone on its line: escaped on a terminal, as it is in a pipe. */
 void printValue(std::string_view value);
-
-struct Column {
-    const char *title;
-    bool number; /* aligned to the right */
-};
-
-class Table {
-  public:
-    explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
-    void add(std::vector<std::string> row);
-    bool empty() const { return rows_.empty(); }
-    void print() const;
-
-  private:
-    void printAligned() const;
-
-    std::vector<Column> columns_;
-    std::vector<std::vector<std::string>> rows_;
-};
 
 struct JsonDelete {
     void operator()(cJSON *json) const { cJSON_Delete(json); }
 };
 using Json = std::unique_ptr<cJSON, JsonDelete>;
 
-/* Adds a text, with bytes that are no UTF-8 replaced; a number; a null. */
+/* Adds a text, with bytes that are not UTF-8 replaced; a number. */
 void addText(cJSON *object, const char *key, std::string_view text);
 void addNumber(cJSON *object, const char *key, uint64_t number);
 
-void printJson(const Json &json);
-/* The same on one line. */
+/* The object as one line. */
+std::string jsonLine(const Json &json);
 void printJsonLine(const Json &json);
 
+/* A time in microseconds since 1970: local as in the log, or universal as JSON has it. */
+std::string timeText(int64_t timeUs, bool universal);
+
 /* Flushes standard output and returns `code`, or the failure code when the output could not be
- * written; a reader that went away is no failure worth a message. */
+ * written; a reader that went away is not worth a message. */
 int finishOutput(int code);
 
 }  // namespace tamoctl

@@ -2,6 +2,11 @@
  */
 #include "tamoctl.h"
 
+#include <getopt.h>
+#include <stdlib.h>
+
+#include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -11,88 +16,89 @@ using namespace tamoctl;
 
 namespace {
 
-const Command *const kCommands[] = {&kGetCommand,    &kSetCommand,    &kListCommand, &kWatchCommand,
-                                    &kImportCommand, &kExportCommand, &kLogCommand,  &kMemCommand,
-                                    &kQueuesCommand, &kCertCommand};
-
-void printHelp() {
-    fputs(
-        "Usage: tamoctl [--root DIR] COMMAND [ARGUMENT...]\n"
-        "\n"
-        "Shows and changes what the host platform of the conference library keeps: configuration\n"
-        "values, the log, message queues, the memory blocks of running processes, certificates.\n"
-        "\n"
-        "Commands:\n",
-        stdout);
-    for (const Command *command : kCommands) {
-        printf("  %-8s %s\n", command->name, command->summary);
-    }
-    fputs(
-        "\n"
-        "Options:\n"
-        "  --root DIR     the device root to look into (default: $TAMO_DEVICE_ROOT, else 'tamo' "
-        "in\n"
-        "                 the user's data directory)\n"
-        "  -h, --help     print this help; after a command, that command's\n"
-        "  --version      print the version\n"
-        "\n"
-        "Examples:\n"
-        "  tamoctl set Conf.SIPCallParam.sipServerAddr sip.example.com\n"
-        "  tamoctl list 'Conf.SIPCallParam.*'\n"
-        "  tamoctl log --follow --level warning\n"
-        "\n"
-        "Exit status: 0 success, 1 not found or failed, 2 wrong usage, 3 a watch that ended before "
-        "its\n"
-        "count was reached.\n",
-        stdout);
-}
-
-[[noreturn]] void endUsage(const char *message, const char *word) {
-    fprintf(stderr, "tamoctl: %s%s: see 'tamoctl --help'\n", message, printable(word).c_str());
+[[noreturn]] void endUsage(const std::string &message) {
+    fprintf(stderr, "tamoctl: %s (see 'tamoctl --help')\n", printable(message).c_str());
     exit(kUsage);
 }
 
 /* Handles the options before the command; returns when a command follows. */
 void readGlobalOptions(int argc, char **argv) {
-    const option options[] = {{"root", required_argument, nullptr, kOptionRoot},
+    constexpr int kRoot = 256, kVersion = 257;
+    const option options[] = {{"root", required_argument, nullptr, kRoot},
                               {"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, kOptionVersion},
+                              {"version", no_argument, nullptr, kVersion},
                               {}};
     opterr = 0;
     for (int code; (code = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
         switch (code) {
-            case kOptionRoot:
+            case kRoot:
                 if (optarg[0] == 0) {
-                    endUsage("the directory of --root is empty", "");
+                    endUsage("the directory of --root is empty");
                 }
                 useRoot(optarg);
                 break;
             case 'h':
-                printHelp();
+                printProgramHelp();
                 exit(finishOutput(kSuccess));
-            case kOptionVersion:
+            case kVersion:
                 puts("tamoctl " TAMOCTL_VERSION);
                 exit(finishOutput(kSuccess));
             case ':':
-                endUsage("a value is missing after ", argv[optind - 1]);
+                endUsage(std::string("option '") + argv[optind - 1] + "' needs a value");
             default:
-                endUsage("bad option ", argv[optind == 1 ? 1 : optind - 1]);
+                endUsage(std::string("unknown option '") + argv[optind == 1 ? 1 : optind - 1] +
+                         "'");
         }
     }
+}
+
+/* Bytes are UTF-8, whatever the environment's locale says of messages and numbers. */
+void useUtf8() {
+    if (setlocale(LC_CTYPE, "") == nullptr || MB_CUR_MAX == 1) {
+        setlocale(LC_CTYPE, "C.UTF-8");
+    }
+}
+
+/* The words name no command: perhaps a group of them, such as "cert". */
+[[noreturn]] void failUnknown(std::span<char *const> words) {
+    const std::string group = std::string(words[0]) + " ";
+    std::vector<std::string> names;
+    std::string members;
+    for (const Command &command : commands()) {
+        names.push_back(command.name);
+        if (command.name.starts_with(group)) {
+            members += (members.empty() ? "'" : ", '") + command.name + "'";
+        } else if (command.name.find(' ') != std::string::npos) {
+            names.push_back(command.name.substr(0, command.name.find(' ')));
+        }
+    }
+    if (members.empty()) {
+        endUsage("unknown command '" + std::string(words[0]) + "'" + suggestion(words[0], names));
+    }
+    endUsage("the command is one of " + members);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+    useUtf8();
+    // A reader that went away is met as an error of writing.
+    signal(SIGPIPE, SIG_IGN);
     readGlobalOptions(argc, argv);
     if (optind == argc) {
-        endUsage("a command is missing", "");
+        endUsage("a command is missing");
     }
-    char **words = argv + optind;
-    for (const Command *command : kCommands) {
-        if (strcmp(command->name, words[0]) == 0) {
-            return finishOutput(command->run(*command, argc - optind, words));
+    const std::span<char *> words(argv + optind, argv + argc);
+    size_t used = 0;
+    const Command *command = findCommand(words, &used);
+    if (command == nullptr) {
+        const bool asksHelp =
+            words.size() == 1 || strcmp(words[1], "--help") == 0 || strcmp(words[1], "-h") == 0;
+        if (asksHelp && words.size() > 1 && printGroupHelp(words[0])) {
+            return finishOutput(kSuccess);
         }
+        failUnknown(words);
     }
-    endUsage("there is no command ", words[0]);
+    const Arguments arguments(*command, words.subspan(used - 1));
+    return finishOutput(command->run(*command, arguments));
 }

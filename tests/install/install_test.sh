@@ -26,7 +26,10 @@ prefix=$scratch/moved
 mv "$scratch/first" "$prefix"
 grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of installation"
 
-[ -f "$prefix/share/bash-completion/completions/tamoctl" ] || fail "no completion for tamoctl"
+for file in bash-completion/completions/tamoctl zsh/vendor-completions/_tamoctl \
+    fish/vendor_completions.d/tamoctl.fish man/man1/tamoctl.1; do
+    [ -s "$prefix/share/$file" ] || fail "$file is not installed"
+done
 "$prefix/bin/tamoctl" --help >/dev/null || fail "the installed tamoctl does not run"
 
 mkdir -m 700 "$TAMO_DEVICE_ROOT"

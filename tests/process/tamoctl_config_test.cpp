@@ -187,7 +187,7 @@ TEST_F(TamoctlStore, aBadFileChangesNothing) {
         {"{\"a\": \"\xFF\"}", "UTF-8"},
         {"{\"a\": \"1\n\"}", "column 9"},
         {"{\"a\": \"\\\\\\u0000\"}", "zero"},
-        {"[\"a\"]", "no object"},
+        {"[\"a\"]", "not an object"},
         {"{\"a\": \"1\", \"b\": 2}", "entry 2, 'b'"},
         {"{\"a\": \"1\", \"\": \"2\"}", "entry 2, ''"},
         {"{\"a\": \"1\", \"a\": \"1\"}", "entry 2, 'a'"},
@@ -206,14 +206,26 @@ TEST_F(TamoctlStore, aBadFileChangesNothing) {
     EXPECT_EQ(exported(), before);
 }
 
-TEST_F(TamoctlStore, whatJsonCannotHoldIsNotExportedAndLeavesTheFile) {
-    ASSERT_EQ(set("Bytes", "\xFF"), 0);
+TEST_F(TamoctlStore, whatJsonCannotHoldIsLeftOutAndNamed) {
+    ASSERT_EQ(set("Bytes\xFF", "1") + set("Plain", "2"), 0);
     const std::string name = file("as it was");
     const Outcome outcome = tamoctl({"export", name});
     EXPECT_EQ(outcome.code, 1);
-    EXPECT_NE(outcome.errors.find("'Bytes'"), std::string::npos) << outcome.errors;
-    EXPECT_EQ(fileText(name), "as it was");
+    EXPECT_NE(outcome.errors.find("'Bytes\\xff'"), std::string::npos) << outcome.errors;
+    EXPECT_EQ(fileText(name), "{\n  \"Plain\": \"2\"\n}\n");
     EXPECT_EQ(tamoctl({"export", "/dev/null"}).code, 1);
+}
+
+TEST_F(TamoctlStore, aPrefixChoosesAPart) {
+    ASSERT_EQ(set("A.a", "1") + set("A.b", "2") + set("B.a", "3"), 0);
+    const std::string name = file("");
+    ASSERT_EQ(tamoctl({"export", "--prefix", "a.", name}).code, 0);
+    EXPECT_EQ(fileText(name), "{\n  \"A.a\": \"1\",\n  \"A.b\": \"2\"\n}\n");
+    support::clearStore();
+    EXPECT_EQ(tamoctl({"import", "--prefix", "C.", name}).code, 1);
+    ASSERT_EQ(tamoctl({"import", "--prefix", "A.b", name}).code, 0);
+    EXPECT_EQ(exported(), "{\n  \"A.b\": \"2\"\n}\n");
+    EXPECT_EQ(tamoctl({"export", "--prefix", "C."}).code, 1);
 }
 
 /* Stops in the middle of its transaction. */

@@ -1,6 +1,7 @@
 /* tamoctl log: the end of a log, its levels, and following it while its writers rotate it. */
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -70,6 +71,46 @@ TEST_F(TamoctlLog, levels) {
     EXPECT_EQ(tamoctl({"log", name_}).output.find(red), std::string::npos);
     EXPECT_NE(tamoctl({"log", name_}, true).output.find(red), std::string::npos) << "on a terminal";
     EXPECT_NE(tamoctl({"log", name_, "--color=always"}).output.find(red), std::string::npos);
+}
+
+TEST_F(TamoctlLog, filters) {
+    ASSERT_EQ(TamoOmLogModuleLogRecord(1, id_, "first_unit", 4, 11, "%s", "Zeit Alpha"), 0);
+    ASSERT_EQ(TamoOmLogModuleLogRecord(2, id_, "second", 4, 22, "%s", "time beta"), 0);
+    const struct {
+        Words options;
+        std::string lines; /* of the records that are shown */
+    } cases[] = {
+        {{"--unit", "first*"}, "11 "},
+        {{"--process", "tamoctl_t*"}, "11 22 "},
+        {{"--process", std::to_string(getpid())}, "11 22 "},
+        {{"--process", "other"}, ""},
+        {{"--grep", "alpha|beta"}, "11 22 "},
+        {{"--grep", "Time"}, ""},
+        {{"--grep", "^t.me", "--level", "warning"}, "22 "},
+        {{"--level", "error"}, "11 "},
+        {{"--since", "1h"}, "11 22 "},
+        {{"--since", "2999-01-01"}, ""},
+        {{"--count", "1"}, "11 "},
+        {{"-n", "1"}, "22 "},
+    };
+    for (const auto &[options, lines] : cases) {
+        Words words = {"log", "--json", name_};
+        words.insert(words.end(), options.begin(), options.end());
+        const Outcome outcome = tamoctl(words);
+        std::string shown;
+        for (size_t at = 0; (at = outcome.output.find("\"line\":", at)) != std::string::npos;
+             at++) {
+            shown += outcome.output.substr(at + 7, 2) + " ";
+        }
+        EXPECT_EQ(outcome.code, 0) << outcome.errors;
+        EXPECT_EQ(shown, lines) << testing::PrintToString(options) << outcome.output;
+    }
+    const std::string line = tamoctl({"log", "--json", "-n", "1", name_}).output;
+    EXPECT_NE(line.find("\"level\":\"WARNING\""), std::string::npos) << line;
+    EXPECT_NE(line.find("\"unit\":\"second\",\"line\":22,\"text\":\"time beta\"}"),
+              std::string::npos)
+        << line;
+    EXPECT_NE(line.find("Z\","), std::string::npos) << line;
 }
 
 TEST_F(TamoctlLog, followsAcrossRotations) {

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "include/conf_msg_api.h"
@@ -21,130 +23,179 @@ namespace {
 
 using Json = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
-/* Parses JSON output; null when it is none. */
-Json parse(const Outcome &outcome) {
-    return Json(cJSON_Parse(outcome.output.c_str()), cJSON_Delete);
+std::vector<std::string> linesOf(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
 }
 
-const cJSON *entryWith(const cJSON *array, const char *member, const std::string &text) {
-    const cJSON *entry = nullptr;
-    cJSON_ArrayForEach(entry, array) {
-        const char *value = cJSON_GetStringValue(cJSON_GetObjectItem(entry, member));
+/* The object, on a line of its own, whose member is that text; null when there is none. */
+Json objectWith(const Outcome &outcome, const char *member, const std::string &text) {
+    for (const std::string &line : linesOf(outcome.output)) {
+        Json object(cJSON_Parse(line.c_str()), cJSON_Delete);
+        const char *value = cJSON_GetStringValue(cJSON_GetObjectItem(object.get(), member));
         if (value != nullptr && value == text) {
-            return entry;
+            return object;
         }
     }
-    return nullptr;
+    ADD_FAILURE() << "no line with " << member << " " << text << ": " << outcome.output;
+    return Json(nullptr, cJSON_Delete);
 }
 
-double numberOf(const cJSON *object, const char *member) {
-    return cJSON_GetNumberValue(cJSON_GetObjectItem(object, member));
+double numberOf(const Json &object, const char *member) {
+    return cJSON_GetNumberValue(cJSON_GetObjectItem(object.get(), member));
 }
 
-/* ---- get, set, list ---- */
+/* A command line, what it exits with, and a text that it must print: as output when it succeeds, in one
+ * line on standard error otherwise. */
+struct Case {
+    Words words;
+    int code;
+    std::string text;
+};
 
-TEST(TamoctlConfig, getPrintsWhatSetStored) {
-    EXPECT_EQ(tamoctl({"set", "Ctl.A", "first", "Ctl.B", "-5"}).code, 0);
-    const Outcome got = tamoctl({"get", "Ctl.B", "Ctl.A"});
-    EXPECT_EQ(got.code, 0);
-    EXPECT_EQ(got.output, "-5\nfirst\n");
-
-    const Outcome missing = tamoctl({"get", "Ctl.A", "Ctl.None", "Ctl.*"});
-    EXPECT_EQ(missing.code, 1);
-    EXPECT_EQ(missing.output, "first\n");
-    EXPECT_EQ(lineCount(missing.errors), 1U) << missing.errors;
-    EXPECT_NE(missing.errors.find("Ctl.None"), std::string::npos);
+void tryAll(const std::vector<Case> &cases, const Words &before = {}) {
+    for (const auto &[words, code, text] : cases) {
+        Words all = before;
+        all.insert(all.end(), words.begin(), words.end());
+        const Outcome outcome = tamoctl(all);
+        SCOPED_TRACE(testing::PrintToString(words) + outcome.output + outcome.errors);
+        EXPECT_EQ(outcome.code, code);
+        EXPECT_NE((code == 0 ? outcome.output : outcome.errors).find(text), std::string::npos)
+            << text;
+        EXPECT_EQ(lineCount(outcome.errors), code == 0 ? 0U : 1U);
+        EXPECT_TRUE(code != 2 || outcome.output.empty());
+    }
 }
 
-TEST(TamoctlConfig, listMatchesAPatternAndPrintsAlignedOnATerminalOnly) {
+/* ---- configuration ---- */
+
+TEST(TamoctlConfig, values) {
     ASSERT_EQ(
-        tamoctl({"set", "Ctl.List.long", "tab\tline\nescape\x1b[2J", "Ctl.List.x", "z\xC3\xBC"})
+        tamoctl({"set", "Ctl.List.long", "tab\tline\nescape\x1b[2J", "Ctl.List.x", "z\xC3\xBC",
+                 "Ctl.A", "first", "Ctl.B", "-5", "Ctl.wide", "\xE6\x97\xA5\xE6\x9C\xAC"})
             .code,
         0);
-    EXPECT_EQ(tamoctl({"list", "Ctl.List.*"}).output,
-              "Ctl.List.long\ttab\\tline\\nescape\\x1b[2J\nCtl.List.x\tz\xC3\xBC\n");
-    EXPECT_EQ(tamoctl({"list", "Ctl.List.*"}, true).output,
-              "KEY            VALUE\r\n"
-              "Ctl.List.long  tab\\tline\\nescape\\x1b[2J\r\n"
-              "Ctl.List.x     z\xC3\xBC\r\n");
-    EXPECT_EQ(tamoctl({"get", "Ctl.List.long"}).output, "tab\tline\nescape\x1b[2J\n");
-    EXPECT_EQ(tamoctl({"get", "Ctl.List.long"}, true).output, "tab\\tline\\nescape\\x1b[2J\r\n");
-    const Outcome none = tamoctl({"list", "Nothing.*"});
-    EXPECT_EQ(none.code, 1);
-    EXPECT_EQ(lineCount(none.errors), 1U);
+    tryAll({
+        {{"get", "Ctl.B", "Ctl.A"}, 0, "-5\nfirst\n"},
+        {{"get", "--json", "Ctl.B"}, 0, "{\"key\":\"Ctl.B\",\"value\":\"-5\"}\n"},
+        {{"get", "Ctl.A", "Ctl.None", "Ctl.*"}, 1, "'Ctl.None'"},
+        {{"get", "Ctl.lisst.x"}, 1, "did you mean 'Ctl.List.x'?"},
+        {{"list", "Ctl.List.*"},
+         0,
+         "Ctl.List.long\ttab\\tline\\nescape\\x1b[2J\nCtl.List.x\tz\xC3\xBC\n"},
+        {{"list", "--json", "-n", "1", "Ctl.List.*"}, 0, "\\u001b[2J\"}\n"},
+        {{"list", "--header", "Ctl.w?de"}, 0, "KEY\tVALUE\nCtl.wide\t"},
+        {{"list", "--timeout", "60", "Ctl.A"}, 0, "Ctl.A\tfirst\n"},
+        {{"list", "Nothing.*"}, 1, "'Nothing.*'"},
+    });
+}
+
+TEST(TamoctlConfig, aTerminalGetsATableThatFits) {
+    ASSERT_EQ(
+        tamoctl({"set", "T.a", std::string(100, 'x'), "T.bytes", "\xE6\x97\xA5\xE6\x9C\xAC\x1b[2J"})
+            .code,
+        0);
+    setenv("COLUMNS", "24", 1);
+    EXPECT_EQ(tamoctl({"list", "T.*"}, true).output,
+              "KEY      VALUE\r\n"
+              "T.a      xxxxxxxxxxxxxx\xE2\x80\xA6\r\n"
+              "T.bytes  \xE6\x97\xA5\xE6\x9C\xAC\\x1b[2J\r\n");
+    EXPECT_NE(tamoctl({"list", "--full", "T.a"}, true).output.find(std::string(100, 'x')),
+              std::string::npos);
+    unsetenv("COLUMNS");
+    EXPECT_EQ(tamoctl({"get", "T.bytes"}).output, "\xE6\x97\xA5\xE6\x9C\xAC\x1b[2J\n");
+    EXPECT_EQ(tamoctl({"get", "T.bytes"}, true).output, "\xE6\x97\xA5\xE6\x9C\xAC\\x1b[2J\r\n");
+}
+
+TEST(TamoctlConfig, aPasswordComesFromStandardInputAndIsStoredEncrypted) {
+    const std::string tool = "'" TAMOCTL "' ";
+    const auto shell = [&](const std::string &script) {
+        return Program({"sh", "-c", script}).finish();
+    };
+    for (const std::string key : {"Conf.SIPCallParam.sipPwd", "conf.h323callparam.gkpwd"}) {
+        EXPECT_EQ(tamoctl({"set", key, "secret"}).code, 2);
+        ASSERT_EQ(shell("printf 'geheim\\nmore' | " + tool + "set --secret " + key).code, 0);
+        std::string stored = tamoctl({"get", key}).output;
+        stored.pop_back();
+        char plain[1024];
+        uint32_t length = sizeof(plain);
+        ASSERT_EQ(TamoHostKeymDecrypt("TamoUIConf", stored.c_str(), plain, &length), TAMO_HOST_OK);
+        EXPECT_STREQ(plain, "geheim");
+        EXPECT_EQ(shell("printf '{\"" + key + "\": \"open\"}' | " + tool + "import -").code, 1);
+        EXPECT_EQ(tamoctl({"set", key, stored}).code, 0) << "what is encrypted may be set";
+    }
+    EXPECT_EQ(tamoctl({"set", "Conf.ServerParam.pwd", "secret"}).code, 2);
+    EXPECT_EQ(shell("echo open | " + tool + "set --secret Conf.ServerParam.pwd").code, 0);
+    EXPECT_EQ(tamoctl({"get", "Conf.ServerParam.pwd"}).output, "open\n");
+    EXPECT_EQ(shell(tool + "set --secret Conf.SIPCallParam.sipPwd </dev/null").code, 1);
 }
 
 /* ---- usage ---- */
 
 TEST(TamoctlUsage, wrongUseIsOneLineAndCode2) {
-    for (const Words &words : {Words{},
-                               Words{"frobnicate"},
-                               Words{"--bad", "list"},
-                               Words{"get"},
-                               Words{"set", "Ctl.A"},
-                               Words{"list", "--jsn"},
-                               Words{"list", "-x"},
-                               Words{"mem", "-7x"},
-                               Words{"mem", "12x"},
-                               Words{"log", "-n", "many"},
-                               Words{"log", "-n"},
-                               Words{"log", "--level", "loud"},
-                               Words{"log", "--color", "pink"},
-                               Words{"log", "../keys/x"},
-                               Words{"queues", "x"},
-                               Words{"watch", "a", "b"},
-                               Words{"watch", "-n", "0"},
-                               Words{"watch", "--timeout", "soon"},
-                               Words{"import"},
-                               Words{"export", "a", "b"}}) {
+    tryAll({
+        {{}, 2, "a command is missing"},
+        {{"lst"}, 2, "did you mean 'list'?"},
+        {{"--bad", "list"}, 2, "'--bad'"},
+        {{"--root", "", "list"}, 2, "--root is empty"},
+        {{"list", "--root="}, 2, "--root is empty"},
+        {{"get"}, 2, "a key is missing"},
+        {{"set", "Ctl.A"}, 2, "pairs"},
+        {{"set", "bad\xff", "1"}, 2, "bad\\xff"},
+        {{"set", "--secret", "a", "b"}, 2, "one key"},
+        {{"list", "--jsn"}, 2, "did you mean '--json'?"},
+        {{"list", "-x"}, 2, "'-x'"},
+        {{"list", "--json=yes"}, 2, "takes no value"},
+        {{"list", "a", "b"}, 2, "'b'"},
+        {{"mem", "12x"}, 2, "invalid process id '12x'"},
+        {{"log", "-n", "many"}, 2, "invalid lines 'many': must be 0 or more"},
+        {{"log", "-n"}, 2, "needs a value"},
+        {{"log", "--level", "loud"}, 2, "error, warning, info, debug"},
+        {{"log", "--grep", "("}, 2, "invalid pattern '('"},
+        {{"log", "--since", "soon"}, 2, "invalid time 'soon'"},
+        {{"log", "../keys/x"}, 2, "../keys/x"},
+        {{"queues", "--count", "0"}, 2, "invalid count '0': must be 1 or more"},
+        {{"watch", "--timeout", "soon"}, 2, "invalid timeout 'soon'"},
+        {{"import"}, 2, "file"},
+        {{"import", "--replace", "--prefix", "a", "f"}, 2, "--replace"},
+        {{"call", "Queue"}, 2, "MODULE:FUNCTION"},
+        {{"call", "Queue", "lib.so", "1"}, 2, "'lib.so'"},
+        {{"call", "Queue", "lib.so:f", "x"}, 2, "'x'"},
+        {{"cert"}, 2, "'cert install'"},
+        {{"cert", "install", "999", "a", "b"}, 2, "'999'"},
+        {{"help", "cert", "instal"}, 2, "did you mean 'cert install'?"},
+    });
+}
+
+TEST(TamoctlUsage, aRootOfOthersOrOneThatIsNotThereStaysAsItIs) {
+    const support::ScratchDirectory open, foreign;
+    ASSERT_EQ(mkdir((open.path() + "/data").c_str(), 0700), 0);
+    ASSERT_EQ(chmod(open.path().c_str(), 0755), 0);
+    const std::vector<Words> all = {
+        {"get", "a"},     {"list"},         {"queues"},           {"mem"},
+        {"log"},          {"log", "-f"},    {"watch", "-t", "0"}, {"export"},
+        {"cert", "list"}, {"set", "a", "1"}};
+    std::vector<Case> refused, missing;
+    for (const Words &words : all) {
+        refused.push_back({words, 1, "chmod 700"});
+        missing.push_back({words, 1, "no device root"});
+    }
+    for (const Case &each : refused) {
+        Words words = {"--root", open.path()};
+        words.insert(words.end(), each.words.begin(), each.words.end());
         const Outcome outcome = tamoctl(words);
-        EXPECT_EQ(outcome.code, 2) << testing::PrintToString(words);
-        EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
-        EXPECT_NE(outcome.errors.find("--help"), std::string::npos) << outcome.errors;
-        EXPECT_EQ(outcome.output, "");
+        EXPECT_EQ(outcome.code, 1) << outcome.output;
+        EXPECT_NE(outcome.errors.find(each.text), std::string::npos) << outcome.errors;
     }
-}
-
-TEST(TamoctlUsage, aRootThatIsOpenToOthersFailsEveryCommand) {
-    const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".open";
-    ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
-    ASSERT_EQ(mkdir((root + "/data").c_str(), 0700), 0);
-    ASSERT_EQ(chmod(root.c_str(), 0755), 0);
-    for (const Words &words : {Words{"get", "Ctl.A"}, Words{"set", "Ctl.A", "1"}, Words{"list"},
-                               Words{"log"}, Words{"log", "-f"}, Words{"mem"}, Words{"queues"},
-                               Words{"watch", "-t", "0"}, Words{"export"}}) {
-        Words all = {"--root", root};
-        all.insert(all.end(), words.begin(), words.end());
-        const Outcome outcome = tamoctl(all);
-        EXPECT_EQ(outcome.code, 1) << words[0];
-        EXPECT_NE(outcome.errors.find("chmod 700"), std::string::npos) << outcome.errors;
-    }
-    EXPECT_EQ(rmdir((root + "/data").c_str()) + rmdir(root.c_str()), 0) << "nothing was made in it";
-}
-
-TEST(TamoctlUsage, aRootThatIsNotThereIsNeverMadeWhenItWasNamed) {
-    const std::string root = std::string(getenv("TAMO_DEVICE_ROOT")) + ".typo";
-    const struct {
-        Words words;
-        int code;
-        const char *named;
-    } cases[] = {
-        {{"list"}, 1, "no device root"},          {{"get", "a"}, 1, "no device root"},
-        {{"set", "a", "1"}, 1, "no device root"}, {{"queues"}, 1, "no device root"},
-        {{"mem"}, 1, "no device root"},           {{"log"}, 1, "no device root"},
-        {{"log", "-f"}, 1, "no device root"},     {{"watch", "-t", "0"}, 1, "no device root"},
-        {{"export"}, 1, "no device root"},        {{"cert", "list"}, 1, "no device root"},
-    };
-    for (const auto &[words, code, named] : cases) {
-        Words all = {"--root", root};
-        all.insert(all.end(), words.begin(), words.end());
-        const Outcome outcome = tamoctl(all);
-        EXPECT_EQ(outcome.code, code) << words[0];
-        EXPECT_NE(outcome.errors.find(named), std::string::npos) << outcome.errors;
-        EXPECT_NE(access(root.c_str(), F_OK), 0) << words[0] << " made it";
-    }
-    EXPECT_EQ(tamoctl({"--root", "", "list"}).code, 2);
-    EXPECT_EQ(tamoctl({"list", "--root="}).code, 2);
+    tryAll(missing, {"--root", open.path() + "/typo"});
+    missing.pop_back();
+    tryAll(missing, {"--root", foreign.path()});
+    EXPECT_TRUE(std::filesystem::is_empty(foreign.path())) << "looking made something";
+    EXPECT_EQ(std::distance(std::filesystem::recursive_directory_iterator(open.path()), {}), 1);
 }
 
 TEST(TamoctlUsage, lookingAtADamagedStoreLeavesItAsItIs) {
@@ -153,16 +204,15 @@ TEST(TamoctlUsage, lookingAtADamagedStoreLeavesItAsItIs) {
     const std::string store = root.path() + "/config/config.db";
     ASSERT_EQ(unlink((store + "-wal").c_str()), 0);
     std::ofstream(store) << "not a store";
-    for (const Words &words : {Words{"list"}, Words{"get", "a"}, Words{"export"}, Words{"watch"}}) {
-        Words all = {"--root", root.path()};
-        all.insert(all.end(), words.begin(), words.end());
-        const Outcome outcome = tamoctl(all);
-        EXPECT_EQ(outcome.code, 1) << words[0];
-        EXPECT_NE(outcome.errors.find("config.db"), std::string::npos) << outcome.errors;
-        std::string text;
-        std::getline(std::ifstream(store), text);
-        EXPECT_EQ(text, "not a store") << words[0];
-    }
+    tryAll({{{"list"}, 1, "config.db"},
+            {{"get", "a"}, 1, "config.db"},
+            {{"export"}, 1, "config.db"},
+            {{"watch"}, 1, "config.db"}},
+           {"--root", root.path()});
+    EXPECT_NE(tamoctl({"--root", root.path(), "doctor"}).output.find("damaged"), std::string::npos);
+    std::string text;
+    std::getline(std::ifstream(store), text);
+    EXPECT_EQ(text, "not a store");
 }
 
 TEST(TamoctlUsage, whatUser0MakesIsTheRootOwners) {
@@ -179,30 +229,26 @@ TEST(TamoctlUsage, whatUser0MakesIsTheRootOwners) {
     EXPECT_EQ(tamoctl({"--root", root.path(), "get", "a"}).output, "1\n");
 }
 
-/* ---- mem and queues ---- */
+/* ---- mem, queues, call, doctor ---- */
 
 TEST(TamoctlMem, showsWhoHoldsWhat) {
     const std::string pid = std::to_string(getpid());
     void *blocks[] = {OsMemMallocSetCharMon(100, 0, 0, 0, 4711, "mem_probe"),
                       OsMemMallocSetCharMon(200, 0, 0, 0, 4711, "mem_probe")};
-    const Outcome outcome = tamoctl({"mem", pid});
-    EXPECT_EQ(outcome.code, 0);
-    EXPECT_NE(outcome.output.find("mem_probe\t4711\t2\t300\n"), std::string::npos)
-        << outcome.output;
-    EXPECT_NE(tamoctl({"mem"}).output.find(pid + "\ttamoctl_test"), std::string::npos);
-
-    const Json json = parse(tamoctl({"mem", "--json", pid}));
-    EXPECT_EQ(numberOf(json.get(), "pid"), getpid());
-    const cJSON *sites = cJSON_GetObjectItem(json.get(), "sites");
-    EXPECT_EQ(numberOf(entryWith(sites, "file", "mem_probe"), "bytes"), 300);
+    tryAll({{{"mem", pid}, 0, "mem_probe\t4711\t2\t300\n"},
+            {{"mem"}, 0, pid + "\ttamoctl_test"},
+            {{"mem", "1"}, 1, "process 1"}});
+    const Json site = objectWith(tamoctl({"mem", "--json", pid}), "file", "mem_probe");
+    EXPECT_EQ(numberOf(site, "pid"), getpid());
+    EXPECT_EQ(numberOf(site, "line"), 4711);
+    EXPECT_EQ(numberOf(site, "blocks"), 2);
+    EXPECT_EQ(numberOf(site, "bytes"), 300);
+    EXPECT_EQ(numberOf(objectWith(tamoctl({"mem", "--json"}), "process", "tamoctl_test"), "pid"),
+              getpid());
     for (void *block : blocks) {
         OSMemTypeFreeMon(block, 0, 0, __LINE__, "test");
     }
     EXPECT_EQ(tamoctl({"mem", pid}).output.find("mem_probe"), std::string::npos);
-
-    const Outcome none = tamoctl({"mem", "1"});
-    EXPECT_EQ(none.code, 1);
-    EXPECT_EQ(lineCount(none.errors), 1U) << none.errors;
 }
 
 uint32_t neverRun(uint32_t, void *, uint32_t) {
@@ -226,27 +272,113 @@ TEST(TamoctlQueues, showsDepthAndOwnerAndMarksTheDead) {
     ASSERT_EQ(owner.hear(), "open");
     owner.kill();
 
-    const Json json = parse(tamoctl({"queues", "--json"}));
-    const cJSON *waiting = entryWith(json.get(), "name", "ctl.waiting");
+    const Outcome outcome = tamoctl({"queues", "--json"});
+    const Json waiting = objectWith(outcome, "name", "ctl.waiting");
     EXPECT_EQ(numberOf(waiting, "pid"), getpid());
     EXPECT_EQ(numberOf(waiting, "depth"), 3);
     EXPECT_EQ(numberOf(waiting, "bytes"), 3 * (sizeof(void *) == 8 ? 34 : 26));
-    EXPECT_TRUE(
-        cJSON_IsFalse(cJSON_GetObjectItem(entryWith(json.get(), "name", "ctl.dead"), "alive")));
-    const std::string plain = tamoctl({"queues"}).output;
-    EXPECT_NE(plain.find("ctl.dead\t-\t(dead)\t"), std::string::npos) << plain;
-    EXPECT_NE(plain.find("ctl.waiting\t" + std::to_string(getpid()) + "\ttamoctl_test\t3\t"),
-              std::string::npos)
-        << plain;
+    const Json dead = objectWith(outcome, "name", "ctl.dead");
+    EXPECT_TRUE(cJSON_IsFalse(cJSON_GetObjectItem(dead.get(), "alive")));
+    const std::string pid = std::to_string(getpid());
+    tryAll({{{"queues"}, 0, "ctl.dead\t-\t(dead)\t"},
+            {{"queues", "ctl.w*"}, 0, "ctl.waiting\t" + pid + "\ttamoctl_test\t3\t"},
+            {{"queues", "ctl.wating"}, 1, "did you mean 'ctl.waiting'?"},
+            {{"call", "ctl.wating", "libconference_common.so.1:ConfConfigGetConfConfig"},
+             1,
+             "did you mean 'ctl.waiting'?"},
+            {{"call", "ctl.waiting", "libconference_common.so.1:nothing"}, 1, "'nothing'"}});
+    const Outcome found = tamoctl({"doctor", "--json"});
+    EXPECT_EQ(found.code, 1);
+    EXPECT_NE(objectWith(found, "subject", "ctl.dead"), nullptr);
+    EXPECT_NE(objectWith(found, "subject", "ctl.waiting"), nullptr) << "it takes no message";
     TamoHostMsgClose(queue);
 }
 
-/* ---- completion ---- */
+const support::ChildRole server("server", [](const support::ChildArguments &) {
+    TamoHostQueue *queue = nullptr;
+    support::tellParent(TamoHostMsgOpen("ctl.server", &queue) == 0 ? "open" : "failed");
+    OsMsgHeader *message = nullptr;
+    while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
+        ConfCommMsgProcess(message);
+        TamoHostMsgFree(message);
+    }
+    return 0;
+});
 
-/* What completing the last word offers, one a line. */
-std::string completed(const std::string &words) {
+TEST(TamoctlCall, runsAHandlerOfTheLibraryInItsProcess) {
+    ASSERT_EQ(tamoctl({"set", "Call.key", "of Call.key"}).code, 0);
+    support::ChildProcess child("server");
+    ASSERT_EQ(child.hear(), "open");
+    const std::string handler = "libconference_common.so.1:ConfConfigGetConfConfig";
+    tryAll({{{"call", "ctl.server", handler, "--block", "Call.key"},
+             0,
+             "result 0\nCall.key\tof Call.key\n"},
+            {{"call", "ctl.server", handler, "0x1", "--json", "--block", "Call.key"},
+             0,
+             "{\"result\":0,\"values\":{\"Call.key\":\"of Call.key\"}}\n"}});
+    child.kill();
+}
+
+/* ---- help, manual page, completion ---- */
+
+std::set<std::string> longOptions(const std::string &text) {
+    std::set<std::string> found;
+    for (size_t at = 0; (at = text.find("--", at)) != std::string::npos;) {
+        const size_t end = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz", at + 2);
+        if (end > at + 2) {
+            found.insert(text.substr(at, end - at));
+        }
+        at = end == std::string::npos ? text.size() : end;
+    }
+    return found;
+}
+
+TEST(TamoctlHelp, theManualPageAndTheCompletionSayWhatTheHelpSays) {
+    std::string page = tamoctl({"help", "--man"}).output;
+    for (size_t at; (at = page.find("\\-")) != std::string::npos;) {
+        page.erase(at, 1);
+    }
+    const std::string help = tamoctl({"--help"}).output;
+    size_t count = 0;
+    for (const std::string &line : linesOf(help.substr(0, help.find("\nOptions:")))) {
+        if (!line.starts_with("  ") || line[2] == ' ') {
+            continue;
+        }
+        const std::string name = line.substr(2, line.find("  ", 2) - 2);
+        Words words = {"complete", "tamoctl"}, asked = {"help"};
+        std::istringstream parts(name);
+        for (std::string part; parts >> part;) {
+            words.push_back(part);
+            asked.push_back(part);
+        }
+        words.push_back("--");
+        const std::string own = tamoctl(asked).output;
+        const std::string options =
+            own.substr(own.find("\nOptions:"), own.find("\nExamples:") - own.find("\nOptions:"));
+        std::set<std::string> offered;
+        for (const std::string &offer : linesOf(tamoctl(words).output)) {
+            offered.insert(offer.substr(0, offer.find('\t')));
+        }
+        if (name != "complete") {
+            EXPECT_EQ(offered, longOptions(options)) << name;
+        }
+        const size_t section = page.find(".SS \"tamoctl " + name);
+        ASSERT_NE(section, std::string::npos) << name;
+        const std::string part = page.substr(section, page.find("\n.S", section + 1) - section);
+        for (const std::string &option : longOptions(options)) {
+            const bool isCommon = option == "--root" || option == "--help";
+            EXPECT_TRUE(isCommon || longOptions(part).contains(option)) << name << option;
+        }
+        count++;
+    }
+    EXPECT_GE(count, 20U);
+}
+
+/* What bash offers for the last word, one a line. The words are as bash splits them. */
+std::string completed(const std::string &line, const std::string &words) {
     const std::string script =
-        "PATH='" TAMOCTL_DIRECTORY "':$PATH; . '" TAMOCTL_COMPLETION "'; COMP_WORDS=(" + words +
+        "PATH='" TAMOCTL_DIRECTORY "':$PATH; . '" TAMOCTL_COMPLETION "'; COMP_LINE=" + line +
+        "; COMP_POINT=${#COMP_LINE}; COMP_WORDS=(" + words +
         "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _tamoctl; "
         "printf '%s\\n' \"${COMPREPLY[@]}\"";
     return Program({"bash", "-c", script}).finish().output;
@@ -254,24 +386,37 @@ std::string completed(const std::string &words) {
 
 TEST(TamoctlCompletion, offersCommandsOptionsKeysAndProcesses) {
     ASSERT_EQ(tamoctl({"set", "Complete.a", "1", "Complete.b", "2"}).code, 0);
-    EXPECT_EQ(completed("tamoctl l"), "list\nlog\n");
-    EXPECT_EQ(completed("tamoctl log --l"), "--lines\n--level\n");
-    EXPECT_EQ(completed("tamoctl log --level w"), "warning\n");
-    EXPECT_EQ(completed("tamoctl import '" TAMOCTL_COMPLETION "'"), TAMOCTL_COMPLETION "\n");
-    EXPECT_EQ(completed("tamoctl watch -t 2 Complete.b"), "Complete.b\n");
-    EXPECT_EQ(completed("tamoctl get Complete.a Comp"), "Complete.a\nComplete.b\n");
-    EXPECT_EQ(completed("tamoctl set Complete.a ''"), "\n") << "no values";
-    EXPECT_EQ(completed("tamoctl cert --json c"), "ca\ncrl\n");
-    EXPECT_EQ(completed("tamoctl cert ca r"), "remove\n");
+    const struct {
+        const char *line, *words; /* null: as the line */
+        std::string offers;
+    } cases[] = {
+        {"tamoctl l", nullptr, "list\nlog\n"},
+        {"tamoctl log --l", nullptr, "--lines\n--level\n"},
+        {"tamoctl log --level w", nullptr, "warning\n"},
+        {"tamoctl log --level=w", "tamoctl log --level = w", "warning\n"},
+        {"tamoctl import " TAMOCTL_COMPLETION, nullptr, TAMOCTL_COMPLETION "\n"},
+        {"tamoctl watch -t 2 Complete.b", nullptr, "Complete.b\n"},
+        {"tamoctl get Complete.a Comp", nullptr, "Complete.a\nComplete.b\n"},
+        {"tamoctl get 'Comp", "tamoctl get \\'Comp", "Complete.a\nComplete.b\n"},
+        {"tamoctl set Complete.a ", "tamoctl set Complete.a ''", "\n"},
+        {"tamoctl cert c", nullptr, "ca\ncrl\n"},
+        {"tamoctl cert ca r", nullptr, "remove\n"},
+        {"tamoctl --root=/nowhere get Comp", "tamoctl --root = /nowhere get Comp", "\n"},
+    };
+    for (const auto &[line, words, offers] : cases) {
+        EXPECT_EQ(completed('"' + std::string(line) + '"', words == nullptr ? line : words), offers)
+            << line;
+    }
     void *block = OsMemMallocSetCharMon(1, 0, 0, 0, __LINE__, "test");
-    EXPECT_NE(completed("tamoctl mem ''").find(std::to_string(getpid()) + "\n"), std::string::npos);
+    EXPECT_NE(completed("'tamoctl mem '", "tamoctl mem ''").find(std::to_string(getpid()) + "\n"),
+              std::string::npos);
     OSMemTypeFreeMon(block, 0, 0, __LINE__, "test");
 }
 
 TEST(TamoctlCompletion, runsNothingThatStandsInAKey) {
     const std::string victim = std::string(getenv("TAMO_DEVICE_ROOT")) + "/completion-ran";
     ASSERT_EQ(tamoctl({"set", "Evil.$(touch " + victim + ")", "1"}).code, 0);
-    EXPECT_NE(completed("tamoctl get Evil"), "\n");
+    EXPECT_NE(completed("'tamoctl get Evil'", "tamoctl get Evil"), "\n");
     EXPECT_NE(access(victim.c_str(), F_OK), 0);
 }
 

@@ -1,0 +1,22 @@
+/* The functions that run the commands, for their table. */
+#pragma once
+
+namespace tamoctl {
+
+struct Command;
+class Arguments;
+
+using Run = int(const Command &command, const Arguments &arguments);
+
+Run runGet, runSet, runList;
+Run runWatch;
+Run runImport, runExport;
+Run runLog;
+Run runMem, runQueues;
+Run runCall;
+Run runDoctor;
+Run runCertList, runCertInstall, runCertRemove;
+Run runCertCaInstall, runCertCaRemove, runCertCrlInstall, runCertCrlRemove;
+Run runHelp, runComplete;
+
+}  // namespace tamoctl
