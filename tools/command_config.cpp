@@ -1,4 +1,4 @@
-/* tamoctl get, set and list: the configuration service's keys and values. */
+/* tamoctl get, set, reset and list: the configuration service's keys and values. */
 #include <strings.h>
 
 #include <cstdio>
@@ -149,6 +149,36 @@ int runGet(const Command &command, const Arguments &arguments) {
 int runSet(const Command &command, const Arguments &arguments) {
     arguments.has("secret") ? setSecret(command, arguments.operands())
                             : setPairs(command, arguments.operands());
+    return kSuccess;
+}
+
+int runReset(const Command &command, const Arguments &arguments) {
+    const std::span<char *const> words = arguments.operands();
+    if (words.empty()) {
+        failUsage(command, "a key, or a prefix that ends with '.', is missing");
+    }
+    requireRoot(command);
+    const Entries entries = readStore(command, nullptr);
+    std::vector<const char *> keys;
+    for (const char *word : words) {
+        const size_t before = keys.size(), length = strlen(word);
+        const bool isPrefix = length != 0 && word[length - 1] == '.';
+        for (const auto &[key, value] : entries) {
+            if (strncasecmp(key.c_str(), word, length) == 0 && (isPrefix || key.size() == length)) {
+                keys.push_back(key.c_str());
+            }
+        }
+        if (keys.size() == before && isPrefix) {
+            fail(command, "no key begins with '%s': nothing was removed", word);
+        }
+        if (keys.size() == before) {
+            failUnknownKey(command, word);
+        }
+    }
+    const uint32_t result = TamoHostConfigReset(keys.data(), static_cast<uint32_t>(keys.size()));
+    if (result != TAMO_HOST_OK && result != TAMO_HOST_NOT_FOUND) {
+        failHost(command, "nothing was removed", result);
+    }
     return kSuccess;
 }
 

@@ -60,6 +60,19 @@ std::vector<Command> makeCommands() {
           "tamoctl set --secret Conf.SIPCallParam.sipPwd <password.txt"},
          runSet,
          true});
+    table.push_back(
+        {"reset",
+         "KEY|PREFIX. ...",
+         "remove configuration keys",
+         "Removes the keys in one transaction. A word that ends with '.' names all keys "
+         "that begin with it. Subscribers are told an empty value of each. A key that "
+         "is not stored is reported and makes the exit status 1; then nothing is "
+         "removed.",
+         {},
+         {Kind::key},
+         true,
+         {"tamoctl reset Conf.Audio.gain", "tamoctl reset Conf.Audio."},
+         runReset});
     table.push_back({"list",
                      "[GLOB]",
                      "list configuration keys and values",
@@ -114,7 +127,7 @@ std::vector<Command> makeCommands() {
          "or the new one, whole, readable for its owner alone. Passwords are exported as they are "
          "stored, encrypted.\n"
          "A key or value that is not UTF-8 cannot stand in JSON: it is left out and reported, and "
-         "the exit status is 1.",
+         "the exit status is 1. 'reset' removes it.",
          {{'p', "prefix", "PREFIX", "write the keys that begin with PREFIX alone", Kind::key}},
          {Kind::file},
          false,

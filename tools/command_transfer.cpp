@@ -167,7 +167,8 @@ int runImport(const Command &command, const Arguments &arguments) {
     }
     const char *name = arguments.operands()[0], *prefix = arguments.text("prefix");
     if (prefix != nullptr && arguments.has("replace")) {
-        failUsage(command, "--replace is for a whole store");
+        failUsage(command,
+                  "--replace is for a whole store: use 'tamoctl reset' before, for a part");
     }
     ConfigEntries entries;
     const std::string problem = readEntries(readAll(command, name), &entries);
@@ -209,7 +210,7 @@ int runExport(const Command &command, const Arguments &arguments) {
     if (!leftOut.empty()) {
         fail(command,
              "the key '%s' or its value is not UTF-8, or too long, and was left out; the rest is "
-             "written",
+             "written: 'tamoctl reset' removes it",
              leftOut.c_str());
     }
     return kSuccess;

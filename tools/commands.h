@@ -8,7 +8,7 @@ class Arguments;
 
 using Run = int(const Command &command, const Arguments &arguments);
 
-Run runGet, runSet, runList;
+Run runGet, runSet, runReset, runList;
 Run runWatch;
 Run runImport, runExport;
 Run runLog;

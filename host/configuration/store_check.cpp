@@ -15,6 +15,7 @@ namespace {
 
 constexpr int kBusyMs = 10000;
 constexpr int kApplicationId = 0x54434F4E;
+constexpr const char *kOldestVersion = "2"; /* as a text: versions have one digit */
 
 using Database = std::unique_ptr<sqlite3, decltype(&sqlite3_close)>;
 
@@ -47,6 +48,9 @@ std::string findFault(const char *path) {
     }
     if (application != std::to_string(kApplicationId)) {
         return "the file is not a configuration store";
+    }
+    if (ask(opened, "PRAGMA user_version") < kOldestVersion) {
+        return "the store is of a version that was never released";
     }
     const std::string verdict = ask(opened, "PRAGMA quick_check(1)");
     if (verdict != "ok") {

@@ -214,6 +214,8 @@ TEST_F(TamoctlStore, whatJsonCannotHoldIsLeftOutAndNamed) {
     EXPECT_NE(outcome.errors.find("'Bytes\\xff'"), std::string::npos) << outcome.errors;
     EXPECT_EQ(fileText(name), "{\n  \"Plain\": \"2\"\n}\n");
     EXPECT_EQ(tamoctl({"export", "/dev/null"}).code, 1);
+    EXPECT_EQ(tamoctl({"reset", "Bytes\xFF"}).code, 0);
+    EXPECT_EQ(exported(), fileText(name));
 }
 
 TEST_F(TamoctlStore, aPrefixChoosesAPart) {

@@ -91,6 +91,12 @@ TEST(TamoctlConfig, values) {
         {{"list", "--header", "Ctl.w?de"}, 0, "KEY\tVALUE\nCtl.wide\t"},
         {{"list", "--timeout", "60", "Ctl.A"}, 0, "Ctl.A\tfirst\n"},
         {{"list", "Nothing.*"}, 1, "'Nothing.*'"},
+        {{"reset", "Ctl.A", "Ctl.lacks"}, 1, "'Ctl.lacks'"},
+        {{"reset", "No."}, 1, "'No.'"},
+        {{"get", "Ctl.A"}, 0, "first\n"},
+        {{"reset", "ctl.a", "Ctl.List."}, 0, ""},
+        {{"get", "Ctl.A"}, 1, "'Ctl.A'"},
+        {{"list", "Ctl.*"}, 0, "Ctl.B\t-5\nCtl.wide\t"},
     });
 }
 
