@@ -13,7 +13,7 @@ packages=(
     dpkg-dev file # Debian packages
     libevent-dev # the benchmark of the timers compares with it
 )
-clang_packages=(clang lld clang-format clang-tidy libclang-rt-14-dev qemu-user)
+clang_packages=(clang lld clang-format clang-tidy libclang-rt-14-dev qemu-user zsh fish)
 
 case ${1-} in
     '') ;;

@@ -1,4 +1,5 @@
-/* See config_json.h. */
+/* See config_json.h. cJSON reads the text, as it does for the library: its tolerance (any bytes, the same
+ * key twice, a zero character) is made up for here, which is less than a second JSON library. */
 #include "config_json.h"
 
 #include <algorithm>

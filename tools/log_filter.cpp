@@ -1,4 +1,4 @@
-/* Records of a log: see log_filter.h. */
+/* Records of a log: see log_filter.h. Times are read by strptime, patterns by regcomp and fnmatch. */
 #include "log_filter.h"
 
 #include <fnmatch.h>

@@ -1,4 +1,4 @@
-/* See progress.h. */
+/* See progress.h. Debian has no C or C++ library for a bar; this is less than drawing one with curses. */
 #include "progress.h"
 
 #include <unistd.h>

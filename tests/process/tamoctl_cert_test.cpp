@@ -54,7 +54,7 @@ TEST(TamoctlCert, RefusesWhatDoesNotWork) {
          "both be installed as 'one.pem'"},
         {{"ca", "install", in + "one.pem", in + "two.key"}, 1, "no certificate"},
         {{"ca", "remove", "../server"}, 1, "cert list"},
-        {{"ca"}, 2, "install FILE"},
+        {{"ca"}, 2, "'cert ca install'"},
         {{}, 2, "--help"}};
     for (const auto &[words, code, says] : cases) {
         Words all = {"cert"};
@@ -159,7 +159,7 @@ TEST(TamoctlCert, AReplacedKeyIsGoneOnceNobodyCanNeedIt) {
     const string listed = tamoctl({"cert", "list"}).output;
     EXPECT_NE(listed.find("replaced\t263\tCN=Second\t"), string::npos) << listed;
     EXPECT_NE(listed.find(", in the engine, kept until 2"), string::npos) << listed;
-    EXPECT_NE(tamoctl({"cert", "list", "--json"}).output.find("\"keptUntil\":\t\"2"), string::npos);
+    EXPECT_NE(tamoctl({"cert", "list", "--json"}).output.find("\"keptUntil\":\"2"), string::npos);
 
     const string current = std::filesystem::read_symlink(native("/data/certfile/server/263"));
     for (const string &name : certs::list("/data/certfile/server")) {
@@ -192,7 +192,7 @@ TEST(TamoctlCert, InstallsListsAndRemoves) {
     EXPECT_EQ(listed.find("server\t263\tCN=Saal ü\tCN=Root\t"), 0U) << listed;
     EXPECT_NE(listed.find("\tRSA 2048, in the engine\nca\troot.pem\tCN=Root\t"), string::npos);
     EXPECT_NE(listed.find("crl\trevoked_crl.pem\t\tCN=Root\t"), string::npos) << listed;
-    EXPECT_NE(tamoctl({"cert", "list", "--json"}).output.find("\"daysLeft\":\t36"), string::npos);
+    EXPECT_NE(tamoctl({"cert", "list", "--json"}).output.find("\"daysLeft\":36"), string::npos);
 
     EXPECT_EQ(tamoctl({"cert", "remove", "263"}).code, 0);
     EXPECT_EQ(tamoctl({"cert", "ca", "remove", "root.pem"}).code, 0);

@@ -15,6 +15,7 @@
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
 #include "tamo_host.h"
+#include "tests/host/config_records.h"
 #include "tests/process/program.h"
 #include "tests/support/child_process.h"
 #include "tests/support/scratch_root.h"
@@ -105,6 +106,11 @@ TEST(TamoctlConfig, aTerminalGetsATableThatFits) {
         tamoctl({"set", "T.a", std::string(100, 'x'), "T.bytes", "\xE6\x97\xA5\xE6\x9C\xAC\x1b[2J"})
             .code,
         0);
+    ASSERT_EQ(support::set("Raw", "a\xFF\xC3"), 0);
+    EXPECT_NE(tamoctl({"list", "Raw"}, true).output.find("Raw  a\\xff\\xc3\r"), std::string::npos);
+    EXPECT_EQ(tamoctl({"get", "Raw"}, true).output, "a\\xff\\xc3\r\n");
+    EXPECT_EQ(tamoctl({"list", "--json", "Raw"}).output,
+              "{\"key\":\"Raw\",\"value\":\"a\xEF\xBF\xBD\xEF\xBF\xBD\"}\n");
     setenv("COLUMNS", "24", 1);
     EXPECT_EQ(tamoctl({"list", "T.*"}, true).output,
               "KEY      VALUE\r\n"
@@ -378,6 +384,20 @@ TEST(TamoctlHelp, theManualPageAndTheCompletionSayWhatTheHelpSays) {
         count++;
     }
     EXPECT_GE(count, 20U);
+}
+
+/* Where the shells are installed. */
+TEST(TamoctlCompletion, isGoodZshAndFish) {
+    const std::string directory = std::filesystem::path(TAMOCTL_COMPLETION).parent_path();
+    const auto run = [&](const std::string &shell, const std::string &script) {
+        return Program({"sh", "-c", "command -v " + shell + " >/dev/null || exit 77; " + script})
+            .finish();
+    };
+    const int zsh = run("zsh", "zsh -n '" + directory + "/_tamoctl'").code;
+    EXPECT_TRUE(zsh == 0 || zsh == 77) << zsh;
+    const Outcome fish = run("fish", "PATH='" TAMOCTL_DIRECTORY "':$PATH fish -c \"source '" +
+                                         directory + "/tamoctl.fish'; complete -C 'tamoctl lis'\"");
+    EXPECT_TRUE(fish.code == 77 || fish.output.starts_with("list\t")) << fish.output << fish.errors;
 }
 
 /* What bash offers for the last word, one a line. The words are as bash splits them. */
