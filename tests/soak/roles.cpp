@@ -43,8 +43,8 @@ int openJournal(const std::string &path) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
 }
 
-void note(uint32_t number, uint32_t who = 0, uint32_t life = 0) {
-    const Note written = {who, life, number};
+void note(uint32_t number, uint32_t who = 0, uint32_t whoLife = 0) {
+    const Note written = {self.life, who, whoLife, number};
     if (write(ownJournal, &written, sizeof(written)) != ssize_t{sizeof(written)}) {
         fault("the journal takes no note");
     }
@@ -196,49 +196,32 @@ int writeValues() {
     return 0;
 }
 
-struct Seen {
-    uint32_t a = 0, b = 0;
-};
-std::map<std::pair<uint32_t, uint32_t>, Seen> seen;
-bool missedChanges;
+std::map<std::string, uint32_t> seen;
 
-uint32_t takeChange(const char *key, const char *value, bool isAll) {
+/* A note of 0 tells that changes were missed. */
+void takeChange(const TamoHostConfigChange &change) {
     uint32_t writer = 0;
     uint32_t life = 0;
     char which = 0;
-    if (sscanf(key, "Soak.w%u.%u.%c", &writer, &life, &which) != 3) {
-        return 0;
+    if (sscanf(change.key, "Soak.w%u.%u.%c", &writer, &life, &which) != 3) {
+        return;
     }
-    const auto number = static_cast<uint32_t>(strtoul(value, nullptr, 10));
-    Seen &last = seen[{writer, life}];
-    uint32_t &field = which == 'a' ? last.a : last.b;
-    missedChanges = missedChanges || isAll;
-    if (number < field || (!isAll && !missedChanges && number == field)) {
-        fault("%s was told %u after %u", key, number, field);
+    const auto number = static_cast<uint32_t>(strtoul(change.value, nullptr, 10));
+    uint32_t *last = &seen[change.key];
+    if (number < *last || (change.isAll == 0 && number == *last)) {
+        fault("%s was told %u after %u", change.key, number, *last);
     }
-    field = number;
+    *last = number;
+    if (which == 'a' && change.isAll != 0) {
+        note(0, writer, life);
+    }
     if (which == 'a') {
-        note(isAll ? 0 : number, writer, life);
+        note(number, writer, life);
     }
-    return 0;
 }
 
 uint32_t visitChange(const TamoHostConfigChange *change, void *) {
-    return takeChange(change->key, change->value, change->isAll != 0);
-}
-
-/* At the end every key must have been told as it is stored. */
-uint32_t compareStored(const char *key, const char *value, void *) {
-    uint32_t writer = 0;
-    uint32_t life = 0;
-    char which = 0;
-    if (sscanf(key, "Soak.w%u.%u.%c", &writer, &life, &which) == 3) {
-        const Seen &last = seen[{writer, life}];
-        const uint32_t told = which == 'a' ? last.a : last.b;
-        if (told != strtoul(value, nullptr, 10)) {
-            fault("%s is %s, and %u was told last", key, value, told);
-        }
-    }
+    takeChange(*change);
     return 0;
 }
 
@@ -250,9 +233,6 @@ int watch() {
     note(0, UINT32_MAX); /* from here on every write is seen */
     while (TamoHostConfigWatchNext(watch, 300, visitChange, nullptr) == TAMO_HOST_OK ||
            isEnding == 0) {
-    }
-    if (self.id == kSteady) {
-        TamoHostConfigList("Soak.w*", compareStored, nullptr);
     }
     TamoHostConfigWatchClose(watch);
     return 0;
@@ -360,8 +340,8 @@ int serveTls() {
 
 }  // namespace
 
-std::string journalOf(const std::string &role, uint32_t id, uint32_t life) {
-    return self.journals + "/" + role + "." + std::to_string(id) + "." + std::to_string(life);
+std::string journalOf(const std::string &role, uint32_t id) {
+    return self.journals + "/" + role + "." + std::to_string(id);
 }
 
 void fault(const char *format, ...) {
@@ -414,7 +394,7 @@ int runRole() {
     struct sigaction end = {};
     end.sa_handler = [](int) { isEnding = 1; };
     sigaction(SIGTERM, &end, nullptr);
-    ownJournal = openJournal(journalOf(self.role, self.id, self.life));
+    ownJournal = openJournal(journalOf(self.role, self.id));
     (void)TamoOmLogClientInit("C", 1);
     (void)ConfLogInit();
     SetLogLevel(0);

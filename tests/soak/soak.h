@@ -12,9 +12,10 @@ namespace soak {
 
 constexpr uint32_t kSteady = 0; /* the receiver and watchers that nobody kills */
 
-/* One entry of a journal. `who` and `life` name another process, where it is about one. */
+/* One entry of a journal, which all lives of a process share. `who` and `whoLife` name another process,
+ * where the note is about one. */
 struct Note {
-    uint32_t who, life, number;
+    uint32_t life, who, whoLife, number;
 };
 
 /* This process: its role, its number among those of the role, how often it was killed before, and the
@@ -27,7 +28,7 @@ struct Self {
 extern Self self;
 
 /* The name of a process's journal. */
-std::string journalOf(const std::string &role, uint32_t id, uint32_t life);
+std::string journalOf(const std::string &role, uint32_t id);
 
 /* Notes that something does not hold. */
 __attribute__((format(printf, 1, 2))) void fault(const char *format, ...);
