@@ -17,7 +17,6 @@ enum class ForkStage {
     kConfigReports,    /* asks the store under its lock */
     kConfigStore,
     kTimers, /* their manager records under no lock, but an expiry may start and stop timers */
-    kMessages,
     kDescriptors, /* the list of descriptors that a child does not keep */
     kLogFile,     /* every other one records */
     kLogLine,
