@@ -3,7 +3,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
-#include <cstdlib>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -30,16 +30,10 @@ constexpr char kCrl[] = "/data/certfile/CRL";
 constexpr int kCaFiles = 30;
 constexpr int kLists = 100;
 constexpr int kRefreshedFiles = 1000;
-constexpr size_t kRounds = 40;
 
 ConfOmCertHandler handler;
 
-void check(bool good, const char *what) {
-    if (!good) {
-        std::fprintf(stderr, "cert_bench: %s\n", what);
-        std::exit(1);
-    }
-}
+using bench::require;
 
 string native(const string &devicePath) {
     return support::scratchRoot() + devicePath;
@@ -48,18 +42,18 @@ string native(const string &devicePath) {
 /* ---- a server's context ---- */
 
 void loadBare(SSL_CTX *ctx) {
-    check(SSL_CTX_use_certificate_chain_file(ctx, native(kCertificate).c_str()) == 1 &&
-              SSL_CTX_use_PrivateKey_file(ctx, native(kKey).c_str(), SSL_FILETYPE_PEM) == 1 &&
-              SSL_CTX_check_private_key(ctx) == 1,
-          "the bare load failed");
+    require(SSL_CTX_use_certificate_chain_file(ctx, native(kCertificate).c_str()) == 1 &&
+                SSL_CTX_use_PrivateKey_file(ctx, native(kKey).c_str(), SSL_FILETYPE_PEM) == 1 &&
+                SSL_CTX_check_private_key(ctx) == 1,
+            "the bare load");
 }
 
 void loadByKey(SSL_CTX *ctx) {
-    check(ConfLoadServerCert(ctx, 0) == 0, "ConfLoadServerCert failed");
+    require(ConfLoadServerCert(ctx, 0) == 0, "ConfLoadServerCert");
 }
 
 void shakeHands(SSL_CTX *serverSide, SSL_CTX *clientSide) {
-    check(certs::shakeHands(serverSide, clientSide).done, "a handshake failed");
+    require(certs::shakeHands(serverSide, clientSide).done, "a handshake");
 }
 
 /* ---- a client's context ---- */
@@ -71,7 +65,7 @@ void addListsBare(SSL_CTX *ctx) {
         BIO *file = BIO_new_file(path.c_str(), "rb");
         X509_CRL *list = PEM_read_bio_X509_CRL(file, nullptr, nullptr, nullptr);
         BIO_free(file);
-        check(X509_STORE_add_crl(store, list) == 1, "a list was refused");
+        require(X509_STORE_add_crl(store, list) == 1, "adding a list");
         X509_CRL_free(list);
         X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
     }
@@ -81,7 +75,7 @@ void equipBare() {
     const Context ctx = certs::clientContext();
     for (int i = 0; i < kCaFiles; i++) {
         const string path = native(kCa) + "/ca" + std::to_string(i) + ".pem";
-        check(SSL_CTX_load_verify_file(ctx.get(), path.c_str()) == 1, "a CA file was refused");
+        require(SSL_CTX_load_verify_file(ctx.get(), path.c_str()) == 1, "loading a CA file");
     }
     addListsBare(ctx.get());
 }
@@ -90,9 +84,9 @@ void equip() {
     const Context ctx = certs::clientContext();
     ConfCaCertEntry table[CONF_CERT_MAX_CA_FILES];
     uint32_t count = 0;
-    check(ConfCertGetCaCertList(table, &count) == 0 && count == kCaFiles, "no CA files");
-    check(ConfCertLoadAllCaCert(ctx.get(), table, count) == 0, "the CA files were refused");
-    check(ConfAddCancelCrlToSslctx(ctx.get()) == 0, "the lists were refused");
+    require(ConfCertGetCaCertList(table, &count) == 0 && count == kCaFiles, "listing the CA files");
+    require(ConfCertLoadAllCaCert(ctx.get(), table, count) == 0, "loading the CA files");
+    require(ConfAddCancelCrlToSslctx(ctx.get()) == 0, "adding the lists");
 }
 
 /* ---- the program ---- */
@@ -165,23 +159,17 @@ int main() {
     ConfCertInit(nullptr);
 
     const Context bare = certs::serverContext(), equipped = certs::serverContext();
-    bool within =
-        bench::compare("A server's context, RSA key of 2048 bits",
-                       {{"the bare OpenSSL calls", 0, [&] { loadBare(bare.get()); }},
-                        {"ConfLoadServerCert, by key", 1.1, [&] { loadByKey(equipped.get()); }}},
-                       2, kRounds);
-    within = bench::compare("A client's context, 30 CA files and 100 lists of 100",
-                            {{"the bare OpenSSL calls", 0, equipBare},
-                             {"list, load all, add the lists", 1.1, equip}},
-                            1, kRounds) &&
-             within;
+    bench::compare({.title = "A server's context, RSA key of 2048 bits", .runs = 2, .rounds = 40},
+                   {{"the bare OpenSSL calls", 0, [&] { loadBare(bare.get()); }},
+                    {"ConfLoadServerCert, by key", 1.1, [&] { loadByKey(equipped.get()); }}});
+    bench::compare(
+        {.title = "A client's context, 30 CA files and 100 lists of 100", .rounds = 40},
+        {{"the bare OpenSSL calls", 0, equipBare}, {"list, load all, add the lists", 1.1, equip}});
     const Context client = certs::clientContext();
-    within = bench::compare(
-                 "Handshakes, TLS 1.3",
-                 {{"a bare context", 0, [&] { shakeHands(bare.get(), client.get()); }},
-                  {"an equipped context", 1.02, [&] { shakeHands(equipped.get(), client.get()); }}},
-                 1, kRounds) &&
-             within;
+    bench::compare(
+        {.title = "Handshakes, TLS 1.3", .rounds = 40, .seconds = 10},
+        {{"a bare context", 0, [&] { shakeHands(bare.get(), client.get()); }},
+         {"an equipped context", 1.02, [&] { shakeHands(equipped.get(), client.get()); }}});
     measureRefreshes(leaf);
-    return within ? 0 : 1;
+    return bench::finish();
 }

@@ -12,14 +12,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace bench {
@@ -218,13 +216,6 @@ inline void compare(const Table &table, std::vector<Row> rows) {
         }
     }
     std::fflush(stdout);
-}
-
-/* The same for what does not say its bounds at the end. */
-inline bool compare(const char *title, std::vector<Row> rows, size_t runs, size_t rounds = 400) {
-    const size_t before = missed.size();
-    compare({.title = title, .runs = runs, .rounds = rounds}, std::move(rows));
-    return missed.size() == before;
 }
 
 }  // namespace bench

@@ -1,5 +1,5 @@
 /* The timer manager: one thread that sleeps in a read of a kernel timer until the first tick at which a
- * timer is due.
+ * timer is due. The timers lie in a table (timer_table.h).
  *
  * - Tick k lies k tick lengths after the manager's start, on the monotonic clock. A timer is due n tick
  *   lengths after its creation and expires with the first tick that is not earlier. Due times are kept
@@ -26,9 +26,8 @@
 #include "host/base/thread.h"
 #include "host/timers/timer_table.h"
 
+namespace tamo::timers {
 namespace {
-
-using tamo::kNoSlot;
 
 constexpr char kUnit[] = "tamo_os_timer";
 constexpr uint64_t kNever = UINT64_MAX;
@@ -45,7 +44,7 @@ struct Manager {
     uint64_t alarmNs;  /* the tick that the alarm is set to; 0 while the thread is awake */
     uint32_t expiring; /* handle of the timer whose expiry runs, or 0 */
     uint32_t waiting;  /* threads that wait for its end */
-    tamo::TimerTable timers;
+    TimerTable timers;
 };
 
 constinit Manager manager{};
@@ -72,8 +71,8 @@ uint64_t tickFrom(uint64_t ns) {
 int setAlarm(uint64_t due) {
     const uint64_t tick = tickFrom(due);
     itimerspec when = {};
-    when.it_value.tv_sec = static_cast<time_t>(tick / tamo::kNsPerSecond);
-    when.it_value.tv_nsec = static_cast<long>(tick % tamo::kNsPerSecond);
+    when.it_value.tv_sec = static_cast<time_t>(tick / kNsPerSecond);
+    when.it_value.tv_nsec = static_cast<long>(tick % kNsPerSecond);
     if (timerfd_settime(manager.alarm, TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
         return errno;
     }
@@ -100,10 +99,9 @@ void expireFirst(uint64_t now) {
     const uint32_t handle = manager.timers.slots[slot].handle;
     const uint32_t start = manager.starts;
     if (record.periodic != 0) {
-        tamo::queueTimer(&manager.timers, slot,
-                         nextDue(tamo::firstDue(manager.timers), record.ticks, now));
+        queueTimer(&manager.timers, slot, nextDue(firstDue(manager.timers), record.ticks, now));
     } else {
-        tamo::unqueueTimer(&manager.timers, slot);
+        unqueueTimer(&manager.timers, slot);
     }
     manager.expiring = handle;
     pthread_mutex_unlock(&managerLock);
@@ -116,9 +114,9 @@ void expireFirst(uint64_t now) {
     }
     manager.expiring = 0;
     if (record.periodic == 0) {
-        const uint32_t ended = tamo::findTimer(manager.timers, handle);
+        const uint32_t ended = findTimer(manager.timers, handle);
         if (ended != kNoSlot) {
-            tamo::removeTimer(&manager.timers, ended);
+            removeTimer(&manager.timers, ended);
         }
     }
     if (manager.waiting != 0) {
@@ -129,8 +127,8 @@ void expireFirst(uint64_t now) {
 /* Runs what is due with the ticks until now. */
 void expireDue(uint32_t start) {
     while (manager.starts == start) {
-        const uint64_t now = tamo::monotonicNs();
-        if (manager.timers.queued == 0 || tickFrom(tamo::firstDue(manager.timers)) > now) {
+        const uint64_t now = monotonicNs();
+        if (manager.timers.queued == 0 || tickFrom(firstDue(manager.timers)) > now) {
             return;
         }
         expireFirst(now);
@@ -160,16 +158,15 @@ void *runManager(void *) {
         }
         manager.alarmNs = kNever;
         if (manager.timers.queued != 0) {
-            (void)setAlarm(tamo::firstDue(manager.timers)); /* a lost alarm shows when it is read */
+            (void)setAlarm(firstDue(manager.timers)); /* a lost alarm shows when it is read */
         }
         pthread_mutex_unlock(&managerLock);
         const bool rang = sleepUntilAlarm(alarm);
         if (!rang) {
-            tamo::hostRecord(
-                tamo::kError, kUnit, __LINE__,
-                "the timers stand still, their descriptor cannot be read (%s): keep this "
-                "program from closing or reading descriptors that it did not open",
-                strerror(errno));
+            hostRecord(kError, kUnit, __LINE__,
+                       "the timers stand still, their descriptor cannot be read (%s): keep this "
+                       "program from closing or reading descriptors that it did not open",
+                       strerror(errno));
         }
         pthread_mutex_lock(&managerLock);
         if (!rang && manager.starts == start) {
@@ -197,9 +194,8 @@ void afterForkInChild() {
 }
 
 __attribute__((constructor)) void watchForks() {
-    tamo::guardForks(tamo::ForkStage::kTimers,
-                     {[] { pthread_mutex_lock(&managerLock); },
-                      [] { pthread_mutex_unlock(&managerLock); }, afterForkInChild});
+    guardForks(ForkStage::kTimers, {[] { pthread_mutex_lock(&managerLock); },
+                                    [] { pthread_mutex_unlock(&managerLock); }, afterForkInChild});
 }
 
 /* Under the lock; 0, or the system's error. */
@@ -208,12 +204,12 @@ int startManager(uint32_t tickMicroseconds) {
     if (manager.alarm < 0) {
         return errno;
     }
-    tamo::clearTimers(&manager.timers); /* those of before a fork */
-    manager.startNs = tamo::monotonicNs();
+    clearTimers(&manager.timers); /* those of before a fork */
+    manager.startNs = monotonicNs();
     manager.tickNs = uint64_t{tickMicroseconds} * 1000;
     manager.alarmNs = 0;
     manager.starts++;
-    const int error = tamo::startThread("tamo_timer", runManager, nullptr);
+    const int error = startThread("tamo_timer", runManager, nullptr);
     if (error != 0) {
         close(manager.alarm);
         return error;
@@ -227,18 +223,18 @@ int createTimer(const OsTmrCreateParam &param, uint32_t *handle) {
     if (!manager.started) {
         return ESRCH;
     }
-    const uint32_t slot = tamo::addTimer(&manager.timers, param);
+    const uint32_t slot = addTimer(&manager.timers, param);
     if (slot == kNoSlot) {
         return ENOMEM;
     }
     *handle = manager.timers.slots[slot].handle;
-    const uint64_t due = tamo::monotonicNs() + param.ticks * manager.tickNs;
-    tamo::queueTimer(&manager.timers, slot, due);
+    const uint64_t due = monotonicNs() + param.ticks * manager.tickNs;
+    queueTimer(&manager.timers, slot, due);
     /* An earlier tick than the alarm's. */
     if (due + manager.tickNs <= manager.alarmNs) {
         const int error = setAlarm(due);
         if (error != 0) {
-            tamo::removeTimer(&manager.timers, slot);
+            removeTimer(&manager.timers, slot);
             return error;
         }
     }
@@ -246,6 +242,11 @@ int createTimer(const OsTmrCreateParam &param, uint32_t *handle) {
 }
 
 }  // namespace
+}  // namespace tamo::timers
+
+using namespace tamo::timers;
+using tamo::adviceOn;
+using tamo::hostRecord;
 
 uint32_t OsTmrManagerInit(uint32_t, uint32_t tickMicroseconds, uint32_t) {
     int error = EINVAL;
@@ -254,9 +255,9 @@ uint32_t OsTmrManagerInit(uint32_t, uint32_t tickMicroseconds, uint32_t) {
         error = manager.started ? 0 : startManager(tickMicroseconds);
     }
     if (error != 0) {
-        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
-                         "the timer manager does not start with a tick of %u microseconds: %s%s",
-                         tickMicroseconds, strerror(error), tamo::adviceOn(error));
+        hostRecord(tamo::kError, kUnit, __LINE__,
+                   "the timer manager does not start with a tick of %u microseconds: %s%s",
+                   tickMicroseconds, strerror(error), adviceOn(error));
     }
     return static_cast<uint32_t>(error);
 }
@@ -272,17 +273,17 @@ uint32_t OsTmrCreate(OsTmrCreateParam *param, uint32_t *handle) {
                            : error == EINVAL
                                ? "give it an expiry function and a place for its handle"
                                : strerror(error);
-        tamo::hostRecord(tamo::kError, kUnit, __LINE__, "a timer is not created: %s%s", what,
-                         tamo::adviceOn(error));
+        hostRecord(tamo::kError, kUnit, __LINE__, "a timer is not created: %s%s", what,
+                   adviceOn(error));
     }
     return static_cast<uint32_t>(error);
 }
 
 uint32_t OsTmrDelete(uint32_t handle) {
     const Locked lock;
-    const uint32_t slot = manager.started ? tamo::findTimer(manager.timers, handle) : kNoSlot;
+    const uint32_t slot = manager.started ? findTimer(manager.timers, handle) : kNoSlot;
     if (slot != kNoSlot) {
-        tamo::removeTimer(&manager.timers, slot);
+        removeTimer(&manager.timers, slot);
     }
     /* No other timer gets this handle, so that this is the end of its last expiry. */
     while (manager.expiring == handle && handle != 0 && !isManagerThread) {

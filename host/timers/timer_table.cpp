@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-namespace tamo {
+namespace tamo::timers {
 namespace {
 
 constexpr uint32_t kFirstCapacity = 64;
@@ -182,4 +182,4 @@ void clearTimers(TimerTable *table) {
     }
 }
 
-}  // namespace tamo
+}  // namespace tamo::timers

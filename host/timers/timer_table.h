@@ -16,7 +16,7 @@
 
 #include "platform/tamo_os_timer.h"
 
-namespace tamo {
+namespace tamo::timers {
 
 constexpr uint32_t kNoSlot = UINT32_MAX;
 
@@ -66,4 +66,4 @@ inline uint64_t firstDue(const TimerTable &table) {
 /* Forgets all timers; their handles are not drawn again soon. */
 void clearTimers(TimerTable *table);
 
-}  // namespace tamo
+}  // namespace tamo::timers
