@@ -1,6 +1,5 @@
 /* The certificate table, its updates and callbacks, and the path queries. */
 #include <algorithm>
-#include <thread>
 
 #include "tests/cert/cert_service.h"
 
@@ -136,23 +135,6 @@ TEST_F(CertStore, PathQueriesCheckCopyAndRecord) {
     EXPECT_EQ(askedFor, UINT32_MAX);
     ConfCertGetAddrCaPath(nullptr);
     EXPECT_EQ(log(), error("ConfCertGetAddrCaPath", "conf secure func failed, err = 22!\n"));
-}
-
-TEST_F(CertStore, RefreshesAndQueriesAtOnce) {
-    certs::write(ca + "/a.txt", "text");
-    handler(1, 0);
-    const auto refresh = [this](uint32_t msgId) {
-        for (int i = 0; i < 20; i++) {
-            handler(msgId, 0);
-            char path[512];
-            ConfCertGetAddrCaPath(path);
-            EXPECT_STREQ(path, "/data/storage\\");
-            EXPECT_EQ(certs::read(storage + "/a.txt"), "text");
-        }
-    };
-    std::thread one(refresh, 1), two(refresh, 3);
-    one.join();
-    two.join();
 }
 
 }  // namespace
