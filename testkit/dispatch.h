@@ -44,6 +44,9 @@ class Entry {
     Entry(Slot *slot, const char *name, const void *address);
 };
 
+/* In the table's file: who names it links the table. */
+extern const bool isTableLinked;
+
 enum class Verdict { kForward, kFail, kReplace, kPlatformsOwn };
 
 /* Counts a call and says what becomes of it. `caller` is the address it returns to. */

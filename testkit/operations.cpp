@@ -7,6 +7,8 @@
 
 #include "testkit/dispatch.h"
 
+const bool testkit::detail::isTableLinked = true;
+
 namespace {
 
 using testkit::detail::captureRecord;

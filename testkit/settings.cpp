@@ -9,8 +9,6 @@
 #include <mutex>
 #include <ostream>
 
-#include <tamo_os_mem.h>
-
 #include "testkit/dispatch.h"
 
 namespace testkit {
@@ -19,8 +17,9 @@ using detail::Slot;
 
 namespace {
 
-/* Whatever a test uses of the kit, the table of operations has to come out of the archive with it. */
-[[maybe_unused]] auto *const volatile needsTable = &OsMemMallocSetCharMon;
+/* Whatever a test uses of the kit, the table of operations comes out of the archive with it, also where
+ * the link line names the host first. */
+[[maybe_unused]] const bool *const volatile needsTable = &detail::isTableLinked;
 
 constinit Slot *firstSlot = nullptr;
 thread_local constinit int platformDepth = 0;

@@ -16,7 +16,7 @@ enum class ForkStage {
     kCertificateWatch, /* starts its thread, and records, under its lock */
     kConfigReports,    /* asks the store under its lock */
     kConfigStore,
-    kTimers, /* their manager records under no lock, but an expiry may start and stop timers */
+    kTimers,      /* their manager records under no lock, but an expiry may start and stop timers */
     kDescriptors, /* the list of descriptors that a child does not keep */
     kLogFile,     /* every other one records */
     kLogLine,
