@@ -45,6 +45,9 @@ void *operator new(size_t size) {
 void *operator new[](size_t size) {
     return takeOrThrow(size, __builtin_return_address(0));
 }
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    return malloc(size);
+}
 void operator delete(void *block) noexcept {
     free(block);
 }
