@@ -7,6 +7,7 @@
 #include "common/native_path.h"
 #include "platform/bounds_checked.h"
 #include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_memory.h"
 
 namespace {
 

@@ -8,17 +8,6 @@
 #include "common/platform_block.h"
 #include "include/xmlAdapter.h"
 
-/* Runs what may take memory in the XML library, which throws when there is none; the callers are C
- * functions. For files that are compiled with exceptions. */
-template <typename Result, typename Action>
-Result unlessNoMemory(Result otherwise, Action action) noexcept {
-    try {
-        return action();
-    } catch (...) {
-        return otherwise;
-    }
-}
-
 /* Every document behind a handle. It is a block of the platform's memory, where one that was never
  * released shows. */
 class ConfXMLDocument final : public tinyxml2::XMLDocument {

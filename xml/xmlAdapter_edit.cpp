@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "platform/bounds_checked.h"
 #include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_memory.h"
 
 using tinyxml2::XMLElement;
 

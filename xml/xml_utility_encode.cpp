@@ -7,6 +7,7 @@
 #include "include/xml_utility.h"
 #include "platform/bounds_checked.h"
 #include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_memory.h"
 #include "xml/xmlAdapter_owned.h"
 
 namespace {

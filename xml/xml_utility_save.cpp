@@ -15,6 +15,7 @@
 #include "common/log.h"
 #include "platform/tamo_os_file.h"
 #include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_memory.h"
 
 extern "C" {
 __attribute__((weak)) decltype(OsReplaceFile) OsReplaceFile;
