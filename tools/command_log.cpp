@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -39,7 +40,8 @@ LogOptions readOptions(const Command &command, const Arguments &arguments) {
     if (name[0] == 0 || name[0] == '.' || strpbrk(name, "/\\") != nullptr) {
         failUsage(command, "invalid log name '%s': it stands alone, without a directory", name);
     }
-    return {name, lines.value_or(arguments.has("since") ? SIZE_MAX : kDefaultLines),
+    const uint64_t most = lines.value_or(arguments.has("since") ? SIZE_MAX : kDefaultLines);
+    return {name, static_cast<size_t>(std::min<uint64_t>(most, SIZE_MAX)),
             when == "auto" ? wantsColor() : when == "always", arguments.has("json"),
             LogFilter(command, arguments)};
 }
