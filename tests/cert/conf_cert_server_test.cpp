@@ -112,7 +112,7 @@ TEST_F(CertServer, KeylessTakesTheKeyThatTheIdentifierStandsFor) {
     for (const auto &[key, result, record] : {std::tuple{leaf.key.get(), 0, string()},
                                               {nullptr, -1, refused},
                                               {other.key.get(), -1, refused}}) {
-        findKey = [&](const string &asked) { return asked == keyId ? key : nullptr; };
+        findKey = [&, key = key](const string &asked) { return asked == keyId ? key : nullptr; };
         EXPECT_EQ(load(), result);
         EXPECT_EQ(log(), begin + "3[GetOpensslEngine]ssl_engine has loaded\n" + record);
     }
