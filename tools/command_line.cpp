@@ -162,6 +162,11 @@ Arguments::Arguments(const Command &command, std::span<char *> words) : command_
             checkChoice(command, *option, optarg);
         }
         values_.emplace_back(option->name, optarg);
+        if (option->value == "COUNT") {
+            (void)number(option->name, 1);
+        } else if (option->value == "SECONDS") {
+            (void)seconds(option->name);
+        }
     }
     operands_ = words.subspan(static_cast<size_t>(optind));
     const size_t most = command.repeats ? SIZE_MAX : command.operands.size();

@@ -155,14 +155,15 @@ std::vector<std::string> storedKeys() {
 }
 
 int runMem(const Command &command, const Arguments &arguments) {
+    const char *word = arguments.operands().empty() ? nullptr : arguments.operands()[0];
+    const uint32_t asked = word == nullptr ? 0 : pidOf(word);
+    if (word != nullptr && asked == 0) {
+        failUsage(command, "invalid process id '%s'", word);
+    }
     requireRoot(command);
     rootPath(command, "/run");  // or else there is no root to look into
-    if (!arguments.operands().empty()) {
-        const uint32_t pid = pidOf(arguments.operands()[0]);
-        if (pid == 0) {
-            failUsage(command, "invalid process id '%s'", arguments.operands()[0]);
-        }
-        return showProcess(command, arguments, pid);
+    if (word != nullptr) {
+        return showProcess(command, arguments, asked);
     }
     Rows rows(command, arguments,
               {{"PID", "pid", true},
