@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <set>
 
 #include "platform/tamo_om_cert_client.h"
 #include "tests/process/cert_administrator.h"
 #include "tests/support/child_process.h"
+#include "tests/support/scratch_root.h"
 
 namespace {
 
@@ -200,6 +202,30 @@ TEST(TamoctlCert, InstallsListsAndRemoves) {
     EXPECT_EQ(tamoctl({"cert", "list"}).output, "");
     EXPECT_EQ(certs::list("/data/certfile/server"), Words{});
     EXPECT_EQ(certs::list("/keys"), Words{}) << "nor a key of the engine";
+}
+
+TEST(TamoctlCert, TheDoctorFindsAKeyOfAnother) {
+    removeAll();
+    ASSERT_EQ(install("263", certs::makeParty("One", "EC"), {}).code, 0);
+    EXPECT_EQ(tamoctl({"doctor"}).output.find("certificate"), string::npos);
+    certs::write("/data/certfile/server/263/key.pem", certs::keyPem(certs::makeParty("Two", "EC")));
+    const Outcome outcome = tamoctl({"doctor"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.output.find("server 263: its key does not belong"), string::npos)
+        << outcome.output;
+    removeAll();
+}
+
+TEST(TamoctlCert, ADirectoryThatCannotBeMadeIsToldAndNothingIsInstalled) {
+    const support::ScratchDirectory root;
+    ASSERT_EQ(mkdir((root.path() + "/data").c_str(), 0700), 0);
+    std::ofstream(root.path() + "/data/certfile") << "in the way";
+    certs::write("/data/in/ca.pem", certs::pem(certs::makeParty("Root", "EC")));
+    const Outcome outcome =
+        tamoctl({"--root", root.path(), "cert", "ca", "install", native("/data/in/ca.pem")});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.errors.find("nothing was installed"), string::npos) << outcome.errors;
+    EXPECT_TRUE(std::filesystem::is_regular_file(root.path() + "/data/certfile"));
 }
 
 }  // namespace
