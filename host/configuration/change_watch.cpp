@@ -128,6 +128,8 @@ uint32_t TamoHostConfigWatchOpen(TamoHostConfigWatch **watch) {
     }
     *watch = new (std::nothrow) TamoHostConfigWatch;
     if (*watch == nullptr) {
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
+                         "the configuration is not watched: there is no memory for the watch");
         return TAMO_HOST_NO_MEMORY;
     }
     uint32_t code = beginWatch(&(*watch)->watch);
