@@ -3,8 +3,10 @@
 #include "host/certificates/notify.h"
 
 #include <errno.h>
+#include <openssl/crypto.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
@@ -33,6 +35,11 @@ std::atomic<ConfOmCertHandler> handlerNow;
 
 /* Made anew after a fork; the parent's, whose thread is not there, is left as it is. */
 CertWatch *watch = nullptr;
+
+/* Held while the watch reads certificates. The process takes it at its end and keeps it, since OpenSSL
+ * releases then what the watch would still be using. */
+pthread_mutex_t lookLock = PTHREAD_MUTEX_INITIALIZER;
+bool endsLooking = false;
 
 /* ---- the versions that queries answer from ---- */
 
@@ -99,7 +106,10 @@ void *runWatch(void *) {
         return nullptr;
     }
     while (mine->wait()) {
-        tellAll(mine->look(), *mine);
+        pthread_mutex_lock(&lookLock);
+        const CertChanges changes = mine->look();
+        pthread_mutex_unlock(&lookLock);
+        tellAll(changes, *mine);
     }
     holdBack(nullptr);
     hostRecord(kError, kUnit, __LINE__,
@@ -122,6 +132,7 @@ void afterForkInChild() {
         watch->forget();
     }
     watch = nullptr;
+    lookLock = PTHREAD_MUTEX_INITIALIZER; /* its holder was not taken along */
     begun = Begun::kNot;
     handlerNow.store(nullptr, std::memory_order_relaxed);
     holdsBack = false;
@@ -129,8 +140,16 @@ void afterForkInChild() {
     unlockAll();
 }
 
-/* Without signals, which the watch needs. */
+void endLooking() {
+    pthread_mutex_lock(&lookLock);
+}
+
 int startWatch() {
+    if (!endsLooking) {
+        /* What is registered last runs first: OpenSSL registers its end now. */
+        (void)OPENSSL_init_crypto(0, nullptr);
+        endsLooking = atexit(endLooking) == 0;
+    }
     guardForks(ForkStage::kCertificateWatch, {lockAll, unlockAll, afterForkInChild});
     watch = new (std::nothrow) CertWatch;
     return watch == nullptr ? ENOMEM : startThread("tamo_cert", runWatch, nullptr);

@@ -19,7 +19,8 @@ std::atomic<uint64_t> now{1000 * kNsPerSecond};
 std::atomic<int> alarmFile{-1};
 
 std::mutex mutex;
-std::condition_variable slept;
+/* Never destroyed: the timer manager's thread uses it until the process is gone. */
+std::condition_variable &slept = *new std::condition_variable;
 uint64_t alarmAt; /* 0: it is not set */
 bool rung, asleep;
 
