@@ -90,11 +90,15 @@ timeval timevalOf(uint32_t ms) {
     return {static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
 }
 
-/* An event base with its loop on a thread of its own, until the end of the process. */
+/* An event base with its loop on a thread of its own, until the end of the process. It reads the exact
+ * clock, as the timer manager must: by the coarse one a timer expires some milliseconds early. */
 struct EventTimers {
     explicit EventTimers(Durations durations) : events(kOthers) {
         require(evthread_use_pthreads() == 0, "evthread_use_pthreads");
-        base = event_base_new();
+        event_config *config = event_config_new();
+        event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
+        base = event_base_new_with_config(config);
+        event_config_free(config);
         for (event &each : events) {
             assign(&each);
             add(&each, durations.next());

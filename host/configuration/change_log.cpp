@@ -32,7 +32,7 @@ namespace {
 constexpr int64_t kLogSize = 4 << 20;
 constexpr size_t kRowSize = 16 << 10;
 /* A process trims again when it has noted as much. */
-constexpr int64_t kTrimStep = 4096;
+constexpr int64_t kTrimStep = 64 << 10;
 
 constexpr const char *kAppend =
     "INSERT INTO change SELECT max(number) + ?1, ?2, ?3, ?4, ?5, ?6 FROM change";

@@ -1,7 +1,7 @@
 /* Waiting for changes of the configuration store, and the watch that tools have.
  *
- * A writer touches the log file when its write can be read, which the kernel tells to all who watch the
- * directory. One who was killed before, a kernel that has no more watches to give, a store that another
+ * A writer opens and closes the log file when its write can be read, which the kernel tells to all who
+ * watch the directory. One who was killed before, a kernel that has no more watches to give, a store that another
  * one replaces: for these there is a look at the change log ten times a second, which takes some
  * microseconds. */
 #include "host/configuration/change_watch.h"
@@ -25,7 +25,7 @@ namespace {
 
 constexpr const char *kUnit = "tamo_om_config_client";
 
-constexpr uint32_t kTouched = IN_ATTRIB;
+constexpr uint32_t kTold = IN_CLOSE_NOWRITE;
 /* Another store comes in place. */
 constexpr uint32_t kReplaced = IN_CREATE | IN_MOVED_TO;
 
@@ -34,7 +34,7 @@ Descriptor watchDirectory() {
     const int directory = rootDirectory("config");
     char path[32];
     (void)snprintf(path, sizeof(path), "/proc/self/fd/%d", directory);
-    if (events.isOpen() && inotify_add_watch(events.get(), path, kTouched | kReplaced) < 0) {
+    if (events.isOpen() && inotify_add_watch(events.get(), path, kTold | kReplaced) < 0) {
         events = Descriptor();
     }
     return events;

@@ -2,7 +2,7 @@
  *
  * One text per key in an SQLite database, config/config.db below the device root, which every process
  * opens for itself. A write is one transaction that also notes in the change log what it changed;
- * then it touches the log file beside the database, and the kernel wakes whoever waits for changes.
+ * then it opens and closes the log file beside the database, and the kernel wakes whoever waits for changes.
  * Nothing but the database is shared: no process depends on another that is stopped or killed.
  *
  * Files, in reading order:
