@@ -2,7 +2,8 @@
  *
  * One text per key in an SQLite database, config/config.db below the device root, which every process
  * opens for itself. A write is one transaction that also notes in the change log what it changed;
- * then it opens and closes the log file beside the database, and the kernel wakes whoever waits for changes.
+ * then it opens and closes the log file beside the database, and the kernel wakes whoever waits for
+ * changes.
  * Nothing but the database is shared: no process depends on another that is stopped or killed.
  *
  * Files, in reading order:
@@ -13,6 +14,7 @@
  * - change_reports.cpp         modules, their handlers, and the thread that reports to them
  * - host_operations.cpp        list, import and reset, for tools
  * - store_file                 the database: opened, judged, begun, taken over from an older version
+ * - store_log                  its log file: written in one piece for each write
  * - store_directory            its files' names, and how a damaged store is moved aside
  *
  * Threads and locks: a process has a connection for reading and one for writing, each with its lock,
