@@ -10,7 +10,6 @@
 #include <chrono>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +17,6 @@
 #include "include/conf_config.h"
 #include "tamo_host.h"
 #include "tests/host/config_records.h"
-#include "tests/host/disk_faults.h"
 #include "tests/support/child_process.h"
 
 namespace {
@@ -108,7 +106,6 @@ int ask(const char *question) {
 class ConfigReports : public testing::Test {
   protected:
     ConfigReports() { support::clearStore(); }
-    ~ConfigReports() override { support::diskFull = false; }
 };
 
 TEST_F(ConfigReports, EveryWriteIsOneReportOfTheKeysThatItChanged) {
@@ -187,74 +184,6 @@ TEST_F(ConfigReports, NoneIsLostOrDisorderedWhereTheHandlerIsSlowerThanThreeWrit
     EXPECT_EQ("all", slow->hear(40));
 }
 
-/* A program with a bound variable, which it sets itself and by reports; slowly, if it is told so. */
-int shared, last, calls;
-std::mutex applying;
-bool isSlow;
-uint8_t writesBack;
-
-void apply(const ConfConfigListItem *items, uint32_t count) {
-    if (isSlow) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    std::lock_guard guard(applying);
-    calls++;
-    ConfConfigSetList(items, static_cast<int32_t>(count), writesBack);
-    if (last != 0) {
-        tellParent(std::to_string(shared) + " after " + std::to_string(calls));
-    }
-}
-
-const support::ChildRole settingRole("applying", [](const ChildArguments &arguments) {
-    isSlow = arguments[0] == "slow";
-    writesBack = arguments[0] == "writes back" ? 1 : 0;
-    auto bind = [] {
-        ConfConfigBind("Shared", CONF_VALUE_INT, &shared, sizeof(shared), apply);
-        ConfConfigBind("Zlast", CONF_VALUE_INT, &last, sizeof(last), apply);
-    };
-    tellParent(ConfConfigInit(bind, "owner", "Conf") == 0 ? "watching" : "failed");
-    const int begin = atoi(support::hearParent().c_str());
-    for (int number = begin; begin != 0 && number < begin + 100; number++) {
-        ConfConfigListItem item = {"Shared", ""};
-        (void)snprintf(item.value, sizeof(item.value), "%d", number);
-        std::lock_guard guard(applying);
-        ConfConfigSetList(&item, 1, 1);
-    }
-    tellParent("done");
-    support::hearParent();
-    return 0;
-});
-
-TEST_F(ConfigReports, VariablesOfFourProcessesEndAsTheStore) {
-    std::vector<std::unique_ptr<ChildProcess>> all;
-    for (const char *manner : {"quick", "slow", "quick", "slow"}) {
-        all.push_back(start("applying", {manner}));
-    }
-    for (size_t at = 0; at < all.size(); at++) {
-        all[at]->tell(std::to_string(1000 * (at + 1)));
-    }
-    for (auto &each : all) {
-        EXPECT_EQ("done", each->hear(40));
-    }
-    ASSERT_EQ(0, set("Zlast", "1"));
-    for (auto &each : all) {
-        const std::string heard = each->hear(40);
-        EXPECT_EQ(get("Shared") + " ", heard.substr(0, heard.find("after"))) << heard;
-    }
-}
-
-TEST_F(ConfigReports, CallbackThatAppliesItsItemsEndsWhetherItWritesThemBackOrNot) {
-    for (const char *manner : {"quick", "writes back"}) {
-        support::clearStore();
-        auto applies = start("applying", {manner});
-        applies->tell("0");
-        EXPECT_EQ("done", applies->hear());
-        ASSERT_EQ(0, set("Shared", "7"));
-        ASSERT_EQ(0, set("Zlast", "1"));
-        EXPECT_EQ("7 after 2", applies->hear()) << manner;
-    }
-}
-
 /* What a writer leaves that is killed when it has committed and has woken nobody. */
 TEST_F(ConfigReports, ReportOfADeadWriterComesSoon) {
     ASSERT_EQ(0, set("a", "1"));
@@ -266,30 +195,6 @@ TEST_F(ConfigReports, ReportOfADeadWriterComesSoon) {
         EXPECT_EQ("a=7", watcher->hear());
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     }
-}
-
-/* Stops in the middle of its write. */
-const support::ChildRole importerRole("importer", [](const ChildArguments &) {
-    std::vector<TamoHostConfigPair> pairs(300, {"a", "2"});
-    std::vector<std::string> keys(pairs.size());
-    for (size_t at = 1; at < pairs.size(); at++) {
-        keys[at] = "key" + std::to_string(at);
-        pairs[at].key = keys[at].c_str();
-    }
-    auto stop = [](uint32_t, void *) {
-        tellParent("in the middle");
-        support::hearParent();
-    };
-    return static_cast<int>(TamoHostConfigImport(pairs.data(), 300, 0, stop, nullptr));
-});
-
-TEST_F(ConfigReports, WatcherThatBeginsWhileAWriteHoldsTheStoreHearsOfIt) {
-    ChildProcess importer("importer");
-    ASSERT_EQ("in the middle", importer.hear());
-    auto watcher = start();
-    importer.tell("go on");
-    EXPECT_EQ(support::exited(0), importer.wait());
-    EXPECT_EQ("a=2 key1=2 key10=2", watcher->hear().substr(0, 18));
 }
 
 TEST_F(ConfigReports, WatcherThatIsKilledOrStandsStillHarmsNobody) {
@@ -390,21 +295,6 @@ TEST_F(ConfigReports, ChildOfForkHasNoHandlers) {
     EXPECT_EQ(0, kill(fork, SIGKILL));
 }
 
-TEST_F(ConfigReports, RefusedWriteIsNotReported) {
-    auto watcher = start();
-    ASSERT_EQ(0, set("a", "1"));
-    support::diskFull = true;
-    ConfConfigOmRecord write[] = {record("a", "2"), record("b", "2")};
-    testing::internal::CaptureStderr();
-    EXPECT_NE(0, TamoOmConfigStringMset(write, 2));
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("disk full"));
-    support::diskFull = false;
-    EXPECT_EQ("1", get("a"));
-    ASSERT_EQ(0, set("b", "3"));
-    EXPECT_EQ("a=1", watcher->hear());
-    EXPECT_EQ("b=3", watcher->hear());
-}
-
 /* Whichever of its files are gone, reports go on: with all keys, for what was missed. */
 TEST_F(ConfigReports, RemovedFilesOfTheStoreDoNotEndReports) {
     auto watcher = start();
@@ -428,18 +318,6 @@ TEST_F(ConfigReports, RemovedFilesOfTheStoreDoNotEndReports) {
         hearOf(*watcher, "next=" + next);
         EXPECT_EQ(std::to_string(number), get("first"));
     }
-}
-
-TEST_F(ConfigReports, ForeignValueThatFitsNoReportIsLeftOut) {
-    auto watcher = start();
-    for (const char *foreign :
-         {"INSERT INTO setting VALUES ('big', printf('%.2000c', 'x'), 'big')",
-          "INSERT INTO setting VALUES ('k', '', printf('%.200c', 'k'))",
-          "INSERT INTO setting VALUES ('c', '1', CAST(x'63003D' AS TEXT))", "DELETE FROM change"}) {
-        ASSERT_EQ(-1, ask(foreign));
-    }
-    ASSERT_EQ(0, set("d", "2"));
-    hearOf(*watcher, "c=1 d=2");
 }
 
 }  // namespace
