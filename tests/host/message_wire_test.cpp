@@ -265,19 +265,6 @@ TEST_F(Wire, ARecordThatLiesIsRefused) {
     EXPECT_TRUE(queue_.isEmpty());
 }
 
-TEST_F(Wire, AHandlerThatNoLoadedModuleHasIsRefusedAtOnce) {
-    const Bytes bytes = record(kMessage, 0, bodyOf(doNothing, 0, {}), 1);
-    Line line;
-    line.hello();
-    line.publish(with(bytes, kIdLengthAt, 20, 1)); /* of zero bytes */
-    EXPECT_TRUE(queue_.isEmpty());
-    /* Without a place, an address in the body is worth nothing. */
-    line.publish(bytes);
-    OsMsgHeader *message = queue_.next();
-    EXPECT_EQ(headOf(message).handler, nullptr);
-    TamoHostMsgFree(message);
-}
-
 /* A receiver in the test's hands: the socket and the status file that senders look for. */
 class RogueReceiver {
   public:

@@ -285,25 +285,6 @@ TEST_F(Messages, AQueueHasOneOwnerAndAProperName) {
     EXPECT_EQ(TamoHostMsgOpen("x", nullptr), TAMO_HOST_INVALID);
 }
 
-TEST_F(Messages, ManyThreadsSendToOneReceiverAndGetTheirOwnAnswers) {
-    const Server server(kQueue);
-    const auto send = [](uint32_t seed) {
-        for (uint32_t i = 0; i < 200; ++i) {
-            const uint32_t param = seed * 1000 + i;
-            const Exchange exchange(kQueue, bodyOf(increment, param, pattern(i * 331, 3)));
-            ASSERT_EQ(exchange.result, TAMO_HOST_OK);
-            ASSERT_EQ(headOf(exchange.response).result, param + 1);
-        }
-    };
-    std::vector<std::thread> threads;
-    for (uint32_t i = 0; i < 8; ++i) {
-        threads.emplace_back(send, i);
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-}
-
 TEST_F(Messages, SendersAreServedInTurn) {
     Queue queue(kQueue);
     std::atomic<bool> ended{false};

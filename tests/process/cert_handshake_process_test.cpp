@@ -167,37 +167,4 @@ TEST(CertPrograms, TheFixedLayoutHasItsDirectories) {
     certs::remove("/data/cust/config/conference/conf_config.xml");
 }
 
-/* A line from the server behind a finished handshake; empty when there was none in time. */
-string greeting(uint16_t port) {
-    const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    const timeval patience = {5, 0}; /* less than the server has with one that stands idle */
-    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    EXPECT_EQ(connect(connection, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    const Context context = certs::clientContext();
-    const std::unique_ptr<SSL, decltype(&SSL_free)> client(SSL_new(context.get()), SSL_free);
-    SSL_set_fd(client.get(), connection);
-    char line[64] = "";
-    if (SSL_connect(client.get()) == 1) {
-        (void)SSL_read(client.get(), line, sizeof(line) - 1);
-    }
-    close(connection);
-    return line;
-}
-
-TEST(CertPrograms, TheExampleServesOthersWhileAClientStandsIdle) {
-    ASSERT_EQ(install("263", certs::makeParty("Example", "EC")).code, 0);
-    Program server({EXAMPLE_TLS_SERVER});
-    string line = server.line();
-    while (!line.empty() && line.find("listening on 127.0.0.1:") != 0) {
-        line = server.line();
-    }
-    const auto port = static_cast<uint16_t>(atoi(line.c_str() + line.rfind(':') + 1));
-    const int idle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(connect(idle, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    EXPECT_EQ(greeting(port), "welcome by TLSv1.3\n");
-    close(idle);
-}
-
 }  // namespace

@@ -161,22 +161,6 @@ TEST(ConfigStoreProcesses, WriterAndReaderDoNotWaitForEachOther) {
     EXPECT_EQ(support::exited(0), reader.wait());
 }
 
-/* The heavy one counts its transactions: so many pass while the light one waits for its own. */
-TEST(ConfigStoreProcesses, LightWriterWaitsForFewTransactionsOfOneWithoutPause) {
-    clearStore();
-    support::ChildProcess heavy("writer", {"1"});
-    ASSERT_EQ("1", heavy.hear());
-    std::vector<int> passed;
-    for (int round = 0; round < 15; round++) {
-        const int before = storedBatch();
-        ASSERT_EQ(0, set("light", std::to_string(round)));
-        passed.push_back(storedBatch() - before);
-    }
-    heavy.kill();
-    std::sort(passed.begin(), passed.end());
-    EXPECT_LE(passed[passed.size() / 2], 4);
-}
-
 TEST(ConfigStoreProcesses, LastOneToLeaveTakesOldValuesAlong) {
     const support::ScratchDirectory root;
     for (const char *end : {"killed", "orderly"}) {

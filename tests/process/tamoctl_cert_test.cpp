@@ -29,43 +29,31 @@ TEST(TamoctlCert, RefusesWhatDoesNotWork) {
     certs::write("/data/in/huge.pem", "");
     std::filesystem::resize_file(native("/data/in/huge.pem"), 100 << 20);
     const string in = native("/data/in/");
-    const struct {
-        Words words;
-        int code;
-        const char *says;
-    } cases[] = {
-        {{"install", "263", in + "one.pem", in + "two.key"}, 1, "does not belong"},
-        {{"install", "263", in + "one.pem", in + "locked.key"}, 1, "--passphrase"},
-        {{"install", "--passphrase", in + "wrong", "263", in + "one.pem", in + "locked.key"},
-         1,
-         "does not open"},
-        {{"install", "--passphrase", in + "none", "263", in + "one.pem", in + "locked.key"},
-         1,
-         "none' cannot be read: No such file"},
-        {{"install", "263", in + "two.key", in + "two.key"}, 1, "no certificate in PEM"},
-        {{"install", "263", in + "huge.pem", in + "two.key"}, 1, "more than 1 MiB"},
-        {{"install", "263", in + "none", in + "two.key"}, 1, "cannot be read"},
-        {{"install", "256", in + "one.pem", in + "two.key"}, 2, "257 to 266"},
-        {{"install", "--extra", in + "wrong", "263", in + "one.pem", in + "two.key"}, 1, "259"},
-        {{"install", "--json", "263", in + "one.pem", in + "two.key"}, 2, "option"},
-        {{"remove", "263"}, 1, "not installed"},
-        {{"ca", "install", in + "two.key"}, 1, "no certificate"},
-        {{"crl", "install", in + "one.pem"}, 1, "no revocation list"},
-        {{"ca", "install", in + "one.pem", in + "sub/one.crt"},
-         1,
-         "both be installed as 'one.pem'"},
-        {{"ca", "install", in + "one.pem", in + "two.key"}, 1, "no certificate"},
-        {{"ca", "remove", "../server"}, 1, "cert list"},
-        {{"ca"}, 2, "'cert ca install'"},
-        {{}, 2, "--help"}};
-    for (const auto &[words, code, says] : cases) {
-        Words all = {"cert"};
-        all.insert(all.end(), words.begin(), words.end());
-        const Outcome outcome = tamoctl(all);
-        EXPECT_EQ(outcome.code, code) << testing::PrintToString(words);
-        EXPECT_NE(outcome.errors.find(says), string::npos) << outcome.errors;
-        EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
-    }
+    tryAll({{{"install", "263", in + "one.pem", in + "two.key"}, 1, "does not belong"},
+            {{"install", "263", in + "one.pem", in + "locked.key"}, 1, "--passphrase"},
+            {{"install", "--passphrase", in + "wrong", "263", in + "one.pem", in + "locked.key"},
+             1,
+             "does not open"},
+            {{"install", "--passphrase", in + "none", "263", in + "one.pem", in + "locked.key"},
+             1,
+             "none' cannot be read: No such file"},
+            {{"install", "263", in + "two.key", in + "two.key"}, 1, "no certificate in PEM"},
+            {{"install", "263", in + "huge.pem", in + "two.key"}, 1, "more than 1 MiB"},
+            {{"install", "263", in + "none", in + "two.key"}, 1, "cannot be read"},
+            {{"install", "256", in + "one.pem", in + "two.key"}, 2, "257 to 266"},
+            {{"install", "--extra", in + "wrong", "263", in + "one.pem", in + "two.key"}, 1, "259"},
+            {{"install", "--json", "263", in + "one.pem", in + "two.key"}, 2, "option"},
+            {{"remove", "263"}, 1, "not installed"},
+            {{"ca", "install", in + "two.key"}, 1, "no certificate"},
+            {{"crl", "install", in + "one.pem"}, 1, "no revocation list"},
+            {{"ca", "install", in + "one.pem", in + "sub/one.crt"},
+             1,
+             "both be installed as 'one.pem'"},
+            {{"ca", "install", in + "one.pem", in + "two.key"}, 1, "no certificate"},
+            {{"ca", "remove", "../server"}, 1, "cert list"},
+            {{"ca"}, 2, "'cert ca install'"},
+            {{}, 2, "--help"}},
+           {"cert"});
     EXPECT_EQ(tamoctl({"cert", "list"}).output, "");
     for (const char *directory :
          {"/data/certfile/server", "/data/certfile/CA", "/data/certfile/.new"}) {
