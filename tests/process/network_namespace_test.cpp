@@ -1,5 +1,6 @@
 /* The choice of a local address on real networks: each network is built in a fork of the test, in a
  * network namespace of its own, and asked there. Nothing leaves the namespace. */
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -205,6 +206,24 @@ TEST(NetworkNamespace, Ipv6AddressesFollowTheRoutes) {
              {has, "2001:db8:77::9", "a local address"},
              {countAddresses, "net2", "no list"}}}}}}, /* more than 15,000 bytes */
         kAll);
+}
+
+TEST(IpHelper, MissingArgumentsAndNoRouteAreFailuresThatLeaveTheRecordsAlone) {
+    uint32_t number = 64;
+    IpSocketAddress6 other = {};
+    other.family = 2;
+    IpForwardRow row = {1, 2, 3, 4};
+    EXPECT_NE(GetBestRoute(inet_addr("10.0.0.1"), 0, nullptr), 0U);
+    EXPECT_NE(GetBestRoute(INADDR_NONE, 0, &row), 0U);
+    EXPECT_NE(GetBestInterfaceEx(nullptr, &number), 0U);
+    EXPECT_NE(GetBestInterfaceEx(&other, &number), 0U);
+    other.family = 23;
+    EXPECT_NE(GetBestInterfaceEx(&other, nullptr), 0U);
+    EXPECT_NE(GetAdaptersAddresses(23, 0, nullptr, nullptr, nullptr), 0U);
+    EXPECT_NE(GetAdaptersAddresses(2, 0, nullptr, nullptr, &number), 0U);
+    EXPECT_NE(GetIpAddrTable(nullptr, nullptr, 0), 0U);
+    EXPECT_EQ(row.interfaceIndex, 4U);
+    EXPECT_EQ(number, 64U);
 }
 
 }  // namespace
