@@ -331,13 +331,4 @@ TEST_F(Wire, AnAnswerThatLiesFailsItsRequest) {
     EXPECT_EQ(resultOfAnswer(inFile, 0, file.descriptor), TAMO_HOST_REFUSED);
 }
 
-TEST_F(Wire, AReceiverOfAnotherPointerWidthOrWithADamagedStatusFileIsNotSentTo) {
-    const RogueReceiver receiver(kOtherWidth);
-    EXPECT_EQ(Exchange("rogue", bodyOf(doNothing, 0, {})).result, TAMO_HOST_REFUSED);
-    for (const char *content : {"", "TMSQ", "something else altogether"}) {
-        std::ofstream(support::scratchRoot() + "/run/rogue.queue") << content;
-        EXPECT_EQ(sendAsync("rogue", bodyOf(doNothing, 0, {})), TAMO_HOST_SYSTEM) << content;
-    }
-}
-
 }  // namespace

@@ -128,52 +128,6 @@ TEST_F(ConfigReports, EveryWriteIsOneReportOfTheKeysThatItChanged) {
     EXPECT_EQ("stored", watcher->hear()) << "one that has left hears nothing";
 }
 
-/* Holds up its first report until all is written. */
-const support::ChildRole slowRole("slow", [](const ChildArguments &) {
-    static std::map<std::string, int> last;
-    static int count;
-    auto handler = [](uint32_t, uint32_t, uint32_t, const ConfConfigChangeList *changes) {
-        if (count++ == 0) {
-            tellParent("first");
-            support::hearParent();
-        }
-        const int number = atoi(changes->items[0].value->text);
-        const int before = last[changes->items[0].key.text]++;
-        if (changes->count != 1 || number != before + 1) {
-            tellParent("lost or disordered: " + asText(changes));
-        }
-        if (count == 1200) {
-            tellParent("all");
-        }
-    };
-    tellParent(watchWith(handler) ? "watching" : "failed");
-    pause();
-    return 0;
-});
-
-const support::ChildRole writerRole("writer", [](const ChildArguments &arguments) {
-    for (int number = 1; number <= 400; number++) {
-        if (set(arguments[0], std::to_string(number)) != 0) {
-            return 1;
-        }
-    }
-    return 0;
-});
-
-TEST_F(ConfigReports, NoneIsLostOrDisorderedWhereTheHandlerIsSlowerThanThreeWriters) {
-    auto slow = start("slow");
-    std::vector<std::unique_ptr<ChildProcess>> writers;
-    for (const char *key : {"one", "two", "three"}) {
-        writers.push_back(std::make_unique<ChildProcess>("writer", ChildArguments{key}));
-    }
-    EXPECT_EQ("first", slow->hear());
-    for (auto &writer : writers) {
-        EXPECT_EQ(support::exited(0), writer->wait(40)) << "a writer waits for no handler";
-    }
-    slow->tell("go on");
-    EXPECT_EQ("all", slow->hear(40));
-}
-
 /* What a writer leaves that is killed when it has committed and has woken nobody. */
 TEST_F(ConfigReports, ReportOfADeadWriterComesSoon) {
     ASSERT_EQ(0, set("a", "1"));

@@ -24,48 +24,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr uint32_t kBatch = 24;
-
 using support::clearStore;
 using support::configFile;
 using support::get;
 using support::kMissing;
 using support::record;
 using support::set;
-
-/* A batch is a number under many keys, made long enough that the log is carried over now and then. */
-std::vector<ConfConfigOmRecord> batch(int number) {
-    std::string value = std::to_string(number);
-    value.resize(1000, ' ');
-    std::vector<ConfConfigOmRecord> records;
-    for (uint32_t at = 0; at < kBatch; at++) {
-        records.push_back(record("batch.key" + std::to_string(at), value));
-    }
-    return records;
-}
-
-/* The number of the stored batch, -1 when it is not of one piece. */
-int storedBatch() {
-    std::vector<ConfConfigOmRecord> records = batch(0);
-    if (TamoOmConfigStringMget(records.data(), kBatch) != 0) {
-        return -1;
-    }
-    for (const ConfConfigOmRecord &one : records) {
-        if (strcmp(one.value.text, records[0].value.text) != 0) {
-            return -1;
-        }
-    }
-    return atoi(records[0].value.text);
-}
-
-const support::ChildRole writerRole("writer", [](const support::ChildArguments &arguments) {
-    for (int number = atoi(arguments[0].c_str());; number++) {
-        if (TamoOmConfigStringMset(batch(number).data(), kBatch) != 0) {
-            return 1;
-        }
-        support::tellParent(std::to_string(number));
-    }
-});
 
 /* A connection that holds what the client's own never hold for long. */
 const support::ChildRole holderRole("holder", [](const support::ChildArguments &arguments) {
@@ -104,32 +68,6 @@ const support::ChildRole fullDiskRole("fullDisk", [](const support::ChildArgumen
     fault = false;
     return held && set("a", "3") == 0 && get("a") == "3" && set("a", "1") == 0 ? 0 : 1;
 });
-
-TEST(ConfigStoreProcesses, KilledWriterLosesNothingAcknowledgedAndLeavesNothingHalf) {
-    std::minstd_rand random(20240711);
-    auto below = [&random](unsigned limit) { return static_cast<unsigned>(random()) % limit; };
-    int expected = 0;
-    for (int round = 0; round < 30; round++) {
-        support::ChildProcess child("writer", {std::to_string(expected + 1)});
-        int acknowledged = expected;
-        for (unsigned batches = below(12); batches > 0 && !HasFailure(); batches--) {
-            acknowledged = atoi(child.hear().c_str());
-        }
-        child.signal(SIGKILL);
-        for (std::string line = child.hear(); !line.empty(); line = child.hear()) {
-            acknowledged = atoi(line.c_str());
-        }
-        ASSERT_EQ(support::killed(SIGKILL), child.wait());
-        if (acknowledged == 0) {
-            continue;
-        }
-        int stored = storedBatch();
-        ASSERT_GE(stored, acknowledged);
-        ASSERT_LE(stored, acknowledged + 1);
-        expected = stored;
-    }
-    EXPECT_GT(expected, 30);
-}
 
 TEST(ConfigStoreProcesses, WriterAndReaderDoNotWaitForEachOther) {
     ASSERT_EQ(0, set("a", "1"));

@@ -95,26 +95,6 @@ TEST(TamoctlCert, SeveralFilesAreInstalledTogetherOrNotAtAll) {
     EXPECT_EQ(names, (std::set<string>{"a.pem", "b.pem", "c.pem"})) << "no temporary file";
 }
 
-TEST(TamoctlCert, InstallsAtOnceKeepEachOthersKeys) {
-    removeAll();
-    const Words ids = {"257", "258", "261", "262", "263", "264", "265", "266"};
-    std::vector<std::unique_ptr<Program>> running;
-    for (const string &id : ids) {
-        const certs::Party party = certs::makeParty(id, "EC");
-        certs::write("/data/in/" + id + ".pem", certs::pem(party));
-        certs::write("/data/in/" + id + ".key", certs::keyPem(party));
-    }
-    for (const string &id : ids) {
-        running.push_back(std::make_unique<Program>(Words{TAMOCTL, "cert", "install", "--engine",
-                                                          id, native("/data/in/" + id + ".pem"),
-                                                          native("/data/in/" + id + ".key")}));
-    }
-    for (const auto &program : running) {
-        EXPECT_EQ(program->finish().code, 0);
-    }
-    EXPECT_EQ(certs::list("/keys").size(), ids.size());
-}
-
 const support::ChildRole user("user", [](const support::ChildArguments &) {
     const bool good = TamoOmCertClientInit(nullptr) == 0 &&
                       TamoOmCertNotifyCallback([](uint32_t, uint32_t) {}) == 0;

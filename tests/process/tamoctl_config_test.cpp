@@ -227,35 +227,4 @@ TEST_F(TamoctlStore, aPrefixChoosesAPart) {
     EXPECT_EQ(tamoctl({"export", "--prefix", "C."}).code, 1);
 }
 
-/* Stops in the middle of its transaction. */
-const support::ChildRole importerRole("importer", [](const ChildArguments &) {
-    std::vector<std::string> keys;
-    std::vector<TamoHostConfigPair> all = {{"Kept", "of the killed one"}};
-    for (int at = 0; at < 20000; at++) {
-        keys.push_back("New." + std::to_string(at));
-    }
-    for (const std::string &key : keys) {
-        all.push_back({key.c_str(), "1"});
-    }
-    const auto stop = [](uint32_t done, void *) {
-        if (done > 10000) {
-            support::tellParent("in the middle");
-            support::hearParent();
-        }
-    };
-    return static_cast<int>(
-        TamoHostConfigImport(all.data(), static_cast<uint32_t>(all.size()), 1, stop, nullptr));
-});
-
-TEST_F(TamoctlStore, aKilledImportChangesNothing) {
-    ASSERT_EQ(set("Kept", "as it is"), 0);
-    const std::string before = exported();
-    ChildProcess importer("importer");
-    ASSERT_EQ(importer.hear(), "in the middle");
-    EXPECT_EQ(exported(), before) << "nobody sees it before it is whole";
-    importer.kill();
-    EXPECT_EQ(exported(), before);
-    EXPECT_EQ(set("Kept", "next"), 0) << "nor does it keep anybody from writing";
-}
-
 }  // namespace
