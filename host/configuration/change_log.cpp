@@ -1,22 +1,28 @@
-/* The change log: how writes are noted, trimmed and read. */
+/* The change log: how writes are noted and trimmed, waited for and read.
+ *
+ * A writer opens and closes the store's log file when its write can be read, which the kernel tells to all
+ * who watch the directory. One who was killed before, a kernel that has no more watches to give, a store
+ * that another one replaces: for these there is a look at the change log ten times a second, which takes
+ * some microseconds. */
 #include "host/configuration/change_log.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <new>
-
 #include "host/base/clock.h"
+#include "host/base/device_root.h"
+#include "tamo_host.h"
 
 namespace tamo::configuration {
 
-/* Numbers of two stores hardly meet: a reader notices that another store has come in place. A write
- * of many keys has several rows, of which all but the last say that more follows: rows of a bounded
- * size can be removed in bounded steps. */
+/* Numbers of two stores hardly meet: a reader notices that another store has come in place. A write of
+ * many keys has several rows, of which all but the last say that more follows: rows of a bounded size
+ * can be removed in bounded steps. */
 const char *const kChangeLogSchema =
     "CREATE TABLE change (number INTEGER PRIMARY KEY, more INTEGER NOT NULL, time INTEGER NOT NULL,"
     " pid INTEGER NOT NULL, writer TEXT NOT NULL, records BLOB NOT NULL);"
@@ -28,14 +34,18 @@ const char *const kForgetChanges =
 
 namespace {
 
-/* What the log holds, and a row of it, at most. */
+/* What the log holds at most. */
 constexpr int64_t kLogSize = 4 << 20;
-constexpr size_t kRowSize = 16 << 10;
 /* A process trims again when it has noted as much. */
 constexpr int64_t kTrimStep = 64 << 10;
 
+/* Several keys go into a row. What is stored is bound where the writer has it, and copied by SQLite alone.
+ */
 constexpr const char *kAppend =
-    "INSERT INTO change SELECT max(number) + ?1, ?2, ?3, ?4, ?5, ?6 FROM change";
+    "INSERT INTO change SELECT max(number) + ?1, ?2, ?3, ?4, ?5, CAST("
+    "?6 || ?7 || ?8 || ?9 || ?10 || ?11 || ?12 || ?13 || ?14 || ?15 || ?16 || ?17 || ?18 || ?19 || "
+    "?20 || ?21 || ?22 || ?23 || ?24 || ?25 AS BLOB) FROM change";
+constexpr int kFirstText = 6;
 constexpr const char *kTrim =
     "DELETE FROM change WHERE number < min((SELECT min(number) FROM change) + ?1,"
     " (SELECT max(number) FROM change) - ?2)";
@@ -47,6 +57,10 @@ constexpr const char *kSpelling = "SELECT key FROM setting WHERE folded = ?1";
 /* Between a key and its value. */
 constexpr char kStored = '=';
 constexpr char kRemoved = '-';
+
+constexpr uint32_t kTold = IN_CLOSE_NOWRITE;
+/* Another store comes in place. */
+constexpr uint32_t kReplaced = IN_CREATE | IN_MOVED_TO;
 
 int64_t microsecondsNow() {
     return static_cast<int64_t>(wallClockNs() / 1000);
@@ -64,23 +78,8 @@ Element *moveToLarger(Element *old, size_t used, size_t capacity) {
     return larger;
 }
 
-/* The end of a row of records that begins at `first`: as many whole records as it may hold. */
-const char *endOfRow(const char *first, const char *end) {
-    const char *at = first;
-    while (at < end) {
-        const char *value = at + strlen(at) + 1;
-        const char *next = value + strlen(value) + 1;
-        if (at != first && static_cast<size_t>(next - first) > kRowSize) {
-            break;
-        }
-        at = next;
-    }
-    return at;
-}
-
 /* Removes what is older than the log keeps, twice as much as this process has added since. */
-int trimLog(Connection *connection, size_t added) {
-    connection->notedSinceTrim += static_cast<int64_t>(added);
+int trimLog(Connection *connection) {
     if (connection->notedSinceTrim < kTrimStep) {
         return SQLITE_OK;
     }
@@ -92,6 +91,29 @@ int trimLog(Connection *connection, size_t added) {
         connection->notedSinceTrim = 0;
     }
     return result;
+}
+
+void bindText(Connection *connection, uint32_t at, const char *text, size_t size) {
+    sqlite3_bind_blob(connection->append, kFirstText + static_cast<int>(at), text,
+                      static_cast<int>(size), SQLITE_STATIC);
+}
+
+/* Appends the row of the keys that are bound. */
+int appendRow(Connection *connection, bool more) {
+    Notes *notes = &connection->notes;
+    sqlite3_stmt *append = connection->append;
+    for (uint32_t at = 2 * notes->count; at < 2 * kNotesInRow; at++) {
+        bindText(connection, at, "", 0);
+    }
+    sqlite3_bind_int64(append, 1, static_cast<sqlite3_int64>(notes->bytes));
+    sqlite3_bind_int(append, 2, more ? 1 : 0);
+    sqlite3_bind_int64(append, 3, microsecondsNow());
+    sqlite3_bind_int64(append, 4, getpid());
+    sqlite3_bind_text(append, 5, program_invocation_short_name, -1, SQLITE_STATIC);
+    connection->notedSinceTrim += static_cast<int64_t>(notes->bytes);
+    notes->count = 0;
+    notes->bytes = 0;
+    return runStatement(append);
 }
 
 /* The key as it was spelled first. */
@@ -135,20 +157,24 @@ int takeRecords(Connection *connection, sqlite3_stmt *row, ChangeItems *items) {
     return result;
 }
 
-/* Takes the rows of one write, of which the first is at hand. */
-int takeChange(Connection *connection, sqlite3_stmt *row, Change *change) {
+void takeWriter(sqlite3_stmt *row, Change *change) {
     const unsigned char *writer = sqlite3_column_text(row, 4);
-    change->items.clear();
     change->time = sqlite3_column_int64(row, 2);
     change->pid = static_cast<uint32_t>(sqlite3_column_int64(row, 3));
-    change->isAll = false;
     (void)snprintf(change->writer, sizeof(change->writer), "%s",
                    writer == nullptr ? "" : reinterpret_cast<const char *>(writer));
+}
+
+/* Takes the rows of one write, of which the first is at hand. */
+int takeChange(Connection *connection, sqlite3_stmt *row, Change *change) {
+    change->items.clear();
+    change->isAll = false;
     int result = SQLITE_ROW;
     bool more = true;
     while (result == SQLITE_ROW && more) {
         change->number = static_cast<uint64_t>(sqlite3_column_int64(row, 0));
         more = sqlite3_column_int(row, 1) != 0;
+        takeWriter(row, change);
         result = takeRecords(connection, row, &change->items);
         if (result == SQLITE_OK && more) {
             result = sqlite3_step(row);
@@ -178,6 +204,20 @@ int takeAll(sqlite3 *database, ChangeItems *items) {
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
+/* The number of the last change. */
+int findLastChange(Connection *connection, uint64_t *number) {
+    sqlite3_stmt *row = nullptr;
+    *number = 0;
+    int result = sqlite3_prepare_v2(connection->file.database, "SELECT max(number) FROM change", -1,
+                                    &row, nullptr);
+    if (result == SQLITE_OK && (result = sqlite3_step(row)) == SQLITE_ROW) {
+        *number = static_cast<uint64_t>(sqlite3_column_int64(row, 0));
+        result = SQLITE_OK;
+    }
+    sqlite3_finalize(row);
+    return result;
+}
+
 /* All keys in place of what was missed. */
 int fetchAll(Connection *connection, Change *change) {
     int result = runStatement(connection->begin);
@@ -194,44 +234,38 @@ int fetchAll(Connection *connection, Change *change) {
     return finishTransaction(connection, result);
 }
 
+/* Fetches the change after number `seen`, or all keys where that is not in the log any more; SQLITE_DONE
+ * when there is none. */
+int fetchChange(Connection *connection, uint64_t seen, Change *change) {
+    int result = prepareOnce(connection, kFetch, &connection->fetch);
+    if (result != SQLITE_OK) {
+        return result;
+    }
+    sqlite3_stmt *row = connection->fetch;
+    sqlite3_bind_int64(row, 1, static_cast<sqlite3_int64>(seen));
+    result = sqlite3_step(row);
+    const bool missed =
+        result == SQLITE_DONE ||
+        (result == SQLITE_ROW && static_cast<uint64_t>(sqlite3_column_int64(row, 0)) != seen);
+    if (result == SQLITE_ROW && !missed && (result = sqlite3_step(row)) == SQLITE_ROW) {
+        result = takeChange(connection, row, change);
+    }
+    sqlite3_reset(row);
+    return missed ? fetchAll(connection, change) : result;
+}
+
+Descriptor watchDirectory() {
+    Descriptor events(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const int directory = rootDirectory("config");
+    char path[32];
+    (void)snprintf(path, sizeof(path), "/proc/self/fd/%d", directory);
+    if (events.isOpen() && inotify_add_watch(events.get(), path, kTold | kReplaced) < 0) {
+        events = Descriptor();
+    }
+    return events;
+}
+
 }  // namespace
-
-ChangedKeys::~ChangedKeys() {
-    if (bytes != nullptr) {
-        explicit_bzero(bytes, used);
-        free(bytes);
-    }
-}
-
-int ChangedKeys::add(const char *key, size_t keyLength, const char *value, size_t valueLength) {
-    return append(key, keyLength, kStored, value, valueLength);
-}
-
-int ChangedKeys::addRemoved(const char *key, size_t keyLength) {
-    return append(key, keyLength, kRemoved, "", 0);
-}
-
-int ChangedKeys::append(const char *key, size_t keyLength, char kind, const char *value,
-                        size_t valueLength) {
-    const size_t more = keyLength + valueLength + 3;
-    if (capacity - used < more) {
-        const size_t larger = std::max<size_t>(2 * capacity + more, 4096);
-        char *moved = moveToLarger(bytes, used, larger);
-        if (moved == nullptr) {
-            return SQLITE_NOMEM;
-        }
-        bytes = moved;
-        capacity = larger;
-    }
-    char *at = bytes + used;
-    memcpy(at, key, keyLength);
-    at[keyLength] = '\0';
-    at[keyLength + 1] = kind;
-    memcpy(at + keyLength + 2, value, valueLength);
-    at[keyLength + 2 + valueLength] = '\0';
-    used += more;
-    return SQLITE_OK;
-}
 
 int ChangeItems::add(const char *key, size_t keyLength, const char *value, size_t valueLength,
                      bool removed) {
@@ -282,59 +316,81 @@ void ChangeItems::release() {
     free(items);
 }
 
-int noteChange(Connection *connection, const ChangedKeys &changed) {
-    /* First, so that what is added takes the room of what goes. */
-    int result = trimLog(connection, changed.size());
+int noteKey(Connection *connection, const char *key, size_t keyLength, const char *value,
+            size_t valueLength) {
+    Notes *notes = &connection->notes;
+    int result = notes->count < kNotesInRow ? SQLITE_OK : appendRow(connection, true);
+    if (result == SQLITE_OK && !notes->any) {
+        /* First, so that what is added takes the room of what goes. */
+        result = trimLog(connection);
+    }
     if (result == SQLITE_OK) {
         result = prepareOnce(connection, kAppend, &connection->append);
     }
-    const char *const end = changed.data() + changed.size();
-    const int64_t time = microsecondsNow();
-    for (const char *first = changed.data(); first < end && result == SQLITE_OK;) {
-        const char *const next = endOfRow(first, end);
-        sqlite3_stmt *append = connection->append;
-        sqlite3_bind_int64(append, 1, next - first);
-        sqlite3_bind_int(append, 2, next == end ? 0 : 1);
-        sqlite3_bind_int64(append, 3, time);
-        sqlite3_bind_int64(append, 4, getpid());
-        sqlite3_bind_text(append, 5, program_invocation_short_name, -1, SQLITE_STATIC);
-        sqlite3_bind_blob64(append, 6, first, static_cast<sqlite3_uint64>(next - first),
-                            SQLITE_STATIC);
-        result = runStatement(append);
-        first = next;
+    char(&head)[sizeof(*notes->heads)] = notes->heads[notes->count % kNotesInRow];
+    const size_t headLength = keyLength + 2;
+    if (result != SQLITE_OK || headLength > sizeof(head)) {
+        return result != SQLITE_OK ? result : SQLITE_TOOBIG;
     }
-    return result;
+    memcpy(head, key, keyLength);
+    head[keyLength] = '\0';
+    head[keyLength + 1] = value == nullptr ? kRemoved : kStored;
+    bindText(connection, 2 * notes->count, head, headLength);
+    bindText(connection, 2 * notes->count + 1, value == nullptr ? "" : value, valueLength + 1);
+    notes->bytes += headLength + valueLength + 1;
+    notes->count++;
+    notes->any = true;
+    return SQLITE_OK;
 }
 
-int findLastChange(Connection *connection, uint64_t *number) {
-    sqlite3_stmt *row = nullptr;
-    *number = 0;
-    int result = sqlite3_prepare_v2(connection->file.database, "SELECT max(number) FROM change", -1,
-                                    &row, nullptr);
-    if (result == SQLITE_OK && (result = sqlite3_step(row)) == SQLITE_ROW) {
-        *number = static_cast<uint64_t>(sqlite3_column_int64(row, 0));
-        result = SQLITE_OK;
-    }
-    sqlite3_finalize(row);
-    return result;
+int endNotes(Connection *connection) {
+    return appendRow(connection, false);
 }
 
-int fetchChange(Connection *connection, uint64_t seen, Change *change) {
-    int result = prepareOnce(connection, kFetch, &connection->fetch);
-    if (result != SQLITE_OK) {
-        return result;
+uint32_t beginWatch(Watch *watch) {
+    watch->events = watchDirectory();
+    Attempts attempts(&storeReader, "beginning to watch the configuration");
+    while (attempts.next()) {
+        attempts.result = findLastChange(&storeReader, &watch->seen);
+        watch->replacements = storeReader.replacements;
     }
-    sqlite3_stmt *row = connection->fetch;
-    sqlite3_bind_int64(row, 1, static_cast<sqlite3_int64>(seen));
-    result = sqlite3_step(row);
-    const bool missed =
-        result == SQLITE_DONE ||
-        (result == SQLITE_ROW && static_cast<uint64_t>(sqlite3_column_int64(row, 0)) != seen);
-    if (result == SQLITE_ROW && !missed && (result = sqlite3_step(row)) == SQLITE_ROW) {
-        result = takeChange(connection, row, change);
+    return attempts.code();
+}
+
+uint32_t nextChange(Watch *watch, Change *change) {
+    bool found = false;
+    uint32_t replacements = watch->replacements;
+    Attempts attempts(&storeReader, "reading changes of the configuration");
+    while (attempts.next()) {
+        replacements = storeReader.replacements;
+        const bool isReplaced = watch->replacements != replacements;
+        attempts.result = fetchChange(&storeReader, isReplaced ? 0 : watch->seen, change);
+        found = attempts.result == SQLITE_OK;
+        attempts.result = attempts.result == SQLITE_DONE ? SQLITE_OK : attempts.result;
     }
-    sqlite3_reset(row);
-    return missed ? fetchAll(connection, change) : result;
+    if (attempts.code() != TAMO_HOST_OK || !found) {
+        return attempts.code() == TAMO_HOST_OK ? uint32_t{TAMO_HOST_NOT_FOUND} : attempts.code();
+    }
+    watch->seen = change->number;
+    watch->replacements = replacements;
+    return TAMO_HOST_OK;
+}
+
+void awaitChange(const Watch &watch, int timeoutMs) {
+    struct pollfd polled = {watch.events.get(), POLLIN, 0};
+    if (poll(&polled, 1, timeoutMs) == 1) {
+        alignas(struct inotify_event) char events[4096];
+        while (read(watch.events.get(), events, sizeof(events)) > 0) {
+        }
+    }
+}
+
+uint32_t findLastChangeNow(uint64_t *number) {
+    Attempts attempts(&storeReader, "reading changes of the configuration");
+    while (attempts.next()) {
+        attempts.result = findLastChange(&storeReader, number);
+    }
+    return attempts.code();
 }
 
 }  // namespace tamo::configuration

@@ -1,6 +1,7 @@
-/* The change log of the configuration store: a table with what each write changed.
+/* The change log of the configuration store: a table with what each write changed, and how it is waited
+ * for and read.
  *
- * A change's number is where it ends in the sequence of all changes, in bytes. What lies further back
+ * A row's number is where it ends in the sequence of all changes, in bytes. What lies further back
  * than a fixed size is removed by later writes, each of them a little more than it adds; the last row
  * always stays, so that numbering goes on from it. A reader that does not find the row that it has
  * read last has missed something, and reads all keys once. */
@@ -10,58 +11,11 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "host/base/descriptor.h"
 #include "host/configuration/store_connection.h"
 #include "tamo_om_config_client.h"
 
 namespace tamo::configuration {
-
-/* What a write has changed, as the log keeps it: each key, then its new value. */
-class ChangedKeys {
-  public:
-    ChangedKeys() = default;
-    ~ChangedKeys();
-    ChangedKeys(const ChangedKeys &) = delete;
-    ChangedKeys &operator=(const ChangedKeys &) = delete;
-
-    /* Adds a key with its new value, or without one when it was removed; SQLITE_OK or SQLITE_NOMEM. */
-    int add(const char *key, size_t keyLength, const char *value, size_t valueLength);
-    int addRemoved(const char *key, size_t keyLength);
-
-    const char *data() const { return bytes; }
-    size_t size() const { return used; }
-
-  private:
-    int append(const char *key, size_t keyLength, char kind, const char *value, size_t valueLength);
-
-    char *bytes = nullptr;
-    size_t used = 0;
-    size_t capacity = 0;
-};
-
-/* Walks changed keys, all of whose texts are terminated.
- *
- *     for (KeyWalk at(changed); at.next();) show(at.key, at.value); */
-class KeyWalk {
-  public:
-    explicit KeyWalk(const ChangedKeys &keys) : at_(keys.data()), end_(at_ + keys.size()) {}
-
-    bool next() {
-        if (at_ == end_) {
-            return false;
-        }
-        key = at_;
-        value = key + strlen(key) + 2;
-        at_ = value + strlen(value) + 1;
-        return true;
-    }
-
-    const char *key = nullptr;
-    const char *value = nullptr;
-
-  private:
-    const char *at_;
-    const char *end_;
-};
 
 /* Changed keys as handlers get them. */
 class ChangeItems {
@@ -106,14 +60,36 @@ extern const char *const kChangeLogSchema;
 /* Leaves of the log nothing but the last number. */
 extern const char *const kForgetChanges;
 
-/* Notes a write in its transaction. */
-int noteChange(Connection *connection, const ChangedKeys &changed);
+/* Notes in a write's transaction a key that it has changed: with its new value, which must stay until the
+ * transaction ends and be terminated, or without one (null) when it was removed. */
+int noteKey(Connection *connection, const char *key, size_t keyLength, const char *value,
+            size_t valueLength);
+
+/* Ends the notes of a write that has noted something. */
+int endNotes(Connection *connection);
+
+/* The longest time that a change waits for whoever watches, whatever became of its writer. */
+constexpr int kLookMs = 100;
+
+/* A watch hands out each change once, in order. Used by one thread at a time. */
+struct Watch {
+    Descriptor events; /* of the kernel: the store's directory */
+    uint64_t seen = 0;
+    uint32_t replacements = 0; /* of the store, as far as it has been read */
+};
+
+/* Begins to watch: what is written after this has returned will be handed out. Results are TAMO_HOST_
+ * codes, failures are recorded. */
+uint32_t beginWatch(Watch *watch);
+
+/* Hands out the next change, TAMO_HOST_NOT_FOUND when there is none yet. */
+uint32_t nextChange(Watch *watch, Change *change);
+
+/* Sleeps until there may be a change, at most for the given time. A change that was written since
+ * nextChange has looked ends it at once. */
+void awaitChange(const Watch &watch, int timeoutMs);
 
 /* The number of the last change. */
-int findLastChange(Connection *connection, uint64_t *number);
-
-/* Fetches the change after number `seen`, or all keys where that is not in the log any more;
- * SQLITE_DONE when there is none. */
-int fetchChange(Connection *connection, uint64_t seen, Change *change);
+uint32_t findLastChangeNow(uint64_t *number);
 
 }  // namespace tamo::configuration

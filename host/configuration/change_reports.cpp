@@ -18,7 +18,7 @@
 #include "host/base/fork.h"
 #include "host/base/log.h"
 #include "host/base/thread.h"
-#include "host/configuration/change_watch.h"
+#include "host/configuration/change_log.h"
 #include "tamo_host.h"
 
 namespace tamo::configuration {

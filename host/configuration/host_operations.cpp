@@ -1,5 +1,5 @@
 /* The workstation's own operations on the configuration: a list of all keys, an import of any number of
- * values in one transaction, and their removal.
+ * values in one transaction, their removal, and a watch.
  *
  * The values of an import go in by order of key: the store's pages are then filled one after the other,
  * a key that comes twice meets itself, and what a replaced store loses is found by walking both side by
@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 
+#include "host/base/clock.h"
 #include "host/base/log.h"
 #include "host/configuration/change_log.h"
 #include "host/configuration/store_connection.h"
@@ -34,8 +36,72 @@ const char *columnText(sqlite3_stmt *row, int column) {
     return reinterpret_cast<const char *>(sqlite3_column_text(row, column));
 }
 
+/* Keys, each with its value, that are kept while the store goes on. */
+class KeyList {
+  public:
+    KeyList() = default;
+    ~KeyList() { release(); }
+    KeyList(const KeyList &) = delete;
+    KeyList &operator=(const KeyList &) = delete;
+
+    /* SQLITE_OK or SQLITE_NOMEM. */
+    int add(const char *key, const char *value) {
+        const size_t keySize = strlen(key) + 1;
+        const size_t valueSize = strlen(value) + 1;
+        if (capacity - used < keySize + valueSize && !grow(keySize + valueSize)) {
+            return SQLITE_NOMEM;
+        }
+        memcpy(bytes + used, key, keySize);
+        memcpy(bytes + used + keySize, value, valueSize);
+        used += keySize + valueSize;
+        return SQLITE_OK;
+    }
+
+    /* Calls `visit` with each key and its value until it returns something else than 0, and returns
+     * that. */
+    template <typename Visit>
+    auto visitAll(Visit visit) const -> decltype(visit("", "")) {
+        decltype(visit("", "")) result = 0;
+        for (size_t at = 0; at < used && result == 0;) {
+            const char *key = bytes + at;
+            const char *value = key + strlen(key) + 1;
+            at += strlen(key) + strlen(value) + 2;
+            result = visit(key, value);
+        }
+        return result;
+    }
+
+  private:
+    bool grow(size_t more) {
+        const size_t larger = std::max<size_t>(2 * capacity + more, 4096);
+        auto *moved = static_cast<char *>(malloc(larger));
+        if (moved == nullptr) {
+            return false;
+        }
+        if (used != 0) {
+            memcpy(moved, bytes, used);
+        }
+        release();
+        bytes = moved;
+        capacity = larger;
+        return true;
+    }
+
+    /* What is released held values. */
+    void release() {
+        if (bytes != nullptr) {
+            explicit_bzero(bytes, used);
+        }
+        free(bytes);
+    }
+
+    char *bytes = nullptr;
+    size_t used = 0;
+    size_t capacity = 0;
+};
+
 /* Collects the matching keys with their values: whoever visits them may use the store. */
-int collect(Connection *connection, const char *glob, ChangedKeys *found) {
+int collect(Connection *connection, const char *glob, KeyList *found) {
     sqlite3_stmt *row = nullptr;
     int result =
         sqlite3_prepare_v2(connection->file.database,
@@ -45,7 +111,7 @@ int collect(Connection *connection, const char *glob, ChangedKeys *found) {
         const char *value = columnText(row, 1);
         result = key == nullptr || value == nullptr ? SQLITE_NOMEM : SQLITE_OK;
         if (result == SQLITE_OK && (glob == nullptr || fnmatch(glob, key, 0) == 0)) {
-            result = found->add(key, strlen(key), value, strlen(value));
+            result = found->add(key, value);
         }
     }
     sqlite3_finalize(row);
@@ -110,7 +176,7 @@ bool putInOrder(Import *import, uint32_t count) {
 }
 
 /* Stores all values and notes what that changes. */
-int storeAll(Connection *connection, const Import &import, ChangedKeys *changed) {
+int storeAll(Connection *connection, const Import &import) {
     int result = SQLITE_OK;
     for (uint32_t at = 0; at < import.count && result == SQLITE_OK; at++) {
         const TamoHostConfigPair &pair = import.at(at);
@@ -124,7 +190,7 @@ int storeAll(Connection *connection, const Import &import, ChangedKeys *changed)
         sqlite3_bind_text(connection->one, 3, pair.key, static_cast<int>(keyLength), SQLITE_STATIC);
         result = runStatement(connection->one);
         if (result == SQLITE_OK && sqlite3_changes(connection->file.database) != 0) {
-            result = changed->add(pair.key, keyLength, pair.value, valueLength);
+            result = noteKey(connection, pair.key, keyLength, pair.value, valueLength);
         }
         if (import.progress != nullptr && (at + 1) % kProgressStep == 0) {
             import.progress(at + 1, import.context);
@@ -134,7 +200,7 @@ int storeAll(Connection *connection, const Import &import, ChangedKeys *changed)
 }
 
 /* Removes a key and notes it under its first spelling; `isThere` tells whether it had a value. */
-int removeKey(Connection *connection, const char *key, bool *isThere, ChangedKeys *changed) {
+int removeKey(Connection *connection, const char *key, bool *isThere) {
     FoldedKey asked;
     (void)asked.fold(key, strlen(key));
     int result = prepareOnce(connection, kRemove, &connection->remove);
@@ -146,14 +212,15 @@ int removeKey(Connection *connection, const char *key, bool *isThere, ChangedKey
     *isThere = result == SQLITE_ROW;
     if (*isThere) {
         const char *spelled = columnText(connection->remove, 0);
-        result = spelled == nullptr ? SQLITE_NOMEM : changed->addRemoved(spelled, strlen(spelled));
+        result = spelled == nullptr ? SQLITE_NOMEM
+                                    : noteKey(connection, spelled, strlen(spelled), nullptr, 0);
     }
     sqlite3_reset(connection->remove);
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
 /* Finds the keys that the import does not have. Both sides are in the store's order. */
-int findOthers(Connection *connection, const Import &import, ChangedKeys *others) {
+int findOthers(Connection *connection, const Import &import, KeyList *others) {
     sqlite3_stmt *row = nullptr;
     int result = sqlite3_prepare_v2(connection->file.database,
                                     "SELECT key FROM setting ORDER BY folded", -1, &row, nullptr);
@@ -166,22 +233,38 @@ int findOthers(Connection *connection, const Import &import, ChangedKeys *others
             at++;
         }
         const bool isOther = at == import.count || compared != 0;
-        result = key == nullptr ? SQLITE_NOMEM
-                 : isOther      ? others->addRemoved(key, strlen(key))
-                                : SQLITE_OK;
+        result = key == nullptr ? SQLITE_NOMEM : isOther ? others->add(key, "") : SQLITE_OK;
     }
     sqlite3_finalize(row);
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
-int removeOthers(Connection *connection, const Import &import, ChangedKeys *changed) {
-    ChangedKeys others;
-    int result = findOthers(connection, import, &others);
-    bool isThere = false;
-    for (KeyWalk at(others); result == SQLITE_OK && at.next();) {
-        result = removeKey(connection, at.key, &isThere, changed);
+int removeOthers(Connection *connection, const Import &import) {
+    KeyList others;
+    const int result = findOthers(connection, import, &others);
+    return result != SQLITE_OK ? result : others.visitAll([&](const char *key, const char *) {
+        bool isThere = false;
+        return removeKey(connection, key, &isThere);
+    });
+}
+
+uint32_t showChange(const Change &change,
+                    uint32_t (*visit)(const TamoHostConfigChange *change, void *context),
+                    void *context) {
+    TamoHostConfigChange shown = {};
+    shown.timeUs = change.time;
+    shown.writerPid = change.pid;
+    shown.writer = change.writer;
+    shown.isAll = change.isAll ? 1 : 0;
+    const ConfConfigChangeList list = change.items.list();
+    uint32_t code = TAMO_HOST_OK;
+    for (uint32_t at = 0; code == TAMO_HOST_OK && at < list.count; at++) {
+        shown.key = list.items[at].key.text;
+        shown.value = list.items[at].value->text;
+        shown.isRemoved = ChangeItems::isRemoved(list.items[at]) ? 1 : 0;
+        code = visit(&shown, context);
     }
-    return result;
+    return code;
 }
 
 uint32_t refuse(int line, const char *why) {
@@ -195,26 +278,28 @@ uint32_t refuse(int line, const char *why) {
 
 using namespace tamo::configuration;
 
+struct TamoHostConfigWatch {
+    Watch watch;
+    Change change;
+};
+
 uint32_t TamoHostConfigList(const char *glob,
                             uint32_t (*visit)(const char *key, const char *value, void *context),
                             void *context) {
     if (visit == nullptr) {
         return refuse(__LINE__, "the configuration is not listed: no visitor was given");
     }
-    std::unique_ptr<ChangedKeys> found;
+    std::unique_ptr<KeyList> found;
     Attempts attempts(&storeReader, "listing the configuration");
     while (attempts.next()) {
-        found = std::make_unique<ChangedKeys>();
+        found = std::make_unique<KeyList>();
         attempts.result = collect(&storeReader, glob, found.get());
     }
-    uint32_t code = attempts.code();
-    if (code != TAMO_HOST_OK) {
-        return code;
-    }
-    for (KeyWalk at(*found); code == TAMO_HOST_OK && at.next();) {
-        code = visit(at.key, at.value, context);
-    }
-    return code;
+    return attempts.code() != TAMO_HOST_OK
+               ? attempts.code()
+               : found->visitAll([&](const char *key, const char *value) {
+                     return visit(key, value, context);
+                 });
 }
 
 uint32_t TamoHostConfigImport(const TamoHostConfigPair *pairs, uint32_t count, uint8_t replace,
@@ -245,15 +330,14 @@ uint32_t TamoHostConfigImport(const TamoHostConfigPair *pairs, uint32_t count, u
     }
     Attempts attempts(&storeWriter, "importing the configuration");
     while (attempts.next()) {
-        ChangedKeys changed;
         int result = beginWrite(&storeWriter);
         if (result == SQLITE_OK) {
-            result = storeAll(&storeWriter, import, &changed);
+            result = storeAll(&storeWriter, import);
         }
         if (result == SQLITE_OK && import.replace) {
-            result = removeOthers(&storeWriter, import, &changed);
+            result = removeOthers(&storeWriter, import);
         }
-        attempts.result = finishWrite(&storeWriter, result, changed);
+        attempts.result = finishWrite(&storeWriter, result);
     }
     return attempts.code();
 }
@@ -270,16 +354,66 @@ uint32_t TamoHostConfigReset(const char *const *keys, uint32_t count) {
     uint32_t missing = 0;
     Attempts attempts(&storeWriter, "removing values of the configuration");
     while (attempts.next()) {
-        ChangedKeys changed;
         missing = 0;
         int result = beginWrite(&storeWriter);
         for (uint32_t at = 0; at < count && result == SQLITE_OK; at++) {
             bool isThere = false;
-            result = removeKey(&storeWriter, keys[at], &isThere, &changed);
+            result = removeKey(&storeWriter, keys[at], &isThere);
             missing += isThere ? 0 : 1;
         }
-        attempts.result = finishWrite(&storeWriter, result, changed);
+        attempts.result = finishWrite(&storeWriter, result);
     }
     const uint32_t code = attempts.code();
     return code == TAMO_HOST_OK && missing != 0 ? uint32_t{TAMO_HOST_NOT_FOUND} : code;
+}
+
+uint32_t TamoHostConfigWatchOpen(TamoHostConfigWatch **watch) {
+    if (watch == nullptr) {
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
+                         "the configuration is not watched: no place for the watch was given");
+        return TAMO_HOST_INVALID;
+    }
+    *watch = new (std::nothrow) TamoHostConfigWatch;
+    if (*watch == nullptr) {
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
+                         "the configuration is not watched: there is no memory for the watch");
+        return TAMO_HOST_NO_MEMORY;
+    }
+    uint32_t code = beginWatch(&(*watch)->watch);
+    if (code != TAMO_HOST_OK) {
+        TamoHostConfigWatchClose(*watch);
+        *watch = nullptr;
+    }
+    return code;
+}
+
+uint32_t TamoHostConfigWatchNext(TamoHostConfigWatch *watch, int32_t timeoutMs,
+                                 uint32_t (*visit)(const TamoHostConfigChange *change,
+                                                   void *context),
+                                 void *context) {
+    if (watch == nullptr || visit == nullptr) {
+        tamo::hostRecord(tamo::kError, kUnit, __LINE__,
+                         "no change is shown: no watch or no visitor was given");
+        return TAMO_HOST_INVALID;
+    }
+    const auto end = static_cast<int64_t>(tamo::monotonicMs()) + timeoutMs;
+    for (;;) {
+        uint32_t code = nextChange(&watch->watch, &watch->change);
+        if (code == TAMO_HOST_OK) {
+            return showChange(watch->change, visit, context);
+        }
+        if (code != TAMO_HOST_NOT_FOUND) {
+            return code;
+        }
+        const int64_t left =
+            timeoutMs < 0 ? kLookMs : end - static_cast<int64_t>(tamo::monotonicMs());
+        if (left <= 0) {
+            return TAMO_HOST_TIMEOUT;
+        }
+        awaitChange(watch->watch, static_cast<int>(std::min<int64_t>(left, kLookMs)));
+    }
+}
+
+void TamoHostConfigWatchClose(TamoHostConfigWatch *watch) {
+    delete watch;
 }

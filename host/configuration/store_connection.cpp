@@ -312,6 +312,7 @@ int finishTransaction(Connection *connection, int result) {
 
 int beginWrite(Connection *connection) {
     int result = takeTurn();
+    connection->notes = {};
     if (result == SQLITE_OK) {
         result = runStatement(connection->begin);
         if (writersTurn.isOpen()) {
@@ -328,12 +329,12 @@ static void wakeWatchers() {
                             O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
 }
 
-int finishWrite(Connection *connection, int result, const ChangedKeys &changed) {
-    if (result == SQLITE_OK && changed.size() != 0) {
-        result = noteChange(connection, changed);
+int finishWrite(Connection *connection, int result) {
+    if (result == SQLITE_OK && connection->notes.any) {
+        result = endNotes(connection);
     }
     result = finishTransaction(connection, result);
-    if (result == SQLITE_OK && changed.size() != 0) {
+    if (result == SQLITE_OK && connection->notes.any) {
         wakeWatchers();
     }
     return result;

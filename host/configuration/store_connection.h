@@ -9,12 +9,11 @@
  * Files, in reading order:
  * - tamo_om_config_client.cpp  records, read and stored: the platform's operations
  * - store_connection           this: the process's two connections, and transactions on them
- * - change_log                 what a write changed, noted, trimmed and read
- * - change_watch               waiting for changes, and the watch that tools have
+ * - change_log                 what a write changed: noted, trimmed, waited for and read
  * - change_reports.cpp         modules, their handlers, and the thread that reports to them
- * - host_operations.cpp        list, import and reset, for tools
+ * - host_operations.cpp        list, import, reset and watch, for tools
  * - store_file                 the database: opened, judged, begun, taken over from an older version
- * - store_log                  its log file: written in one piece for each write
+ * - store_log                  its log file: written in one piece, and carried over
  * - store_directory            its files' names, and how a damaged store is moved aside
  *
  * Threads and locks: a process has a connection for reading and one for writing, each with its lock,
@@ -38,7 +37,15 @@
 
 namespace tamo::configuration {
 
-class ChangedKeys;
+constexpr uint32_t kNotesInRow = 10;
+
+/* What the write under way notes in the change log. */
+struct Notes {
+    bool any = false;
+    uint32_t count = 0; /* of the keys for the next row */
+    size_t bytes = 0;   /* in it */
+    char heads[kNotesInRow][130];
+};
 
 struct Connection {
     const bool forWriting;
@@ -51,6 +58,7 @@ struct Connection {
     uint32_t looksInTick = 0;
     int64_t notedSinceTrim =
         4096; /* bytes in the change log; a process trims with its first write */
+    Notes notes = {};
     sqlite3_stmt *begin = nullptr;
     sqlite3_stmt *commit = nullptr;
     sqlite3_stmt *rollback = nullptr;
@@ -110,9 +118,9 @@ int finishTransaction(Connection *connection, int result);
 /* Begins a write, after those that waited before. */
 int beginWrite(Connection *connection);
 
-/* Ends a write of which `result` came out: notes what it changed, commits, and wakes whoever waits for
- * changes. */
-int finishWrite(Connection *connection, int result, const ChangedKeys &changed);
+/* Ends a write of which `result` came out: commits it and what it has noted in the change log, and wakes
+ * whoever waits for changes. */
+int finishWrite(Connection *connection, int result);
 
 /* A key as the store finds it: ASCII letters as lower-case ones, as the index of bound items has it. */
 class FoldedKey {

@@ -36,7 +36,6 @@ namespace {
 constexpr const char *kUnit = "tamo_om_config_file";
 /* SQLite's own limit, less the longest companion's name. */
 constexpr size_t kLongestPath = 500;
-constexpr int kBusyPollMs = 1;
 /* Up to this size (256 KiB) every opening checks the structure of the whole file, which takes less
  * than a millisecond; damage to a larger one is found when it is met. */
 constexpr int kCheckedPages = 64;
@@ -90,54 +89,11 @@ void nameWithOwnIndex(const char *path, char *uri, size_t size) {
     (void)snprintf(uri + length, size - length, "?readonly_shm=1");
 }
 
-/* By short naps: SQLite's own grow so long that one writer among busy ones meets no gap between them. */
-int waitWhileBusy(void *, int waits) {
-    struct timespec nap = {.tv_sec = 0, .tv_nsec = kBusyPollMs * 1000000L};
-    return waits < kBusyMs / kBusyPollMs && (nanosleep(&nap, nullptr) == 0 || errno == EINTR) ? 1
-                                                                                              : 0;
-}
-
 /* The log shrinks again to what it usually has between two checkpoints. Freed room is overwritten.
  * Nothing is written before the commit. */
 constexpr const char *kConnectionSettings =
     "PRAGMA synchronous = FULL; PRAGMA secure_delete = ON; PRAGMA journal_size_limit = 4194304;"
     "PRAGMA cache_spill = OFF";
-
-/* Pages in the log before they are carried over into the database. */
-constexpr int kLogPages = 1000;
-constexpr int kReaderNaps = 20;
-
-/* A reader is through in well under a millisecond, unless somebody has stopped its process. */
-int waitForReader(void *, int waits) {
-    const struct timespec nap = {.tv_sec = 0, .tv_nsec = 100000};
-    return waits < kReaderNaps && (nanosleep(&nap, nullptr) == 0 || errno == EINTR) ? 1 : 0;
-}
-
-/* Carries the log over into the database once it is long enough, and has it begin anew where that is soon
- * possible. SQLite by itself waits for no reader: where one reads each write, the log then grows on, and
- * each flush of a growing file costs more. */
-int carryOver(void *, sqlite3 *database, const char *, int pages) {
-    if (pages >= kLogPages) {
-        const bool isDue = pages % kLogPages < kLogPages / 10;
-        sqlite3_busy_handler(database, waitForReader, nullptr);
-        (void)sqlite3_wal_checkpoint_v2(
-            database, nullptr, isDue ? SQLITE_CHECKPOINT_RESTART : SQLITE_CHECKPOINT_PASSIVE,
-            nullptr, nullptr);
-        sqlite3_busy_handler(database, waitWhileBusy, nullptr);
-    }
-    return SQLITE_OK;
-}
-
-int openDatabase(const char *name, int flags, sqlite3 **database) {
-    int result = sqlite3_open_v2(name, database, flags | SQLITE_OPEN_NOMUTEX, gatheringLayer());
-    if (result != SQLITE_OK) {
-        return result;
-    }
-    sqlite3_extended_result_codes(*database, 1);
-    sqlite3_busy_handler(*database, waitWhileBusy, nullptr);
-    sqlite3_wal_hook(*database, carryOver, nullptr);
-    return result;
-}
 
 /* The first column of the first row, as a text; what SQLite answers otherwise is its result. */
 int ask(sqlite3 *database, const char *question, char *answer, int size) {

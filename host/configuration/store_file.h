@@ -4,11 +4,9 @@
 #include <stdint.h>
 
 #include "host/configuration/store_directory.h"
+#include "host/configuration/store_log.h"
 
 namespace tamo::configuration {
-
-/* How long a store that is held by another process is waited for. */
-constexpr int kBusyMs = 10000;
 
 struct StoreFile {
     sqlite3 *database = nullptr;

@@ -1,14 +1,16 @@
-/* Writes to the store's log file, gathered until the log is flushed.
+/* How the store's log file is written and kept short.
  *
+ * Writes to it are gathered until it is flushed.
  * SQLite writes a log of small pieces: two for each page that a transaction has changed. One write of all
  * of them saves more than half of what a transaction costs beside its flush. Nobody reads the pieces before
  * the flush: they count from the commit on, which follows it. SQLite must not begin to write a transaction
  * that it may still roll back ("cache_spill" off): what is gathered would outlive the writer's lock. */
 #include "host/configuration/store_log.h"
 
-#include <sqlite3.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include <mutex>
 
@@ -17,6 +19,8 @@ namespace {
 
 /* SQLite's layer writes less than 128 KiB at a time. */
 constexpr size_t kGathered = 120 << 10;
+
+constexpr int kBusyPollMs = 1;
 
 /* An open log file, in the room that SQLite gives; the file of the system's layer lies behind it. */
 struct LogFile {
@@ -125,8 +129,7 @@ int openFile(sqlite3_vfs *, const char *name, sqlite3_file *file, int flags, int
     return result;
 }
 
-}  // namespace
-
+/* The name of SQLite's system layer with a log file that is written in one piece; registered once. */
 const char *gatheringLayer() {
     static sqlite3_vfs layer;
     static std::once_flag registered;
@@ -140,6 +143,51 @@ const char *gatheringLayer() {
         (void)sqlite3_vfs_register(&layer, 0);
     });
     return layer.zName;
+}
+
+/* By short naps: SQLite's own grow so long that one writer among busy ones meets no gap between them. */
+int waitWhileBusy(void *, int waits) {
+    struct timespec nap = {.tv_sec = 0, .tv_nsec = kBusyPollMs * 1000000L};
+    return waits < kBusyMs / kBusyPollMs && (nanosleep(&nap, nullptr) == 0 || errno == EINTR) ? 1
+                                                                                              : 0;
+}
+
+/* Pages in the log before they are carried over into the database. */
+constexpr int kLogPages = 1000;
+constexpr int kReaderNaps = 20;
+
+/* A reader is through in well under a millisecond, unless somebody has stopped its process. */
+int waitForReader(void *, int waits) {
+    const struct timespec nap = {.tv_sec = 0, .tv_nsec = 100000};
+    return waits < kReaderNaps && (nanosleep(&nap, nullptr) == 0 || errno == EINTR) ? 1 : 0;
+}
+
+/* Carries the log over into the database once it is long enough, and has it begin anew where that is soon
+ * possible. SQLite by itself waits for no reader: where one reads each write, the log then grows on, and
+ * each flush of a growing file costs more. */
+int carryOver(void *, sqlite3 *database, const char *, int pages) {
+    if (pages >= kLogPages) {
+        const bool isDue = pages % kLogPages < kLogPages / 10;
+        sqlite3_busy_handler(database, waitForReader, nullptr);
+        (void)sqlite3_wal_checkpoint_v2(
+            database, nullptr, isDue ? SQLITE_CHECKPOINT_RESTART : SQLITE_CHECKPOINT_PASSIVE,
+            nullptr, nullptr);
+        sqlite3_busy_handler(database, waitWhileBusy, nullptr);
+    }
+    return SQLITE_OK;
+}
+
+}  // namespace
+
+int openDatabase(const char *name, int flags, sqlite3 **database) {
+    int result = sqlite3_open_v2(name, database, flags | SQLITE_OPEN_NOMUTEX, gatheringLayer());
+    if (result != SQLITE_OK) {
+        return result;
+    }
+    sqlite3_extended_result_codes(*database, 1);
+    sqlite3_busy_handler(*database, waitWhileBusy, nullptr);
+    sqlite3_wal_hook(*database, carryOver, nullptr);
+    return result;
 }
 
 }  // namespace tamo::configuration

@@ -1,9 +1,14 @@
-/* The store's log file: how it is written. */
+/* The store's log file: how it is written and kept short. */
 #pragma once
+#include <sqlite3.h>
 
 namespace tamo::configuration {
 
-/* The name of SQLite's system layer with a log file that is written in one piece; registered once. */
-const char *gatheringLayer();
+/* How long a store that is held by another process is waited for. */
+constexpr int kBusyMs = 10000;
+
+/* Opens a database whose log file is written in one piece for each transaction, and carried over into the
+ * database once it is long enough. One that is held by another process is waited for. */
+int openDatabase(const char *name, int flags, sqlite3 **database);
 
 }  // namespace tamo::configuration

@@ -192,9 +192,10 @@ WrittenKeys foldKeys(const ConfConfigOmRecord *records, size_t count) {
     return keys;
 }
 
-/* Writes each key once, so that what is noted has changed by this write. */
+/* Writes each key once, so that what is noted has changed by this write. Key and value are bound where
+ * the caller has them. */
 int writeRecords(Connection *connection, const ConfConfigOmRecord *records, const WrittenKeys &keys,
-                 size_t count, ChangedKeys *changed) {
+                 size_t count) {
     int result = SQLITE_OK;
     for (size_t at = 0; at < count && result == SQLITE_OK; at++) {
         const WrittenKey &key = keys[at];
@@ -209,7 +210,7 @@ int writeRecords(Connection *connection, const ConfConfigOmRecord *records, cons
                           SQLITE_STATIC);
         result = runStatement(connection->one);
         if (result == SQLITE_OK && sqlite3_changes(connection->file.database) != 0) {
-            result = changed->add(records[at].key.text, key.length, value, length);
+            result = noteKey(connection, records[at].key.text, key.length, value, length);
         }
     }
     return result;
@@ -234,12 +235,11 @@ int32_t write(const ConfConfigOmRecord *records, uint32_t count) {
     const WrittenKeys keys = foldKeys(records, count);
     Attempts attempts(&storeWriter, "storing the configuration");
     while (attempts.next()) {
-        ChangedKeys changed;
         int result = keys == nullptr ? SQLITE_NOMEM : beginWrite(&storeWriter);
         if (result == SQLITE_OK) {
-            result = writeRecords(&storeWriter, records, keys, count, &changed);
+            result = writeRecords(&storeWriter, records, keys, count);
         }
-        attempts.result = finishWrite(&storeWriter, result, changed);
+        attempts.result = finishWrite(&storeWriter, result);
     }
     return static_cast<int32_t>(attempts.code());
 }
@@ -272,7 +272,9 @@ int32_t TamoOmConfigcopyStr2Val(ConfConfigOmVal *value, const char *text) {
         memset(value, 0, sizeof(*value));
         return TAMO_HOST_INVALID;
     }
-    memmove(value->text, text, length + 1);
+    if (text != value->text) {
+        memmove(value->text, text, length + 1);
+    }
     value->length = static_cast<uint32_t>(length);
     return TAMO_HOST_OK;
 }

@@ -241,7 +241,7 @@ int watch() {
 /* ---- records ---- */
 
 int record() {
-    OmLogCreateParam param = {512, 1000, 64 * 1024, "Soak.log"};
+    OmLogCreateParam param = {512, 1000, 256 * 1024, "Soak.log"};
     uint16_t id = 0;
     if (TamoOmLogCreateLog(&param, &id) != 0) {
         return 1;
