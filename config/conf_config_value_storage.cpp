@@ -131,9 +131,9 @@ int32_t storeFloat(double number, void *data, uint32_t size) {
     return kChanged;
 }
 
-/* Does a text buffer hold a text? One without a terminator holds none. */
+/* Does a text buffer hold a text? One without a terminator holds none; one of size 0 tells no bound. */
 bool holdsText(const char *buffer, uint32_t size, const char *text) {
-    return strnlen(buffer, size) < size && ConfConfigStrEqual(buffer, text);
+    return (size == 0 || strnlen(buffer, size) < size) && ConfConfigStrEqual(buffer, text);
 }
 
 int32_t storeText(const ConfConfigValue *value, char *data, uint32_t size) {

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -82,7 +83,10 @@ int connectToQueue(const std::string &root) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     snprintf(address.sun_path, sizeof(address.sun_path), "%s/run/Fuzz.sock", root.c_str());
-    fuzz::require(connect(sender, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0);
+    if (connect(sender, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
+        perror("no connection to the queue");
+        abort();
+    }
     return sender;
 }
 
@@ -91,10 +95,12 @@ int fileOf(const std::vector<uint8_t> &bytes, size_t size, size_t offset, size_t
            int seals) {
     const int file = memfd_create("fuzz", MFD_ALLOW_SEALING | MFD_CLOEXEC);
     const auto written = static_cast<uint32_t>(bytes.size());
-    fuzz::require(ftruncate(file, static_cast<off_t>(size)) == 0 &&
-                  pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)) >= 0);
-    fuzz::require(offset == 0 ||
-                  pwrite(file, &written, sizeof(written), static_cast<off_t>(writtenAt)) > 0);
+    if (ftruncate(file, static_cast<off_t>(size)) != 0 ||
+        pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)) < 0 ||
+        (offset > 0 &&
+         pwrite(file, &written, sizeof(written), static_cast<off_t>(writtenAt)) < 0)) {
+        abort();
+    }
     fcntl(file, F_ADD_SEALS, seals);
     return file;
 }
@@ -167,7 +173,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static TamoHostQueue *const queue = [] {
         ConfLogInit();
         TamoHostQueue *opened = nullptr;
-        fuzz::require(TamoHostMsgOpen("Fuzz", &opened) == TAMO_HOST_OK);
+        if (TamoHostMsgOpen("Fuzz", &opened) != TAMO_HOST_OK) {
+            abort();
+        }
         return opened;
     }();
     if (size < 2) {

@@ -10,7 +10,11 @@
 
 namespace {
 
-using fuzz::require;
+void require(bool good) {
+    if (!good) {
+        abort();
+    }
+}
 
 /* Each element once, and every handle leads back to the root. */
 void walk(ConfXmlNode *root, const std::string &path) {

@@ -52,8 +52,8 @@ typedef struct ConfConfigListItem {
     char value[1024];
 } ConfConfigListItem;
 
-/* Told of changed values, whichever process stored them, this one included: `count` items (at most 255 in a call) in the order of the report, valid
- * only during the call. */
+/* Told of changed values, whichever process stored them, this one included: `count` items (at most
+ * 255 in a call) in the order of the report, valid only during the call. */
 typedef void (*ConfConfigItemCallback)(const ConfConfigListItem *items, uint32_t count);
 
 /* Records that are stored in one operation: the first `used` of an array of `capacity`, which is the

@@ -87,11 +87,12 @@ double ConfConfigV2Float(const ConfConfigValue *value);
 uint8_t ConfConfigV2Bool(const ConfConfigValue *value);
 
 /* Renders the value into `dst` of `dstSize` bytes: decimal, six decimals for a float, "TRUE" or
- * "FALSE". Not 0 for data and for what does not fit; the buffer is then empty. */
+ * "FALSE". Not 0 for data, which writes nothing, and for what does not fit; the buffer is then
+ * empty. */
 int32_t ConfConfigV2Str(const ConfConfigValue *value, char *dst, uint32_t dstSize);
 
-/* Copies the bytes of a record of data into `dst` of `dstSize` bytes. Not 0 for another type and for
- * what does not fit; the buffer is then cleared. */
+/* Copies the bytes of a record of data into `dst` of `dstSize` bytes. Not 0 for another type, which
+ * writes nothing, and for what does not fit; the buffer is then cleared. */
 int32_t ConfConfigV2Data(const ConfConfigValue *value, void *dst, uint32_t dstSize);
 
 /* ---- bound variables ---- */

@@ -10,9 +10,10 @@
  *    notification callback runs on the notifying thread.
  * 5. A send that fails leaves an error record, except where an asynchronous send says otherwise; one
  *    that the platform refused names the receiver and the platform's code.
- * 6. On a workstation a queue holds up to CONF_MSG_QUEUE_MESSAGES messages and CONF_MSG_QUEUE_BYTES
- *    bytes of them, from all senders together; a send beyond is refused at once. A queued message
- *    arrives also when its sender ends, in the order in which one thread sent.
+ * 6. On a workstation a queue holds CONF_MSG_QUEUE_MESSAGES messages and CONF_MSG_QUEUE_BYTES bytes
+ *    of them, from all senders together; a send beyond is refused at once, but each of several
+ *    senders may pass these limits by 1,024 messages and by 1 MiB or one larger message. A queued
+ *    message arrives also when its sender ends, in the order in which one thread sent.
  *
  *     uint32_t size = count * sizeof(ConfConfigListItem);
  *     MeetingServerMsgBlock *block = GenerateMeetingServerMsgBlock(items, size);
@@ -78,16 +79,16 @@ uint32_t ConfCommMsgSynSend(const char *receiverProcess, ConfMsgHandler handler,
                             void *data, uint32_t dataLength);
 
 /* Makes a process run `handler` and waits up to `timeout` (milliseconds on a workstation, 0xFFFFFFFF:
- * for ever) for the response, also for a process that comes to life meanwhile. `data` holds `dataLength` bytes to send, or is null; the response's data replaces them,
- * or leaves them as they were when it is longer. Returns the handler's result, or
- * CONF_COMM_ERR_FAILED with `data` untouched. */
+ * for ever) for the response, also for a process that comes to life meanwhile. `data` holds
+ * `dataLength` bytes to send, or is null; the response's data replaces them, or leaves them as they
+ * were when it is longer. Returns the handler's result, or CONF_COMM_ERR_FAILED with `data`
+ * untouched. */
 uint32_t ConfCommMsgSynSendImpl(const char *receiverProcess, ConfMsgHandler handler, uint32_t param,
                                 void *data, uint32_t dataLength, uint32_t timeout);
 
 /* The same to a task, with a message block as data. A response that is longer than `dataLength`
- * gives CONF_COMM_ERR_FAILED and may leave the block cleared, as does any response to data of length
- * 0. After success the caller owns the
- * block's result list. */
+ * gives CONF_COMM_ERR_FAILED and may leave the block cleared; so does any response to data of length
+ * 0. After success the caller owns the block's result list; with null data the list is released. */
 uint32_t ConfCommMsgSynSendImplHaveResp(const char *receiverTask, ConfMsgHandler handler,
                                         uint32_t param, void *data, uint32_t dataLength,
                                         uint32_t timeout);

@@ -69,8 +69,9 @@ typedef struct ConfSysTime {
 uint32_t ConfCommTimerFuncInit(ConfCommTimerEntry *table, int32_t count);
 
 /* Starts the timer service with the application's table of `count` timers, which stays the
- * application's, outlives the service and keeps its ids; of entries with one id only the first is used. Blocks the signals 18 and 16 in the calling thread. Call it
- * once, at start-up. A null table is refused, unrecorded, after the lock was made. */
+ * application's, outlives the service and keeps its ids; of entries with one id only the first is
+ * used. Blocks the signals 18 and 16 in the calling thread. Call it once, at start-up. A null table
+ * is refused, unrecorded, after the lock was made. */
 uint32_t ConfCommTimerInit(ConfCommTimerEntry *table, int32_t count);
 
 /* ConfCommTimerDeInit. */

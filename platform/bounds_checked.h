@@ -4,7 +4,7 @@
  *    written, or -1.
  * 2. On failure nothing was written beyond the destination, and the destination is cleared: the
  *    memory functions fill it with zero bytes, the string functions make it an empty text. A null
- *    or zero-sized destination is left alone.
+ *    destination is left alone, and so is one whose size is 0 or above the limit.
  * 3. Sizes are in bytes, the terminating NUL included. A destination or count above 0x7FFFFFFF is
  *    refused: it is a negative number that lost its sign.
  * 4. Overlapping source and destination fail, except in memmove_s.

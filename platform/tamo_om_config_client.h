@@ -70,7 +70,8 @@ int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *modul
  *   that has fallen too far behind may report all keys as they stand in place of what it missed.
  * - The handler may call every operation of the client.
  * - Another handler that was there before does not run any more once this has returned, unless it is
- *   the one that calls. The same handler stays, and is not waited for. A child of fork has no handlers until it makes its own the receivers. */
+ *   the one that calls. The same handler stays, and is not waited for. A child of fork has no handlers
+ *   until it makes its own the receivers. */
 int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName);
 
 /* Disconnects a module. Its handler does not run any more once this has returned, unless it is the one

@@ -14,10 +14,12 @@
  *    out, and by nobody else. When the response does not go out, the receiver keeps it; where the
  *    response's data is longer than the request's, the sender can take neither, and no buffer
  *    crosses.
- * 6. A queue of the workstation host holds up to 2,097,152 messages and 134,217,728 bytes of their
- *    bodies, from all senders together. The largest body is that of 33,554,432 + 83 bytes of data. A
- *    send beyond these limits is refused at once, with a record that names the queue, what waits in
- *    it and the limit. A queued message arrives also when its sender ends. */
+ * 6. A queue of the workstation host holds 2,097,152 messages and 134,217,728 bytes of their bodies,
+ *    from all senders together. A send beyond that is refused at once, with a record that names the
+ *    queue, what waits in it and the limit; each of several senders may pass it by 1,024 messages
+ *    and by 1 MiB or one larger message. The largest body is that of 33,554,432 + 83 bytes of data, the largest result buffer
+ *    has 33,554,432; larger ones are refused with a record. A queued message arrives also when its
+ *    sender ends. */
 #pragma once
 #include <stddef.h>
 #include <stdint.h>

@@ -444,6 +444,9 @@ uint32_t TamoHostCertRemoveFiles(uint32_t kind, const char *const *names, uint32
 
 uint32_t TamoHostCertList(void (*visit)(const TamoHostCertEntry *entry, void *context),
                           void *context) {
+    if (visit == nullptr) {
+        return refuseNull(nullptr, 0);
+    }
     return guarded(nullptr, 0, [&] {
         listServers(visit, context);
         listFiles(TAMO_HOST_CERT_CA, visit, context);

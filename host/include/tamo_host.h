@@ -1,8 +1,9 @@
 /* The workstation host's own operations: what a program needs there beyond the platform libraries.
  *
  * 1. Results are 0 for success and a TAMO_HOST_ code for failure, unless an operation says
- *    otherwise; each failure but TAMO_HOST_TIMEOUT also leaves a record in the process's log file, or
- *    on standard error before one is open, that says what to do.
+ *    otherwise; each failure also leaves a record in the process's log file, or on standard error
+ *    before one is open, that says what to do. There is none for TAMO_HOST_TIMEOUT, for a device root
+ *    that was found unusable before, and for the configuration once the program ends.
  * 2. Nothing here exists on a terminal: keep its use to a program's main loop and tools.
  * 3. Files and sockets lie below the device root: the directory that TAMO_DEVICE_ROOT names when a
  *    process first needs it, else "tamo" in the user's data directory. It is created private, and
@@ -43,7 +44,7 @@ typedef struct TamoHostQueue TamoHostQueue;
  * TAMO_HOST_IN_USE while a live process serves it; what a dead one left is taken over. */
 uint32_t TamoHostMsgOpen(const char *name, TamoHostQueue **queue);
 
-/* A descriptor that polls readable when TamoHostMsgReceive has something to do. It stays the
+/* A descriptor that polls readable when TamoHostMsgReceive has something to do, or -1. It stays the
  * queue's. To be called by the thread that receives. */
 int TamoHostMsgDescriptor(TamoHostQueue *queue);
 
@@ -94,14 +95,14 @@ uint32_t TamoHostConfigList(const char *glob,
 
 /* Removes the values of `count` keys in one transaction, which to others is one write: all of them, or
  * none. A removed key reads as one that never had a value; those who hear of changes are told an empty
- * value of it. TAMO_HOST_NOT_FOUND when one of the keys had none; the others' are removed all the
- * same. */
+ * value of it. TAMO_HOST_NOT_FOUND, unrecorded, when one of the keys had none; the others' are removed
+ * all the same. */
 uint32_t TamoHostConfigReset(const char *const *keys, uint32_t count);
 
 /* Examines the store without making, moving or mending anything. TAMO_HOST_NOT_FOUND when nothing was
  * stored yet; TAMO_HOST_REFUSED when the store is damaged or the file is another program's, which the
  * next to open it would set aside: `fault` (null allowed), a buffer of `size` bytes, then holds its
- * path and what is wrong with it, else an empty text. Nothing is recorded. */
+ * path and what is wrong with it, else an empty text. Only an unusable device root is recorded. */
 uint32_t TamoHostConfigCheck(char *fault, uint32_t size);
 
 /* A key and its value. */

@@ -393,6 +393,8 @@ uint32_t TamoHostMsgOpen(const char *name, TamoHostQueue **queue) {
 
 int TamoHostMsgDescriptor(TamoHostQueue *queue) {
     if (queue == nullptr) {
+        tamo::hostRecord(tamo::kWarning, kUnit, __LINE__,
+                         "nothing can be polled: there is no queue");
         return -1;
     }
     if (!queue->sign.isOpen() && !openSign(queue)) {

@@ -28,6 +28,9 @@ namespace {
 constexpr const char *kUnit = "tamo_os_msg";
 constexpr uint32_t kMaxIdle = 16;
 constexpr int kRetryMs = 10;
+/* What a connection may send before it sums up the queue's depth again. */
+constexpr uint64_t kMostAllowedMessages = 1024;
+constexpr uint64_t kMostAllowedBytes = 1 << 20;
 
 /* Connections whose threads have ended; under the mutex that fork respects. */
 constinit Connection *idleHead = nullptr;
@@ -267,7 +270,7 @@ uint32_t openNew(Connection *connection, Deadline *deadline) {
 }
 
 /* May a body of so many bytes go into the queue? Until the allowance is used up, the queue's depth
- * need not be summed up again: it is this connection's share of the room that there was. */
+ * need not be summed up again: it is this connection's share of the room that there was, or less. */
 bool isAdmitted(Connection *connection, uint32_t bodyLength, QueueDepth *depth) {
     if (connection->allowedMessages == 0 || connection->allowedBytes < bodyLength) {
         const QueueStatus &status = *connection->status.get();
@@ -276,10 +279,10 @@ bool isAdmitted(Connection *connection, uint32_t bodyLength, QueueDepth *depth) 
             return false;
         }
         const uint64_t sharers = std::max(1U, status.slotsUsed.load(std::memory_order_relaxed));
-        connection->allowedMessages =
-            std::max<uint64_t>(1, (kQueueMessages - depth->messages) / sharers);
-        connection->allowedBytes =
-            std::max<uint64_t>(bodyLength, (kQueueBytes - depth->bytes) / sharers);
+        connection->allowedMessages = std::clamp<uint64_t>(
+            (kQueueMessages - depth->messages) / sharers, 1, kMostAllowedMessages);
+        connection->allowedBytes = std::max<uint64_t>(
+            bodyLength, std::min((kQueueBytes - depth->bytes) / sharers, kMostAllowedBytes));
     }
     --connection->allowedMessages;
     connection->allowedBytes -= bodyLength;

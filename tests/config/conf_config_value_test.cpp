@@ -119,7 +119,8 @@ TEST_F(ConfigValue, StoresTellWhetherTheStorageChanged) {
         {one, 8, CONF_VALUE_BOOL, 0x100000001, 1, 0, 1},
         {one, 3, CONF_VALUE_BOOL, 7, 7, -1, -1},
         {ofText("ABC"), 4, CONF_VALUE_STR, 0x636261, 0x636261, 1, 1}, /* "abc" stays */
-        {ofText("AB"), 3, CONF_VALUE_STR, 0x636261, 0x4241, 0, 1},    /* had no terminator */
+        {ofText("ABC"), 0, CONF_VALUE_STR, 0x636261, 0x636261, 1, 1},
+        {ofText("AB"), 3, CONF_VALUE_STR, 0x636261, 0x4241, 0, 1}, /* had no terminator */
         {minusOne, 4, 7, 7, 7, -1, -1},
     };
     for (const auto &c : cases) {
