@@ -4,10 +4,8 @@
 #include <openssl/ssl.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "fuzz/scratch.h"
@@ -21,11 +19,6 @@ namespace {
 constexpr const char *kNames[] = {"a.pem", "B.PEM", "a_crl.pem", "CRL.crl"};
 
 ConfOmCertHandler handler;
-
-void emptyFolder(const std::string &folder) {
-    std::filesystem::remove_all(folder);
-    std::filesystem::create_directories(folder);
-}
 
 }  // namespace
 
@@ -53,22 +46,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     }
     for (const char *folder : {"/ca", "/crl", "/storage"}) {
-        emptyFolder(root + folder);
+        std::filesystem::remove_all(root + folder);
+        std::filesystem::create_directories(root + folder);
     }
     if (handler == nullptr) {
         ConfCertInit(nullptr);
     }
     const std::string name = kNames[data[0] % std::size(kNames)];
     for (const char *folder : {"/ca/", "/crl/"}) {
-        std::ofstream(root + folder + name, std::ios::binary)
-            .write(reinterpret_cast<const char *>(data + 1),
-                   static_cast<std::streamsize>(size) - 1);
+        fuzz::writeFile(root + folder + name, data + 1, size - 1);
     }
     handler(OM_CERT_MSG_CA, 0);
     SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
-    if (ConfAddCancelCrlToSslctx(ctx) != 0) {
-        abort();
-    }
+    fuzz::require(ConfAddCancelCrlToSslctx(ctx) == 0);
     SSL_CTX_free(ctx);
     return 0;
 }

@@ -1,9 +1,8 @@
 /* Attacks ConfConfigXmlInit and ConfConfigGetValueByName: the input is the switch file. The file under
  * attack is compiled in here, because only from inside can its table, loaded once in a process, be
  * forgotten. */
-#include <cstdlib>
-#include <fstream>
 #include <string>
+#include <utility>
 
 #include "config/conf_config_switches.cpp"
 #include "fuzz/scratch.h"
@@ -11,19 +10,12 @@
 
 namespace {
 
+using fuzz::require;
+
 void forgetTable() {
-    if (entries != nullptr) {
-        OSMemTypeFreeMon(entries, 0, 0, __LINE__, "fuzz");
-    }
-    entries = nullptr;
+    OSMemTypeFreeMon(std::exchange(entries, nullptr), 0, 0, __LINE__, "fuzz");
     entryCount = 0;
     loadTried = false;
-}
-
-void require(bool good) {
-    if (!good) {
-        abort();
-    }
 }
 
 }  // namespace
@@ -31,12 +23,8 @@ void require(bool good) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const std::string file =
         fuzz::scratchRoot() + TamoOmCustUtilGetCfgPath(0) + "/conference/conf_config.xml";
-    static const bool made =
-        std::filesystem::create_directories(std::filesystem::path(file).parent_path());
-    require(made);
     SetLogLevel(0);
-    std::ofstream(file, std::ios::binary)
-        .write(reinterpret_cast<const char *>(data), static_cast<std::streamsize>(size));
+    fuzz::writeFile(file, data, size);
     forgetTable();
     require((ConfConfigXmlInit() == 0) == (entryCount > 0));
     for (uint32_t i = 0; i < entryCount; i++) {

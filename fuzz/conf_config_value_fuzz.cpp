@@ -10,18 +10,15 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/scratch.h"
 #include "include/conf_config_value.h"
 #include "include/conf_log_adapter.h"
 
 namespace {
 
-constexpr size_t kMostStorage = 64;
+using fuzz::require;
 
-void require(bool good) {
-    if (!good) {
-        abort();
-    }
-}
+constexpr size_t kMostStorage = 64;
 
 /* A value made of raw bytes, which are of a size of their own for the sanitizer. */
 ConfConfigValue makeValue(int32_t type, const std::vector<uint8_t> &bytes) {

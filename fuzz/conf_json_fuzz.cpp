@@ -17,11 +17,7 @@
 
 namespace {
 
-void require(bool good) {
-    if (!good) {
-        abort();
-    }
-}
+using fuzz::require;
 
 /* Twice with different defaults: a value that was read is the same, a default is the own one. */
 void readNumbers(cJSON *root, const char *key, const cJSON *member) {

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -83,10 +82,7 @@ int connectToQueue(const std::string &root) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     snprintf(address.sun_path, sizeof(address.sun_path), "%s/run/Fuzz.sock", root.c_str());
-    if (connect(sender, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
-        perror("no connection to the queue");
-        abort();
-    }
+    fuzz::require(connect(sender, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0);
     return sender;
 }
 
@@ -95,12 +91,10 @@ int fileOf(const std::vector<uint8_t> &bytes, size_t size, size_t offset, size_t
            int seals) {
     const int file = memfd_create("fuzz", MFD_ALLOW_SEALING | MFD_CLOEXEC);
     const auto written = static_cast<uint32_t>(bytes.size());
-    if (ftruncate(file, static_cast<off_t>(size)) != 0 ||
-        pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)) < 0 ||
-        (offset > 0 &&
-         pwrite(file, &written, sizeof(written), static_cast<off_t>(writtenAt)) < 0)) {
-        abort();
-    }
+    fuzz::require(ftruncate(file, static_cast<off_t>(size)) == 0 &&
+                  pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)) >= 0);
+    fuzz::require(offset == 0 ||
+                  pwrite(file, &written, sizeof(written), static_cast<off_t>(writtenAt)) > 0);
     fcntl(file, F_ADD_SEALS, seals);
     return file;
 }
@@ -173,9 +167,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static TamoHostQueue *const queue = [] {
         ConfLogInit();
         TamoHostQueue *opened = nullptr;
-        if (TamoHostMsgOpen("Fuzz", &opened) != TAMO_HOST_OK) {
-            abort();
-        }
+        fuzz::require(TamoHostMsgOpen("Fuzz", &opened) == TAMO_HOST_OK);
         return opened;
     }();
     if (size < 2) {

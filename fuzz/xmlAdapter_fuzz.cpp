@@ -10,11 +10,7 @@
 
 namespace {
 
-void require(bool good) {
-    if (!good) {
-        abort();
-    }
-}
+using fuzz::require;
 
 /* Each element once, and every handle leads back to the root. */
 void walk(ConfXmlNode *root, const std::string &path) {

@@ -1,10 +1,10 @@
 /* Attacks the decoder of character codes: ConfXmlGetStringFromAscii and ConfXmlStrGetNextASCII. An
  * input is the size of the destination and the list. */
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "fuzz/scratch.h"
 #include "include/conf_log_adapter.h"
 #include "include/xml_utility.h"
 
@@ -18,18 +18,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char none = '\0';
     const uint32_t result =
         ConfXmlGetStringFromAscii(list.c_str(), decoded.empty() ? &none : decoded.data(), data[0]);
-    uint32_t pos = 0;
-    uint32_t value = 0;
-    while (pos < list.size()) {
-        const uint32_t before = pos;
-        if (ConfXmlStrGetNextASCII(list.data(), static_cast<uint32_t>(list.size()), &pos, &value) !=
-                0 ||
-            pos == before) {
-            break;
-        }
+    uint32_t pos = 0, before = 1, value = 0;
+    const auto length = static_cast<uint32_t>(list.size());
+    while (pos < length && pos != before) {
+        before = pos;
+        (void)ConfXmlStrGetNextASCII(list.data(), length, &pos, &value);
     }
-    if (result > 1 || pos > list.size() || none != '\0') {
-        abort();
-    }
+    fuzz::require(result <= 1 && pos <= list.size() && none == '\0');
     return 0;
 }

@@ -3,14 +3,12 @@
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "fuzz/scratch.h"
 #include "include/conf_log_adapter.h"
 #include "include/xml_utility.h"
-#include "platform/tamo_os_file.h"
 
 namespace {
 
@@ -54,16 +52,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             instance[type] = std::make_unique<char[]>(kTypes[type].size);
         }
     }
-    FILE *file = OsFopen(kFile, "wb");
-    if (file == nullptr || fwrite(data, 1, size, file) != size || fclose(file) != 0) {
-        abort();
-    }
+    fuzz::writeFile(root + kFile, data, size);
     const uint32_t result = ConfXmlLoad(describe, kFile, kFile);
     for (const auto &instance : fields) {
         const char *text = instance[kTypeCount - 1].get();
-        if (result > 1 || memchr(text, '\0', kTextSize) == nullptr) {
-            abort();
-        }
+        fuzz::require(result <= 1 && memchr(text, '\0', kTextSize) != nullptr);
     }
     return 0;
 }

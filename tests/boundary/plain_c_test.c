@@ -23,6 +23,7 @@ static uintptr_t add(uintptr_t a, uintptr_t b, uintptr_t c) {
 
 static void checkFixedAnswers(void) {
     char line[] = "tel:5550123>";
+    CHECK(GetOmsConfType() == 0);
     SetOmsConfType(3);
     CHECK(GetOmsConfType() == 3);
     CHECK(ConfReportToTellum() == 0 && ConfReportAddrBookToTellum() == 0);

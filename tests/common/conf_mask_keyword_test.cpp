@@ -81,7 +81,10 @@ TEST_F(MaskKeyword, RefusedOperationsAreFailures) {
             },
             [](uint64_t, uint32_t result) { EXPECT_EQ(result, 1u); });
     }
-    char buffer[CONF_MASK_SIZE];
+    static char buffer[CONF_MASK_SIZE];
+    testkit::forEachFailure(
+        memset_s, [] {}, [] { return ConfFilterStr("fifteen letters", buffer, sizeof(buffer)); },
+        [](uint64_t, uint32_t result) { EXPECT_EQ(result, 1u); });
     testkit::failCall(memcpy_s, 1);
     EXPECT_EQ(ConfFilterIPAddrStr(name, buffer, sizeof(buffer)), 1u);
     EXPECT_TRUE(
@@ -101,6 +104,7 @@ TEST_F(MaskKeyword, ValuesBehindAKey) {
         {"x-eid=", ">", "x-eid=abcd>", "x-eid=ab*d>"},
         {"x-eid=", ">", "x-eid=abcd>efg;hijklmn;o", "x-eid=ab****fg;hi***mn;o"},
         {"x-eid=", ">", "x-eid=abcd;efgh;>\r;ijkl;", "x-eid=ab*d;ef*h;>\r;ijkl;"},
+        {"x-eid=", ">", "x-eid=abcd;e>\rx-eid=abcd;efghijk>", "x-eid=ab*d;e>\rx-eid=ab*d;ef***jk>"},
         {"", ";", "key=abcd;", "key=abcd;"},
         {"other", ";", "key=abcd;", "key=abcd;"}};
     for (const auto &[key, endMark, text, expected] : cases) {

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,28 @@ void tamo::hostRecord(RecordLevel, const char *, int, const char *format, ...) {
 
 namespace {
 
+fs::path place;
+
+/* Runs `body` in a child process with that device root. */
+void withRoot(const std::string &root, const std::function<void()> &body) {
+    support::inFork([&] {
+        umask(022);
+        setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
+        body();
+    });
+}
+
+std::string native(const std::string &devicePath) {
+    char path[PATH_MAX];
+    return tamo::nativePath(devicePath.c_str(), path, sizeof(path)) ? path : "refused";
+}
+
+mode_t modeOf(const fs::path &path) {
+    struct stat status = {};
+    EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
+    return status.st_mode & 07777;
+}
+
 class DeviceRoot : public testing::Test {
   protected:
     DeviceRoot() {
@@ -40,37 +63,10 @@ class DeviceRoot : public testing::Test {
         place = fs::canonical(mkdtemp(pattern));
     }
     ~DeviceRoot() override { fs::remove_all(place); }
-
-    static void expectRefused(const std::string &root, const std::string &advice) {
-        support::inFork([&] {
-            setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
-            char path[PATH_MAX];
-            EXPECT_EQ(nullptr, tamo::deviceRoot());
-            EXPECT_EQ(-1, tamo::rootDirectory("log"));
-            EXPECT_FALSE(tamo::nativePath("/data/a", path, sizeof(path)));
-            ASSERT_EQ(1U, records.size()) << "the failure is recorded once";
-            EXPECT_NE(std::string::npos, records[0].find(advice)) << records[0];
-        });
-    }
-
-    static std::string native(const std::string &devicePath) {
-        char path[PATH_MAX];
-        return tamo::nativePath(devicePath.c_str(), path, sizeof(path)) ? path : "refused";
-    }
-
-    static mode_t modeOf(const fs::path &path) {
-        struct stat status = {};
-        EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
-        return status.st_mode & 07777;
-    }
-
-    fs::path place;
 };
 
 TEST_F(DeviceRoot, IsCreatedPrivateWithTheDirectoriesThatDevicePathsName) {
-    support::inFork([&] {
-        umask(022);
-        setenv("TAMO_DEVICE_ROOT", (place / "a/b/root//").c_str(), 1);
+    withRoot(place / "a/b/root//", [] {
         EXPECT_EQ(place / "a/b/root", tamo::deviceRoot());
         EXPECT_EQ(0755U, modeOf(place / "a/b"));
         EXPECT_EQ(0700U, modeOf(place / "a/b/root"));
@@ -80,48 +76,62 @@ TEST_F(DeviceRoot, IsCreatedPrivateWithTheDirectoriesThatDevicePathsName) {
     });
 }
 
-TEST_F(DeviceRoot, IsRefusedWhenOthersMayEnterOrItCannotBeUsed) {
-    fs::path open = place / "open";
-    ASSERT_EQ(0, mkdir(open.c_str(), 0700));
-    for (mode_t mode : {0750U, 0701U, 0777U}) {
-        ASSERT_EQ(0, chmod(open.c_str(), mode));
-        expectRefused(open, "chmod 700 " + open.string());
-    }
-    std::ofstream(place / "file") << "no directory";
-    expectRefused(place / "file", "must be a directory");
-    expectRefused(place / "file/below", "set TAMO_DEVICE_ROOT");
-    expectRefused("/" + std::string(PATH_MAX, 'x'), "shorter");
-}
-
-TEST_F(DeviceRoot, OfAnotherUserIsRefused) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs the right to become another user";
-    }
+TEST_F(DeviceRoot, IsRefusedWhenOthersMayEnterOrOwnItOrItCannotBeUsed) {
+    const uid_t other = geteuid() == 0 ? 65534 : geteuid(); /* only root can become another user */
     ASSERT_EQ(0, chmod(place.c_str(), 0755));
-    support::inFork([&] {
-        ASSERT_EQ(0, setresuid(65534, 65534, 65534));
-        setenv("TAMO_DEVICE_ROOT", place.c_str(), 1);
-        EXPECT_EQ(nullptr, tamo::deviceRoot());
-        ASSERT_EQ(1U, records.size());
-        EXPECT_NE(std::string::npos, records[0].find("belongs to user 0")) << records[0];
-    });
+    std::ofstream(place / "file") << "no directory";
+    for (const mode_t mode : {0750U, 0701U, 0777U, 0700U}) {
+        const std::string name = place / std::to_string(mode);
+        ASSERT_EQ(0, mkdir(name.c_str(), 0700) | chmod(name.c_str(), mode));
+    }
+    const struct {
+        std::string root, advice;
+        uid_t user;
+    } cases[] = {
+        {place / std::to_string(0750), "chmod 700 " + place.string(), geteuid()},
+        {place / std::to_string(0701), "chmod 700 " + place.string(), geteuid()},
+        {place / std::to_string(0777), "chmod 700 " + place.string(), geteuid()},
+        {place / "file", "must be a directory", geteuid()},
+        {place / "file/below", "set TAMO_DEVICE_ROOT", geteuid()},
+        {"/" + std::string(PATH_MAX, 'x'), "shorter", geteuid()},
+        {place, other == geteuid() ? "chmod 700" : "belongs to user 0", other},
+    };
+    for (const auto &[root, advice, user] : cases) {
+        withRoot(root, [&] {
+            ASSERT_EQ(0, setresuid(user, user, user));
+            char path[PATH_MAX];
+            EXPECT_EQ(nullptr, tamo::deviceRoot());
+            EXPECT_EQ(-1, tamo::rootDirectory("log"));
+            EXPECT_FALSE(tamo::nativePath("/data/a", path, sizeof(path)));
+            ASSERT_EQ(1U, records.size()) << "the failure is recorded once";
+            EXPECT_NE(std::string::npos, records[0].find(advice)) << records[0];
+        });
+    }
 }
 
-TEST_F(DeviceRoot, TurnsDevicePathsIntoPathsBelowIt) {
-    support::inFork([&] {
+TEST_F(DeviceRoot, TurnsDevicePathsIntoPathsBelowItAndLetsNoLinkLeadOut) {
+    fs::create_directories(place / "data/real");
+    fs::create_symlink("real", place / "data/inside");
+    fs::create_symlink("../..", place / "data/up");
+    fs::create_symlink("/etc", place / "data/etc");
+    fs::create_symlink("/tmp", place / "log");
+    std::ofstream(place / "keys") << "no directory";
+    withRoot(place, [] {
         const std::string root = place, longest = "/" + std::string(510, 'x');
-        setenv("TAMO_DEVICE_ROOT", root.c_str(), 1);
         const std::pair<std::string, std::string> paths[] = {
             {"/data/certfile/CA/", root + "/data/certfile/CA/"},
             {"\\data\\certfile/CA\\\\x.pem", root + "/data/certfile/CA/x.pem"},
             {"/./data//a/.././/b", root + "/data/b"},
             {"/data/..", root},
             {"/..data/...", root + "/..data/..."},
+            {"/data/inside/new", root + "/data/inside/new"},
             {longest, root + longest},
             {longest + "x", "refused"},
             {"/..", "refused"},
             {"/data/../../x", "refused"},
             {"/data\\..\\..\\x", "refused"},
+            {"/data/up/new", "refused"},
+            {"/data/etc/passwd", "refused"},
             {"data/a", "refused"},
             {"", "refused"},
             {"/data/a\nb", "refused"}};
@@ -133,24 +143,8 @@ TEST_F(DeviceRoot, TurnsDevicePathsIntoPathsBelowIt) {
         char small[8];
         EXPECT_FALSE(tamo::nativePath("/data", small, sizeof(small)));
         EXPECT_FALSE(tamo::nativePath(nullptr, small, sizeof(small)));
-    });
-}
-
-TEST_F(DeviceRoot, RefusesLinksThatLeadOutAndFollowsThoseThatStay) {
-    fs::create_directories(place / "root/data/real");
-    fs::create_symlink("real", place / "root/data/inside");
-    fs::create_symlink("../../..", place / "root/data/up");
-    fs::create_symlink("/etc", place / "root/data/etc");
-    fs::create_symlink("/tmp", place / "root/log");
-    std::ofstream(place / "root/keys") << "no directory";
-    ASSERT_EQ(0, chmod((place / "root").c_str(), 0700));
-    support::inFork([&] {
-        setenv("TAMO_DEVICE_ROOT", (place / "root").c_str(), 1);
-        EXPECT_EQ(place / "root/data/inside/new", native("/data/inside/new"));
-        EXPECT_EQ("refused", native("/data/up/new"));
-        EXPECT_EQ("refused", native("/data/etc/passwd"));
         EXPECT_GE(tamo::rootDirectory("run"), 0);
-        EXPECT_EQ(0700U, modeOf(place / "root/run"));
+        EXPECT_EQ(0700U, modeOf(place / "run"));
         for (const char *refused : {"log", "keys", "..", "", "a/b"}) {
             EXPECT_EQ(-1, tamo::rootDirectory(refused)) << refused;
         }

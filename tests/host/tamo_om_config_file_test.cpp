@@ -1,5 +1,5 @@
-/* The configuration store's file: what a write costs it, a full disk, and what becomes of one that is
- * not as it should be. */
+/* The configuration store of one process: records, and its file: what a write costs it, a full disk, and
+ * what becomes of one that is not as it should be. */
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <string.h>
@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config_records.h"
@@ -61,6 +62,120 @@ void onFile(const char *statements) {
         << sqlite3_errmsg(database);
     sqlite3_close(database);
 }
+
+/* ---- records ---- */
+
+TEST(ConfigRecords, KeysAndValuesThatDoNotFitAreRefusedAndCleared) {
+    ConfConfigOmRecord made;
+    memset(&made, 0xA5, sizeof(made));
+    std::string longestKey(127, 'k');
+    std::string longestValue(1023, 'v');
+    EXPECT_EQ(0, TamoOmConfigcopyStr2Key(&made, longestKey.c_str()));
+    EXPECT_EQ(longestKey, made.key.text);
+    EXPECT_EQ(127, made.key.length);
+    EXPECT_EQ(0, TamoOmConfigcopyStr2Val(&made.value, longestValue.c_str()));
+    EXPECT_EQ(longestValue, made.value.text);
+    EXPECT_EQ(1023U, made.value.length);
+
+    for (const char *key : {"", (longestKey += 'k').c_str(), static_cast<const char *>(nullptr)}) {
+        made.key.length = 9;
+        EXPECT_NE(0, TamoOmConfigcopyStr2Key(&made, key));
+        EXPECT_EQ(0, made.key.text[0] + made.key.length);
+    }
+    for (const char *value : {(longestValue += 'v').c_str(), static_cast<const char *>(nullptr)}) {
+        made.value.length = 9;
+        EXPECT_NE(0, TamoOmConfigcopyStr2Val(&made.value, value));
+        EXPECT_EQ(0U, made.value.length + static_cast<unsigned char>(made.value.text[0]));
+    }
+    EXPECT_NE(0, TamoOmConfigcopyStr2Key(nullptr, "key"));
+    EXPECT_NE(0, TamoOmConfigcopyStr2Val(nullptr, "value"));
+}
+
+/* The keys that are listed, and read while they are. */
+std::string listed(const char *pattern) {
+    std::string keys;
+    const auto visit = [](const char *key, const char *, void *text) -> uint32_t {
+        *static_cast<std::string *>(text) += std::string(key) + " ";
+        return get(key) == kMissing ? 1 : 0;
+    };
+    EXPECT_EQ(0U, TamoHostConfigList(pattern, visit, &keys));
+    return keys;
+}
+
+TEST_F(ConfigFile, KeepsOneTextPerKeyInAnyLetterCaseUnderItsFirstSpelling) {
+    std::string bytes;
+    for (int c = 1; c < 256; c++) {
+        bytes += static_cast<char>(c);
+    }
+    const struct {
+        std::string key, value;
+    } stored[] = {{"Conf.Key", "one"},
+                  {"conf.KEY", "two"},
+                  {"Conf.Key_", "underscore"},
+                  {"CONF.\xC3\x84", "only ASCII letters have two cases"},
+                  {"\xFF%'\"*", bytes},
+                  {std::string(127, 'k'), std::string(1023, 'v')},
+                  {"empty", ""}};
+    EXPECT_EQ(kMissing, get("Conf.Key"));
+    for (const auto &[key, value] : stored) {
+        EXPECT_EQ(0, set(key, value));
+        EXPECT_EQ(value, get(key));
+    }
+    EXPECT_EQ("two", get("Conf.Key"));
+    EXPECT_EQ(kMissing, get("conf.\xC3\xA4"));
+    EXPECT_EQ("Conf.Key Conf.Key_ CONF.\xC3\x84 ", listed("C*"));
+    const TamoHostConfigPair pairs[] = {{"conf.key", "three"}, {"CONF.Key", "four"}, {"New", "5"}};
+    EXPECT_EQ(0U, TamoHostConfigImport(pairs, 3, 1, nullptr, nullptr));
+    EXPECT_EQ("Conf.Key New ", listed(nullptr));
+    EXPECT_EQ("four", get("Conf.Key"));
+}
+
+TEST_F(ConfigFile, SeveralAreWrittenAndRemovedAllOrNotAtAllAndReadAsFarAsTheyAreThere) {
+    ConfConfigOmRecord stored[] = {record("a", "1"), record("b", "2"), record("a", "3")};
+    stored[0].key.length = 255; /* no length is believed */
+    stored[0].value.length = 0xFFFFFFFF;
+    EXPECT_EQ(0, TamoOmConfigStringMset(stored, 3));
+    EXPECT_EQ("3", get("a")) << "the later record of a key wins";
+    ConfConfigOmRecord faulty[] = {record("a", "4"), record("b", "5")};
+    memset(faulty[1].value.text, 'v', sizeof(faulty[1].value.text));
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoOmConfigStringMset(faulty, 2));
+    faulty[1] = {};
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoOmConfigStringMset(faulty, 2));
+
+    ConfConfigOmRecord asked[] = {record("a", "x"), record("none", "x"), record("b", "x")};
+    EXPECT_EQ(TAMO_HOST_NOT_FOUND, TamoOmConfigStringMget(asked, 3));
+    EXPECT_STREQ("3", asked[0].value.text);
+    EXPECT_EQ(0U, asked[1].value.length + static_cast<unsigned char>(asked[1].value.text[0]));
+    EXPECT_STREQ("2", asked[2].value.text);
+    asked[0].key = {};
+    memset(asked[1].key.text, 'k', sizeof(asked[1].key.text));
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoOmConfigStringMget(asked, 3));
+    EXPECT_EQ(0U, asked[0].value.length + asked[1].value.length);
+    EXPECT_STREQ("2", asked[2].value.text);
+
+    const char *const keys[] = {"A", "b", ""};
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoHostConfigReset(keys, 3));
+    EXPECT_EQ("32", get("a") + get("b"));
+    EXPECT_EQ(0U, TamoHostConfigReset(keys, 2));
+    EXPECT_EQ(kMissing + kMissing, get("a") + get("b"));
+    EXPECT_EQ(TAMO_HOST_NOT_FOUND, TamoHostConfigReset(keys, 1));
+}
+
+TEST_F(ConfigFile, RefusesCountsThatCannotBe) {
+    ConfConfigOmRecord one = record("a", "1");
+    EXPECT_EQ(0, TamoOmConfigStringMget(nullptr, 0) + TamoOmConfigStringMset(nullptr, 0));
+    EXPECT_EQ(0U, TamoHostConfigReset(nullptr, 0));
+    EXPECT_EQ(TAMO_HOST_INVALID, TamoHostConfigReset(nullptr, 1));
+    EXPECT_NE(0, TamoOmConfigStringGet(nullptr));
+    const std::pair<ConfConfigOmRecord *, uint32_t> cases[] = {
+        {nullptr, 1}, {nullptr, 0x80000000}, {&one, 0xFFFFFFFF}};
+    for (const auto &[records, count] : cases) {
+        EXPECT_NE(0, TamoOmConfigStringMget(records, count)) << count;
+        EXPECT_NE(0, TamoOmConfigStringMset(records, count)) << count;
+    }
+}
+
+/* ---- the file ---- */
 
 TEST_F(ConfigFile, WriteIsFlushedOnce) {
     std::vector<ConfConfigOmRecord> stored;

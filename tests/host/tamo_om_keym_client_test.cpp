@@ -91,26 +91,28 @@ TEST(KeyManagement, RefusesWhatItDidNotMakeForThisOwner) {
 TEST(KeyManagement, RefusesInvalidArguments) {
     char out[312] = "x";
     uint32_t length = sizeof(out);
-    for (const std::string &owner :
-         {std::string(), std::string("../owner"), std::string(64, 'o')}) {
-        EXPECT_EQ("failed", encrypt(owner, "secret"));
-        EXPECT_NE(0U, TamoHostKeymDecrypt(owner.c_str(), "k1:", out, &length));
-    }
+    const std::string longest(63, 'o');
+    EXPECT_NE("failed", encrypt(longest, "secret"));
     const struct {
-        const char *owner, *plain;
+        std::string owner;
+        const char *plain;
         uint32_t size;
         char *out;
         uint32_t *length;
-    } refused[] = {{nullptr, "secret", 6, out, &length},
+    } refused[] = {{"", "secret", 6, out, &length},
+                   {"../owner", "secret", 6, out, &length},
+                   {longest + "o", "secret", 6, out, &length},
                    {"owner", nullptr, 6, out, &length},
                    {"owner", "secret", UINT32_MAX, out, &length},
                    {"owner", "secret", 6, nullptr, &length},
                    {"owner", "secret", 6, out, nullptr}};
     for (const auto &[owner, plain, size, to, toLength] : refused) {
-        EXPECT_NE(0, TamoOmKeymEncrypt(owner, plain, size, to, toLength));
+        EXPECT_NE(0, TamoOmKeymEncrypt(owner.c_str(), plain, size, to, toLength)) << owner;
     }
+    EXPECT_NE(0, TamoOmKeymEncrypt(nullptr, "secret", 6, out, &length));
+    EXPECT_NE(0U, TamoHostKeymDecrypt("../owner", "k1:", out, &length));
     EXPECT_NE(0U, TamoHostKeymDecrypt("owner", nullptr, out, &length));
-    std::string text = encrypt("owner", "secret");
+    const std::string text = encrypt("owner", "secret");
     EXPECT_EQ("secret", decrypt("owner", text, 7));
     EXPECT_EQ("failed", decrypt("owner", text, 6));
 }

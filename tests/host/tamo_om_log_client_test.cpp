@@ -1,5 +1,5 @@
 /* The log client of one process: lines, limits, and what happens when a file cannot be had. Several
- * processes at once are in tests/process/log_process_test.cpp. */
+ * processes at once are in tests/soak. */
 #include "platform/tamo_om_log_client.h"
 
 #include <gtest/gtest.h>

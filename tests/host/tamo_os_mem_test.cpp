@@ -102,30 +102,6 @@ TEST(Memory, SecondReleaseAndForeignPointerAreRefusedWithARecord) {
     EXPECT_EQ(give(other), 0u);
 }
 
-TEST(Account, CountsThreadsThatMeetAtNewStatements) {
-    constexpr uint32_t kThreads = 4;
-    std::vector<void *> kept[kThreads];
-    std::vector<std::thread> threads;
-    for (auto &blocks : kept) {
-        threads.emplace_back([&blocks] {
-            for (uint32_t line = 1; line <= 200; ++line) {
-                blocks.push_back(take(8, line, "threads"));
-                give(take(64, line, "threads"));
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    for (uint32_t line = 1; line <= 200; ++line) {
-        ASSERT_EQ(account(0, line, "threads"), "4/32");
-    }
-    for (const auto &blocks : kept) {
-        std::for_each(blocks.begin(), blocks.end(), give);
-    }
-    EXPECT_TRUE(sitesOf(0).empty());
-}
-
 /* Takes a block, and ends when it is told to. */
 const support::ChildRole holder("holder", [](const support::ChildArguments &) {
     void *block = take(1000, 30, "holder");

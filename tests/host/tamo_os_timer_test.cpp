@@ -122,21 +122,6 @@ TEST_F(TamoOsTimer, PeriodicTimerMakesUpForAStallButNotForAStandstill) {
     EXPECT_EQ(timer.count(), before + 10) << "it is still on its grid";
 }
 
-TEST_F(TamoOsTimer, HundredThousandTimersOfOneTickExpireOnceEach) {
-    static std::vector<uint8_t> expiries;
-    expiries.assign(100000, 0);
-    OsTmrCreateParam param = {};
-    param.ticks = 1;
-    param.expiry = [](OsTmrCreateParam *record) { expiries[record->key]++; };
-    for (size_t i = 0; i < expiries.size(); i++) {
-        param.key = i;
-        uint32_t handle = 0;
-        ASSERT_EQ(OsTmrCreate(&param, &handle), 0u);
-    }
-    passTicks(3);
-    EXPECT_EQ(expiries, std::vector<uint8_t>(100000, 1));
-}
-
 /* ---- deletion ---- */
 
 TEST_F(TamoOsTimer, DeletionWaitsForTheRunningExpiry) {
@@ -234,33 +219,5 @@ TEST_F(TamoOsTimer, ChildOfForkHasNoTimersUntilItStartsItsOwnManager) {
 }
 
 #endif
-
-/* Each timer's memory goes as soon as its deletion has returned. */
-TEST_F(TamoOsTimer, NoExpiryTouchesATimerThatWasDeleted) {
-    std::atomic<uint32_t> expiries{0}, running{4};
-    std::vector<std::thread> threads;
-    for (unsigned seed = 0; seed < 4; seed++) {
-        threads.emplace_back([&, seed] {
-            std::mt19937 engine(seed);
-            const auto random = [&](uint32_t n) { return static_cast<uint32_t>(engine() % n); };
-            while (expiries < 2000) {
-                std::vector<std::unique_ptr<TestTimer>> timers;
-                for (uint32_t i = random(20); i > 0; i--) {
-                    timers.push_back(std::make_unique<TestTimer>(random(3), random(2) == 0,
-                                                                 [&](uint32_t) { expiries++; }));
-                }
-                TestTimer(random(2), random(2) == 0).await(1);
-            }
-            running--;
-        });
-    }
-    while (running != 0) {
-        passTime(kTick);
-        std::this_thread::yield();
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-}
 
 }  // namespace

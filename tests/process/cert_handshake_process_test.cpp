@@ -1,15 +1,9 @@
 /* Handshakes with what is installed, also while it is replaced. */
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <barrier>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <thread>
 
 #include "include/conf_cert.h"
 #include "include/conf_config.h"
@@ -86,61 +80,7 @@ TEST_F(CertHandshakes, TheEngineWorksWithTheKeyAndKeepsIt) {
     }
 }
 
-TEST_F(CertHandshakes, NoneFailsWhileTheCertificateIsReplaced) {
-    const certs::Party parties[] = {certs::makeParty("Odd", "EC"), certs::makeParty("Even", "RSA")};
-    ASSERT_TRUE(awaitChange([&] { install("263", parties[0], {"--engine"}); }));
-    std::atomic<bool> over = false;
-    std::atomic<int> served = 0, failed = 0;
-    std::thread load([&] {
-        while (!over) {
-            const string shown = serveOnce(0);
-            served++;
-            failed += shown != "Odd" && shown != "Even";
-        }
-    });
-    for (int round = 1; round <= 12; round++) {
-        const bool even = round % 2 == 1;
-        const Words options = round % 3 == 0 ? Words{} : Words{"--engine"};
-        EXPECT_TRUE(awaitChange([&] { install("263", parties[even ? 1 : 0], options); }));
-        EXPECT_EQ(serveOnce(0), even ? "Even" : "Odd");
-    }
-    over = true;
-    load.join();
-    EXPECT_GT(served, 10);
-    EXPECT_EQ(failed, 0);
-}
-
 /* ---- programs of their own ---- */
-
-constexpr int kLoaders = 8;
-
-const support::ChildRole firstLoads("firstLoads", [](const support::ChildArguments &) {
-    std::barrier begin(kLoaders);
-    std::atomic<int> good = 0;
-    std::thread loaders[kLoaders];
-    ConfCertInit(nullptr);
-    for (std::thread &loader : loaders) {
-        loader = std::thread([&] {
-            begin.arrive_and_wait();
-            const Context server = certs::serverContext(), client = certs::clientContext();
-            good += ConfLoadServerCert(server.get(), 1) == 0 &&
-                    certs::shakeHands(server.get(), client.get()).done;
-        });
-    }
-    for (std::thread &loader : loaders) {
-        loader.join();
-    }
-    support::tellParent(std::to_string(good));
-    return 0;
-});
-
-TEST(CertPrograms, FirstKeylessLoadsAtOnceAllSucceed) {
-    ASSERT_EQ(install("265", certs::makeParty("Party", "RSA"), {"--engine"}).code, 0);
-    for (int round = 0; round < 5; round++) {
-        support::ChildProcess child("firstLoads");
-        EXPECT_EQ(child.hear(), std::to_string(kLoaders));
-    }
-}
 
 const support::ChildRole fixedLayout("fixedLayout", [](const support::ChildArguments &) {
     char directory[512];
@@ -165,39 +105,6 @@ TEST(CertPrograms, TheFixedLayoutHasItsDirectories) {
     snprintf(hashed, sizeof(hashed), "%08lx.0", X509_subject_name_hash(root.certificate.get()));
     EXPECT_EQ(certs::list("/data/tamo_conference/CA"), (Words{hashed, "root.pem"}));
     certs::remove("/data/cust/config/conference/conf_config.xml");
-}
-
-/* A line from the server behind a finished handshake; empty when there was none in time. */
-string greeting(uint16_t port) {
-    const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    const timeval patience = {5, 0}; /* less than the server has with one that stands idle */
-    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    EXPECT_EQ(connect(connection, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    const Context context = certs::clientContext();
-    const std::unique_ptr<SSL, decltype(&SSL_free)> client(SSL_new(context.get()), SSL_free);
-    SSL_set_fd(client.get(), connection);
-    char line[64] = "";
-    if (SSL_connect(client.get()) == 1) {
-        (void)SSL_read(client.get(), line, sizeof(line) - 1);
-    }
-    close(connection);
-    return line;
-}
-
-TEST(CertPrograms, TheExampleServesOthersWhileAClientStandsIdle) {
-    ASSERT_EQ(install("263", certs::makeParty("Example", "EC")).code, 0);
-    Program server({EXAMPLE_TLS_SERVER});
-    string line = server.line();
-    while (!line.empty() && line.find("listening on 127.0.0.1:") != 0) {
-        line = server.line();
-    }
-    const auto port = static_cast<uint16_t>(atoi(line.c_str() + line.rfind(':') + 1));
-    const int idle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(connect(idle, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    EXPECT_EQ(greeting(port), "welcome by TLSv1.3\n");
-    close(idle);
 }
 
 }  // namespace

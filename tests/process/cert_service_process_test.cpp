@@ -1,5 +1,4 @@
 /* The certificate service between processes: an administrator's hands, and those who hear of it. */
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,13 +25,9 @@ void tellMessage(uint32_t message, uint32_t certId) {
     support::tellParent(std::to_string(message) + " " + std::to_string(certId));
 }
 
-const support::ChildRole watcher("watcher", [](const support::ChildArguments &arguments) {
-    const bool inFork = !arguments.empty();
-    if (TamoOmCertClientInit(nullptr) != 0 ||
-        (inFork && (TamoOmCertNotifyCallback(tellMessage) != 0 || fork() != 0))) {
-        return inFork ? (pause(), 0) : 1;
-    }
-    const bool good = TamoOmCertNotifyCallback(tellMessage) == 0;
+const support::ChildRole watcher("watcher", [](const support::ChildArguments &) {
+    const bool good =
+        TamoOmCertClientInit(nullptr) == 0 && TamoOmCertNotifyCallback(tellMessage) == 0;
     support::tellParent(good ? "watching" : "failed");
     support::hearParent();
     return 0;
@@ -89,22 +84,6 @@ TEST_F(CertNotifications, EachChangeOfTheCaFilesIsToldOnceToEveryProcess) {
     }
 }
 
-TEST_F(CertNotifications, HalfWrittenFilesAndHiddenOnesAreNotTold) {
-    certs::write("/data/certfile/CA/old.pem", "old");
-    support::ChildProcess child("watcher");
-    ASSERT_EQ(child.hear(), "watching");
-    for (const char *name : {"/data/certfile/CA/new.pem", "/data/certfile/CA/old.pem"}) {
-        const int file = open(native(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        ASSERT_EQ(write(file, "half", 4), 4);
-        expectMessages(child, {});
-        ASSERT_EQ(write(file, "whole", 5), 5);
-        close(file);
-        expectMessages(child, {"1 0"});
-    }
-    certs::write("/data/certfile/CA/.hidden", "x");
-    expectMessages(child, {});
-}
-
 TEST_F(CertNotifications, AServerCertificateIsToldWhenItsKeyBelongsToIt) {
     const certs::Party one = certs::makeParty("One", "EC"), two = certs::makeParty("Two", "EC");
     const string place = "/data/certfile/server/265/";
@@ -130,16 +109,6 @@ TEST_F(CertNotifications, AServerCertificateIsToldWhenItsKeyBelongsToIt) {
     EXPECT_EQ(tamoctl({"cert", "remove", "265"}).code, 0);
     expectMessages(child, {"0 265"});
 }
-
-#ifndef __SANITIZE_THREAD__ /* which allows no thread after a fork */
-TEST_F(CertNotifications, AChildOfForkHearsOnceItHasRegistered) {
-    support::ChildProcess child("watcher", {"fork"});
-    ASSERT_EQ(child.hear(), "watching");
-    certs::write("/data/certfile/CA/a.pem", "x");
-    EXPECT_EQ(child.hear(), "1 0");
-    EXPECT_EQ(child.hear(), "1 0") << "the parent's";
-}
-#endif
 
 /* Paths and the identifier that a handler keeps change at one moment: when it has asked for it. */
 TEST(CertVersions, OneThatIsPutInPlaceIsHeldBackUntilTheHandlerHasHeardOfIt) {

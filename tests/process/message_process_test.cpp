@@ -41,12 +41,6 @@ uint32_t answerWithList(uint32_t param, void *data, uint32_t) {
     return 0;
 }
 
-uint32_t whereItIs(uint32_t, void *data, uint32_t) {
-    const auto address = reinterpret_cast<uintptr_t>(whereItIs);
-    std::memcpy(data, &address, sizeof(address));
-    return 0;
-}
-
 uint32_t addOne(uint32_t param, void *, uint32_t) {
     return param + 1;
 }
@@ -76,41 +70,6 @@ const ChildRole server("server", [](const ChildArguments &) {
     return 2;
 });
 
-/* Its table of descriptors is full while a sender connects. The exit code names the failure. */
-const ChildRole crowded("crowded", [](const ChildArguments &) {
-    Queue queue("crowded");
-    const rlimit few = {64, 64};
-    setrlimit(RLIMIT_NOFILE, &few);
-    std::vector<int> taken;
-    for (int copy = dup(0); copy >= 0; copy = dup(0)) {
-        taken.push_back(copy);
-    }
-    support::tellParent("full");
-    support::hearParent(); /* a sender waits */
-    OsMsgHeader *message = nullptr;
-    if (TamoHostMsgReceive(queue.get(), &message, 100) != TAMO_HOST_TIMEOUT) {
-        return 1;
-    }
-    for (const int each : taken) {
-        close(each);
-    }
-    serve(queue.next());
-    return 0;
-});
-
-TEST(CrowdedReceiver, TakesItsSendersWhenItHasDescriptorsAgain) {
-    ChildProcess receiver("crowded");
-    ASSERT_EQ(receiver.hear(), "full");
-    std::thread sender(
-        [] { EXPECT_EQ(Exchange("crowded", bodyOf(doNothing, 0, {})).result, TAMO_HOST_OK); });
-    while (queueInfo("crowded").depth == 0) {
-        sched_yield();
-    }
-    receiver.tell("go");
-    sender.join();
-    EXPECT_EQ(receiver.wait(), support::exited(0));
-}
-
 class MessageProcesses : public testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(server_.hear(), "ready"); }
@@ -120,19 +79,6 @@ class MessageProcesses : public testing::Test {
 uint32_t blocksOfServer() {
     const Exchange exchange(kQueue, bodyOf(countBlocks, 0, {}));
     return exchange.result == TAMO_HOST_OK ? headOf(exchange.response).result : ~0U;
-}
-
-TEST_F(MessageProcesses, AHandlerIsFoundWhereverItsModuleLies) {
-    const Exchange exchange(kQueue, bodyOf(whereItIs, 0, Bytes(sizeof(uintptr_t))));
-    ASSERT_EQ(exchange.result, TAMO_HOST_OK);
-    uintptr_t address = 0;
-    std::memcpy(&address, dataOf(exchange.response), sizeof(address));
-    const auto own = reinterpret_cast<uintptr_t>(whereItIs);
-    EXPECT_EQ(address % 4096, own % 4096);
-    if (address == own) {
-        GTEST_SKIP() << "this system loads every program at one address";
-    }
-    EXPECT_EQ(headOf(exchange.response).handler, whereItIs);
 }
 
 TEST_F(MessageProcesses, AHandlerThatTheReceiverCannotRunFailsAtOnce) {
@@ -238,54 +184,6 @@ TEST_F(MessageProcesses, AStuckReceiversSenderGoesOnWithItsReplacement) {
         EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
         EXPECT_EQ(queueInfo(kQueue).received, 2U);
     }
-}
-
-/* Senders are killed at any instruction. What they queued arrives whole and in order, and of the rest
- * nothing is left. */
-TEST(KilledSender, LosesNothingThatItQueuedAndUsesNothingUp) {
-    Queue queue("killed");
-    void *shared = mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    auto *queued = new (shared) std::atomic<uint32_t>(0);
-    const uint32_t sizes[] = {64, 5000, 300000, 2000000};
-    for (uint32_t round = 0; round < 24; ++round) {
-        const uint32_t size = sizes[round % 4];
-        const Bytes data = pattern(size);
-        *queued = 0;
-        const pid_t sender = fork();
-        if (sender == 0) {
-            while (sendAsync("killed", bodyOf(doNothing, *queued, data)) == TAMO_HOST_OK) {
-                ++*queued;
-            }
-            pause();
-        }
-        const uint32_t enough = size > 1000000 ? 1 : 3 + round * 7;
-        uint32_t taken = 0;
-        const auto take = [&](OsMsgHeader *message) {
-            ASSERT_EQ(headOf(message).param, taken);
-            ASSERT_EQ(message->bodyLength, kHead + size);
-            ASSERT_EQ(std::memcmp(dataOf(message), data.data(), size), 0);
-            TamoHostMsgFree(message);
-            ++taken;
-        };
-        while (*queued < enough) {
-            if (round % 2 == 1) { /* on every other one the receiver stands still */
-                take(queue.next());
-            }
-            sched_yield();
-        }
-        kill(sender, SIGKILL);
-        waitpid(sender, nullptr, 0);
-        OsMsgHeader *message = nullptr;
-        while (TamoHostMsgReceive(queue.get(), &message, 0) == TAMO_HOST_OK) {
-            take(message);
-        }
-        EXPECT_GE(taken, *queued);
-        EXPECT_LE(taken, *queued + 1);
-        EXPECT_EQ(queueInfo("killed").depth, 0U);
-        EXPECT_EQ(queueInfo("killed").depthBytes, 0U);
-    }
-    munmap(shared, sizeof(std::atomic<uint32_t>));
 }
 
 TEST_F(MessageProcesses, AProcessOfAnotherUserIsTurnedAway) {

@@ -29,43 +29,31 @@ TEST(TamoctlCert, RefusesWhatDoesNotWork) {
     certs::write("/data/in/huge.pem", "");
     std::filesystem::resize_file(native("/data/in/huge.pem"), 100 << 20);
     const string in = native("/data/in/");
-    const struct {
-        Words words;
-        int code;
-        const char *says;
-    } cases[] = {
-        {{"install", "263", in + "one.pem", in + "two.key"}, 1, "does not belong"},
-        {{"install", "263", in + "one.pem", in + "locked.key"}, 1, "--passphrase"},
-        {{"install", "--passphrase", in + "wrong", "263", in + "one.pem", in + "locked.key"},
-         1,
-         "does not open"},
-        {{"install", "--passphrase", in + "none", "263", in + "one.pem", in + "locked.key"},
-         1,
-         "none' cannot be read: No such file"},
-        {{"install", "263", in + "two.key", in + "two.key"}, 1, "no certificate in PEM"},
-        {{"install", "263", in + "huge.pem", in + "two.key"}, 1, "more than 1 MiB"},
-        {{"install", "263", in + "none", in + "two.key"}, 1, "cannot be read"},
-        {{"install", "256", in + "one.pem", in + "two.key"}, 2, "257 to 266"},
-        {{"install", "--extra", in + "wrong", "263", in + "one.pem", in + "two.key"}, 1, "259"},
-        {{"install", "--json", "263", in + "one.pem", in + "two.key"}, 2, "option"},
-        {{"remove", "263"}, 1, "not installed"},
-        {{"ca", "install", in + "two.key"}, 1, "no certificate"},
-        {{"crl", "install", in + "one.pem"}, 1, "no revocation list"},
-        {{"ca", "install", in + "one.pem", in + "sub/one.crt"},
-         1,
-         "both be installed as 'one.pem'"},
-        {{"ca", "install", in + "one.pem", in + "two.key"}, 1, "no certificate"},
-        {{"ca", "remove", "../server"}, 1, "cert list"},
-        {{"ca"}, 2, "'cert ca install'"},
-        {{}, 2, "--help"}};
-    for (const auto &[words, code, says] : cases) {
-        Words all = {"cert"};
-        all.insert(all.end(), words.begin(), words.end());
-        const Outcome outcome = tamoctl(all);
-        EXPECT_EQ(outcome.code, code) << testing::PrintToString(words);
-        EXPECT_NE(outcome.errors.find(says), string::npos) << outcome.errors;
-        EXPECT_EQ(lineCount(outcome.errors), 1U) << outcome.errors;
-    }
+    tryAll({{{"install", "263", in + "one.pem", in + "two.key"}, 1, "does not belong"},
+            {{"install", "263", in + "one.pem", in + "locked.key"}, 1, "--passphrase"},
+            {{"install", "--passphrase", in + "wrong", "263", in + "one.pem", in + "locked.key"},
+             1,
+             "does not open"},
+            {{"install", "--passphrase", in + "none", "263", in + "one.pem", in + "locked.key"},
+             1,
+             "none' cannot be read: No such file"},
+            {{"install", "263", in + "two.key", in + "two.key"}, 1, "no certificate in PEM"},
+            {{"install", "263", in + "huge.pem", in + "two.key"}, 1, "more than 1 MiB"},
+            {{"install", "263", in + "none", in + "two.key"}, 1, "cannot be read"},
+            {{"install", "256", in + "one.pem", in + "two.key"}, 2, "257 to 266"},
+            {{"install", "--extra", in + "wrong", "263", in + "one.pem", in + "two.key"}, 1, "259"},
+            {{"install", "--json", "263", in + "one.pem", in + "two.key"}, 2, "option"},
+            {{"remove", "263"}, 1, "not installed"},
+            {{"ca", "install", in + "two.key"}, 1, "no certificate"},
+            {{"crl", "install", in + "one.pem"}, 1, "no revocation list"},
+            {{"ca", "install", in + "one.pem", in + "sub/one.crt"},
+             1,
+             "both be installed as 'one.pem'"},
+            {{"ca", "install", in + "one.pem", in + "two.key"}, 1, "no certificate"},
+            {{"ca", "remove", "../server"}, 1, "cert list"},
+            {{"ca"}, 2, "'cert ca install'"},
+            {{}, 2, "--help"}},
+           {"cert"});
     EXPECT_EQ(tamoctl({"cert", "list"}).output, "");
     for (const char *directory :
          {"/data/certfile/server", "/data/certfile/CA", "/data/certfile/.new"}) {
@@ -105,26 +93,6 @@ TEST(TamoctlCert, SeveralFilesAreInstalledTogetherOrNotAtAll) {
     }
     close(events);
     EXPECT_EQ(names, (std::set<string>{"a.pem", "b.pem", "c.pem"})) << "no temporary file";
-}
-
-TEST(TamoctlCert, InstallsAtOnceKeepEachOthersKeys) {
-    removeAll();
-    const Words ids = {"257", "258", "261", "262", "263", "264", "265", "266"};
-    std::vector<std::unique_ptr<Program>> running;
-    for (const string &id : ids) {
-        const certs::Party party = certs::makeParty(id, "EC");
-        certs::write("/data/in/" + id + ".pem", certs::pem(party));
-        certs::write("/data/in/" + id + ".key", certs::keyPem(party));
-    }
-    for (const string &id : ids) {
-        running.push_back(std::make_unique<Program>(Words{TAMOCTL, "cert", "install", "--engine",
-                                                          id, native("/data/in/" + id + ".pem"),
-                                                          native("/data/in/" + id + ".key")}));
-    }
-    for (const auto &program : running) {
-        EXPECT_EQ(program->finish().code, 0);
-    }
-    EXPECT_EQ(certs::list("/keys").size(), ids.size());
 }
 
 const support::ChildRole user("user", [](const support::ChildArguments &) {
@@ -194,7 +162,12 @@ TEST(TamoctlCert, InstallsListsAndRemoves) {
     EXPECT_EQ(listed.find("server\t263\tCN=Saal ü\tCN=Root\t"), 0U) << listed;
     EXPECT_NE(listed.find("\tRSA 2048, in the engine\nca\troot.pem\tCN=Root\t"), string::npos);
     EXPECT_NE(listed.find("crl\trevoked_crl.pem\t\tCN=Root\t"), string::npos) << listed;
-    EXPECT_NE(tamoctl({"cert", "list", "--json"}).output.find("\"daysLeft\":36"), string::npos);
+    const string json = tamoctl({"cert", "list", "--json"}).output;
+    EXPECT_NE(json.find("\"daysLeft\":36"), string::npos) << json;
+    EXPECT_NE(json.find("\"inEngine\":true"), string::npos) << json;
+    ASSERT_EQ(install("264", certs::makeParty("Ed", "ED25519")).code, 0);
+    EXPECT_NE(tamoctl({"cert", "list"}).output.find("\tED25519\n"), string::npos);
+    EXPECT_EQ(tamoctl({"cert", "remove", "264"}).code, 0);
 
     EXPECT_EQ(tamoctl({"cert", "remove", "263"}).code, 0);
     EXPECT_EQ(tamoctl({"cert", "ca", "remove", "root.pem"}).code, 0);
@@ -211,6 +184,7 @@ TEST(TamoctlCert, TheDoctorFindsAKeyOfAnother) {
     certs::write("/data/certfile/server/263/key.pem", certs::keyPem(certs::makeParty("Two", "EC")));
     const Outcome outcome = tamoctl({"doctor"});
     EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.output.find("nothing is wrong"), string::npos);
     EXPECT_NE(outcome.output.find("server 263: its key does not belong"), string::npos)
         << outcome.output;
     removeAll();

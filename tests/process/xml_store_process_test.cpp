@@ -1,12 +1,10 @@
-/* Structures in files: a save that is killed, and files that belong to somebody. */
-#include <dlfcn.h>
+/* Structures in files that belong to somebody, on a disk that is full, in a pipe, on a mount point. A save
+ * that is killed is in examples/settings_file.cpp. */
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -20,51 +18,7 @@
 
 #include "include/conf_log_adapter.h"
 #include "include/xml_utility.h"
-#include "tests/support/child_process.h"
 #include "tests/support/scratch_root.h"
-
-namespace {
-
-int stepsToLive = -1; /* system calls of a save, each begun and ended; -1: for ever */
-
-void step() {
-    if (stepsToLive > 0 && --stepsToLive == 0) {
-        raise(SIGKILL);
-    }
-}
-
-template <typename Result, typename... Arguments>
-Result pass(const char *name, Arguments... arguments) {
-    step();
-    auto *next = reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name));
-    const Result result = next(arguments...);
-    step();
-    return result;
-}
-
-}  // namespace
-
-/* The libraries find these before the system's. */
-extern "C" {
-int ftruncate(int file, off_t size) noexcept {
-    return pass<int>("ftruncate", file, size);
-}
-int fsync(int file) {
-    return pass<int>("fsync", file);
-}
-int renameat(int from, const char *old, int to, const char *name) noexcept {
-    return pass<int>("renameat", from, old, to, name);
-}
-ssize_t pwrite(int file, const void *bytes, size_t size, off_t at) {
-    return pass<ssize_t>("pwrite", file, bytes, std::min(size, size_t{8192}), at);
-}
-ssize_t sendfile(int to, int from, off_t *offset, size_t size) noexcept {
-    return pass<ssize_t>("sendfile", to, from, offset, size);
-}
-int linkat(int from, const char *old, int to, const char *name, int flags) noexcept {
-    return pass<int>("linkat", from, old, to, name, flags);
-}
-}
 
 namespace {
 
@@ -100,11 +54,6 @@ uint32_t loaded(const char *path, const char *backup) {
     return good ? values[0] : 0;
 }
 
-const support::ChildRole saverRole("xml-saver", [](const support::ChildArguments &arguments) {
-    stepsToLive = std::stoi(arguments[0]);
-    return save(2) ? 0 : 1;
-});
-
 class XmlStore : public testing::Test {
   protected:
     XmlStore() : folder(support::scratchRoot() + "/data/store") {
@@ -115,29 +64,6 @@ class XmlStore : public testing::Test {
 
     fs::path folder;
 };
-
-TEST_F(XmlStore, OneOfTheFilesIsWholeWheneverASaveIsKilled) {
-    for (const bool inPlace : {false, true}) {
-        if (inPlace) {
-            fs::create_hard_link(folder / "store.xml", folder / "other.xml");
-        }
-        int steps = 0;
-        support::ChildEnd end = {};
-        do {
-            steps++;
-            support::ChildProcess saver("xml-saver", {std::to_string(steps)});
-            end = saver.wait();
-            EXPECT_NE(loaded(kFile, kBackup), 0u) << inPlace << steps;
-            EXPECT_TRUE(inPlace || (loaded(kFile, kFile) != 0 && loaded(kBackup, kBackup) != 0));
-        } while (end == support::killed(SIGKILL) && steps < 200);
-        EXPECT_EQ(end, support::exited(0));
-        EXPECT_GT(steps, 10);
-        EXPECT_TRUE(loaded(kFile, kFile) == 2 && loaded(kBackup, kBackup) == 2);
-        EXPECT_TRUE(save(1));
-    }
-    EXPECT_EQ(fs::hard_link_count(folder / "store.xml"), 2u);
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 3) << "and nothing is left over";
-}
 
 /* Runs `action` in a child as the user and group 2000, who is also in group 2001; its answer. */
 bool asOther(const std::function<bool()> &action) {
@@ -193,54 +119,37 @@ TEST_F(XmlStore, WhoeverSavesTakesNothingAway) {
     SetLogLevel(0);
     const fs::path file = folder / "store.xml", backup = folder / "store.bak";
     std::string longName = "/data/store/" + std::string(255, 'n');
+    enum Special { kNothing, kList, kOtherName, kClosedFolder, kLink };
     const struct {
         const char *name;
-        std::function<void()> prepare;
+        uid_t user; /* of the file and its backup */
+        gid_t group;
+        mode_t mode;
         bool saved;
+        Special special;
         const char *path = kFile;
     } cases[] = {
-        {"a member of the group",
-         [&] {
-             change(folder, 2000, 2000, 0700);
-             change(file, 0, 2001, 0660);
-             change(backup, 0, 2001, 0660);
-         },
-         true},
-        {"an owner, another group",
-         [&] {
-             change(file, 2000, 2001, 0640);
-             change(backup, 2000, 2001, 0600);
-         },
-         true},
-        {"an access list",
-         [&] {
-             change(file, 2000, 2000, 0640);
-             change(backup, 2000, 2000, 0640);
-             EXPECT_TRUE(giveAccessList(file) && giveAccessList(backup));
-         },
-         true},
-        {"a file that may not be written", [&] { change(file, 2000, 2000, 0400); }, false},
-        {"another user's file", [&] { change(file, 0, 0, 0644); }, false},
-        {"another name",
-         [&] {
-             change(file, 2000, 2000, 0600);
-             fs::create_hard_link(file, folder / "other");
-         },
-         true},
-        {"a folder that may not be written",
-         [&] {
-             fs::remove(folder / "other");
-             change(file, 2000, 2000, 0600);
-             change(folder, 0, 0, 0755);
-         },
-         true},
-        {"a long name", [&] { change(folder, 2000, 2000, 0700); }, true, longName.c_str()},
-        {"a link to nothing yet", [&] { fs::create_symlink("target", folder / "link"); }, true,
-         "/data/store/link"},
+        {"a member of the group", 0, 2001, 0660, true, kNothing},
+        {"an owner, another group", 2000, 2001, 0640, true, kNothing},
+        {"an access list", 2000, 2000, 0640, true, kList},
+        {"a file that may not be written", 2000, 2000, 0400, false, kNothing},
+        {"another user's file", 0, 0, 0644, false, kNothing},
+        {"another name", 2000, 2000, 0600, true, kOtherName},
+        {"a folder that may not be written", 2000, 2000, 0600, true, kClosedFolder},
+        {"a long name", 2000, 2000, 0600, true, kNothing, longName.c_str()},
+        {"a link to nothing yet", 2000, 2000, 0600, true, kLink, "/data/store/link"},
     };
     for (const auto &one : cases) {
-        change(backup, 2000, 2000, 0600);
-        one.prepare();
+        change(file, one.user, one.group, one.mode);
+        change(backup, one.user, one.group, one.mode);
+        EXPECT_TRUE(one.special != kList || (giveAccessList(file) && giveAccessList(backup)));
+        if (one.special == kOtherName) {
+            fs::create_hard_link(file, folder / "other");
+        } else if (one.special == kLink) {
+            fs::create_symlink("target", folder / "link");
+        }
+        const bool isClosed = one.special == kClosedFolder;
+        change(folder, isClosed ? 0 : 2000, isClosed ? 0 : 2000, isClosed ? 0755 : 0700);
         const fs::path saved = support::scratchRoot() + one.path;
         const std::string before = lookOf(saved), backupBefore = lookOf(backup);
         EXPECT_EQ(asOther([&] { return save(7, one.path); }), one.saved) << one.name;
@@ -251,6 +160,7 @@ TEST_F(XmlStore, WhoeverSavesTakesNothingAway) {
         }
         EXPECT_EQ(lookOf(backup), backupBefore) << one.name;
         change(file, 0, 0, 0600);
+        fs::remove(folder / "other");
         EXPECT_TRUE(save(1));
     }
     EXPECT_TRUE(fs::is_symlink(folder / "link"));

@@ -23,7 +23,6 @@
 #include "conf_cert.h"
 #include "conf_log_adapter.h"
 #include "conf_msg_api.h"
-#include "conf_timer.h"
 #include "soak.h"
 #include "tamo_host.h"
 #include "tamo_om_log_client.h"
@@ -124,56 +123,6 @@ int send() {
     return 0;
 }
 
-/* ---- timers ---- */
-
-constexpr size_t kTimers = 16;
-ConfTimer timers[kTimers];
-uint32_t startsOf[kTimers], expiriesOf[kTimers];
-
-uint32_t expire(uint32_t index, void *, uint32_t) {
-    if (++expiriesOf[index] != startsOf[index]) {
-        fault("timer %u expired %u times after %u starts", index, expiriesOf[index],
-              startsOf[index]);
-    }
-    note(expiriesOf[index]);
-    return 0;
-}
-
-int runTimers() {
-    static const std::string name = "Timers" + std::to_string(self.id);
-    static ConfCommTimerEntry none[1];
-    TamoHostQueue *queue = nullptr;
-    if (TamoHostMsgOpen(name.c_str(), &queue) != TAMO_HOST_OK || ConfCommTimerInit(none, 0) != 0) {
-        return 1;
-    }
-    for (ConfTimer &timer : timers) {
-        ConfTimerInit(&timer, 1, CONF_TIMER_ONE_SHOT, name.c_str(), expire);
-    }
-    std::mt19937 random(self.life);
-    int idle = 0;
-    while (isEnding == 0 || idle < 10) {
-        for (uint32_t at = 0; at < kTimers && isEnding == 0; at++) {
-            if (startsOf[at] == expiriesOf[at] &&
-                ConfTimerStart(&timers[at], static_cast<uint32_t>(1 + random() % 50), at, nullptr,
-                               0) == 0) {
-                startsOf[at]++;
-            }
-        }
-        OsMsgHeader *message = nullptr;
-        idle = TamoHostMsgReceive(queue, &message, 100) == TAMO_HOST_OK ? 0 : idle + 1;
-        if (message != nullptr) {
-            ConfCommMsgProcess(message);
-            TamoHostMsgFree(message);
-        }
-    }
-    for (uint32_t at = 0; at < kTimers; at++) {
-        if (startsOf[at] != expiriesOf[at]) {
-            fault("timer %u expired %u times, started %u times", at, expiriesOf[at], startsOf[at]);
-        }
-    }
-    return 0;
-}
-
 /* ---- configuration ---- */
 
 /* Two keys that always change together. */
@@ -241,7 +190,7 @@ int watch() {
 /* ---- records ---- */
 
 int record() {
-    OmLogCreateParam param = {512, 1000, 256 * 1024, "Soak.log"};
+    OmLogCreateParam param = {512, 1000, 64 * 1024, "Soak.log"};
     uint16_t id = 0;
     if (TamoOmLogCreateLog(&param, &id) != 0) {
         return 1;
@@ -388,9 +337,8 @@ long loadServerCertificate() {
 
 int runRole() {
     static const std::map<std::string, int (*)()> kRoles = {
-        {"receiver", receive},   {"sender", send},       {"timers", runTimers},
-        {"writer", writeValues}, {"watcher", watch},     {"logger", record},
-        {"saver", save},         {"installer", install}, {"server", serveTls}};
+        {"receiver", receive}, {"sender", send}, {"writer", writeValues}, {"watcher", watch},
+        {"logger", record},    {"saver", save},  {"installer", install},  {"server", serveTls}};
     struct sigaction end = {};
     end.sa_handler = [](int) { isEnding = 1; };
     sigaction(SIGTERM, &end, nullptr);

@@ -22,6 +22,7 @@
 #include <fstream>
 #include <map>
 #include <random>
+#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -44,26 +45,11 @@ struct Process {
     uint32_t life = 0;
 };
 
-/* Receivers and watchers first: they hear of all that the others do. */
-std::vector<Process> processes = {{"receiver", soak::kSteady, true},
-                                  {"receiver", 1, false},
-                                  {"watcher", soak::kSteady, true},
-                                  {"watcher", 1, false},
-                                  {"timers", 0, true},
-                                  {"timers", 1, false},
-                                  {"sender", 0, false},
-                                  {"sender", 1, false},
-                                  {"sender", 2, false},
-                                  {"writer", 0, false},
-                                  {"writer", 1, false},
-                                  {"writer", 2, false},
-                                  {"logger", 0, false},
-                                  {"logger", 1, false},
-                                  {"logger", 2, false},
-                                  {"saver", 0, false},
-                                  {"saver", 1, false},
-                                  {"installer", 0, false},
-                                  {"server", 0, false}};
+/* Receivers and watchers first: they hear of all that the others do. The number 0 of them is steady. */
+const std::pair<const char *, uint32_t> roles[] = {{"receiver", 2},  {"watcher", 2}, {"sender", 3},
+                                                   {"writer", 3},    {"logger", 3},  {"saver", 2},
+                                                   {"installer", 1}, {"server", 1}};
+std::vector<Process> processes;
 
 std::map<std::string, uint64_t> counts;
 
@@ -137,6 +123,12 @@ void fillDisk(const char *fill) {
 
 void run(double minutes, const char *fill) {
     std::mt19937 random(static_cast<unsigned>(getpid()));
+    for (const auto &[role, count] : roles) {
+        const bool listens = role == roles[0].first || role == roles[1].first;
+        for (uint32_t id = 0; id < count; id++) {
+            processes.push_back({role, id, listens && id == soak::kSteady});
+        }
+    }
     for (Process &process : processes) {
         start(&process);
         /* From here on every write is seen. */
@@ -279,28 +271,27 @@ void judgeValues() {
     }
 }
 
-void judgeRecords(const char *root) {
+void judgeRecords(const fs::path &root) {
+    const std::regex record(
+        "[-0-9]+ [0-9:.]+ INFO   soak[^ ]* soak:1 logger ([0-9]+)[.]([0-9]+) ([0-9]+)[.]");
     std::map<Of, Numbers> came;
     for (int number = 1000; number >= 0; number--) {
-        const std::string path =
-            std::string(root) + "/log/Soak.log" + (number == 0 ? "" : "." + std::to_string(number));
-        std::ifstream file(path);
+        const std::string suffix = number == 0 ? "" : "." + std::to_string(number);
+        std::ifstream file(root / ("log/Soak.log" + suffix));
+        counts["log files"] += file.is_open();
+        std::smatch part;
         for (std::string line; std::getline(file, line);) {
-            const size_t at = line.find("INFO   soak[");
-            const size_t text = line.find(" soak:1 logger ");
-            Of of;
-            uint32_t count = 0;
-            if (text == std::string::npos || line.back() != '.' ||
-                sscanf(line.c_str() + text, " soak:1 logger %u.%u %u.", &of.first, &of.second,
-                       &count) != 3) {
-                counts["pieces of records"]++; /* of the killed, and of a full disk */
-            } else if (at != 27 || line.rfind("INFO   soak[") != 27) {
+            if (std::regex_match(line, part, record)) {
+                const auto at = [&part](int group) {
+                    return static_cast<uint32_t>(std::stoul(part[group]));
+                };
+                came[{at(1), at(2)}].push_back(at(3));
+            } else if (line.rfind(" soak:1 logger ") != std::string::npos && line.back() == '.') {
                 soak::fault("a record begins within another line: %s", line.c_str());
             } else {
-                came[of].push_back(count);
+                counts["pieces of records"]++; /* of the killed, and of a full disk */
             }
         }
-        counts["log files"] += fs::exists(path);
     }
     for (const uint32_t logger : {0U, 1U, 2U}) {
         for (const auto &[of, wanted] : notesOfLives("logger", logger)) {
@@ -334,8 +325,6 @@ void judgeFiles() {
         soak::fault("certificate %ld is loaded, acknowledged %u", serial, installed);
     }
     mostNoted("server", 0, "certificates loaded");
-    mostNoted("timers", 0, "expiries");
-    mostNoted("timers", 1, "expiries");
 }
 
 int report() {

@@ -5,10 +5,15 @@
 #include <conf_timer.h>
 #include <conference_testkit_gtest.h>
 #include <gtest/gtest-spi.h>
+#include <signal.h>
 #include <tamo_host.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <thread>
+
+#include "tests/support/child_process.h"
+#include "tests/support/open_descriptors.h"
 
 namespace {
 
@@ -246,6 +251,28 @@ TEST_F(PlatformTest, WhatMustBeRedIs) {
         "blocks were left, or released twice: 1");
     give(left);
     testkit::reset();
+}
+
+/* The same for what this library's tests share. */
+const support::ChildRole silent("silent", [](const support::ChildArguments &) {
+    support::hearParent();
+    return 0;
+});
+const support::ChildRole killed("killed",
+                                [](const support::ChildArguments &) { return raise(SIGKILL); });
+
+TEST_F(PlatformTest, WhatMustBeRedInAProcessIs) {
+    using support::ChildProcess;
+    static int left = -1;
+    const auto leaveOneOpen = [] {
+        const support::DescriptorCheck check;
+        left = dup(0);
+    };
+    EXPECT_NONFATAL_FAILURE(leaveOneOpen(), "was left open");
+    close(left);
+    EXPECT_NONFATAL_FAILURE(EXPECT_EQ(ChildProcess("killed").wait(), support::exited(0)),
+                            "signal 9");
+    EXPECT_NONFATAL_FAILURE(ChildProcess("silent").hear(0.01), "said nothing in time");
 }
 
 }  // namespace

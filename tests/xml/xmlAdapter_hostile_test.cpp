@@ -1,7 +1,6 @@
-/* Documents that are no documents, and memory and stack that run out. */
+/* Documents that are no documents, and memory that runs out. */
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -120,17 +119,6 @@ TEST_F(XmlHostile, WhatIsNoDocumentGivesARecordAndNothing) {
     EXPECT_TRUE(testkit::records().empty());
 }
 
-TEST_F(XmlHostile, UnknownEntitiesAndForeignBytesDoNoHarm) {
-    const char *text =
-        "<r a='&#x41;&#65;&nbsp;&#xD800;&#99999999999;&;&'>\xFF\xC3<![CDATA[]&]]></r>";
-    ConfXmlNode *root = ConfXmlParseBodyGetRoot(text);
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(string(ConfXmlGetNodeStrAttr(root, "a")).substr(0, 2), "AA");
-    EXPECT_STREQ(ConfXmlGetNodeText(root), "\xFF\xC3");
-    EXPECT_NE(ConfXmlTransformStr(root), nullptr);
-    ConfXmlFreeRootNode(root);
-}
-
 /* A file of blanks that needs no disk. */
 ssize_t readBlanks(void *left, char *buffer, size_t size) {
     auto *count = static_cast<size_t *>(left);
@@ -153,36 +141,6 @@ TEST_F(XmlHostile, AGibibyteOfBlanksTakesNoMemory) {
     EXPECT_EQ(left, 0u);
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16384) << "KiB";
     EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlParseFileGetRoot]LoadFile failed"));
-}
-
-/* Parses, walks, searches, prints, saves and releases; the deepest level as a result. */
-void *useDeepDocument(void *text) {
-    ConfXmlNode *root = ConfXmlParseBodyGetRoot(static_cast<const char *>(text));
-    uintptr_t levels = 0;
-    string path;
-    for (ConfXmlNode *at = root; at != nullptr; at = ConfXmlGetNodeIterator(at)) {
-        levels++;
-        path += "n ";
-    }
-    const bool good = ConfXmlGetNodeByPath(root, path.c_str()) == root &&
-                      ConfXmlTransformStr(root) != nullptr &&
-                      ConfXmlTransformFile(root, "/data/deep.xml") == 0;
-    ConfXmlFreeRootNode(root);
-    return reinterpret_cast<void *>(good ? levels : 0);
-}
-
-TEST_F(XmlHostile, ASmallStackSufficesForTheDeepestDocument) {
-    string text = nested(98);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 256 << 10), 0);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attributes, useDeepDocument, text.data()), 0);
-    void *levels = nullptr;
-    pthread_join(thread, &levels);
-    pthread_attr_destroy(&attributes);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(levels), 98u);
-    EXPECT_EQ(ConfXmlParseBodyGetRoot(nested(99).c_str()), nullptr);
 }
 
 /* Every function that takes memory; true when none ran out of it. */

@@ -372,6 +372,7 @@ TEST_F(XmlFile, TheStepOfASaveAnswersForElementsOfNoTable) {
 ConfXmlNode *describeDeep(int32_t levelCount) {
     ConfXmlNode *root = ConfXmlAddSingleStructNode(nullptr, "Root");
     ConfXmlNode *last = root;
+    ConfXmlAddSingleStructNode(root, "shallow"); /* the deep one comes behind it */
     for (int32_t level = 2; level < levelCount; level++) {
         last = ConfXmlAddSingleStructNode(last, "n");
     }
