@@ -85,7 +85,6 @@ class Server {
 
   private:
     std::string name_;
-    bool ended_ = false;
     std::thread thread_;
 };
 

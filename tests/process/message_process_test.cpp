@@ -1,22 +1,16 @@
 /* Messages between real processes that differ: in where their modules lie, in which modules they have,
  * in whose they are, in what they have left; and that end at the wrong moment. */
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "include/conf_msg_api.h"
 #include "platform/tamo_os_mem.h"
@@ -138,22 +132,6 @@ TEST_F(MessageProcesses, KilledReceiverFailsItsWaitingSenderAtOnceAndIsReplaced)
         << "a receiver may start after its sender, and takes over what a dead one left";
 }
 
-TEST_F(MessageProcesses, AReceiverKilledWithTheRequestUnreadFailsItAtOnce) {
-    server_.signal(SIGSTOP);
-    std::thread killer([this] {
-        while (queueInfo(kQueue).depth == 0) {
-            sched_yield();
-        }
-        server_.signal(SIGKILL);
-    });
-    EXPECT_EQ(Exchange(kQueue, bodyOf(doNothing, 0, {}), 1, UINT32_MAX).result, TAMO_HOST_GONE);
-    killer.join();
-    server_.kill(); /* until it is gone altogether */
-    const TamoHostQueueInfo info = queueInfo(kQueue);
-    EXPECT_STREQ(info.name, kQueue) << "what a killed owner left is still listed";
-    EXPECT_EQ(info.ownerPid, 0U);
-}
-
 /* A receiver that is not there yet is waited for; for ever, too. */
 TEST(AbsentReceiver, IsWaitedFor) {
     for (const uint32_t timeoutMs : {kTimeoutMs, UINT32_MAX}) {
@@ -162,27 +140,6 @@ TEST(AbsentReceiver, IsWaitedFor) {
         });
         ChildProcess receiver("server");
         sender.join();
-    }
-}
-
-/* A receiver that takes nothing is killed and replaced. Both sizes go on with the new one at once. */
-TEST_F(MessageProcesses, AStuckReceiversSenderGoesOnWithItsReplacement) {
-    constexpr uint32_t kLarge = 2000000; /* goes in a file of its own */
-    const std::vector<char> large(kLarge);
-    EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
-    std::unique_ptr<ChildProcess> replacement;
-    for (const uint32_t size : {4U, kLarge}) {
-        ChildProcess &stuck = replacement != nullptr ? *replacement : server_;
-        stuck.signal(SIGSTOP);
-        for (int i = 0; i < 3; ++i) { /* it dies with these */
-            EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 0, large.data(), kLarge), 0u);
-        }
-        stuck.kill();
-        replacement = std::make_unique<ChildProcess>("server");
-        ASSERT_EQ(replacement->hear(), "ready");
-        EXPECT_EQ(ConfCommMsgAsynSend(kQueue, addOne, 0, large.data(), size), 0u);
-        EXPECT_EQ(ConfCommMsgSynSendImpl(kQueue, addOne, 1, nullptr, 0, kTimeoutMs), 2u);
-        EXPECT_EQ(queueInfo(kQueue).received, 2U);
     }
 }
 

@@ -1,10 +1,6 @@
-/* Structures in files that belong to somebody, on a disk that is full, in a pipe, on a mount point. A save
- * that is killed is in examples/settings_file.cpp. */
-#include <fcntl.h>
+/* Structures in files that belong to somebody. A save that is killed is in examples/settings_file.cpp. */
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -174,44 +170,6 @@ TEST_F(XmlStore, WhoeverSavesTakesNothingAway) {
     EXPECT_TRUE(asOther([] { return save(7); }));
     EXPECT_EQ(lookOf(backup).substr(0, 15), "2000:2000 33156");
     SetLogLevel(3);
-}
-
-/* A disk with room for two files and no third, a pipe with a reader, and a file that is a mount point. */
-TEST_F(XmlStore, AFullDiskAPipeAndAMountPointAreWrittenInPlace) {
-    const pid_t child = fork();
-    if (child == 0) {
-        SetLogLevel(0);
-        const auto mounted = [&] {
-            return unshare(CLONE_NEWNS) == 0 &&
-                   mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   mount("none", folder.c_str(), "tmpfs", 0, "size=128k") == 0;
-        };
-        if (!mounted()) {
-            _exit(2);
-        }
-        bool good = save(1);
-        std::ofstream(folder / "filler") << std::string(1 << 20, 'x');
-        good = good && save(2) && loaded(kFile, kFile) == 2 && loaded(kBackup, kBackup) == 2;
-        good = good && !save(4000000000U) && loaded(kFile, kFile) == 2 &&
-               loaded(kBackup, kBackup) == 2;
-        const int reader = good && mkfifo((folder / "pipe").c_str(), 0600) == 0
-                               ? open((folder / "pipe").c_str(), O_RDONLY | O_NONBLOCK)
-                               : -1;
-        char first = 0;
-        good = good && save(2, "/data/store/pipe") && read(reader, &first, 1) == 1 && first == '<';
-        close(reader);
-        good = good && umount(folder.c_str()) == 0 &&
-               mount((folder / "store.bak").c_str(), (folder / "store.xml").c_str(), nullptr,
-                     MS_BIND, nullptr) == 0;
-        _exit(good && save(3) && loaded(kFile, kBackup) == 3 ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 2) {
-        GTEST_SKIP() << "mounts take root";
-    }
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace
