@@ -63,13 +63,21 @@ TEST_F(XmlUrl, NotesAreStoredAsTheirRecordSays) {
         uint32_t size;
         uint32_t result;
         string stored; /* of four bytes "\1\1\1\1" and a fifth that is never written */
-    } cases[] = {{"s", 1, 0, 5, 0, "four"},          {"s", 1, 0, 4, 1, "\1\1\1\1\1"},
-                 {"s", 1, 0, 0, 1, "\1\1\1\1\1"},    {"s", 1, 0, UINT32_MAX, 0, "four"},
-                 {"no", 1, 0, 5, 1, "\1\1\1\1\1"},   {"n", 0, 0, 0, 0, "\xF4\xFF\xFF\xFF\1"},
-                 {"x", 0, 0, 0, 0, "\1\1\1\1\1"},    {"c", 1, 1, 5, 0, "H\xC3\xA9\1\1"},
-                 {"c", 1, 1, 4, 0, "H\xC3\xA9\1\1"}, {"c", 1, 1, 3, 0, "H\1\1\1\1"},
-                 {"c", 1, 1, 1, 0, "\1\1\1\1\1"},    {"c", 1, 1, 0, 0, "\1\1\1\1\1"},
-                 {"b", 1, 1, 5, 0, "Hi\1\1\1"},      {"e", 1, 1, 5, 1, "\1\1\1\1\1"}};
+    } cases[] = {{"s", 1, 0, 5, 0, "four"},
+                 {"s", 1, 0, 4, 1, "\1\1\1\1\1"},
+                 {"s", 1, 0, 0, 1, "\1\1\1\1\1"},
+                 {"s", 1, 0, UINT32_MAX, 0, "four"},
+                 {"no", 1, 0, 5, 1, "\1\1\1\1\1"},
+                 {"no", 0, 0, 0, 1, "\1\1\1\1\1"},
+                 {"n", 0, 0, 0, 0, "\xF4\xFF\xFF\xFF\1"},
+                 {"x", 0, 0, 0, 0, "\1\1\1\1\1"},
+                 {"c", 1, 1, 5, 0, "H\xC3\xA9\1\1"},
+                 {"c", 1, 1, 4, 0, "H\xC3\xA9\1\1"},
+                 {"c", 1, 1, 3, 0, "H\1\1\1\1"},
+                 {"c", 1, 1, 1, 0, "\1\1\1\1\1"},
+                 {"c", 1, 1, 0, 0, "\1\1\1\1\1"},
+                 {"b", 1, 1, 5, 0, "Hi\1\1\1"},
+                 {"e", 1, 1, 5, 1, "\1\1\1\1\1"}};
     for (const auto &c : cases) {
         alignas(int32_t) char storage[6] = "\1\1\1\1\1";
         ConfXmlNoteParam param = {"", c.isString, storage, c.size, 1, c.asciiCodes};
@@ -121,7 +129,10 @@ TEST_F(XmlUrl, CodeListsAreReadToTheirEnd) {
     EXPECT_EQ(ConfXmlStrGetNextASCII("12,3", 4, &pos, &value) + pos * 10 + value, 43u);
     pos = 1; /* a length within the number ends it */
     EXPECT_EQ(ConfXmlStrGetNextASCII("123", 2, &pos, &value) + pos * 10 + value, 22u);
-    EXPECT_EQ(ConfXmlStrGetNextASCII("123", 2, &pos, nullptr), 1u);
+    EXPECT_EQ(ConfXmlStrGetNextASCII("123", 2, &pos, nullptr) +
+                  ConfXmlStrGetNextASCII(nullptr, 2, &pos, &value) +
+                  ConfXmlStrGetNextASCII("123", 2, nullptr, &value),
+              3u);
     const char *const others[] = {nullptr, "", "-1", "1a", " 1"};
     for (const char *text : others) {
         EXPECT_EQ(ConfXmlIsNumericStr(text), 0u);
