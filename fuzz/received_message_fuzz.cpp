@@ -4,9 +4,7 @@
  * An input is one byte of choices and the bytes of a ring. The choices give the first record what no
  * mutation would find: a true size and kind, the address of a handler that is really there, and a
  * file. */
-#include <elf.h>
 #include <fcntl.h>
-#include <link.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "fuzz/scratch.h"
+#include "host/messages/handler_address.h"
 #include "host/messages/ring.h"
 #include "include/conf_log_adapter.h"
 #include "include/conf_msg_api.h"
@@ -56,25 +55,13 @@ uint32_t readAll(uint32_t param, void *data, uint32_t dataLength) {
 }
 
 /* Puts this program's build id and the handler's offset into a head. */
-int describeHandler(dl_phdr_info *module, size_t, void *context) {
-    auto *head = static_cast<RecordHead *>(context);
-    for (int i = 0; i < module->dlpi_phnum; i++) {
-        const ElfW(Phdr) &segment = module->dlpi_phdr[i];
-        const auto *at = reinterpret_cast<const char *>(module->dlpi_addr + segment.p_vaddr);
-        const char *end = at + segment.p_memsz;
-        while (segment.p_type == PT_NOTE && at + sizeof(ElfW(Nhdr)) <= end) {
-            const auto *note = reinterpret_cast<const ElfW(Nhdr) *>(at);
-            const char *description = at + sizeof(*note) + (note->n_namesz + 3) / 4 * 4;
-            if (note->n_type == NT_GNU_BUILD_ID) {
-                head->prefix.buildIdLength =
-                    static_cast<uint8_t>(std::min<uint32_t>(note->n_descsz, sizeof(head->buildId)));
-                memcpy(head->buildId, description, head->prefix.buildIdLength);
-            }
-            at = description + (note->n_descsz + 3) / 4 * 4;
-        }
-    }
-    head->handlerOffset = reinterpret_cast<uintptr_t>(readAll) - module->dlpi_addr;
-    return 1; /* the program itself comes first */
+void describeHandler(RecordHead *head) {
+    CodePlace place = {};
+    fuzz::require(placeOfCode(reinterpret_cast<const void *>(readAll), &place) ==
+                  PlaceResult::kFound);
+    head->prefix.buildIdLength = place.buildIdLength;
+    memcpy(head->buildId, place.buildId, sizeof(place.buildId));
+    head->handlerOffset = place.offset;
 }
 
 int connectToQueue(const std::string &root) {
@@ -124,7 +111,7 @@ void sendInput(int sender, const uint8_t *data, size_t size) {
     if (ring.size() >= sizeof(head)) {
         memcpy(&head, ring.data(), sizeof(head));
         if ((choices & kTrueHandler) != 0) {
-            dl_iterate_phdr(describeHandler, &head);
+            describeHandler(&head);
         }
         if ((choices & (kSealed | kAsSegment)) != 0) {
             const std::vector<uint8_t> rest(ring.begin() + sizeof(head), ring.end());
