@@ -60,7 +60,7 @@ string countAddresses(const string &interfaceName) {
     for (; adapter != nullptr; adapter = adapter->next) {
         const bool wanted = adapter->ipv6InterfaceIndex == if_nametoindex(interfaceName.c_str());
         for (auto *each = adapter->firstUnicast; wanted && each != nullptr; each = each->next) {
-            count++;
+            count += each->address->sa_family == AF_INET6;
         }
     }
     return std::to_string(count);
