@@ -200,6 +200,18 @@ TEST_F(LogClient, RotationKeepsTheNewestFilesWithinTheirSize) {
     }
 }
 
+TEST_F(LogClient, ARotationThatFailsCostsNoRecordAndIsTriedOnceAFile) {
+    fs::create_directories(logFile(1) / "in the way");
+    const uint16_t id = create(limits(512, 2, 1000));
+    const std::string shown = standardErrorOf([id] {
+        for (int i = 0; i < 20; ++i) { /* a file and a half */
+            EXPECT_EQ(record(id, std::to_string(i)), 0);
+        }
+    });
+    EXPECT_EQ(texts().size(), 20u);
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 1) << shown;
+}
+
 TEST_F(LogClient, FullDiskFailsRecordsAndTearsNone) {
     const uint16_t id = create(limits(512, 9, 1000));
     ASSERT_EQ(record(id, "before"), 0);
