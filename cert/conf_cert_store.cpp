@@ -1,10 +1,10 @@
 /* The certificate table, its updates, and the application's callbacks. */
 #include <openssl/crypto.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "cert/cert_table.h"
 #include "common/log.h"
@@ -305,7 +305,7 @@ uint32_t identifiersSoFar(uint32_t type) {
                 return state == nullptr ? 0 : state->stored;
             }
         }
-        sched_yield(); /* one question to the service, at most */
+        std::this_thread::yield(); /* one question to the service, at most */
     }
 }
 

@@ -1,11 +1,13 @@
 /* Objects built from tables of items and printed, and two changes of texts. */
+#include <cjson/cJSON.h>
+
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "common/classic_locale.h"
 #include "common/log.h"
 #include "include/conf_json.h"
-#include "json/json_tree.h"
 
 namespace {
 
@@ -13,6 +15,17 @@ constexpr char kUnit[] = "conf_json";
 
 constexpr int kSuccess = 0;
 constexpr int kFailure = 1;
+
+struct TreeDelete {
+    void operator()(cJSON *tree) const { cJSON_Delete(tree); }
+};
+using JsonTree = std::unique_ptr<cJSON, TreeDelete>;
+
+/* With cJSON's own function: the process may have given it another allocator. */
+struct TextDelete {
+    void operator()(char *text) const { cJSON_free(text); }
+};
+using JsonText = std::unique_ptr<char, TextDelete>;
 
 /* A key as a record shows it. */
 const char *shown(const char *key) {

@@ -78,7 +78,7 @@ std::string entryProblem(std::string_view key, std::string_view value) {
 }
 
 std::string readEntries(const std::string &text, ConfigEntries *entries) {
-    const std::string problem = encodingProblem(text);
+    std::string problem = encodingProblem(text);
     if (!problem.empty()) {
         return problem;
     }

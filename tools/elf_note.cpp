@@ -71,7 +71,7 @@ std::string buildIdOf(const std::string &path) {
         std::vector<char> notes(segment.p_filesz);
         file.seekg(static_cast<std::streamoff>(segment.p_offset));
         file.read(notes.data(), static_cast<std::streamsize>(notes.size()));
-        const std::string id = file ? findBuildId(notes) : "";
+        std::string id = file ? findBuildId(notes) : "";
         file.clear();
         if (!id.empty()) {
             return id;

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/base/descriptor.h"
+#include "common/descriptor.h"
 
 namespace tamoctl {
 

@@ -108,7 +108,7 @@ void releasePattern(regex_t *pattern) {
 
 std::string LogRecord::universalTime() const {
     tm parts = {};
-    const std::string local(time);
+    std::string local(time);
     const char *rest = strptime(local.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
     uint64_t microseconds = 0;
     if (rest == nullptr || *rest != '.' || !readNumber(rest + 1, &microseconds)) {

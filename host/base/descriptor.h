@@ -1,9 +1,8 @@
 /* Owners of descriptors. */
 #pragma once
-#include <unistd.h>
-
 #include <mutex>
-#include <utility>
+
+#include "common/descriptor.h"
 
 namespace tamo {
 
@@ -13,30 +12,6 @@ extern std::mutex forkMutex;
 
 /* Whether `file` still has this name: neither moved nor removed nor replaced. */
 bool hasName(int file, int directory, const char *name);
-
-/* Owns a descriptor for the length of a scope. */
-class Descriptor {
-  public:
-    Descriptor() = default;
-    explicit Descriptor(int opened) : value_(opened) {}
-    Descriptor(Descriptor &&other) noexcept : value_(other.release()) {}
-    Descriptor &operator=(Descriptor &&other) noexcept {
-        std::swap(value_, other.value_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (value_ >= 0) {
-            close(value_);
-        }
-    }
-
-    int get() const { return value_; }
-    bool isOpen() const { return value_ >= 0; }
-    int release() { return std::exchange(value_, -1); }
-
-  private:
-    int value_ = -1;
-};
 
 /* Owns a descriptor that must not live on in a forked child: there it is closed and no longer open.
  * A child that kept a receiver's sockets would leave its senders waiting when the receiver is
