@@ -124,6 +124,7 @@ TEST_F(ConfigIndex, RefusedBindingsLeaveTheOthers) {
 
 TEST_F(ConfigIndex, BindingWithoutAnIndexChangesNothing) {
     bindKey("Conf.A");
+    EXPECT_TRUE(testkit::records().empty());
     EXPECT_FALSE(isBound("Conf.A"));
     ASSERT_EQ(ConfConfigInit([] { bindKey("Conf.A"); }, "TamoUIConf", "Conf"), 0);
     EXPECT_TRUE(isBound("Conf.A"));

@@ -366,6 +366,12 @@ TEST_F(XmlFile, TheStepOfASaveAnswersForElementsOfNoTable) {
         EXPECT_EQ(ConfXmlWriteCallBack(&info, &context), result) << name;
         EXPECT_EQ(ConfXmlGetNodeChildNum(output), children);
     }
+    TransXMLContext context = {output, 0, {}};
+    EXPECT_EQ(ConfXmlTraverseXmlTree(output, &context, nullptr), 1u);
+    EXPECT_EQ(countErrors("hAddrTable or TransXMLContext or pCallback is null"), 1u);
+    const ConfXmlValueNodeDesc desc = {"u8", "UINT8"};
+    EXPECT_EQ(ConfXmlAddSingleValueNode(output, &desc, nullptr), nullptr);
+    EXPECT_EQ(countErrors("ConfXmlSetNodeText fail, ret = 15!"), 1u);
     ConfXmlFreeRootNode(output);
 }
 
