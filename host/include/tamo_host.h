@@ -71,7 +71,8 @@ void TamoHostMsgFree(OsMsgHeader *message);
  * ignored. */
 void TamoHostMsgClose(TamoHostQueue *queue);
 
-/* What is known of one queue name. */
+/* What is known of one queue name. The counts of one that nobody serves any more are 0 once its senders
+ * have found out. */
 typedef struct TamoHostQueueInfo {
     char name[16];
     uint32_t ownerPid;   /* 0 when nobody serves it any more */

@@ -22,7 +22,7 @@ struct Peer {
     PeerIdentity identity = {};
     Mapping file;
     ConnectionControl *control = nullptr; /* until the sender's hello came */
-    uint32_t slot = kSlots;               /* in the queue's status file */
+    uint32_t slot = kSlots;               /* in the queue's status */
 
     /* Of the receiving thread. */
     RingReader requests;
@@ -62,8 +62,9 @@ struct TamoHostQueue {
     tamo::messages::Peer *peers = nullptr;
     tamo::messages::Peer *ready = nullptr; /* the first is served */
     tamo::messages::Peer *lastReady = nullptr;
-    uint32_t turn = 0;   /* messages that it may still have taken before the next one's turn */
-    bool yields = false; /* before a connection goes to sleep, once in a call */
+    uint32_t turn = 0;       /* messages that it may still have taken before the next one's turn */
+    bool lacksSlots = false; /* a sender ended before its hello: it may have had one */
+    bool yields = false;     /* before a connection goes to sleep, once in a call */
     tamo::messages::ModuleGuesses modules = {};
 };
 

@@ -6,6 +6,7 @@
  * cannot connect to, except a dead one. */
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -15,6 +16,7 @@
 #include <sys/timerfd.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <new>
 
 #include "host/base/device_root.h"
@@ -139,12 +141,50 @@ bool addPeer(TamoHostQueue *queue, Descriptor socket, const PeerIdentity &identi
     return true;
 }
 
+/* Has a process that claimed a slot one that its hello has not told yet? */
+bool awaitsHello(const TamoHostQueue &queue, uint32_t process) {
+    for (const Peer *peer = queue.peers; peer != nullptr; peer = peer->next) {
+        if (peer->control == nullptr && static_cast<uint32_t>(peer->identity.pid) == process) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Gives back the slots of senders that were killed before they told of them. All connections that there
+ * are have been accepted, so a slot of a process that is gone is one of those here, or lost. */
+void freeLostSlots(TamoHostQueue *queue) {
+    bool isHeld[kSlots] = {};
+    for (const Peer *peer = queue->peers; peer != nullptr; peer = peer->next) {
+        if (peer->control != nullptr) {
+            isHeld[peer->slot] = true;
+        }
+    }
+    QueueStatus *status = queue->status.get();
+    const uint32_t used = std::min(status->slotsUsed.load(std::memory_order_relaxed), kSlots);
+    queue->lacksSlots = false;
+    for (uint32_t i = 0; i < used; ++i) {
+        const uint32_t owner = status->slots[i].owner.load(std::memory_order_acquire);
+        if (owner == 0 || isHeld[i]) {
+            continue;
+        }
+        const bool isGone = kill(static_cast<pid_t>(owner), 0) != 0 && errno == ESRCH;
+        if (isGone && !awaitsHello(*queue, owner)) {
+            freeSlot(status, i);
+        } else {
+            queue->lacksSlots = true; /* until a later look */
+        }
+    }
+}
+
 void acceptPeers(TamoHostQueue *queue) {
     for (int i = 0; i < kAtOnce; ++i) {
         Descriptor accepted(accept4(queue->listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!accepted.isOpen()) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
                 pauseForDescriptors(queue, errno);
+            } else if (queue->lacksSlots) {
+                freeLostSlots(queue);
             }
             return;
         }
@@ -303,6 +343,8 @@ void dropPeer(TamoHostQueue *queue, Peer *peer) {
          * message that nobody receives here any more. */
         peer->control->closed.store(1, std::memory_order_release);
         freeSlot(queue->status.get(), peer->slot);
+    } else {
+        queue->lacksSlots = true;
     }
     (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, peer->socket.get(), nullptr);
     releasePeer(peer);

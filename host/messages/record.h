@@ -26,8 +26,9 @@
  * drops it; a sender looks at its socket with each message that needed no packet. A sender that
  * gives up a response clears `awaited`: a later answer fails at the answering side.
  *
- * Limits. Sender and receiver count in a slot of the queue's status file (status.h), one for each
- * connection. The receiver clears it with the connection, so killed senders use nothing up.
+ * Limits. Sender and receiver count in a slot of the queue's status (status.h), one for each
+ * connection. The receiver clears it with the connection, and frees one whose sender was killed before it
+ * told of it, so killed senders use nothing up.
  *
  * Trust. Both sides are of one user or root, checked when they connect. What the other side can
  * write is copied before it is looked at, positions and lengths are checked against the mapping, and

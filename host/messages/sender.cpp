@@ -171,7 +171,9 @@ uint32_t resultOfOpening(int error, const char *queue) {
             return TAMO_HOST_QUEUE_FULL;
         case EINVAL:
             hostRecord(kError, kUnit, __LINE__,
-                       "run/%s.queue below the device root is damaged: start its owner again",
+                       "run/%s.queue below the device root is damaged, or its owner is in another "
+                       "IPC namespace: start its owner again, where this process can share memory "
+                       "with it",
                        queue);
             return TAMO_HOST_SYSTEM;
         default:

@@ -1,4 +1,4 @@
-/* Queue names, the status files of queues, and the list of all queues. */
+/* Queue names, the status of queues, and the list of all queues. */
 #include "host/messages/status.h"
 
 #include <dirent.h>
@@ -7,14 +7,15 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
+#include "host/base/shared_page.h"
 #include "host/messages/record.h"
 #include "tamo_host.h"
 
@@ -53,8 +54,54 @@ uint64_t difference(const std::atomic<uint64_t> &sent, const std::atomic<uint64_
     return waiting <= INT64_MAX ? waiting : 0;
 }
 
-bool isStatus(const QueueStatus &status) {
-    return status.magic == kStatusMagic;
+/* What run/NAME.queue holds. */
+struct StatusFile {
+    uint32_t magic;
+    int32_t number;
+};
+static_assert(sizeof(StatusFile) == 8);
+
+void nameStatus(QueueStatus *status, int directory, const char *queue) {
+    struct stat place = {};
+    (void)fstat(directory, &place);
+    status->device = place.st_dev;
+    status->directory = place.st_ino;
+    (void)snprintf(status->name, sizeof(status->name), "%s", queue);
+}
+
+/* A number may be another's by now. */
+bool isStatusOf(const QueueStatus &status, int directory, const char *queue) {
+    struct stat place = {};
+    return status.magic == kStatusMagic && fstat(directory, &place) == 0 &&
+           status.device == place.st_dev && status.directory == place.st_ino &&
+           strncmp(status.name, queue, sizeof(status.name)) == 0;
+}
+
+/* The number that the queue's file tells. 0, or an error number; EINVAL when it tells none. */
+int readNumber(int directory, const char *queue, int *number) {
+    const Descriptor file(openat(directory, queueFileName(queue, kStatusSuffix).text,
+                                 O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    StatusFile content = {};
+    if (!file.isOpen()) {
+        return errno;
+    }
+    if (pread(file.get(), &content, sizeof(content), 0) != ssize_t{sizeof(content)} ||
+        content.magic != kStatusMagic) {
+        return EINVAL;
+    }
+    *number = content.number;
+    return 0;
+}
+
+/* Joins the status with a number; null when it is no more, or another's. */
+QueueStatus *joinStatus(int number, int directory, const char *queue, bool readOnly) {
+    auto *status =
+        static_cast<QueueStatus *>(joinSharedPage(number, sizeof(QueueStatus), readOnly));
+    if (status != nullptr && !isStatusOf(*status, directory, queue)) {
+        leaveSharedPage(status);
+        return nullptr;
+    }
+    return status;
 }
 
 /* Is the queue's lock held? Asking takes no lock, so it is in nobody's way. */
@@ -67,33 +114,23 @@ bool hasOwner(int directory, const char *queue) {
            question.l_type != F_UNLCK;
 }
 
-/* Reads a status file as it is; null when it is none. To be released with free. */
-QueueStatus *readStatus(int directory, const char *queue) {
-    const Descriptor file(openat(directory, queueFileName(queue, kStatusSuffix).text,
-                                 O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    auto *status =
-        static_cast<QueueStatus *>(aligned_alloc(alignof(QueueStatus), sizeof(QueueStatus)));
-    if (status == nullptr || !file.isOpen() ||
-        pread(file.get(), status, sizeof(*status), 0) != sizeof(*status) || !isStatus(*status)) {
-        free(status);
-        return nullptr;
-    }
-    return status;
-}
-
+/* A killed owner's queue has no status any more once its senders have left it, too. */
 bool describeQueue(int directory, const char *queue, TamoHostQueueInfo *info) {
+    int number = -1;
     *info = {};
-    QueueStatus *status = readStatus(directory, queue);
-    const bool found = status != nullptr && copyQueueName(queue, info->name);
-    if (found) {
+    if (readNumber(directory, queue, &number) != 0 || !copyQueueName(queue, info->name)) {
+        return false;
+    }
+    const QueueStatus *status = joinStatus(number, directory, queue, true);
+    if (status != nullptr) {
         const QueueDepth depth = depthOf(*status);
         info->ownerPid = hasOwner(directory, queue) ? status->ownerPid : 0;
         info->received = status->received.load(std::memory_order_relaxed);
         info->depth = depth.messages;
         info->depthBytes = depth.bytes;
+        leaveSharedPage(status);
     }
-    free(status);
-    return found;
+    return true;
 }
 
 /* The length of the queue's name in the name of its status file; 0 when it is none. */
@@ -141,58 +178,39 @@ bool copyQueueName(const char *name, char (&copy)[kQueueNameSize]) {
 
 StatusMapping::~StatusMapping() {
     if (status_ != nullptr) {
-        (void)munmap(status_, sizeof(QueueStatus));
+        leaveSharedPage(status_);
     }
-}
-
-int StatusMapping::map(const Descriptor &file) {
-    void *mapped =
-        mmap(nullptr, sizeof(QueueStatus), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-    if (mapped == MAP_FAILED) {
-        return errno;
-    }
-    status_ = static_cast<QueueStatus *>(mapped);
-    return 0;
 }
 
 int StatusMapping::create(int directory, const char *queue) {
     const QueueFileName name = queueFileName(queue, kStatusSuffix);
     const QueueFileName fresh = queueFileName(queue, ".queue~");
     Descriptor file(
-        openat(directory, fresh.text, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+        openat(directory, fresh.text, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file.isOpen()) {
         return errno;
     }
-    /* Set aside, not only made long: on a full disk a mapping of a hole would end the process. */
-    int error = posix_fallocate(file.get(), 0, sizeof(QueueStatus));
-    if (error == 0) {
-        error = map(file);
-    }
-    if (error != 0) {
-        return error;
+    StatusFile content = {kStatusMagic, -1};
+    status_ = static_cast<QueueStatus *>(makeSharedPage(sizeof(QueueStatus), &content.number));
+    if (status_ == nullptr) {
+        return ENOMEM; /* the kernel's own number for too many segments speaks of a disk */
     }
     status_->magic = kStatusMagic;
     status_->version = kWireVersion;
     status_->pointerWidth = kPointerWidth;
     status_->ownerPid = static_cast<uint32_t>(getpid());
-    if (renameat(directory, fresh.text, directory, name.text) != 0) {
-        return errno;
+    nameStatus(status_, directory, queue);
+    if (write(file.get(), &content, sizeof(content)) != ssize_t{sizeof(content)}) {
+        return ENOSPC;
     }
-    return 0;
+    return renameat(directory, fresh.text, directory, name.text) == 0 ? 0 : errno;
 }
 
 int StatusMapping::open(int directory, const char *queue) {
-    const Descriptor file(openat(directory, queueFileName(queue, kStatusSuffix).text,
-                                 O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    struct stat state;
-    if (!file.isOpen() || fstat(file.get(), &state) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(state.st_mode) || state.st_size < static_cast<off_t>(sizeof(QueueStatus))) {
-        return EINVAL;
-    }
-    const int error = map(file);
-    return error == 0 && !isStatus(*status_) ? EINVAL : error;
+    int number = -1;
+    const int error = readNumber(directory, queue, &number);
+    status_ = error == 0 ? joinStatus(number, directory, queue, false) : nullptr;
+    return error == 0 && status_ == nullptr ? EINVAL : error;
 }
 
 QueueDepth depthOf(const QueueStatus &status) {

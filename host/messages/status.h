@@ -1,13 +1,14 @@
-/* A queue's status file: who serves the queue, and what waits in it.
+/* A queue's status: who serves the queue, and what waits in it.
  *
- * Each queue has a file that its owner and every sender map. Each connection has a slot there, in
+ * Each queue has memory that its owner and every sender share (base/shared_page.h): nobody can take it
+ * away from them. Each connection has a slot there, in
  * which its sender counts what it sends, before it publishes it, and the receiver what it takes. The
  * sums limit what waits in the queue, and people can look at them. The receiver clears the slot of a
  * connection that it drops, so a sender that was killed between counting and publishing leaves
  * nothing behind. Nothing else depends on the counts: any process of this user may write there.
  *
  *     run/NAME.lock    locked by the owner for as long as it lives
- *     run/NAME.queue   the counts
+ *     run/NAME.queue   the number of the shared memory
  *     run/NAME.sock    the socket, there only while somebody listens or has died */
 #pragma once
 #include <stddef.h>
@@ -15,8 +16,6 @@
 #include <string.h>
 
 #include <atomic>
-
-#include "host/base/descriptor.h"
 
 namespace tamo::messages {
 
@@ -39,6 +38,9 @@ struct QueueStatus {
     uint8_t unused[2];
     uint32_t ownerPid;
     std::atomic<uint32_t> slotsUsed; /* no slot behind so many was ever used */
+    char name[kQueueNameSize];       /* the queue's, and its directory: */
+    uint64_t device;
+    uint64_t directory;
     alignas(64) std::atomic<uint64_t> received;
     SenderSlot slots[kSlots];
 };
@@ -66,7 +68,7 @@ QueueFileName queueFileName(const char *queue, const char *suffix);
  * '_' and '-'. */
 bool copyQueueName(const char *name, char (&copy)[kQueueNameSize]);
 
-/* A mapped status file. */
+/* A queue's status, as one process has it. */
 class StatusMapping {
   public:
     StatusMapping() = default;
@@ -74,17 +76,16 @@ class StatusMapping {
     StatusMapping(const StatusMapping &) = delete;
     StatusMapping &operator=(const StatusMapping &) = delete;
 
-    /* Creates the file anew, for its owner. 0, or an error number. */
+    /* Makes the status and its file anew, for the owner. 0, or an error number. */
     int create(int directory, const char *queue);
 
-    /* Maps the file as it is, for a sender. 0, or an error number; EINVAL when it is not a status
-     * file. */
+    /* Joins the status that the file tells, for a sender. 0, or an error number; EINVAL when it tells
+     * none. */
     int open(int directory, const char *queue);
 
     QueueStatus *get() const { return status_; }
 
   private:
-    int map(const Descriptor &file);
     QueueStatus *status_ = nullptr;
 };
 

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -22,7 +24,7 @@ using namespace parties;
 namespace {
 
 constexpr size_t kFile = 4096 + 32768 + 16384; /* a connection's memory file */
-constexpr size_t kStatusFile = 128 * 2049;
+constexpr size_t kStatus = 128 * 2049;
 constexpr uint8_t kOtherWidth = sizeof(void *) == 8 ? 4 : 8;
 constexpr unsigned kShared = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 constexpr unsigned kSealed = kShared | F_SEAL_WRITE;
@@ -265,20 +267,30 @@ TEST_F(Wire, ARecordThatLiesIsRefused) {
     EXPECT_TRUE(queue_.isEmpty());
 }
 
-/* A receiver in the test's hands: the socket and the status file that senders look for. */
+/* A receiver in the test's hands: the socket, and the status that senders look for. */
 class RogueReceiver {
   public:
-    explicit RogueReceiver(uint8_t width = sizeof(void *))
-        : listener_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+    RogueReceiver() : listener_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
         const sockaddr_un address = addressOf("rogue");
         EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)),
                   0);
         EXPECT_EQ(listen(listener_, 5), 0);
-        std::string status = {'T', 'M', 'S', 'Q', 2, static_cast<char>(width)};
-        status.resize(kStatusFile);
-        std::ofstream(support::scratchRoot() + "/run/rogue.queue") << status;
+        const int number = shmget(IPC_PRIVATE, kStatus, 0600);
+        status_ = static_cast<uint8_t *>(shmat(number, nullptr, 0));
+        shmctl(number, IPC_RMID, nullptr);
+        struct stat place = {};
+        stat((support::scratchRoot() + "/run").c_str(), &place);
+        const uint64_t directory[] = {place.st_dev, place.st_ino};
+        const uint8_t head[] = {'T', 'M', 'S', 'Q', 2, sizeof(void *)};
+        std::memcpy(status_, head, sizeof(head));
+        std::memcpy(status_ + 16, "rogue", 6);
+        std::memcpy(status_ + 32, directory, sizeof(directory));
+        std::string file = "TMSQ....";
+        std::memcpy(file.data() + 4, &number, sizeof(number));
+        std::ofstream(support::scratchRoot() + "/run/rogue.queue") << file;
     }
     ~RogueReceiver() {
+        shmdt(status_);
         close(listener_);
         unlink(addressOf("rogue").sun_path);
         unlink((support::scratchRoot() + "/run/rogue.queue").c_str());
@@ -287,6 +299,7 @@ class RogueReceiver {
 
   private:
     int listener_;
+    uint8_t *status_;
 };
 
 /* What a synchronous sender makes of an answer. */
