@@ -126,7 +126,7 @@ int32_t ConfLoadServerCertificateKeyLess(SSL_CTX *ctx, uint32_t type) {
 
 /* A path that fills its field would run on, at last into the pass phrase: it becomes one that does not
  * open. Cut off, it might be another file's. */
-void refuseEndless(char (&path)[kCertPathSize]) {
+void refuseUnterminated(char (&path)[kCertPathSize]) {
     if (memchr(path, '\0', sizeof(path)) == nullptr) {
         path[0] = '\0';
     }
@@ -167,8 +167,8 @@ int32_t ConfLoadServerCertificateByKey(SSL_CTX *ctx, uint32_t type) {
         CONF_LOG(CONF_LOG_ERROR, "server cert is null");
         return -1;
     }
-    refuseEndless(info.certPath);
-    refuseEndless(info.keyPath);
+    refuseUnterminated(info.certPath);
+    refuseUnterminated(info.keyPath);
     return loadFiles(__func__, ctx, &info);
 }
 

@@ -101,7 +101,7 @@ bool ConfConfigSetValue(const ConfConfigListItem &item, const ConfConfigValue &v
 }
 
 /* Is the item a text that fills its variable without an end? One of size 0 tells no bound. */
-bool lacksEnd(const ConfConfigIndexEntry &entry) {
+bool isUnterminated(const ConfConfigIndexEntry &entry) {
     return entry.type == CONF_VALUE_STR && entry.value != nullptr && entry.size != 0 &&
            memchr(entry.value, '\0', entry.size) == nullptr;
 }
@@ -110,7 +110,8 @@ bool lacksEnd(const ConfConfigIndexEntry &entry) {
  * as a record without a text, which is refused as one that cannot be rendered. */
 void addItem(const ConfConfigIndexEntry &entry, ConfConfigOmBatch *batch) {
     ConfConfigValue value = {CONF_VALUE_STR, {}};
-    if (lacksEnd(entry) || ConfConfigD2VByType(&value, entry.value, entry.size, entry.type) == 0) {
+    if (isUnterminated(entry) ||
+        ConfConfigD2VByType(&value, entry.value, entry.size, entry.type) == 0) {
         ConfConfigAddOmCfg(entry.name, &value, batch);
     }
 }

@@ -35,7 +35,7 @@ void *addressIn(ConfXmlNode *indexElement) {
 }
 
 /* The library that prints the text would read on behind the field. */
-bool hasNoEnd(const ConfXmlNodeInfo &info, const char *field) {
+bool isUnterminated(const ConfXmlNodeInfo &info, const char *field) {
     return info.type == CONF_XML_ATTR_CHAR && info.charLen != 0 &&
            strnlen(field, info.charLen) == info.charLen;
 }
@@ -129,7 +129,7 @@ WriteEnd writeField(const ConfXmlNodeInfo &info, ConfXmlNode *counterpart) {
     if (ConfXmlCopyIndexValueToXmlNode(&info, address, &value) != 0) {
         return WriteEnd::kFailed;
     }
-    if (hasNoEnd(info, static_cast<const char *>(address))) {
+    if (isUnterminated(info, static_cast<const char *>(address))) {
         ConfLogPrintf(CONF_LOG_ERROR, "ConfXmlWriteCallBack", kUnit, __LINE__,
                       "the text of %s has no end within its %u bytes", info.name,
                       unsigned{info.charLen});

@@ -2,7 +2,7 @@
  *
  * Before a fork every subsystem brings what it shares between threads into a state that a copy can
  * begin with, usually by taking its lock. Only the forking thread goes on in the child, which must
- * not allocate or wait there: it drops what belongs to the parent (threads, connections, seats) and
+ * not allocate or wait there: it drops what belongs to the parent (threads, connections, subscriptions) and
  * releases the locks.
  *
  * `before` handlers run in the order of the list below, the others in the opposite one. A subsystem

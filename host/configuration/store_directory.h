@@ -14,7 +14,7 @@ constexpr const char *kFreshStoreFile = "config.db.new";
  * itself, which does not go with the files in it. */
 class OpenLock {
   public:
-    /* Waits for it, or gives up after so many milliseconds. */
+    /* Waits for the lock, at most `mostMs` milliseconds; -1: without an end. */
     explicit OpenLock(int directory, int mostMs = -1);
     ~OpenLock();
     OpenLock(const OpenLock &) = delete;

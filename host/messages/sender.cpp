@@ -271,7 +271,7 @@ uint32_t openNew(Connection *connection, Deadline *deadline) {
     return result;
 }
 
-/* May a body of so many bytes go into the queue? Until the allowance is used up, the queue's depth
+/* May a body of `bodyLength` bytes go into the queue? Until the allowance is used up, the queue's depth
  * need not be summed up again: it is this connection's share of the room that there was, or less. */
 bool isAdmitted(Connection *connection, uint32_t bodyLength, QueueDepth *depth) {
     if (connection->allowedMessages == 0 || connection->allowedBytes < bodyLength) {
