@@ -26,6 +26,7 @@ void keep(uint64_t value) {
     sink = value;
 }
 
+/* The bare calls stand in functions too, as in a program that has them at several places. */
 const cJSON *member(const char *key) {
     if (root == nullptr || !cJSON_IsObject(root)) {
         return nullptr;
@@ -33,7 +34,7 @@ const cJSON *member(const char *key) {
     return cJSON_GetObjectItemCaseSensitive(root, key);
 }
 
-uint64_t bareInt() {
+__attribute__((noinline)) uint64_t bareInt() {
     const cJSON *item = member("number");
     if (!cJSON_IsNumber(item) || item->valuedouble < -2147483648.0 ||
         item->valuedouble > 2147483647.0) {
@@ -42,7 +43,7 @@ uint64_t bareInt() {
     return static_cast<uint64_t>(static_cast<int>(item->valuedouble));
 }
 
-uint64_t bareUInt64() {
+__attribute__((noinline)) uint64_t bareUInt64() {
     const cJSON *item = member("number");
     if (!cJSON_IsNumber(item) || item->valuedouble < 0 || item->valuedouble >= 0x1p64) {
         return 7;
@@ -50,18 +51,18 @@ uint64_t bareUInt64() {
     return static_cast<uint64_t>(item->valuedouble);
 }
 
-uint64_t bareBool() {
+__attribute__((noinline)) uint64_t bareBool() {
     const cJSON *item = member("bool");
     return !cJSON_IsBool(item) || cJSON_IsTrue(item);
 }
 
-uint64_t bareString() {
+__attribute__((noinline)) uint64_t bareString() {
     const cJSON *item = member("text");
     const std::string text = cJSON_IsString(item) ? item->valuestring : "";
     return text.size();
 }
 
-uint64_t bareObject() {
+__attribute__((noinline)) uint64_t bareObject() {
     const cJSON *item = member("object");
     return cJSON_IsObject(item) ? reinterpret_cast<uintptr_t>(item) : 0;
 }

@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "platform/bounds_checked.h"
 #include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_edit.h"
 #include "xml/xmlAdapter_memory.h"
 
 using tinyxml2::XMLElement;
@@ -91,6 +92,8 @@ bool isForAttributes(int32_t type) {
            type != CONF_XML_UINT32;
 }
 
+}  // namespace
+
 /* Memory ran out while an attribute was set. The XML library would follow a null name or value, so
  * the attribute goes; one without a name can only be reached when it is the first. */
 void dropAttribute(XMLElement *element, const char *name) {
@@ -114,24 +117,6 @@ void emptyText(XMLElement *element) {
         first->SetValue("", true);
     }
 }
-
-using Insert = tinyxml2::XMLNode *(tinyxml2::XMLNode::*)(tinyxml2::XMLNode *);
-
-ConfXmlNode *createChild(const char *function, ConfXmlNode *parent, const char *name,
-                         Insert insert) {
-    if (parent == nullptr || name == nullptr) {
-        ConfLogPrintf(CONF_LOG_ERROR, function, kUnit, __LINE__,
-                      parent == nullptr ? "parentNode is nullptr!" : "name is nullptr!");
-        return nullptr;
-    }
-    return unlessNoMemory<ConfXmlNode *>(nullptr, [&] {
-        XMLElement *child = elementOf(parent)->GetDocument()->NewElement(name);
-        (elementOf(parent)->*insert)(child);
-        return handleOf(child);
-    });
-}
-
-}  // namespace
 
 ConfXmlNode *ConfXmlCreateFirstChildNode(ConfXmlNode *parent, const char *name) {
     return createChild(__func__, parent, name, &tinyxml2::XMLNode::InsertFirstChild);

@@ -7,6 +7,7 @@
 #include "include/xml_utility.h"
 #include "platform/bounds_checked.h"
 #include "xml/xmlAdapter_document.h"
+#include "xml/xmlAdapter_edit.h"
 #include "xml/xmlAdapter_memory.h"
 #include "xml/xmlAdapter_owned.h"
 
@@ -78,8 +79,7 @@ uint32_t ConfXmlAdptAddNodeAttrs(ConfXmlNode *node, const ConfXmlAttrDesc *attrs
         return CONF_XML_INVALID;
     }
     for (uint32_t at = 0; at < count; at++) {
-        const uint32_t result =
-            ConfXmlAddAttr(node, attrs[at].name, CONF_XML_TEXT, attrs[at].value);
+        const uint32_t result = addTextAttribute(node, attrs[at].name, attrs[at].value);
         if (result != 0) {
             CONF_LOG(CONF_LOG_ERROR, "ConfXmlAddAttr fail, ret = %d!", result);
             return result;
@@ -97,13 +97,13 @@ uint32_t ConfXmlAdptAddChildNodes(ConfXmlNode *parent, const ConfXmlNodeDesc *no
     for (uint32_t at = 0; at < count; at++) {
         const ConfXmlNodeDesc &desc = nodes[at];
         ConfXmlNode *node = at == 0 ? ConfXmlCreateFirstChildNode(parent, desc.name)
-                                    : ConfXmlCreateLastChildNode(parent, desc.name);
+                                    : createChild("ConfXmlCreateLastChildNode", parent, desc.name,
+                                                  &tinyxml2::XMLNode::InsertEndChild);
         if (node == nullptr) {
             CONF_LOG(CONF_LOG_ERROR, "tempNode is nullptr!");
             return CONF_XML_INVALID;
         }
-        uint32_t result =
-            desc.text == nullptr ? 0 : ConfXmlSetNodeText(node, CONF_XML_TEXT, desc.text);
+        uint32_t result = desc.text == nullptr ? 0 : setText(node, desc.text);
         if (result != 0) {
             CONF_LOG(CONF_LOG_ERROR, "ConfXmlSetNodeText fail, ret = %d!", result);
             return result;

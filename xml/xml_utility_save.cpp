@@ -120,7 +120,8 @@ int flushToDisk(const char *path, const char *backupPath) {
         sync();
         return 0;
     }
-    const int32_t flushed = OsFlushFile(path);
+    /* A file that the platform has replaced is on the disk. */
+    const int32_t flushed = OsReplaceFile == nullptr ? OsFlushFile(path) : 0;
     const int32_t backupFlushed = OsFlushFile(backupPath);
     return flushed != 0 ? flushed : backupFlushed;
 }
