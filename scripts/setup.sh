@@ -8,7 +8,8 @@ set -euo pipefail
 
 packages=(
     g++ make cmake ninja-build pkg-config ca-certificates
-    libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libtinyxml2-dev libmnl-dev libsmartcols-dev iproute2
+    libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libtinyxml2-dev libmnl-dev libsmartcols-dev libncurses-dev iproute2
+    tmux # a terminal for the test of tamoctl top
     doxygen # the reference of the headers
     dpkg-dev file # Debian packages
     libevent-dev # the benchmark of the timers compares with it

@@ -189,6 +189,30 @@ const Command kProcesses[] = {
      false,
      {"tamoctl queues", "tamoctl queues --json | jq 'select(.depth > 0)'"},
      runQueues},
+    {"top",
+     "",
+     "show queues, processes and the log's rate on a live screen",
+     "Shows the queues with the messages that wait in them, the messages taken out per second "
+     "and their service time, which is from when a message was handed out until it was "
+     "answered, or freed when it was not; the processes with their outstanding memory blocks "
+     "and open files; and the log records per second by level. The screen needs a terminal; "
+     "--once prints the same after one interval, as rows.\n"
+     "Median and p99 are of the last ten intervals, or of all messages since the queue was "
+     "opened when none was answered in them. They are estimated from classes that double from "
+     "one to the next; every fifth message is measured.\n"
+     "The keys n, d, r, m and p sort the queues by name, depth, rate, median and p99, b and f "
+     "the processes by blocks and open files; q quits.",
+     {{'1', "once", "", "print rows once, after one interval"},
+      {'i', "interval", "SECONDS", "the time between two looks (default: 1)"},
+      {0, "json", "", "print one JSON object a line; with --once"},
+      {'n', "count", "COUNT", "end after COUNT looks, or lines with --once"},
+      kTimeout,
+      kHeader,
+      kFull},
+     {},
+     false,
+     {"tamoctl top", "tamoctl top --once --json | jq 'select(.kind == \"queue\")'"},
+     runTop},
     {"call",
      "QUEUE MODULE:FUNCTION [PARAM]",
      "send a message and print its result",

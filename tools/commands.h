@@ -12,7 +12,7 @@ Run runGet, runSet, runReset, runList;
 Run runWatch;
 Run runImport, runExport;
 Run runLog;
-Run runMem, runQueues;
+Run runMem, runQueues, runTop;
 Run runCall;
 Run runDoctor;
 Run runCertList, runCertInstall, runCertRemove;

@@ -71,6 +71,9 @@ void TamoHostMsgFree(OsMsgHeader *message);
  * ignored. */
 void TamoHostMsgClose(TamoHostQueue *queue);
 
+/* How many classes of service times there are. */
+enum { TAMO_HOST_SERVICE_BUCKETS = 40 };
+
 /* What is known of one queue name. The counts of one that nobody serves any more are 0 once its senders
  * have found out. */
 typedef struct TamoHostQueueInfo {
@@ -79,6 +82,11 @@ typedef struct TamoHostQueueInfo {
     uint64_t received;   /* messages taken out since it was opened */
     uint64_t depth;      /* messages sent and not yet taken out */
     uint64_t depthBytes; /* bytes of their bodies */
+    /* Service times: from when a message was handed out until it was answered, or freed when it was not.
+     * Class 0 counts messages that took no measurable time, class i those of 2^(i-1) to 2^i - 1
+     * nanoseconds, the last class those of all longer times. Every fifth message is measured, beginning
+     * with the first since the queue was opened. */
+    uint64_t served[TAMO_HOST_SERVICE_BUCKETS];
 } TamoHostQueueInfo;
 
 /* Calls `visit` for every queue name below the device root, in order of name, until it returns

@@ -13,8 +13,11 @@
 
 namespace tamo::messages {
 
-int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list) {
+int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list, uint64_t takenNs) {
     const std::lock_guard<std::mutex> lock(peer->answerLock);
+    if (takenNs != 0 && peer->status != nullptr) {
+        countService(peer->status, takenNs);
+    }
     if (peer->control->awaited.load(std::memory_order_acquire) != head->serial ||
         !peer->socket.isOpen()) {
         return EPIPE;
@@ -27,12 +30,12 @@ int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list)
     return sendWakeUp(peer->socket.get());
 }
 
-void sendRefusal(Peer *peer, uint32_t serial, uint32_t reason) {
+void sendRefusal(Peer *peer, uint32_t serial, uint32_t reason, uint64_t takenNs) {
     RecordHead head = {};
     head.prefix.kind = kRefusal;
     head.prefix.reason = static_cast<uint8_t>(reason);
     head.serial = serial;
-    (void)sendAnswer(peer, &head, nullptr, nullptr); /* a sender that is gone needs none */
+    (void)sendAnswer(peer, &head, nullptr, nullptr, takenNs); /* a sender that is gone needs none */
 }
 
 namespace {
@@ -51,7 +54,7 @@ uint32_t sendResponse(const Message &message, const void *body, uint32_t bodyLen
         head.prefix.flags = kHasList;
         head.listLength = list.size;
     }
-    const int error = sendAnswer(message.peer, &head, body, list.list);
+    const int error = sendAnswer(message.peer, &head, body, list.list, message.takenNs);
     if (error == 0) {
         return TAMO_HOST_OK;
     }
@@ -124,6 +127,7 @@ uint32_t OsMsgSynSendResp(OsMsgHeader *header, void *body, uint32_t bodyLength) 
         return TAMO_HOST_INVALID;
     }
     result = sendResponse(*message, body, bodyLength, list);
+    message->takenNs = 0;
     if (result == TAMO_HOST_OK && list.list != nullptr) {
         releaseSentList(message, body, list);
     }
@@ -140,7 +144,12 @@ void TamoHostMsgFree(OsMsgHeader *header) {
     Message *message = messageOf(header);
     const RecordHead &record = message->record;
     if (message->waiting.exchange(false, std::memory_order_acq_rel)) {
-        sendRefusal(message->peer, record.serial, TAMO_HOST_GONE);
+        sendRefusal(message->peer, record.serial, TAMO_HOST_GONE, message->takenNs);
+    } else if (message->takenNs != 0) {
+        const std::lock_guard<std::mutex> lock(message->peer->answerLock);
+        if (message->peer->status != nullptr) {
+            countService(message->peer->status, message->takenNs);
+        }
     }
     if (hasBlock(record.msgId, record.bodyLength)) {
         releaseList(bodyOf(message));

@@ -46,6 +46,7 @@ Message *allocateMessage() {
     auto *message = ::new (block) Message; /* leaves the bytes as they are */
     message->header = {};
     message->peer = nullptr;
+    message->takenNs = 0;
     message->waiting.store(false, std::memory_order_relaxed);
     message->allocated = nullptr;
     return message;

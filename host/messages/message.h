@@ -18,10 +18,12 @@ struct Peer;
 
 struct Message {
     OsMsgHeader header; /* first: a header that comes back is the message's address */
-    Peer *peer;         /* the connection that an answer takes; null when none is wanted */
+    Peer *peer; /* the connection that it came through; null unless an answer is wanted or it
+                         * is measured */
     std::atomic<bool> waiting;
-    void *allocated; /* a body that does not fit below, or null */
-    Mapping mapped;  /* a body that came in a file */
+    uint64_t takenNs; /* when it was taken out, by the monotonic clock; 0: it is not measured */
+    void *allocated;  /* a body that does not fit below, or null */
+    Mapping mapped;   /* a body that came in a file */
     RecordHead record;
     alignas(16) uint8_t smallBody[2048];
 };

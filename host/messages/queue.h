@@ -36,6 +36,7 @@ struct Peer {
 
     /* Of whoever answers. */
     std::mutex answerLock;
+    QueueStatus *status = nullptr; /* for the service times; null once the queue dropped it */
     RingWriter responses;
 };
 
@@ -43,9 +44,10 @@ void holdPeer(Peer *peer);
 void releasePeer(Peer *peer);
 
 /* Answers the message `serial`, if its sender still waits: with a response's head and content, or
- * with a refusal for `reason`. 0, or an error number; EPIPE when nobody waits. */
-int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list);
-void sendRefusal(Peer *peer, uint32_t serial, uint32_t reason);
+ * with a refusal for `reason`. `takenNs` is when the message was taken out, 0 when its service is not
+ * measured. 0, or an error number; EPIPE when nobody waits. */
+int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list, uint64_t takenNs);
+void sendRefusal(Peer *peer, uint32_t serial, uint32_t reason, uint64_t takenNs = 0);
 
 }  // namespace tamo::messages
 
@@ -62,6 +64,7 @@ struct TamoHostQueue {
     tamo::messages::Peer *peers = nullptr;
     tamo::messages::Peer *ready = nullptr; /* the first is served */
     tamo::messages::Peer *lastReady = nullptr;
+    uint32_t unmeasured = 0; /* messages until the next one whose service is measured */
     uint32_t turn = 0;       /* messages that it may still have taken before the next one's turn */
     bool lacksSlots = false; /* a sender ended before its hello: it may have had one */
     bool yields = false;     /* before a connection goes to sleep, once in a call */

@@ -133,6 +133,7 @@ bool addPeer(TamoHostQueue *queue, Descriptor socket, const PeerIdentity &identi
     }
     peer->socket.adopt(std::move(socket));
     peer->identity = identity;
+    peer->status = queue->status.get();
     peer->next = queue->peers;
     if (queue->peers != nullptr) {
         queue->peers->previous = peer;
@@ -347,6 +348,10 @@ void dropPeer(TamoHostQueue *queue, Peer *peer) {
         queue->lacksSlots = true;
     }
     (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, peer->socket.get(), nullptr);
+    {
+        const std::lock_guard<std::mutex> lock(peer->answerLock);
+        peer->status = nullptr;
+    }
     releasePeer(peer);
 }
 

@@ -11,7 +11,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 
+#include "host/base/clock.h"
 #include "host/base/descriptor.h"
 #include "host/base/device_root.h"
 #include "host/base/log.h"
@@ -128,6 +130,9 @@ bool describeQueue(int directory, const char *queue, TamoHostQueueInfo *info) {
         info->received = status->received.load(std::memory_order_relaxed);
         info->depth = depth.messages;
         info->depthBytes = depth.bytes;
+        for (unsigned i = 0; i < kServiceBuckets; ++i) {
+            info->served[i] = status->served[i].load(std::memory_order_relaxed);
+        }
         leaveSharedPage(status);
     }
     return true;
@@ -221,6 +226,11 @@ QueueDepth depthOf(const QueueStatus &status) {
         depth.bytes += difference(status.slots[i].sentBytes, status.slots[i].takenBytes);
     }
     return depth;
+}
+
+void countService(QueueStatus *status, uint64_t takenNs) {
+    const auto bits = static_cast<unsigned>(std::bit_width(monotonicNs() - takenNs));
+    status->served[std::min(bits, kServiceBuckets - 1)].fetch_add(1, std::memory_order_relaxed);
 }
 
 uint32_t claimSlot(QueueStatus *status) {

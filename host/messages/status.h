@@ -17,6 +17,8 @@
 
 #include <atomic>
 
+#include "tamo_host.h"
+
 namespace tamo::messages {
 
 constexpr size_t kQueueNameSize = 16;
@@ -30,6 +32,7 @@ struct SenderSlot {
 };
 
 constexpr uint32_t kSlots = 2048;
+constexpr unsigned kServiceBuckets = TAMO_HOST_SERVICE_BUCKETS;
 
 struct QueueStatus {
     uint32_t magic;
@@ -42,9 +45,11 @@ struct QueueStatus {
     uint64_t device;
     uint64_t directory;
     alignas(64) std::atomic<uint64_t> received;
+    alignas(64) std::atomic<uint64_t> served[kServiceBuckets]; /* see TamoHostQueueInfo */
     SenderSlot slots[kSlots];
 };
-static_assert(sizeof(SenderSlot) == 128 && sizeof(QueueStatus) == 128 * (kSlots + 1));
+static_assert(sizeof(SenderSlot) == 128 &&
+              sizeof(QueueStatus) == 128 * (kSlots + 1) + 8 * kServiceBuckets);
 /* Shared by processes, so they must need no lock; with 32-bit pointers aligned words of this size do
  * not, though is_always_lock_free speaks of unaligned ones and says otherwise there. */
 static_assert(alignof(std::atomic<uint64_t>) == sizeof(uint64_t));
@@ -99,6 +104,9 @@ struct QueueDepth {
     uint64_t bytes; /* of bodies */
 };
 QueueDepth depthOf(const QueueStatus &status);
+
+/* Counts a message that was taken out `takenNs` by the monotonic clock, and is answered now. */
+void countService(QueueStatus *status, uint64_t takenNs);
 
 /* Takes a free slot; kSlots when all are in use. */
 uint32_t claimSlot(QueueStatus *status);
