@@ -67,7 +67,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint32_t storageSize = data[2] % kMostStorage;
     const size_t place = data[3] % 8;
     const size_t content = std::min(size - 4, kMostStorage);
-    std::vector<uint8_t> storage(place + storageSize);
+    /* A text of size 0 tells no bound and is read to its end: then there is one. */
+    const size_t end = storageSize == 0 && type == CONF_VALUE_STR ? 1 : 0;
+    std::vector<uint8_t> storage(place + storageSize + end);
     std::copy_n(data + 4, std::min<size_t>(content, storageSize),
                 storage.begin() + static_cast<std::ptrdiff_t>(place));
     std::vector<uint8_t> bytes(data + 4 + content, data + size);
