@@ -24,7 +24,7 @@ using namespace parties;
 namespace {
 
 constexpr size_t kFile = 4096 + 32768 + 16384; /* a connection's memory file */
-constexpr size_t kStatus = 128 * 2049;
+constexpr size_t kStatus = 128 * 2049 + 40 * 8;
 constexpr uint8_t kOtherWidth = sizeof(void *) == 8 ? 4 : 8;
 constexpr unsigned kShared = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 constexpr unsigned kSealed = kShared | F_SEAL_WRITE;
