@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <thread>
 
@@ -65,7 +66,7 @@ Cell numberCell(const std::optional<uint64_t> &number) {
 }
 
 Cell rateCell(double rate) {
-    return Cell(static_cast<uint64_t>(rate + 0.5));
+    return Cell(static_cast<uint64_t>(std::llround(rate)));
 }
 
 /* ---- once ---- */
