@@ -1,17 +1,19 @@
-/* JSON: typed values out of parsed JSON, with defaults instead of errors, and JSON text out of tables
- * of items. For C++ only.
+/* JSON: typed values out of parsed JSON, with defaults instead of errors, and JSON text out of
+ * tables of items. For C++ only.
  *
- * 1. Trees are cJSON's own: include <cjson/cJSON.h> to release one with cJSON_Delete, and for whatever
- *    is not here. Who gets a tree from ConfJsonParse owns it; every item that is handed out belongs to
- *    its tree and lives as long.
+ * 1. Trees are cJSON's own: include <cjson/cJSON.h> to release one with cJSON_Delete, and for
+ *    whatever is not here. Who gets a tree from ConfJsonParse owns it; every item that is handed out
+ *    belongs to its tree and lives as long.
  * 2. A null argument is refused, never followed. A failure is one record at CONF_LOG_ERROR under the
  *    unit conf_json, where a function does not say otherwise, and a neutral result: null, false, 0 or
- *    the caller's default. A function that adds items by ConfJsonAddMultipleItems leaves its record and
- *    that function's. Numbers do not follow the process's locale, neither read nor printed. A record with a key too long for one is dropped, as any other.
- * 3. Keys are NUL-terminated and letter case counts, except where a function says otherwise. Of several
- *    members with one key the first is taken. A lookup walks the members up to the one it finds.
- * 4. A tree is read up to 1000 levels deep; a deeper text is refused. Nothing else here goes down into
- *    a tree, so that a small stack suffices.
+ *    the caller's default. A function that adds items by ConfJsonAddMultipleItems leaves its record
+ *    and that function's. Numbers do not follow the process's locale, neither read nor printed. A
+ *    record with a key too long for one is dropped, as any other.
+ * 3. Keys are NUL-terminated and letter case counts, except where a function says otherwise. Of
+ *    several members with one key the first is taken. A lookup walks the members up to the one it
+ *    finds.
+ * 4. A tree is read up to 1000 levels deep; a deeper text is refused. Nothing else here goes down
+ *    into a tree, so that a small stack suffices.
  * 5. No state: any thread may call as long as nobody changes the same tree, or the same string,
  *    meanwhile. No function throws.
  *
@@ -33,9 +35,9 @@ struct cJSON; /* a node of a tree: any JSON value */
 
 /* ---- reading ---- */
 
-/* Parses a NUL-terminated text. Returns its tree, which the caller releases with cJSON_Delete, or null
- * when the text is no JSON. What follows the first value is not looked at, invalid UTF-8 in texts is
- * kept as it is, and numbers are doubles: integers above 2^53 are rounded. */
+/* Parses a NUL-terminated text. Returns its tree, which the caller releases with cJSON_Delete, or
+ * null when the text is no JSON. What follows the first value is not looked at, invalid UTF-8 in
+ * texts is kept as it is, and numbers are doubles: integers above 2^53 are rounded. */
 cJSON *ConfJsonParse(char const *text);
 
 /* The member that is an object; null, without a record, when it is missing or anything else. */
@@ -69,7 +71,8 @@ bool ConfJsonIsMember(cJSON *root, char const *key);
 /* A bool member. */
 bool ConfJsonGetBool(cJSON *root, char const *key, bool defaultValue);
 
-/* A number from -2147483648 to 2147483647, cut to an integer towards zero; 2147483647.5 is outside. */
+/* A number from -2147483648 to 2147483647, cut to an integer towards zero; 2147483647.5 is
+ * outside. */
 int ConfJsonGetInt(cJSON *root, char const *key, int defaultValue);
 
 /* A number from 0 to 4294967295, cut to an integer; -0.5 is outside. */

@@ -71,12 +71,13 @@ ConfXmlNode *ConfXmlCreateRootNode(const char *name);
 /* Releases the whole document of any of its elements. */
 void ConfXmlFreeRootNode(ConfXmlNode *node);
 
-/* The whole document as text on one line, null when `root` is not a root. The text is the
- * document's: it stays until the next call for the document. */
+/* The whole document as text on one line; null, with a record, when `root` is not a root or memory
+ * runs out. The text is the document's: it stays until the next call for the document. */
 const char *ConfXmlTransformStr(ConfXmlNode *root);
 
 /* Writes the whole document of any of its elements to a file, indented. Returns 0, CONF_XML_INVALID
- * for a null argument, or the XML library's error number, 4 when the file cannot be opened. */
+ * for a null argument, CONF_XML_NO_MEMORY, or the XML library's error number, 4 when the file cannot
+ * be opened. */
 uint32_t ConfXmlTransformFile(ConfXmlNode *node, const char *path);
 
 /* ---- walking ---- */
@@ -100,7 +101,7 @@ ConfXmlNode *ConfXmlGetNodeFirstChild(ConfXmlNode *parent);
 ConfXmlNode *ConfXmlGetNodeNextSibling(ConfXmlNode *node);
 
 /* The next element in document order: an element, its children, then its next sibling. From the
- * root on it meets every element once; null at the end, which leaves a record.
+ * root on it meets every element once; null at the end. The step up from the root leaves a record.
  *
  *     for (ConfXmlNode *at = root; at != NULL; at = ConfXmlGetNodeIterator(at)) */
 ConfXmlNode *ConfXmlGetNodeIterator(ConfXmlNode *node);

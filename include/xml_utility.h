@@ -2,7 +2,8 @@
  *
  * 1. Results are 0 for success and 1 for failure, or a CONF_XML_ result of xmlAdapter.h where the
  *    function says so; pointers are null on failure. Failures leave a record, unless the function
- *    says otherwise; a value that is merely missing leaves one at the debug level.
+ *    says otherwise; a value that is merely missing leaves one at the debug level. A record with a
+ *    path or a value too long for one is dropped, as any other.
  * 2. Any argument may be null: that is a failure.
  * 3. Blocks that are returned come from the platform's memory (tamo_os_mem.h), and the caller
  *    releases them with OSMemTypeFreeMon.
@@ -138,8 +139,10 @@ char *ConfXmlAdptEncodeWithRootAttr(const ConfXmlEncodeRootDesc *desc);
  * release. CONF_XML_INVALID also without memory, 16 when the text is too long to be printed. */
 uint32_t ConfXmlDumpWithHeader(const char *body, char **result);
 
-/* Makes a document with children of the root. A text, attribute or child that fails is recorded and
- * left out. The caller releases the document with ConfXmlFreeRootNode. A null root leaves no record. */
+/* Makes a document with children of the root. An attribute that fails is recorded and left out. The
+ * children end at the first that fails; that, and a null array of them, is recorded. A text of the
+ * root that there is no memory for is left out without a record. The caller releases the document
+ * with ConfXmlFreeRootNode. A null root leaves no record. */
 ConfXmlNode *ConfXmlCreateRootNodeByNodeSet(const ConfXmlNodeDesc *root,
                                             const ConfXmlNodeDesc *children, uint32_t childCount);
 
@@ -253,8 +256,8 @@ uint32_t ConfXmlSave(ConfXmlCreateIndexTableFn createIndexTable, const char *pat
 /* Reads the structure from the file, or from the backup when the file is no document. Fields that
  * the file does not have, or not as such a type, keep their values. Numbers are parsed as the type
  * in the file says, of a number outside 32 bits the low ones, and stored with the width of the field;
- * a text that is not a number is 0. A text that does not fit leaves its field empty; a carriage return
- * in one comes back as a line feed. The time grows with the size of the file. */
+ * a text that is not a number is 0. A text that does not fit leaves its field empty; a carriage
+ * return in one comes back as a line feed. The time grows with the size of the file. */
 uint32_t ConfXmlLoad(ConfXmlCreateIndexTableFn createIndexTable, const char *path,
                      const char *backupPath);
 
@@ -270,29 +273,32 @@ uint32_t ConfXmlTraverseXmlTree(ConfXmlNode *element, TransXMLContext *context,
                                 ConfXmlTraverseFn callback);
 
 /* The callback of save: makes the element's counterpart in the document that is saved, with the
- * field's value, and sets the context to it. A failure leaves a record of its own only where memory
- * runs out or a text has no end; the traversal leaves one for each. */
+ * field's value, and sets the context to it. For nodes that are there, a failure leaves a record of
+ * its own only where memory runs out or a text has no end; the traversal leaves one for each. */
 uint32_t ConfXmlWriteCallBack(ConfXmlNodeInfo *info, TransXMLContext *context);
 
 /* The callback of load: finds the element's counterpart in the loaded document, stores its value in
- * the field, and sets the context to it. A counterpart that is not there leaves no record of its own;
- * the traversal leaves one. */
+ * the field, and sets the context to it. A null argument and a counterpart that is not there leave no
+ * record of their own; the traversal leaves one. */
 uint32_t ConfXmlLoadCallBack(ConfXmlNodeInfo *info, TransXMLContext *context);
 
 /* Reads all that is known of an element. */
 uint32_t ConfXmlGetXmlNodeAttrAndValue(ConfXmlNode *node, ConfXmlNodeInfo *info);
 
-/* Reads an element's "name", "type" and "CharLen". A failure leaves no record. */
+/* Reads an element's "name", "type" and "CharLen"; a null node has none of them, which is no failure.
+ * A failure leaves no record. */
 uint32_t ConfXmlGetXmlNodeAttr(ConfXmlNode *node, ConfXmlNodeInfo *info);
 
 /* 1 for a "val" element, else 0. */
 uint32_t ConfXmlIsValueNode(const ConfXmlNodeInfo *info);
 
-/* The code of a type name, exactly as written; an unknown one fails without a record. */
+/* The code of a type name, exactly as written; an unknown one and a null argument fail without a
+ * record. */
 uint32_t ConfXmlAttrTypeStrToEnum(const char *typeName, uint8_t *code);
 
 /* An element's text as a value of a type; a text value points into the document and is null for an
- * element without text. No record for a null value or an unknown type. */
+ * element without text. A null node, with a record, has no text and the number 0. No record for a
+ * null value or an unknown type. */
 uint32_t ConfXmlGetValue(ConfXmlNode *node, uint8_t type, ConfXmlValue *value);
 
 /* Sets an element's text. A CONF_XML_ result, or 1, without a record, for a null value. */
@@ -310,12 +316,13 @@ uint32_t ConfXmlCopyXmlNodeValueToIndex(const ConfXmlValue *value, const ConfXml
 /* Compares the names, then the instance numbers; 0 when both are equal. No record. */
 int32_t ConfXmlCompareNode(const ConfXmlNodeInfo *a, const ConfXmlNodeInfo *b, uint32_t word);
 
-/* What `compare` says of two elements, or 1 when one cannot be read, or without a record when there is no
- * `compare`. */
+/* What `compare` says of two elements; 1 when one cannot be read, and, without a record, when
+ * `compare` is null. */
 int32_t ConfXmlMatchNode(ConfXmlNode *a, ConfXmlNode *b, ConfXmlCompareFn compare);
 
 /* The first child of `fileParent` that matches the element of the index table; the search ends at a
- * child that cannot be read. No record when there is none. It walks the children; a load does not. */
+ * child that cannot be read. When there is none, no record but the debug one of a parent without
+ * children; none for a null `compare` or `found`. It walks the children; a load does not. */
 uint32_t ConfXmlFindMatchNode(ConfXmlNode *indexElement, ConfXmlNode *fileParent,
                               ConfXmlCompareFn compare, ConfXmlNode **found);
 

@@ -1,8 +1,9 @@
 /* Typed values out of parsed trees.
  *
- * A lookup checks its arguments, finds the member and judges it; each step that fails leaves the record
- * of its function. The functions differ in texts and types only: each has its texts in one place, and a
- * template makes its steps, so that none costs more than the cJSON calls that it stands for. */
+ * A lookup checks its arguments, finds the member and judges it; each step that fails leaves the
+ * record of its function. The functions differ in texts and types only: each has its texts in one
+ * place, and a template makes its steps, so that none costs more than the cJSON calls that it stands
+ * for. */
 #include <cjson/cJSON.h>
 
 #include <limits>

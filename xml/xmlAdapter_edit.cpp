@@ -2,7 +2,6 @@
 #include <charconv>
 
 #include "common/classic_locale.h"
-#include "common/log.h"
 #include "platform/bounds_checked.h"
 #include "xml/xmlAdapter_document.h"
 #include "xml/xmlAdapter_edit.h"
@@ -11,8 +10,6 @@
 using tinyxml2::XMLElement;
 
 namespace {
-
-constexpr char kUnit[] = "xmlAdapter";
 
 template <typename Number>
 Number numberAt(const void *place) {

@@ -1,4 +1,5 @@
-/* What encoders do for each of their elements, inlined. For files that are compiled with exceptions. */
+/* What encoders do for each of their elements, inlined. For files that are compiled with
+ * exceptions. */
 #pragma once
 #include <tinyxml2.h>
 

@@ -165,7 +165,7 @@ const char *ConfXmlGetNodeText(ConfXmlNode *node) {
         CONF_LOG(CONF_LOG_ERROR, "node is nullptr!");
         return nullptr;
     }
-    return elementOf(node)->GetText();
+    return textOf(elementOf(node)); /* some releases of the XML library step over a comment */
 }
 
 int32_t ConfXmlGetNodeIntText(ConfXmlNode *node) {

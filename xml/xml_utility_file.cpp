@@ -231,6 +231,26 @@ uint32_t load(const ConfXmlNodeInfo *info, TransXMLContext *context, ChildTables
     return 0;
 }
 
+/* ConfXmlBakFile, also for a file that has just been saved. */
+void backUp(const char *path, const char *backupPath, bool saved) {
+    const auto report = [](int line, const char *format, int result = 0) {
+        ConfLogPrintf(CONF_LOG_ERROR, "ConfXmlBakFile", kUnit, line, format, result);
+    };
+    if (path == nullptr || backupPath == nullptr) {
+        report(__LINE__, "Null ptr.");
+        return;
+    }
+    const int32_t copied = OsCopyFile(path, backupPath);
+    if (copied != 0) {
+        report(__LINE__, "OsCopyFile fail, ret:%d", copied);
+        return;
+    }
+    const int flushed = flushToDisk(path, backupPath, saved);
+    if (flushed != 0) {
+        report(__LINE__, "/system/bin/sync fail, ret:%d", flushed);
+    }
+}
+
 }  // namespace
 
 uint32_t ConfXmlWriteCallBack(ConfXmlNodeInfo *info, TransXMLContext *context) {
@@ -274,7 +294,7 @@ uint32_t ConfXmlSave(ConfXmlCreateIndexTableFn createIndexTable, const char *pat
         CONF_LOG(CONF_LOG_ERROR, "no memory for the whole document: the backup stays as it was");
         return 0;
     }
-    ConfXmlBakFile(path, backupPath);
+    backUp(path, backupPath, true);
     return 0;
 }
 
@@ -311,17 +331,5 @@ uint32_t ConfXmlLoad(ConfXmlCreateIndexTableFn createIndexTable, const char *pat
 }
 
 void ConfXmlBakFile(const char *path, const char *backupPath) {
-    if (path == nullptr || backupPath == nullptr) {
-        CONF_LOG(CONF_LOG_ERROR, "Null ptr.");
-        return;
-    }
-    const int32_t copied = OsCopyFile(path, backupPath);
-    if (copied != 0) {
-        CONF_LOG(CONF_LOG_ERROR, "OsCopyFile fail, ret:%d", copied);
-        return;
-    }
-    const int flushed = flushToDisk(path, backupPath);
-    if (flushed != 0) {
-        CONF_LOG(CONF_LOG_ERROR, "/system/bin/sync fail, ret:%d", flushed);
-    }
+    backUp(path, backupPath, false);
 }

@@ -112,7 +112,7 @@ bool saveDocument(ConfXmlNode *root, const char *path, const char *backupPath) {
     });
 }
 
-int flushToDisk(const char *path, const char *backupPath) {
+int flushToDisk(const char *path, const char *backupPath, bool saved) {
     if (access(kSync, X_OK) == 0) {
         return system(kSync);
     }
@@ -121,7 +121,7 @@ int flushToDisk(const char *path, const char *backupPath) {
         return 0;
     }
     /* A file that the platform has replaced is on the disk. */
-    const int32_t flushed = OsReplaceFile == nullptr ? OsFlushFile(path) : 0;
+    const int32_t flushed = saved && OsReplaceFile != nullptr ? 0 : OsFlushFile(path);
     const int32_t backupFlushed = OsFlushFile(backupPath);
     return flushed != 0 ? flushed : backupFlushed;
 }

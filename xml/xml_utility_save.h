@@ -8,5 +8,5 @@
 bool saveDocument(ConfXmlNode *root, const char *path, const char *backupPath);
 
 /* Flushes a file, its backup and their names to the disk; the result of the platform, 0 for
- * success. */
-int flushToDisk(const char *path, const char *backupPath);
+ * success. `saved`: the file is as saveDocument has written it. */
+int flushToDisk(const char *path, const char *backupPath, bool saved);

@@ -31,7 +31,7 @@ class XmlAdapter : public testkit::PlatformTest {
 };
 
 TEST_F(XmlAdapter, StepsMeetElementsOnlyAndInDocumentOrder) {
-    parse("<r>text<!-- c --><a><b/><c/></a><d>t<!-- c --></d></r>");
+    parse("<r>text<!-- c --><a><b/><c><!-- c -->1</c></a><d>t<!-- c --></d></r>");
     string met;
     for (ConfXmlNode *at = root_; at != nullptr; at = ConfXmlGetNodeIterator(at)) {
         met += ConfXmlGetNodeName(at);
@@ -42,6 +42,7 @@ TEST_F(XmlAdapter, StepsMeetElementsOnlyAndInDocumentOrder) {
     EXPECT_TRUE(hasRecord(1, "xmlAdapter", "[ConfXmlGetNodeParenet]node is root!"));
     ConfXmlNode *a = ConfXmlGetNodeFirstChild(root_);
     EXPECT_EQ(ConfXmlGetNodeParenet(a), root_);
+    EXPECT_EQ(ConfXmlGetNodeText(ConfXmlGetNodeByPath(a, "c")), nullptr) << "no text begins it";
     EXPECT_EQ(ConfXmlGetNodeChildNum(root_), 2u);
     EXPECT_EQ(ConfXmlGetNodeChildNum(ConfXmlGetNodeNextSibling(a)), 0u);
     EXPECT_EQ(ConfXmlGetNodeNextSibling(ConfXmlGetNodeNextSibling(a)), nullptr);

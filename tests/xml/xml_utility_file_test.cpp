@@ -329,6 +329,9 @@ TEST_F(XmlFile, AFailedSaveLeavesBothFilesAndAFailedBackupFailsNothing) {
     EXPECT_EQ(status.st_mode & 0777, 0640u);
     ConfXmlBakFile(kFile, nullptr);
     EXPECT_EQ(countErrors("[ConfXmlBakFile]Null ptr."), 1u);
+    const uint64_t flushed = testkit::callCount(OsFlushFile);
+    ConfXmlBakFile(kFile, kBackup);
+    EXPECT_EQ(testkit::callCount(OsFlushFile), flushed + 2) << "the file may be anyone's";
 }
 
 TEST_F(XmlFile, MemoryThatRunsOutIsAnAnswer) {
