@@ -213,6 +213,25 @@ const Command kProcesses[] = {
      false,
      {"tamoctl top", "tamoctl top --once --json | jq 'select(.kind == \"queue\")'"},
      runTop},
+    {"monitor",
+     "",
+     "show messages as they happen",
+     "Shows what becomes of each message, from now on, until interrupted: that it was sent and "
+     "received, that the handler's response was sent (responded) and came (answered, with the "
+     "microseconds since the sending began), that the receiver refused it, or that its sender "
+     "failed and why. The patterns are the shell's, and apply together. PROCESS and THREAD are "
+     "those in which it happened; a handler is shown as its module and the offset in it. Bodies "
+     "are not shown.\n"
+     "Messages are not held up: a monitor that does not keep up misses events, and shows how "
+     "many. Times are local, and UTC in JSON.",
+     listing({{'q', "queue", "GLOB", "only messages to this queue", Kind::queue},
+              {'p', "process", "GLOB", "only what happens in processes of this name"},
+              {0, "handler", "GLOB", "only messages to this handler, such as 'libaudio*'"}}),
+     {},
+     false,
+     {"tamoctl monitor --queue Conference",
+      "tamoctl monitor --json | jq 'select(.event == \"failed\")'"},
+     runMonitor},
     {"call",
      "QUEUE MODULE:FUNCTION [PARAM]",
      "send a message and print its result",

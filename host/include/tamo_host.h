@@ -94,6 +94,53 @@ typedef struct TamoHostQueueInfo {
 uint32_t TamoHostMsgQueues(uint32_t (*visit)(const TamoHostQueueInfo *queue, void *context),
                            void *context);
 
+/* ---- looking on at messages ---- */
+
+typedef enum TamoHostTraceKind {
+    TAMO_HOST_TRACE_SENT = 1,      /* by the sender, into the queue */
+    TAMO_HOST_TRACE_RECEIVED = 2,  /* by the receiver, out of the queue */
+    TAMO_HOST_TRACE_REFUSED = 3,   /* by the receiver; `result` says why, as a TAMO_HOST_ code */
+    TAMO_HOST_TRACE_RESPONDED = 4, /* by the receiver; `result` is the handler's */
+    TAMO_HOST_TRACE_ANSWERED = 5,  /* the sender has the response; `result` is the handler's */
+    TAMO_HOST_TRACE_FAILED = 6     /* the sender gives up; `result` is its TAMO_HOST_ code */
+} TamoHostTraceKind;
+
+/* What became of a message. Texts end with a zero, and hold what their process made of them. */
+typedef struct TamoHostTraceEvent {
+    int64_t timeUs;         /* since 1970 */
+    uint64_t durationNs;    /* of an answered or failed message, since its sending began; else 0 */
+    uint64_t handlerOffset; /* from the beginning of `module` */
+    uint32_t kind;          /* a TamoHostTraceKind */
+    uint32_t pid;           /* the process and thread that this happened in */
+    uint32_t tid;
+    uint32_t peerPid; /* the receiver's events: the sender's process; else 0 */
+    uint32_t serial;  /* same for the events of one message of one thread to one queue; 0: none */
+    uint32_t param;   /* the handler's parameter */
+    uint32_t bodyLength; /* of the message, or of the response where there is one */
+    uint32_t listLength; /* of the response's result list */
+    uint32_t result;
+    uint32_t unused;
+    char queue[16];
+    char process[16]; /* name of the program */
+    char module[32];  /* file name of the handler's module; empty: there is no handler */
+} TamoHostTraceEvent;
+
+/* Looks on at the messages of all processes of the device root. */
+typedef struct TamoHostTrace TamoHostTrace;
+
+/* Begins to look on: events from now on are seen. */
+uint32_t TamoHostTraceOpen(TamoHostTrace **trace);
+
+/* Waits up to `timeoutMs` (0: does not wait, negative: for ever) for the next event.
+ * TAMO_HOST_TIMEOUT when none came. `*missed` is how many events were lost before it, as they came
+ * faster than they were read. Whoever does not call for 10 seconds may miss later events uncounted. One thread at
+ * a time uses a trace. */
+uint32_t TamoHostTraceNext(TamoHostTrace *trace, int32_t timeoutMs, TamoHostTraceEvent *event,
+                           uint64_t *missed);
+
+/* Ends looking on. Null is ignored. */
+void TamoHostTraceClose(TamoHostTrace *trace);
+
 /* ---- configuration service ---- */
 
 /* Calls `visit` for every stored key that matches the shell pattern `glob` (null: all), in order of

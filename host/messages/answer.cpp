@@ -9,6 +9,7 @@
 #include "host/base/log.h"
 #include "host/messages/block.h"
 #include "host/messages/queue.h"
+#include "host/messages/trace.h"
 #include "tamo_os_mem.h"
 
 namespace tamo::messages {
@@ -53,6 +54,16 @@ uint32_t sendResponse(const Message &message, const void *body, uint32_t bodyLen
     if (list.list != nullptr) {
         head.prefix.flags = kHasList;
         head.listLength = list.size;
+    }
+    if (isTraced()) {
+        RecordHead traced = message.record;
+        traced.bodyLength = bodyLength;
+        traced.listLength = head.listLength;
+        const bool hasResult = hasHandler(head.msgId) && bodyLength >= sizeof(BodyHead);
+        trace(TAMO_HOST_TRACE_RESPONDED,
+              {message.header.receiver, &traced, body,
+               static_cast<uint32_t>(message.peer->identity.pid)},
+              hasResult ? readBodyHead(body).result : 0, 0);
     }
     const int error = sendAnswer(message.peer, &head, body, list.list, message.takenNs);
     if (error == 0) {

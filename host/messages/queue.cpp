@@ -15,6 +15,7 @@
 #include "host/base/log.h"
 #include "host/messages/block.h"
 #include "host/messages/deadline.h"
+#include "host/messages/trace.h"
 
 namespace tamo::messages {
 
@@ -29,11 +30,17 @@ bool senderWaits(const RecordHead &head) {
     return (head.prefix.flags & kSenderWaits) != 0;
 }
 
+void tracePeer(TamoHostTraceKind kind, const TamoHostQueue &queue, const Peer &peer,
+               const RecordHead &head, const void *body, uint32_t result) {
+    trace(kind, {queue.name, &head, body, static_cast<uint32_t>(peer.identity.pid)}, result, 0);
+}
+
 /* Refuses one message: its sender learns it at once. */
 void refuse(const TamoHostQueue &queue, Peer *peer, const RecordHead &head, uint32_t reason,
             const char *why) {
     hostRecord(kWarning, kUnit, __LINE__, "a message of process %d to %s was refused: %s",
                static_cast<int>(peer->identity.pid), queue.name, why);
+    tracePeer(TAMO_HOST_TRACE_REFUSED, queue, *peer, head, nullptr, reason);
     if (senderWaits(head)) {
         sendRefusal(peer, head.serial, reason);
     }
@@ -172,11 +179,13 @@ Taken acceptRecord(TamoHostQueue *queue, Peer *peer, Message *message, const uin
     }
     if (!translateBody(queue, *message)) {
         recordMissingHandler(*queue, head);
+        tracePeer(TAMO_HOST_TRACE_REFUSED, *queue, *peer, head, nullptr, TAMO_HOST_REFUSED);
         if (senderWaits(head)) {
             sendRefusal(peer, head.serial, TAMO_HOST_REFUSED);
         }
         return Taken::kSkipped;
     }
+    tracePeer(TAMO_HOST_TRACE_RECEIVED, *queue, *peer, head, message->header.body, 0);
     memcpy(message->header.sender, head.sender, sizeof(message->header.sender));
     memcpy(message->header.receiver, queue->name, sizeof(message->header.receiver));
     measure(queue, message);

@@ -19,6 +19,7 @@
 #include "host/base/device_root.h"
 #include "host/base/fast_tls.h"
 #include "host/base/log.h"
+#include "host/messages/trace.h"
 #include "tamo_host.h"
 
 namespace tamo::messages {
@@ -413,6 +414,7 @@ int submit(Connection *connection, RecordHead *head, const void *body) {
     if ((head->prefix.flags & kSenderWaits) != 0) {
         connection->control->awaited.store(head->serial, std::memory_order_release);
     }
+    trace(TAMO_HOST_TRACE_SENT, {connection->queue, head, body, 0}, 0, 0);
     const bool wakes = connection->requests.publish();
     const bool gone = wakes && sendWakeUp(socket) != 0;
     return gone && !connection->requests.isDrained() ? EPIPE : 0;

@@ -8,6 +8,7 @@
 #include "host/messages/block.h"
 #include "host/messages/handler_address.h"
 #include "host/messages/sender.h"
+#include "host/messages/trace.h"
 #include "tamo_host.h"
 #include "tamo_os_mem.h"
 
@@ -248,6 +249,22 @@ uint32_t receiveResponse(Connection *connection, const Outgoing &request, Deadli
     return result;
 }
 
+/* What the sender has of its message at the end. */
+void traceEnd(const Outgoing &message, const OsMsgHeader *response, uint32_t result,
+              uint64_t beganNs) {
+    RecordHead head = message.head;
+    if (response == nullptr) {
+        trace(TAMO_HOST_TRACE_FAILED, {message.queue, &head, message.header->body, 0}, result,
+              beganNs);
+        return;
+    }
+    head.bodyLength = response->bodyLength;
+    head.listLength = messageOf(const_cast<OsMsgHeader *>(response))->record.listLength;
+    const bool hasResult = hasHandler(head.msgId) && head.bodyLength >= sizeof(BodyHead);
+    trace(TAMO_HOST_TRACE_ANSWERED, {message.queue, &head, response->body, 0},
+          hasResult ? readBodyHead(response->body).result : 0, beganNs);
+}
+
 }  // namespace
 
 }  // namespace tamo::messages
@@ -259,6 +276,7 @@ uint32_t OsMsgSynSend(OsMsgHeader *header, OsMsgHeader **response, uint32_t time
         tamo::hostRecord(tamo::kWarning, kUnit, __LINE__, "there is no place for a response");
         return TAMO_HOST_INVALID;
     }
+    const uint64_t beganNs = beginOfTrace();
     Deadline deadline(timeout);
     Outgoing request;
     uint32_t result = compose(header, kSenderWaits, &request);
@@ -275,6 +293,9 @@ uint32_t OsMsgSynSend(OsMsgHeader *header, OsMsgHeader **response, uint32_t time
     result = deliver(&request, &deadline, &connection);
     if (result == TAMO_HOST_OK) {
         result = receiveResponse(connection, request, &deadline, answer);
+    }
+    if (isTraced()) {
+        traceEnd(request, result == TAMO_HOST_OK ? &answer->header : nullptr, result, beganNs);
     }
     if (result == TAMO_HOST_OK) {
         *response = &answer->header;
@@ -294,6 +315,13 @@ uint32_t OsMsgSynRespFree(OsMsgHeader *response) {
 uint32_t OsMsgAsynSend(OsMsgHeader *header) {
     Outgoing message;
     Connection *connection = nullptr;
-    const uint32_t result = compose(header, 0, &message);
-    return result == TAMO_HOST_OK ? deliver(&message, nullptr, &connection) : result;
+    uint32_t result = compose(header, 0, &message);
+    if (result != TAMO_HOST_OK) {
+        return result;
+    }
+    result = deliver(&message, nullptr, &connection);
+    if (result != TAMO_HOST_OK && isTraced()) {
+        traceEnd(message, nullptr, result, 0);
+    }
+    return result;
 }
