@@ -1,4 +1,5 @@
-/* The address CA directory: CA certificates and revocation lists where OpenSSL looks them up by hash. */
+/* The address CA directory: CA certificates and revocation lists where OpenSSL looks them up by
+ * hash. */
 #include <openssl/pem.h>
 
 #include <cerrno>

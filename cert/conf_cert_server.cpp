@@ -124,8 +124,8 @@ int32_t ConfLoadServerCertificateKeyLess(SSL_CTX *ctx, uint32_t type) {
 
 /* ---- by key ---- */
 
-/* A path that fills its field would run on, at last into the pass phrase: it becomes one that does not
- * open. Cut off, it might be another file's. */
+/* A path that fills its field would run on, at last into the pass phrase: it becomes one that does
+ * not open. Cut off, it might be another file's. */
 void refuseUnterminated(char (&path)[kCertPathSize]) {
     if (memchr(path, '\0', sizeof(path)) == nullptr) {
         path[0] = '\0';
@@ -174,8 +174,8 @@ int32_t ConfLoadServerCertificateByKey(SSL_CTX *ctx, uint32_t type) {
 
 }  // namespace
 
-/* While a certificate is replaced, what the service says of it and the identifier in the table may belong
- * to two certificates for a moment: what fails then is tried again. */
+/* While a certificate is replaced, what the service says of it and the identifier in the table may
+ * belong to two certificates for a moment: what fails then is tried again. */
 int32_t ConfLoadServerCert(SSL_CTX *ctx, uint32_t type) {
     for (;;) {
         const uint32_t before = identifiersSoFar(type);

@@ -174,8 +174,8 @@ void SetCertInfo(uint32_t type, const ConfCertIdBuffer &identifier, Asker asker,
     }
 }
 
-/* Tells of a change of type 0, or remembers it. A callback that is registered meanwhile and the change
- * meet in the flag: whoever takes it down tells. */
+/* Tells of a change of type 0, or remembers it. A callback that is registered meanwhile and the
+ * change meet in the flag: whoever takes it down tells. */
 void tellFirstType() {
     ConfCertChangeCallback callback = changeCallback.load();
     if (callback == nullptr) {

@@ -11,8 +11,8 @@ inline const char *openable(const NativePath &path) {
     return path.get() == nullptr ? "" : path.get();
 }
 
-/* Opens a file for reading; null for one that is not there, and for what would keep a reader waiting or
- * never end: a pipe, a socket, a device. */
+/* Opens a file for reading; null for one that is not there, and for what would keep a reader waiting
+ * or never end: a pipe, a socket, a device. */
 inline BioOwner openPemFile(const char *devicePath) {
     const NativePath path(devicePath);
     struct stat status;

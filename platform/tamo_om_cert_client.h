@@ -6,9 +6,9 @@
  * 2. Results are 0 for success and another value for failure. A caller zeroes every record before
  *    it passes it.
  * 3. Any thread may call any operation. Queries answer as of one moment: contents, sizes, paths and
- *    capability of a certificate that is being replaced are all the old one's or all the new one's. To
- *    a process with a handler they are the new one's on the handler's thread while it is being told,
- *    and on every other thread once the handler has asked for the identifier, or has returned.
+ *    capability of a certificate that is being replaced are all the old one's or all the new one's.
+ *    To a process with a handler they are the new one's on the handler's thread while it is being
+ *    told, and on every other thread once the handler has asked for the identifier, or has returned.
  * 4. Files behind the paths are whole whenever their path has been given out, and open without a
  *    question to a person: an encrypted key without its pass phrase fails the query. */
 #pragma once

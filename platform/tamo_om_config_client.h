@@ -49,33 +49,34 @@ typedef struct ConfConfigChangeList {
     ConfConfigChangeItem *items;
 } ConfConfigChangeList;
 
-/* Receives reports of changes, message id 65536, on the client's own thread; the report is valid until
- * the handler returns. The two reserved words are 0. */
+/* Receives reports of changes, message id 65536, on the client's own thread; the report is valid
+ * until the handler returns. The two reserved words are 0. */
 typedef void (*ConfConfigChangeHandler)(uint32_t msgId, uint32_t reserved1, uint32_t reserved2,
                                         const ConfConfigChangeList *changes);
 
 /* Connects the module of an owner (a process name) to the service; a module that is connected stays
- * so. */
+ * so. Both names have 1 to 63 characters. */
 int32_t TamoOmConfigInit(uint32_t zero, const char *ownerName, const char *moduleName);
 
 /* Makes `handler` the receiver of change reports for a connected module; a later handler replaces
  * it, null removes it.
  *
  * - Every write from now on, of this process or another, makes one report of all keys whose stored
- *   value it changed; a write that changes none makes none. A key that was removed is reported with an
- *   empty value.
- * - Reports come one after the other in the order of the writes, so that the last report of a key is its
- *   last write, and may come before this has returned. None is lost while the process lives, and none
- *   waits for another process than the one that writes; a writer never waits for a handler. A client
- *   that has fallen too far behind may report all keys as they stand in place of what it missed.
+ *   value it changed; a write that changes none makes none. A key that was removed is reported with
+ *   an empty value.
+ * - Reports come one after the other in the order of the writes, so that the last report of a key is
+ *   its last write, and may come before this has returned. None is lost while the process lives, and
+ *   none waits for another process than the one that writes; a writer never waits for a handler. A
+ *   client that has fallen too far behind may report all keys as they stand in place of what it
+ *   missed.
  * - The handler may call every operation of the client.
  * - Another handler that was there before does not run any more once this has returned, unless it is
- *   the one that calls. The same handler stays, and is not waited for. A child of fork has no handlers
- *   until it makes its own the receivers. */
+ *   the one that calls. The same handler stays, and is not waited for. A child of fork has no
+ *   handlers until it makes its own the receivers. */
 int32_t TamoOmConfigNotifyCallback(ConfConfigChangeHandler handler, const char *moduleName);
 
-/* Disconnects a module. Its handler does not run any more once this has returned, unless it is the one
- * that calls: hold no lock here that the handler waits for. */
+/* Disconnects a module. Its handler does not run any more once this has returned, unless it is the
+ * one that calls: hold no lock here that the handler waits for. */
 int32_t TamoOmConfigUnInit(const char *moduleName);
 
 /* Puts a key text and its length into a record; an empty or too long text is refused and the key

@@ -28,6 +28,8 @@ namespace {
 
 using std::string;
 
+constexpr char kNullArgument[] = "a null argument: nothing is changed";
+
 /* ---- server certificates ---- */
 
 /* Puts a link to `version`, or nothing when it is empty, in the entry's place at one moment. */
@@ -93,8 +95,9 @@ void checkServer(const TamoHostCertServer &server, KeyIdentifier *identifier) {
     Passphrase phrase;
     if (server.passphrase != nullptr) {
         const size_t length = strnlen(server.passphrase, sizeof(phrase.text));
-        if (length == 0 || length >= sizeof(phrase.text)) {
-            refuse(TAMO_HOST_INVALID, "the pass phrase must have 1 to %zu characters",
+        if (length == 0 || length >= sizeof(phrase.text) ||
+            strcspn(server.passphrase, "\r\n") != length) {
+            refuse(TAMO_HOST_INVALID, "the pass phrase must have 1 to %zu characters in one line",
                    sizeof(phrase.text) - 1);
         }
         memcpy(phrase.text, server.passphrase, length);
@@ -326,6 +329,9 @@ void installFiles(uint32_t kind, std::span<TamoHostCertFile> files) {
     const char *directory = directoryOf(kind);
     std::set<string> names;
     for (TamoHostCertFile &file : files) {
+        if (file.source == nullptr || file.text == nullptr) {
+            refuse(TAMO_HOST_INVALID, "%s", kNullArgument);
+        }
         checkFile(file, kind == TAMO_HOST_CERT_CRL);
         const string name = installedName(file.source, kind == TAMO_HOST_CERT_CRL);
         (void)snprintf(file.name, sizeof(file.name), "%s", name.c_str());
@@ -352,7 +358,11 @@ void removeFiles(uint32_t kind, std::span<const char *const> names) {
     const WritersTurn turn;
     const Descriptor fresh = openDirectory(kNewDirectory), readers = openDirectory(directory);
     FileMoves moves(fresh.get(), readers.get());
-    for (const string name : names) {
+    for (const char *given : names) {
+        if (given == nullptr) {
+            refuse(TAMO_HOST_INVALID, "%s", kNullArgument);
+        }
+        const string name = given;
         if (name.empty() || name[0] == '.' || name.find('/') != string::npos) {
             refuse(TAMO_HOST_NOT_FOUND,
                    "there is no '%s' to remove: 'tamoctl cert list' shows the names", name.c_str());
@@ -406,7 +416,7 @@ void listFiles(uint32_t kind, Visit visit, void *context) {
 }
 
 uint32_t refuseNull(char *why, uint32_t size) {
-    return tellFault({TAMO_HOST_INVALID, "a null argument: nothing is changed"}, why, size);
+    return tellFault({TAMO_HOST_INVALID, kNullArgument}, why, size);
 }
 
 }  // namespace

@@ -240,7 +240,7 @@ typedef struct TamoHostCertServer {
     uint32_t certId;        /* 257 to 266 */
     const char *chain;      /* the server's own certificate first */
     const char *key;        /* the private key of that certificate */
-    const char *passphrase; /* what opens the key, 1 to 63 bytes; null: it is not encrypted */
+    const char *passphrase; /* what opens the key, a line of 1 to 63 bytes; null: not encrypted */
     const char *extra;      /* the second part, certificates 259 and 260 only; null: none */
     uint32_t extraSize;     /* bytes of `extra`, at most 1 MiB */
     uint8_t inEngine;       /* other than 0: the key stays in the engine */
