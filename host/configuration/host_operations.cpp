@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <optional>
 
 #include "host/base/clock.h"
 #include "host/base/log.h"
@@ -289,11 +290,11 @@ uint32_t TamoHostConfigList(const char *glob,
     if (visit == nullptr) {
         return refuse(__LINE__, "the configuration is not listed: no visitor was given");
     }
-    std::unique_ptr<KeyList> found;
+    std::optional<KeyList> found;
     Attempts attempts(&storeReader, "listing the configuration");
     while (attempts.next()) {
-        found = std::make_unique<KeyList>();
-        attempts.result = collect(&storeReader, glob, found.get());
+        found.emplace();
+        attempts.result = collect(&storeReader, glob, &*found);
     }
     return attempts.code() != TAMO_HOST_OK
                ? attempts.code()
