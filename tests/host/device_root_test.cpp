@@ -96,15 +96,15 @@ TEST_F(DeviceRoot, IsRefusedWhenOthersMayEnterOrOwnItOrItCannotBeUsed) {
         {"/" + std::string(PATH_MAX, 'x'), "shorter", geteuid()},
         {place, other == geteuid() ? "chmod 700" : "belongs to user 0", other},
     };
-    for (const auto &[root, advice, user] : cases) {
-        withRoot(root, [&] {
-            ASSERT_EQ(0, setresuid(user, user, user));
+    for (const auto &each : cases) {
+        withRoot(each.root, [&] {
+            ASSERT_EQ(0, setresuid(each.user, each.user, each.user));
             char path[PATH_MAX];
             EXPECT_EQ(nullptr, tamo::deviceRoot());
             EXPECT_EQ(-1, tamo::rootDirectory("log"));
             EXPECT_FALSE(tamo::nativePath("/data/a", path, sizeof(path)));
             ASSERT_EQ(1U, records.size()) << "the failure is recorded once";
-            EXPECT_NE(std::string::npos, records[0].find(advice)) << records[0];
+            EXPECT_NE(std::string::npos, records[0].find(each.advice)) << records[0];
         });
     }
 }
