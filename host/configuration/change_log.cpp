@@ -39,13 +39,9 @@ constexpr int64_t kLogSize = 4 << 20;
 /* A process trims again when it has noted as much. */
 constexpr int64_t kTrimStep = 64 << 10;
 
-/* Several keys go into a row. What is stored is bound where the writer has it, and copied by SQLite alone.
- */
+/* Several keys go into a row, whose room is made first. */
 constexpr const char *kAppend =
-    "INSERT INTO change SELECT max(number) + ?1, ?2, ?3, ?4, ?5, CAST("
-    "?6 || ?7 || ?8 || ?9 || ?10 || ?11 || ?12 || ?13 || ?14 || ?15 || ?16 || ?17 || ?18 || ?19 || "
-    "?20 || ?21 || ?22 || ?23 || ?24 || ?25 AS BLOB) FROM change";
-constexpr int kFirstText = 6;
+    "INSERT INTO change SELECT max(number) + ?1, ?2, ?3, ?4, ?5, ?6 FROM change";
 constexpr const char *kTrim =
     "DELETE FROM change WHERE number < min((SELECT min(number) FROM change) + ?1,"
     " (SELECT max(number) FROM change) - ?2)";
@@ -93,27 +89,48 @@ int trimLog(Connection *connection) {
     return result;
 }
 
-void bindText(Connection *connection, uint32_t at, const char *text, size_t size) {
-    sqlite3_bind_blob(connection->append, kFirstText + static_cast<int>(at), text,
-                      static_cast<int>(size), SQLITE_STATIC);
+/* Writes what is noted into its row, from where the writer has it: only SQLite copies it. */
+int fillRow(Connection *connection) {
+    Notes *notes = &connection->notes;
+    sqlite3 *database = connection->file.database;
+    sqlite3_blob *records = nullptr;
+    int result = sqlite3_blob_open(database, "main", "change", "records",
+                                   sqlite3_last_insert_rowid(database), 1, &records);
+    int offset = 0;
+    const auto write = [&](const void *bytes, size_t size) {
+        if (result == SQLITE_OK) {
+            result = sqlite3_blob_write(records, bytes, static_cast<int>(size), offset);
+            offset += static_cast<int>(size);
+        }
+    };
+    for (uint32_t at = 0; at < notes->count; at++) {
+        const Note &note = notes->keys[at];
+        write(note.head, note.headLength);
+        write(note.value, note.valueLength);
+        write("", 1);
+    }
+    const int closed = sqlite3_blob_close(records);
+    return result == SQLITE_OK ? closed : result;
 }
 
-/* Appends the row of the keys that are bound. */
+/* Appends the row of the keys that are noted. */
 int appendRow(Connection *connection, bool more) {
     Notes *notes = &connection->notes;
     sqlite3_stmt *append = connection->append;
-    for (uint32_t at = 2 * notes->count; at < 2 * kNotesInRow; at++) {
-        bindText(connection, at, "", 0);
-    }
     sqlite3_bind_int64(append, 1, static_cast<sqlite3_int64>(notes->bytes));
     sqlite3_bind_int(append, 2, more ? 1 : 0);
     sqlite3_bind_int64(append, 3, microsecondsNow());
     sqlite3_bind_int64(append, 4, getpid());
     sqlite3_bind_text(append, 5, program_invocation_short_name, -1, SQLITE_STATIC);
+    sqlite3_bind_zeroblob(append, 6, static_cast<int>(notes->bytes));
+    int result = runStatement(append);
+    if (result == SQLITE_OK) {
+        result = fillRow(connection);
+    }
     connection->notedSinceTrim += static_cast<int64_t>(notes->bytes);
     notes->count = 0;
     notes->bytes = 0;
-    return runStatement(append);
+    return result;
 }
 
 /* The key as it was spelled first. */
@@ -327,17 +344,17 @@ int noteKey(Connection *connection, const char *key, size_t keyLength, const cha
     if (result == SQLITE_OK) {
         result = prepareOnce(connection, kAppend, &connection->append);
     }
-    char(&head)[sizeof(*notes->heads)] = notes->heads[notes->count % kNotesInRow];
-    const size_t headLength = keyLength + 2;
-    if (result != SQLITE_OK || headLength > sizeof(head)) {
+    Note &note = notes->keys[notes->count % kNotesInRow];
+    note.headLength = keyLength + 2;
+    if (result != SQLITE_OK || note.headLength > sizeof(note.head)) {
         return result != SQLITE_OK ? result : SQLITE_TOOBIG;
     }
-    memcpy(head, key, keyLength);
-    head[keyLength] = '\0';
-    head[keyLength + 1] = value == nullptr ? kRemoved : kStored;
-    bindText(connection, 2 * notes->count, head, headLength);
-    bindText(connection, 2 * notes->count + 1, value == nullptr ? "" : value, valueLength + 1);
-    notes->bytes += headLength + valueLength + 1;
+    memcpy(note.head, key, keyLength);
+    note.head[keyLength] = '\0';
+    note.head[keyLength + 1] = value == nullptr ? kRemoved : kStored;
+    note.value = value;
+    note.valueLength = valueLength;
+    notes->bytes += note.headLength + valueLength + 1;
     notes->count++;
     notes->any = true;
     return SQLITE_OK;

@@ -37,14 +37,22 @@
 
 namespace tamo::configuration {
 
-constexpr uint32_t kNotesInRow = 10;
+constexpr uint32_t kNotesInRow = 64;
+
+/* A key that the write under way has stored or removed. */
+struct Note {
+    char head[130]; /* the key, its end, and a mark */
+    size_t headLength;
+    const char *value; /* where the writer has it until the write ends */
+    size_t valueLength;
+};
 
 /* What the write under way notes in the change log. */
 struct Notes {
     bool any = false;
     uint32_t count = 0; /* of the keys for the next row */
     size_t bytes = 0;   /* in it */
-    char heads[kNotesInRow][130];
+    Note keys[kNotesInRow];
 };
 
 struct Connection {
