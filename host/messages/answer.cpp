@@ -23,7 +23,7 @@ int sendAnswer(Peer *peer, RecordHead *head, const void *body, const void *list,
         !peer->socket.isOpen()) {
         return EPIPE;
     }
-    const int error = placeRecord(&peer->responses, peer->socket.get(), head, body, list);
+    const int error = placeRecord(&peer->responses, peer->socket.get(), head, body, list, true);
     if (error != 0) {
         return error;
     }

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <new>
 
 #include "host/base/fast_tls.h"
@@ -49,6 +50,7 @@ Message *allocateMessage() {
     message->takenNs = 0;
     message->waiting.store(false, std::memory_order_relaxed);
     message->allocated = nullptr;
+    message->arrived = 0;
     return message;
 }
 
@@ -73,6 +75,22 @@ void *bodyOf(Message *message) {
     return message->allocated != nullptr ? message->allocated : message->smallBody;
 }
 
+bool takePart(Message *message, const uint8_t *content, uint32_t come) {
+    const uint32_t length = message->record.bodyLength;
+    if (length > sizeof(message->smallBody) && message->allocated == nullptr) {
+        message->allocated = malloc(length);
+        if (message->allocated == nullptr) {
+            return false;
+        }
+    }
+    const uint32_t most = std::min(come, length);
+    const uint32_t more = most > message->arrived ? most - message->arrived : 0;
+    memcpy(static_cast<uint8_t *>(bodyOf(message)) + message->arrived, content + message->arrived,
+           more);
+    message->arrived += more;
+    return more > 0;
+}
+
 const char *takeContent(Message *message, const uint8_t *content, const Descriptor &file,
                         const uint8_t **list) {
     const RecordHead &record = message->record;
@@ -84,13 +102,10 @@ const char *takeContent(Message *message, const uint8_t *content, const Descript
         }
         *list = message->mapped.bytes() + record.bodyLength;
     } else {
-        if (record.bodyLength > sizeof(message->smallBody)) {
-            message->allocated = malloc(record.bodyLength);
-            if (message->allocated == nullptr) {
-                return "there is no memory for it";
-            }
+        (void)takePart(message, content, record.bodyLength);
+        if (message->arrived != record.bodyLength) {
+            return "there is no memory for it";
         }
-        memcpy(bodyOf(message), content, record.bodyLength);
         *list = content + record.bodyLength;
     }
     OsMsgHeader &header = message->header;

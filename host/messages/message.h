@@ -23,6 +23,7 @@ struct Message {
     std::atomic<bool> waiting;
     uint64_t takenNs; /* when it was taken out, by the monotonic clock; 0: it is not measured */
     void *allocated;  /* a body that does not fit below, or null */
+    uint32_t arrived; /* bytes of the body, from the ring */
     Mapping mapped;   /* a body that came in a file */
     RecordHead record;
     alignas(16) uint8_t smallBody[2048];
@@ -40,6 +41,10 @@ inline Message *messageOf(OsMsgHeader *header) {
 
 /* Where a message's own body is, whatever the program makes of the header. */
 void *bodyOf(Message *message);
+
+/* Copies more of a message's body, of which `come` bytes are in the ring by now; false when there was no
+ * more, or is no memory. */
+bool takePart(Message *message, const uint8_t *content, uint32_t come);
 
 /* Gives a message, whose record is checked and copied, its body: from the ring, or from the record's
  * file. `*list` is where the result list is then: in the ring or the file. Null, or what is wrong. */

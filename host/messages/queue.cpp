@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "host/base/clock.h"
 #include "host/base/log.h"
@@ -345,7 +346,8 @@ Taken takeWithin(TamoHostQueue *queue, int32_t timeoutMs, Message **message) {
 Taken takeRecord(TamoHostQueue *queue, Peer *peer, Message **message, const char **fault) {
     RecordHead head;
     const uint8_t *content = nullptr;
-    switch (peer->requests.look(&head, &content)) {
+    const RingReader::Look look = peer->requests.look(&head, &content);
+    switch (look) {
         case RingReader::Look::kEmpty:
             return Taken::kNothing;
         case RingReader::Look::kSegment:
@@ -353,16 +355,30 @@ Taken takeRecord(TamoHostQueue *queue, Peer *peer, Message **message, const char
         case RingReader::Look::kFault:
             *fault = "its ring is damaged";
             return Taken::kFault;
+        case RingReader::Look::kPart:
         case RingReader::Look::kRecord:
             break;
     }
     *fault = head.prefix.kind == kMessage ? faultOfHead(head) : "it answers what nobody asked";
+    Message *taken = std::exchange(peer->arriving, nullptr);
+    if (taken != nullptr && memcmp(&taken->record, &head, sizeof(head)) != 0) {
+        *fault = "its record was changed while it came";
+    }
     if (*fault != nullptr) {
+        releaseMessage(taken);
         return Taken::kFault;
     }
-    Message *taken = allocateMessage();
     if (taken == nullptr) {
-        return Taken::kNoMemory;
+        taken = allocateMessage();
+        if (taken == nullptr) {
+            return Taken::kNoMemory;
+        }
+        taken->record = head;
+    }
+    if (look == RingReader::Look::kPart) {
+        peer->arriving = taken;
+        return takePart(taken, content, peer->requests.hasCome()) ? Taken::kSkipped
+                                                                  : Taken::kNothing;
     }
     Descriptor file;
     Taken result = Taken::kSkipped;
@@ -371,7 +387,6 @@ Taken takeRecord(TamoHostQueue *queue, Peer *peer, Message **message, const char
         result = takeDescriptor(peer, &file);
     }
     if (result == Taken::kSkipped) {
-        taken->record = head;
         result = acceptRecord(queue, peer, taken, content, file);
     }
     if (result == Taken::kMessage) {

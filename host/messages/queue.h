@@ -26,7 +26,8 @@ struct Peer {
 
     /* Of the receiving thread. */
     RingReader requests;
-    uint32_t wakeUps = 0; /* wake-up packets in the socket, or on the way there */
+    Message *arriving = nullptr; /* whose record is not all there yet */
+    uint32_t wakeUps = 0;        /* wake-up packets in the socket, or on the way there */
     bool isAsleep = false;
     bool isReady = false; /* in the queue's list of those that may have messages */
     bool isEnded = false; /* its sender closed: what it published is still taken */

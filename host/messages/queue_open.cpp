@@ -348,6 +348,8 @@ void dropPeer(TamoHostQueue *queue, Peer *peer) {
         queue->lacksSlots = true;
     }
     (void)epoll_ctl(queue->poller.get(), EPOLL_CTL_DEL, peer->socket.get(), nullptr);
+    releaseMessage(peer->arriving);
+    peer->arriving = nullptr;
     {
         const std::lock_guard<std::mutex> lock(peer->answerLock);
         peer->status = nullptr;

@@ -6,12 +6,13 @@
  *
  *  - A record in a ring: a head, the body, and a response's result list. A ring that is full goes on
  *    in another, larger memory file, which the writer passes through the socket; so a queue holds
- *    what conf_msg_api.h promises while an idle connection costs 52 KiB.
+ *    what conf_msg_api.h promises while an idle connection costs 52 KiB. A large record is published in
+ *    parts, which the reader copies out while the writer copies the next ones in.
  *  - A body of more than kRingLimit bytes lies in a sealed memory file of its own, passed through the
  *    socket; its record has only the head. The receiver maps it without a copy.
  *
- * Nothing is received before its record is published, by one store to the ring's `written`, and
- * whatever the record needs from the socket is sent before. So a sender may be killed at any
+ * Nothing is received before its whole record is published, by a last store to the ring's `written`,
+ * and whatever the record needs from the socket is sent before. So a sender may be killed at any
  * instruction: what it published arrives, since the memory belongs to the receiver as well, and of
  * the rest nothing is seen.
  *
@@ -20,7 +21,8 @@
  * of one byte. A receiver polls all its connections through one edge-triggered epoll descriptor and
  * keeps a list of those that may have records, which it serves in turn. Where the program polls the
  * queue's descriptor, an event object in the same epoll set is readable while that list has anybody.
- * A response always comes with a packet, as its sender waits in the socket.
+ * A response always comes with a packet, as its sender waits in the socket; one that is published in
+ * parts has two, at its first part and at its end.
  *
  * Ends. A socket closes with its process: a receiver reads the ring of an ended sender to its end and
  * drops it; a sender looks at its socket with each message that needed no packet. A sender that
@@ -49,7 +51,7 @@
 namespace tamo::messages {
 
 constexpr uint32_t kWireMagic = 0x47534D54; /* "TMSG" */
-constexpr uint8_t kWireVersion = 2;
+constexpr uint8_t kWireVersion = 3;
 constexpr uint8_t kPointerWidth = sizeof(void *);
 
 enum RecordKind : uint8_t {
@@ -63,7 +65,8 @@ enum RecordKind : uint8_t {
 enum RecordFlag : uint8_t {
     kSenderWaits = 1, /* a message that wants a response */
     kHasList = 2,     /* a response with a result list, which may be empty */
-    kInFile = 4       /* body and list are in the next memory file from the socket */
+    kInFile = 4,      /* body and list are in the next memory file from the socket */
+    kInParts = 8      /* the record may be looked at before all of it is published */
 };
 
 /* What each record begins with; padding and segment records have no more. */

@@ -110,12 +110,13 @@ const char *faultOfHead(const RecordHead &head) {
     if ((hasList && head.prefix.kind != kResponse) || (!hasList && head.listLength != 0)) {
         return "it has a result list where none may be";
     }
-    if (head.prefix.size < sizeof(head) + (inFile ? 0 : content) || (inFile && content == 0)) {
+    if (head.prefix.size < sizeof(head) + (inFile ? 0 : content) ||
+        (inFile && (content == 0 || (head.prefix.flags & kInParts) != 0))) {
         return "its length is not what it says";
     }
     if (memchr(head.sender, '\0', sizeof(head.sender)) == nullptr ||
         head.prefix.buildIdLength > kMaxBuildId ||
-        (head.prefix.flags & ~(kSenderWaits | kHasList | kInFile)) != 0) {
+        (head.prefix.flags & ~(kSenderWaits | kHasList | kInFile | kInParts)) != 0) {
         return "it has fields that this version does not know";
     }
     return nullptr;
@@ -306,9 +307,10 @@ int RingWriter::reserve(int socket, uint32_t size, uint8_t **at) {
     }
     if (padding > 0) {
         writePrefix(segment_, written_, padding, kPadding);
+        written_ += padding;
     }
-    reserved_ = padding + size;
-    *at = segment_.bytes + ringOffset(segment_, written_ + padding);
+    reserved_ = size;
+    *at = segment_.bytes + ringOffset(segment_, written_);
     return 0;
 }
 
@@ -335,8 +337,9 @@ int RingWriter::grow(int socket, uint32_t size) {
 
 /* The reader is woken up only here, right before the packet: the packets that a reader counts come
  * before every descriptor that it has not been told of. */
-bool RingWriter::publish() {
-    written_ += reserved_;
+bool RingWriter::publishPart(uint32_t size) {
+    written_ += size;
+    reserved_ -= size;
     segment_.control->written.store(written_, std::memory_order_seq_cst);
     bool wakes = wakesReader(segment_.control);
     if (previous_ != nullptr) {
@@ -355,25 +358,28 @@ bool RingWriter::isDrained() const {
 RingReader::Look RingReader::look(RecordHead *head, const uint8_t **content) {
     for (;;) {
         const uint32_t there = segment_.control->written.load(std::memory_order_acquire) - read_;
+        seen_ = read_;
         if (there == 0) {
             return Look::kEmpty;
         }
         const uint32_t offset = ringOffset(segment_, read_);
-        const uint32_t most = std::min(there, segment_.size - offset);
         if (there > segment_.size || there % 8 != 0) {
             return Look::kFault;
         }
         RecordPrefix prefix;
         memcpy(&prefix, segment_.bytes + offset, sizeof(prefix));
         std::atomic_signal_fence(std::memory_order_seq_cst); /* the copy is what counts from here */
-        if (prefix.size < sizeof(prefix) || prefix.size % 8 != 0 || prefix.size > most) {
+        const bool isWhole = prefix.size <= there;
+        const bool mayComeInParts = (prefix.flags & kInParts) != 0 && there >= sizeof(*head);
+        if (prefix.size < sizeof(prefix) || prefix.size % 8 != 0 ||
+            prefix.size > segment_.size - offset || (!isWhole && !mayComeInParts)) {
             return Look::kFault;
         }
         size_ = prefix.size;
-        if (prefix.kind == kSegment) {
+        if (isWhole && prefix.kind == kSegment) {
             return Look::kSegment;
         }
-        if (prefix.kind == kPadding) {
+        if (isWhole && prefix.kind == kPadding) {
             pass();
             continue;
         }
@@ -384,12 +390,17 @@ RingReader::Look RingReader::look(RecordHead *head, const uint8_t **content) {
         head->prefix = prefix; /* the sender may have changed it since */
         std::atomic_signal_fence(std::memory_order_seq_cst);
         *content = segment_.bytes + offset + sizeof(*head);
+        if (!isWhole) {
+            seen_ = read_ + there;
+            return Look::kPart;
+        }
         return Look::kRecord;
     }
 }
 
 void RingReader::pass() {
     read_ += size_;
+    seen_ = read_;
     segment_.control->consumed.store(read_, std::memory_order_release);
 }
 
@@ -402,15 +413,13 @@ bool RingReader::enter(const Descriptor &file) {
     own_ = std::move(mapping);
     segment_ = wholeFile(own_);
     read_ = 0;
+    seen_ = 0;
     return true;
 }
 
 bool RingReader::sleep() {
     segment_.control->asleep.store(1, std::memory_order_seq_cst);
-    if (segment_.control->written.load(std::memory_order_seq_cst) == read_) {
-        return true;
-    }
-    return false;
+    return segment_.control->written.load(std::memory_order_seq_cst) == seen_;
 }
 
 bool RingReader::wakeUp() {
@@ -418,11 +427,58 @@ bool RingReader::wakeUp() {
 }
 
 bool RingReader::isEmpty() const {
-    return segment_.control->written.load(std::memory_order_acquire) == read_;
+    return segment_.control->written.load(std::memory_order_acquire) == seen_;
 }
 
-int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body,
-                const void *list) {
+namespace {
+
+/* Copies a record's content into the ring, and publishes the parts that more will follow. */
+class Placing {
+  public:
+    Placing(RingWriter *ring, int socket, uint8_t *at, size_t content, bool waits)
+        : ring_(ring), socket_(socket), at_(at), left_(content), packetDue_(waits) {}
+
+    /* 0, or an error number. */
+    int add(const void *bytes, size_t length) {
+        const auto *from = static_cast<const uint8_t *>(bytes);
+        int error = 0;
+        while (length > 0 && error == 0) {
+            const size_t piece = std::min<size_t>(length, kPart);
+            memcpy(at_, from, piece);
+            at_ += piece;
+            from += piece;
+            length -= piece;
+            left_ -= piece;
+            unpublished_ += static_cast<uint32_t>(piece);
+            error = left_ > 0 && unpublished_ >= kPart ? publish() : 0;
+        }
+        return error;
+    }
+
+    /* The reader copies one part while the next is written. */
+    static constexpr uint32_t kPart = 128 << 10;
+
+  private:
+    int publish() {
+        const uint32_t size = unpublished_ / 8 * 8;
+        unpublished_ -= size;
+        const bool wakes = ring_->publishPart(size) || packetDue_;
+        packetDue_ = false;
+        return wakes ? sendWakeUp(socket_) : 0;
+    }
+
+    RingWriter *ring_;
+    int socket_;
+    uint8_t *at_;
+    size_t left_;
+    uint32_t unpublished_ = sizeof(RecordHead);
+    bool packetDue_;
+};
+
+}  // namespace
+
+int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body, const void *list,
+                bool waits) {
     const size_t content = size_t{head->bodyLength} + head->listLength;
     Descriptor file;
     if (content > kRingLimit) {
@@ -431,6 +487,8 @@ int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body
             return error;
         }
         head->prefix.flags |= kInFile;
+    } else if (content > Placing::kPart) {
+        head->prefix.flags |= kInParts;
     }
     const size_t size = (sizeof(*head) + (file.isOpen() ? 0 : content) + 7) / 8 * 8;
     head->prefix.size = static_cast<uint32_t>(size);
@@ -443,13 +501,12 @@ int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body
         return error;
     }
     memcpy(at, head, sizeof(*head));
-    if (!file.isOpen() && head->bodyLength > 0) {
-        memcpy(at + sizeof(*head), body, head->bodyLength);
+    if (!file.isOpen()) {
+        Placing placing(ring, socket, at + sizeof(*head), content, waits);
+        error = placing.add(body, head->bodyLength);
+        error = error != 0 ? error : placing.add(list, head->listLength);
     }
-    if (!file.isOpen() && head->listLength > 0) {
-        memcpy(at + sizeof(*head) + head->bodyLength, list, head->listLength);
-    }
-    return 0;
+    return error;
 }
 
 }  // namespace tamo::messages

@@ -140,7 +140,10 @@ class RingWriter {
     int reserve(int socket, uint32_t size, uint8_t **at);
 
     /* True when the reader sleeps and wants a packet. */
-    bool publish();
+    bool publish() { return publishPart(reserved_); }
+
+    /* Publishes no more than the next `size` bytes, a multiple of 8, of what is reserved. */
+    bool publishPart(uint32_t size);
 
     /* Has the reader taken everything? */
     bool isDrained() const;
@@ -164,18 +167,22 @@ class RingWriter {
 };
 
 /* Puts a record where it is to be published next: body and list into the ring, or into a file that
- * goes ahead through the socket. 0, or an error number as of reserve. */
-int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body, const void *list);
+ * goes ahead through the socket. Of a large one all parts but the last are published here, the first of
+ * them with a packet where the reader `waits` in the socket. 0, or an error number: as of reserve, EPIPE
+ * when the reader is gone. */
+int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body, const void *list,
+                bool waits);
 
 class RingReader {
   public:
-    enum class Look { kRecord, kEmpty, kSegment, kFault };
+    enum class Look { kRecord, kPart, kEmpty, kSegment, kFault };
 
     void begin(const Segment &first) { segment_ = first; }
 
     /* Copies the next record's head, and says where in the ring its content is: as many bytes as the
-     * head says are there. The record stays until pass(). */
+     * head says are there, or with kPart those that hasCome() counts. The record stays until pass(). */
     Look look(RecordHead *head, const uint8_t **content);
+    uint32_t hasCome() const { return seen_ - read_ - uint32_t{sizeof(RecordHead)}; }
     void pass();
 
     /* After kSegment: goes on in the file. */
@@ -194,6 +201,7 @@ class RingReader {
     Mapping own_;
     uint32_t read_ = 0;
     uint32_t size_ = 0; /* of the record that was looked at */
+    uint32_t seen_ = 0; /* there is nothing to take while this is what is written */
 };
 
 }  // namespace tamo::messages

@@ -404,7 +404,7 @@ int submit(Connection *connection, RecordHead *head, const void *body) {
     }
     connection->serial += connection->serial == UINT32_MAX ? 2 : 1; /* never 0 */
     head->serial = connection->serial;
-    const int error = placeRecord(&connection->requests, socket, head, body, nullptr);
+    const int error = placeRecord(&connection->requests, socket, head, body, nullptr, false);
     if (error != 0) {
         return error;
     }
@@ -424,6 +424,7 @@ Arrival awaitAnswer(Connection *connection, const RecordHead &head, Deadline *de
                     Message *answer, const uint8_t **list, const char **fault) {
     RingReader &ring = connection->responses;
     const uint8_t *content = nullptr;
+    bool hasBegun = false;
     for (bool waits = true;;) {
         if (waits) {
             const Arrival arrival = awaitPacket(connection, deadline);
@@ -431,10 +432,24 @@ Arrival awaitAnswer(Connection *connection, const RecordHead &head, Deadline *de
                 return arrival;
             }
         }
-        const RingReader::Look look = ring.look(&answer->record, &content);
-        *fault = look == RingReader::Look::kRecord ? faultOfHead(answer->record)
-                                                   : "its ring or memory file cannot be used";
-        const bool isRecord = look == RingReader::Look::kRecord && *fault == nullptr;
+        RecordHead found;
+        const RingReader::Look look = ring.look(&found, &content);
+        const bool isPart = look == RingReader::Look::kPart;
+        *fault = isPart || look == RingReader::Look::kRecord
+                     ? faultOfHead(found)
+                     : "its ring or memory file cannot be used";
+        if (hasBegun && memcmp(&answer->record, &found, sizeof(found)) != 0) {
+            *fault = "its record was changed while it came";
+        }
+        const bool isRecord = (isPart || look == RingReader::Look::kRecord) && *fault == nullptr;
+        if (isRecord) {
+            answer->record = found;
+        }
+        if (isRecord && isPart) {
+            hasBegun = found.serial == head.serial;
+            waits = !hasBegun || !takePart(answer, content, ring.hasCome());
+            continue;
+        }
         const bool needsFile = look == RingReader::Look::kSegment ||
                                (isRecord && (answer->record.prefix.flags & kInFile) != 0);
         waits = look == RingReader::Look::kEmpty || (needsFile && connection->passedCount == 0);

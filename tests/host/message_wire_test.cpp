@@ -42,7 +42,7 @@ enum At {
     kHead72 = 72
 };
 enum Kind { kMessage = 1, kResponse, kRefusal, kPadding, kSegment };
-enum Flag { kWaits = 1, kHasList = 2, kInFile = 4 };
+enum Flag { kWaits = 1, kHasList = 2, kInFile = 4, kInParts = 8 };
 
 Bytes with(Bytes bytes, size_t at, uint32_t value, size_t size = sizeof(uint32_t)) {
     std::memcpy(&bytes[at], &value, size);
@@ -66,7 +66,7 @@ Bytes withEndlessSender(Bytes bytes) {
     return bytes;
 }
 
-const Bytes kHello = {'T', 'M', 'S', 'G', 2, sizeof(void *), 0, 0, 100, 0, 0, 0};
+const Bytes kHello = {'T', 'M', 'S', 'G', 3, sizeof(void *), 0, 0, 100, 0, 0, 0};
 
 /* A memory file, closed with the object. */
 struct File {
@@ -142,6 +142,10 @@ class Line {
         const uint32_t shown = written_ + more;
         std::memcpy(bytes_ + ring_, &shown, sizeof(shown));
         send({'w'});
+    }
+    /* Changes a published record. */
+    void overwrite(size_t at, uint32_t value) {
+        std::memcpy(bytes_ + data_ + at, &value, sizeof(value));
     }
     /* False at the end of the connection. */
     bool receive() const {
@@ -241,6 +245,7 @@ TEST_F(Wire, ARecordThatLiesIsRefused) {
         {"a long build id", with(good, kIdLengthAt, 21, 1), 0, -1},
         {"a sender without end", withEndlessSender(good), 0, -1},
         {"no file", inFile, 0, -1},
+        {"a file in parts", with(inFile, kFlagsAt, kInFile | kInParts, 1), 0, sealed.descriptor},
         {"no segment", with(with(Bytes(8), 0, 8), kKindAt, kSegment, 1), 0, -1},
         {"a segment that is sealed", with(with(Bytes(8), 0, 8), kKindAt, kSegment, 1), 0,
          sealed.descriptor},
@@ -254,6 +259,27 @@ TEST_F(Wire, ARecordThatLiesIsRefused) {
         line.publish(bytes, more);
         EXPECT_TRUE(queue_.isEmpty()) << what;
         EXPECT_FALSE(line.receive()) << what;
+    }
+    /* Parts: what is not all there is no message, and may not become another one. */
+    for (const bool changes : {false, true}) {
+        Line line;
+        line.hello();
+        const Bytes whole = with(record(kMessage, kInParts, Bytes(4000, 7)), kSerialAt, 1);
+        line.publish(Bytes(whole.begin(), whole.begin() + 2000));
+        EXPECT_TRUE(queue_.isEmpty());
+        if (changes) {
+            line.overwrite(kBodyAt, 100);
+            line.publish(Bytes(8));
+            EXPECT_TRUE(queue_.isEmpty());
+            EXPECT_FALSE(line.receive());
+            continue;
+        }
+        line.publish(Bytes(whole.begin() + 2000, whole.end()));
+        OsMsgHeader *message = queue_.next();
+        ASSERT_NE(message, nullptr);
+        EXPECT_EQ(Bytes(dataOf(message) - kHead, dataOf(message) - kHead + 4000), Bytes(4000, 7));
+        TamoHostMsgFree(message);
+        line.publish(Bytes(whole.begin(), whole.begin() + 2000)); /* and its sender ends */
     }
     /* A file that cannot be used costs its message, not the connection. */
     Line line;
@@ -281,7 +307,7 @@ class RogueReceiver {
         struct stat place = {};
         stat((support::scratchRoot() + "/run").c_str(), &place);
         const uint64_t directory[] = {place.st_dev, place.st_ino};
-        const uint8_t head[] = {'T', 'M', 'S', 'Q', 2, sizeof(void *)};
+        const uint8_t head[] = {'T', 'M', 'S', 'Q', 3, sizeof(void *)};
         std::memcpy(status_, head, sizeof(head));
         std::memcpy(status_ + 16, "rogue", 6);
         std::memcpy(status_ + 32, directory, sizeof(directory));
