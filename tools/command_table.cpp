@@ -19,6 +19,15 @@ const Option kReplaceHelp = {0, "replace", "",
                              "remove the keys that are not in the file; subscribers are told an "
                              "empty value of them"};
 
+/* Which messages. */
+std::vector<Option> choosingMessages(std::vector<Option> own = {}) {
+    own.insert(own.end(),
+               {{'q', "queue", "GLOB", "only messages to this queue", Kind::queue},
+                {'p', "process", "GLOB", "only what happens in processes of this name"},
+                {0, "handler", "GLOB", "only messages to this handler, such as 'libaudio*'"}});
+    return own;
+}
+
 /* What every command has that lists or watches. */
 std::vector<Option> listing(std::vector<Option> own = {}) {
     own.insert(own.end(), {kJson, kCount, kTimeout, kHeader, kFull});
@@ -224,14 +233,35 @@ const Command kProcesses[] = {
      "are not shown.\n"
      "Messages are not held up: a monitor that does not keep up misses events, and shows how "
      "many. Times are local, and UTC in JSON.",
-     listing({{'q', "queue", "GLOB", "only messages to this queue", Kind::queue},
-              {'p', "process", "GLOB", "only what happens in processes of this name"},
-              {0, "handler", "GLOB", "only messages to this handler, such as 'libaudio*'"}}),
+     listing(choosingMessages()),
      {},
      false,
      {"tamoctl monitor --queue Conference",
       "tamoctl monitor --json | jq 'select(.event == \"failed\")'"},
      runMonitor},
+    {"capture",
+     "FILE|-",
+     "write messages as they happen to a file for Wireshark",
+     "Writes what becomes of each message, from now on, until interrupted, as monitor shows it: to "
+     "a file in the form pcapng, or to standard output (-). Wireshark and tshark show every field "
+     "by name, and lead from a request to its answer, with the dissector tamo.lua that is "
+     "installed with tamoctl in share/tamo_host/wireshark.\n"
+     "What was captured can be read while the capture goes on, and after it was killed. Messages "
+     "are not held up: each packet has the number of events that were missed before it.\n"
+     "Packets have no bodies of messages, as the trace has none: they have 128 bytes, and "
+     "--snaplen only makes them shorter. 64 bytes hold the numbers without the names.\n"
+     "The exit status is 3 when the capture ended, by its time or a signal, before COUNT events "
+     "were written.",
+     choosingMessages(
+         {{'s', "snaplen", "BYTES", "write at most so many bytes of each packet (64 or more)"},
+          {'n', "count", "COUNT", "end after COUNT events"},
+          kTimeout}),
+     {Kind::file},
+     false,
+     {"tamoctl capture --queue Conference requests.pcapng",
+      "tamoctl capture - | wireshark -X lua_script:/usr/share/tamo_host/wireshark/tamo.lua -k -i -",
+      "tshark -2 -X lua_script:/usr/share/tamo_host/wireshark/tamo.lua -r requests.pcapng"},
+     runCapture},
     {"call",
      "QUEUE MODULE:FUNCTION [PARAM]",
      "send a message and print its result",

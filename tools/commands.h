@@ -9,7 +9,7 @@ class Arguments;
 using Run = int(const Command &command, const Arguments &arguments);
 
 Run runGet, runSet, runReset, runList;
-Run runWatch, runMonitor;
+Run runWatch, runMonitor, runCapture;
 Run runImport, runExport;
 Run runLog;
 Run runMem, runQueues, runTop;
