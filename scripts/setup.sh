@@ -10,6 +10,7 @@ packages=(
     g++ make cmake ninja-build pkg-config ca-certificates
     libgtest-dev libssl-dev libsqlite3-dev libcjson-dev libtinyxml2-dev libmnl-dev libsmartcols-dev libncurses-dev iproute2
     tmux # a terminal for the test of tamoctl top
+    tshark # shows what tamoctl capture wrote, in its test
     doxygen # the reference of the headers
     dpkg-dev file # Debian packages
     libevent-dev # the benchmark of the timers compares with it

@@ -29,7 +29,7 @@ prefix=$scratch/moved
 mv "$scratch/first" "$prefix"
 grep -rIl "$scratch/first" "$prefix" && fail "these files hold the place of installation"
 for file in bash-completion/completions/tamoctl zsh/vendor-completions/_tamoctl \
-    fish/vendor_completions.d/tamoctl.fish man/man1/tamoctl.1; do
+    fish/vendor_completions.d/tamoctl.fish man/man1/tamoctl.1 tamo_host/wireshark/tamo.lua; do
     [ -s "$prefix/share/$file" ] || fail "$file is not installed"
 done
 mkdir -m 700 "$TAMO_DEVICE_ROOT"
