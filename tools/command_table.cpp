@@ -19,15 +19,6 @@ const Option kReplaceHelp = {0, "replace", "",
                              "remove the keys that are not in the file; subscribers are told an "
                              "empty value of them"};
 
-/* Which messages. */
-std::vector<Option> choosingMessages(std::vector<Option> own = {}) {
-    own.insert(own.end(),
-               {{'q', "queue", "GLOB", "only messages to this queue", Kind::queue},
-                {'p', "process", "GLOB", "only what happens in processes of this name"},
-                {0, "handler", "GLOB", "only messages to this handler, such as 'libaudio*'"}});
-    return own;
-}
-
 /* What every command has that lists or watches. */
 std::vector<Option> listing(std::vector<Option> own = {}) {
     own.insert(own.end(), {kJson, kCount, kTimeout, kHeader, kFull});
@@ -233,7 +224,9 @@ const Command kProcesses[] = {
      "are not shown.\n"
      "Messages are not held up: a monitor that does not keep up misses events, and shows how "
      "many. Times are local, and UTC in JSON.",
-     listing(choosingMessages()),
+     listing({{'q', "queue", "GLOB", "only messages to this queue", Kind::queue},
+              {'p', "process", "GLOB", "only what happens in processes of this name"},
+              {0, "handler", "GLOB", "only messages to this handler, such as 'libaudio*'"}}),
      {},
      false,
      {"tamoctl monitor --queue Conference",
@@ -252,10 +245,12 @@ const Command kProcesses[] = {
      "--snaplen only makes them shorter. 64 bytes hold the numbers without the names.\n"
      "The exit status is 3 when the capture ended, by its time or a signal, before COUNT events "
      "were written.",
-     choosingMessages(
-         {{'s', "snaplen", "BYTES", "write at most so many bytes of each packet (64 or more)"},
-          {'n', "count", "COUNT", "end after COUNT events"},
-          kTimeout}),
+     {{'q', "queue", "GLOB", "only messages to this queue", Kind::queue},
+      {'p', "process", "GLOB", "only what happens in processes of this name"},
+      {0, "handler", "GLOB", "only messages to this handler, such as 'libaudio*+0x*'"},
+      {'s', "snaplen", "BYTES", "write at most so many bytes of each packet (64 or more)"},
+      {'n', "count", "COUNT", "end after COUNT events"},
+      kTimeout},
      {Kind::file},
      false,
      {"tamoctl capture --queue Conference requests.pcapng",

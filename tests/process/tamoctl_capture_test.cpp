@@ -1,17 +1,26 @@
 /* Captures: their reader, and tamoctl capture as tshark shows what it wrote. */
 #include "tools/capture_file.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "include/conf_msg_api.h"
-#include "tests/process/program.h"
+#include "tamo_host.h"
+#include "tests/support/child_process.h"
 #include "tests/support/deadline.h"
 #include "tests/support/scratch_root.h"
 
+using support::Outcome;
+using support::Program;
 using tamoctl::CaptureReader;
 using tamoctl::CaptureStep;
 
@@ -71,8 +80,8 @@ TEST(Capture, IsReadAsFarAsItIsOne) {
         EXPECT_NE(seen.error.find(wanted.error), std::string::npos) << seen.error;
         if (wanted.file == std::string("big_endian")) {
             EXPECT_EQ(seen.lost, 3U);
-            EXPECT_STREQ(seen.last.queue, "");
-            EXPECT_EQ(seen.last.param, 7U);
+            EXPECT_STREQ(seen.last.queue, "Conf"); /* cut */
+            EXPECT_EQ(seen.last.param, 80U);
             EXPECT_EQ(seen.last.timeUs, 1764067200123456);
         }
     }
@@ -96,6 +105,29 @@ TEST(Capture, CutAtAnyByteHasTheEventsBefore) {
     EXPECT_EQ(see(whole).step, CaptureStep::end);
 }
 
+Outcome shell(const std::string &line) {
+    return Program({"sh", "-c", line}).finish();
+}
+
+std::string fileText(const std::string &name) {
+    std::ifstream file(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/* Serves a queue, under a name that would recolour a terminal. */
+const support::ChildRole server("captureServer", [](const support::ChildArguments &arguments) {
+    static char name[] = "\x1b[31mEVIL";
+    program_invocation_short_name = name;
+    TamoHostQueue *queue = nullptr;
+    support::tellParent(TamoHostMsgOpen(arguments[0].c_str(), &queue) == 0 ? "open" : "failed");
+    OsMsgHeader *message = nullptr;
+    while (TamoHostMsgReceive(queue, &message, -1) == TAMO_HOST_OK) {
+        ConfCommMsgProcess(message);
+        TamoHostMsgFree(message);
+    }
+    return 0;
+});
+
 uint32_t addsOne(uint32_t param, void *, uint32_t) {
     return param + 1;
 }
@@ -103,8 +135,7 @@ uint32_t addsOne(uint32_t param, void *, uint32_t) {
 TEST(TamoctlCapture, IsReadByTsharkAfterItWasKilled) {
     const support::ScratchDirectory directory;
     const std::string file = directory.path() + "/capture.pcapng";
-    /* The queue's owner has a name that would recolour a terminal. */
-    support::ChildProcess child("topServer", {"capture.q"});
+    support::ChildProcess child("captureServer", {"capture.q"});
     ASSERT_EQ(child.hear(), "open");
     Program capture({TAMOCTL, "capture", "--queue", "capture*", file});
     const auto waitForBytes = [&](size_t count) {
@@ -134,18 +165,34 @@ TEST(TamoctlCapture, IsReadByTsharkAfterItWasKilled) {
         "-e tamo.result -e tamo.reason -e tamo.request_in -e tamo.response_in";
     const Outcome shown = shell("tshark -2 -X lua_script:" DISSECTOR " -r '" + file +
                                 "' -T fields -E separator=, " + fields + " | sort -n");
-    EXPECT_EQ(shown.output, "");
-    const Outcome columns = shell("tshark -X lua_script:" DISSECTOR " -r '" + file + "' -V");
-    EXPECT_EQ(columns.output, "");
-    EXPECT_EQ(columns.output.find('\x1b'), std::string::npos) << columns.output;
+    EXPECT_EQ(shown.output,
+              "1,sent,capture.q,41,0,,,4\n2,received,capture.q,41,0,,1,\n"
+              "3,responded,capture.q,41,42,,1,\n4,answered,capture.q,41,42,,1,\n"
+              "5,failed,capture.none,1,5,nobody serves the queue,,\n");
+    const std::string plain =
+        shell("for how in '' -V; do tshark $how -X lua_script:" DISSECTOR " -r '" + file +
+              "'; done")
+            .output;
+    EXPECT_NE(plain.find(".[31mEVIL["), std::string::npos) << plain;
+    EXPECT_EQ(plain.find('\x1b'), std::string::npos) << plain;
 }
 
 TEST(TamoctlCapture, EndsByItsCountItsTimeAndWithItsReader) {
-    tryAll({{{"capture"}, 2, "a file is missing"},
-            {{"capture", "--snaplen", "63", "x"}, 2, "must be 64 or more"},
-            {{"capture", "/nowhere/x"}, 1, "cannot write '/nowhere/x'"},
-            {{"capture", "-t", "0.1", "-n", "1", "-"}, 3, ""}});
-    EXPECT_EQ(tamoctl({"capture", "-"}, true).code, 2);
+    const struct {
+        const char *words;
+        int code;
+        const char *error;
+    } cases[] = {{"", 2, "a file is missing"},
+                 {"--snaplen 63 x", 2, "must be 64 or more"},
+                 {"/nowhere/x", 1, "cannot write '/nowhere/x'"},
+                 {"-t 0.1 -n 1 - >/dev/null", 3, ""}};
+    for (const auto &wanted : cases) {
+        const Outcome outcome = shell(std::string(TAMOCTL " capture ") + wanted.words);
+        SCOPED_TRACE(wanted.words + outcome.errors);
+        EXPECT_EQ(outcome.code, wanted.code);
+        EXPECT_NE(outcome.errors.find(wanted.error), std::string::npos);
+    }
+    EXPECT_EQ(Program({TAMOCTL, "capture", "-"}, true).finish().code, 2);
     EXPECT_EQ(shell(TAMOCTL " capture - | head -c 8 | wc -c").output, "8\n");
 }
 
