@@ -178,6 +178,9 @@ TEST(TamoctlCapture, IsReadByTsharkAfterItWasKilled) {
 }
 
 TEST(TamoctlCapture, EndsByItsCountItsTimeAndWithItsReader) {
+    TamoHostTrace *trace = nullptr;
+    ASSERT_EQ(TamoHostTraceOpen(&trace), TAMO_HOST_OK); /* makes the device root */
+    TamoHostTraceClose(trace);
     const struct {
         const char *words;
         int code;
