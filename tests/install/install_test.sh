@@ -59,9 +59,9 @@ if [ -n "$packages" ]; then
 fi
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name conference_common.pc)")
 export PKG_CONFIG_PATH
-read -ra flags <<<"$(pkg-config --cflags --libs conference_common tamo_host)"
+eval "flags=($(pkg-config --cflags --libs conference_common tamo_host))" # it escapes blanks
 "$cc" -std=c11 "$source/consumer/consumer.c" "${flags[@]}" -o "$scratch/consumer_c"
-read -ra flags <<<"$(pkg-config --cflags --libs conference_testkit)"
+eval "flags=($(pkg-config --cflags --libs conference_testkit))"
 "$cxx" -std=c++17 "$source/consumer/testkit.cpp" "${flags[@]}" -o "$scratch/consumer_testkit"
 LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libtamo_host.so)")
 export LD_LIBRARY_PATH

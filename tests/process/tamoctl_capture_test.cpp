@@ -163,14 +163,14 @@ TEST(TamoctlCapture, IsReadByTsharkAfterItWasKilled) {
     const std::string fields =
         "-e frame.number -e tamo.event -e tamo.queue -e tamo.param "
         "-e tamo.result -e tamo.reason -e tamo.request_in -e tamo.response_in";
-    const Outcome shown = shell("tshark -2 -X lua_script:" DISSECTOR " -r '" + file +
+    const Outcome shown = shell("tshark -2 -X 'lua_script:" DISSECTOR "' -r '" + file +
                                 "' -T fields -E separator=, " + fields + " | sort -n");
     EXPECT_EQ(shown.output,
               "1,sent,capture.q,41,0,,,4\n2,received,capture.q,41,0,,1,\n"
               "3,responded,capture.q,41,42,,1,\n4,answered,capture.q,41,42,,1,\n"
               "5,failed,capture.none,1,5,nobody serves the queue,,\n");
     const std::string plain =
-        shell("for how in '' -V; do tshark $how -X lua_script:" DISSECTOR " -r '" + file +
+        shell("for how in '' -V; do tshark $how -X 'lua_script:" DISSECTOR "' -r '" + file +
               "'; done")
             .output;
     EXPECT_NE(plain.find(".[31mEVIL["), std::string::npos) << plain;
@@ -190,13 +190,13 @@ TEST(TamoctlCapture, EndsByItsCountItsTimeAndWithItsReader) {
                  {"/nowhere/x", 1, "cannot write '/nowhere/x'"},
                  {"-t 0.1 -n 1 - >/dev/null", 3, ""}};
     for (const auto &wanted : cases) {
-        const Outcome outcome = shell(std::string(TAMOCTL " capture ") + wanted.words);
+        const Outcome outcome = shell(std::string("'" TAMOCTL "' capture ") + wanted.words);
         SCOPED_TRACE(wanted.words + outcome.errors);
         EXPECT_EQ(outcome.code, wanted.code);
         EXPECT_NE(outcome.errors.find(wanted.error), std::string::npos);
     }
     EXPECT_EQ(Program({TAMOCTL, "capture", "-"}, true).finish().code, 2);
-    EXPECT_EQ(shell(TAMOCTL " capture - | head -c 8 | wc -c").output, "8\n");
+    EXPECT_EQ(shell("'" TAMOCTL "' capture - | head -c 8 | wc -c").output, "8\n");
 }
 
 }  // namespace

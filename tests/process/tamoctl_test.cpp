@@ -390,7 +390,7 @@ TEST(TamoctlCompletion, offersCommandsOptionsKeysAndProcesses) {
         {"tamoctl log --l", nullptr, "--lines\n--level\n"},
         {"tamoctl log --level w", nullptr, "warning\n"},
         {"tamoctl log --level=w", "tamoctl log --level = w", "warning\n"},
-        {"tamoctl import " TAMOCTL_COMPLETION, nullptr, TAMOCTL_COMPLETION "\n"},
+        {"tamoctl import /etc/os-rel", nullptr, "/etc/os-release\n"},
         {"tamoctl watch -t 2 Complete.b", nullptr, "Complete.b\n"},
         {"tamoctl get Complete.a Comp", nullptr, "Complete.a\nComplete.b\n"},
         {"tamoctl get 'Comp", "tamoctl get \\'Comp", "Complete.a\nComplete.b\n"},

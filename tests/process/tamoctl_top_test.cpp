@@ -49,7 +49,7 @@ TEST(TamoctlTop, printsOnceWhatQueuesAndProcessesDo) {
     const std::string pid = std::to_string(child.pid());
     const std::string queue = "{\"kind\":\"queue\",\"name\":\"top.once\",\"pid\":" + pid;
     const Words once = {"top", "--once", "--interval", "0.1"};
-    const std::string lines = shell(TAMOCTL " top --once --json --interval 0.1").output;
+    const std::string lines = shell("'" TAMOCTL "' top --once --json --interval 0.1").output;
     const size_t at = lines.find(queue), median = lines.find("\"medianNs\":", at);
     ASSERT_NE(at, std::string::npos) << lines;
     ASSERT_NE(median, std::string::npos) << "a message that is freed was served: " << lines;
@@ -73,7 +73,8 @@ class Terminal {
     ~Terminal() { tmux("kill-server"); }
 
     std::string tmux(const std::string &words) {
-        return shell("TERM=screen LC_ALL=C.UTF-8 tmux -u -S '" + directory_.path() + "/s' " + words)
+        return shell("PATH='" TAMOCTL_DIRECTORY "':$PATH TERM=screen LC_ALL=C.UTF-8 tmux -u -S '" +
+                     directory_.path() + "/s' " + words)
             .output;
     }
 
@@ -102,7 +103,7 @@ TEST(TamoctlTop, isLiveOnATerminal) {
     }
     support::ChildProcess child("topServer", {"top.live"});
     ASSERT_EQ(child.hear(), "open");
-    Terminal terminal(TAMOCTL " top -i 0.2; echo ended with $?; cat");
+    Terminal terminal("tamoctl top -i 0.2; echo ended with $?; cat");
     EXPECT_TRUE(terminal.shows("sorted by rate")) << terminal.screen;
     EXPECT_TRUE(terminal.shows("top.live")) << terminal.screen;
     EXPECT_TRUE(terminal.shows("\\x1b[31mEVIL")) << terminal.screen;
