@@ -146,9 +146,9 @@ void endLooking() {
 
 int startWatch() {
     if (!endsLooking) {
-        /* What is registered last runs first: OpenSSL registers its end now. */
+        /* OpenSSL calls it before it clears up, whatever the order of exit handlers. */
         (void)OPENSSL_init_crypto(0, nullptr);
-        endsLooking = atexit(endLooking) == 0;
+        endsLooking = OPENSSL_atexit(endLooking) == 1;
     }
     guardForks(ForkStage::kCertificateWatch, {lockAll, unlockAll, afterForkInChild});
     watch = new (std::nothrow) CertWatch;
