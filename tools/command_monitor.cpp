@@ -1,71 +1,14 @@
 /* tamoctl monitor: messages as they happen. */
-#include <fnmatch.h>
-
-#include <cstdio>
-
 #include "commands.h"
 #include "output.h"
 #include "rows.h"
 #include "tamo_host.h"
 #include "tamoctl.h"
+#include "trace_text.h"
 
 namespace tamoctl {
 
 namespace {
-
-const char *nameOfEvent(uint32_t kind) {
-    switch (kind) {
-        case TAMO_HOST_TRACE_SENT:
-            return "sent";
-        case TAMO_HOST_TRACE_RECEIVED:
-            return "received";
-        case TAMO_HOST_TRACE_REFUSED:
-            return "refused";
-        case TAMO_HOST_TRACE_RESPONDED:
-            return "responded";
-        case TAMO_HOST_TRACE_ANSWERED:
-            return "answered";
-        case TAMO_HOST_TRACE_FAILED:
-            return "failed";
-        default:
-            return "unknown";
-    }
-}
-
-std::string reasonText(uint32_t code) {
-    switch (code) {
-        case TAMO_HOST_TIMEOUT:
-            return "time-out";
-        case TAMO_HOST_NO_RECEIVER:
-            return "nobody serves the queue";
-        case TAMO_HOST_QUEUE_FULL:
-            return "queue full";
-        case TAMO_HOST_GONE:
-            return "receiver ended or dropped it";
-        case TAMO_HOST_REFUSED:
-            return "refused";
-        case TAMO_HOST_TOO_LARGE:
-            return "too large";
-        case TAMO_HOST_NO_MEMORY:
-            return "no memory";
-        default:
-            return "error " + std::to_string(code);
-    }
-}
-
-std::string handlerText(const TamoHostTraceEvent &event) {
-    if (event.module[0] == '\0') {
-        return "";
-    }
-    char offset[24];
-    (void)snprintf(offset, sizeof(offset), "+0x%llx",
-                   static_cast<unsigned long long>(event.handlerOffset));
-    return std::string(event.module) + offset;
-}
-
-bool matches(const char *glob, const std::string &text) {
-    return glob == nullptr || fnmatch(glob, text.c_str(), 0) == 0;
-}
 
 Cell durationCell(const TamoHostTraceEvent &event) {
     if (event.durationNs == 0) {
@@ -74,7 +17,8 @@ Cell durationCell(const TamoHostTraceEvent &event) {
     return Cell(event.durationNs / 1000);
 }
 
-std::vector<Cell> rowOf(const TamoHostTraceEvent &event, const std::string &handler) {
+std::vector<Cell> rowOf(const TamoHostTraceEvent &event) {
+    const std::string handler = handlerText(event);
     const bool failed =
         event.kind == TAMO_HOST_TRACE_REFUSED || event.kind == TAMO_HOST_TRACE_FAILED;
     const bool hasResult =
@@ -143,11 +87,8 @@ int runMonitor(const Command &command, const Arguments &arguments) {
             failHost(command, "cannot watch messages any more", result);
         }
         more = missed == 0 || rows.add(missedRow(missed));
-        const std::string handler = handlerText(event);
-        if (more && result == TAMO_HOST_OK && matches(arguments.text("queue"), event.queue) &&
-            matches(arguments.text("process"), event.process) &&
-            matches(arguments.text("handler"), handler)) {
-            more = rows.add(rowOf(event, handler));
+        if (more && result == TAMO_HOST_OK && isWanted(arguments, event)) {
+            more = rows.add(rowOf(event));
         }
     }
     TamoHostTraceClose(trace);

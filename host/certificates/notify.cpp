@@ -146,9 +146,10 @@ void endLooking() {
 
 int startWatch() {
     if (!endsLooking) {
-        /* OpenSSL calls it before it clears up, whatever the order of exit handlers. */
-        (void)OPENSSL_init_crypto(0, nullptr);
-        endsLooking = OPENSSL_atexit(endLooking) == 1;
+        /* What is registered last runs first: OpenSSL registers its end now, unless it is asked for
+         * nothing. */
+        (void)OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+        endsLooking = atexit(endLooking) == 0;
     }
     guardForks(ForkStage::kCertificateWatch, {lockAll, unlockAll, afterForkInChild});
     watch = new (std::nothrow) CertWatch;

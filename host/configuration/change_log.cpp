@@ -98,7 +98,7 @@ int fillRow(Connection *connection) {
                                    sqlite3_last_insert_rowid(database), 1, &records);
     int offset = 0;
     const auto write = [&](const void *bytes, size_t size) {
-        if (result == SQLITE_OK) {
+        if (result == SQLITE_OK && size != 0) {
             result = sqlite3_blob_write(records, bytes, static_cast<int>(size), offset);
             offset += static_cast<int>(size);
         }

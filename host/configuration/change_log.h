@@ -61,7 +61,7 @@ extern const char *const kChangeLogSchema;
 extern const char *const kForgetChanges;
 
 /* Notes in a write's transaction a key that it has changed: with its new value, which must stay until the
- * transaction ends and be terminated, or without one (null) when it was removed. */
+ * transaction ends, or without one (null) when it was removed. */
 int noteKey(Connection *connection, const char *key, size_t keyLength, const char *value,
             size_t valueLength);
 

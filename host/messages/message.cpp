@@ -75,7 +75,7 @@ void *bodyOf(Message *message) {
     return message->allocated != nullptr ? message->allocated : message->smallBody;
 }
 
-bool takePart(Message *message, const uint8_t *content, uint32_t come) {
+bool takePart(Message *message, const uint8_t *content, uint32_t available) {
     const uint32_t length = message->record.bodyLength;
     if (length > sizeof(message->smallBody) && message->allocated == nullptr) {
         message->allocated = malloc(length);
@@ -83,7 +83,7 @@ bool takePart(Message *message, const uint8_t *content, uint32_t come) {
             return false;
         }
     }
-    const uint32_t most = std::min(come, length);
+    const uint32_t most = std::min(available, length);
     const uint32_t more = most > message->arrived ? most - message->arrived : 0;
     memcpy(static_cast<uint8_t *>(bodyOf(message)) + message->arrived, content + message->arrived,
            more);

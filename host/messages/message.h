@@ -42,9 +42,9 @@ inline Message *messageOf(OsMsgHeader *header) {
 /* Where a message's own body is, whatever the program makes of the header. */
 void *bodyOf(Message *message);
 
-/* Copies more of a message's body, of which `come` bytes are in the ring by now; false when there was no
- * more, or is no memory. */
-bool takePart(Message *message, const uint8_t *content, uint32_t come);
+/* Copies more of a message's body, of which `available` bytes are in the ring by now; false when there
+ * were no more, or there is no memory. */
+bool takePart(Message *message, const uint8_t *content, uint32_t available);
 
 /* Gives a message, whose record is checked and copied, its body: from the ring, or from the record's
  * file. `*list` is where the result list is then: in the ring or the file. Null, or what is wrong. */

@@ -377,8 +377,8 @@ Taken takeRecord(TamoHostQueue *queue, Peer *peer, Message **message, const char
     }
     if (look == RingReader::Look::kPart) {
         peer->arriving = taken;
-        return takePart(taken, content, peer->requests.hasCome()) ? Taken::kSkipped
-                                                                  : Taken::kNothing;
+        return takePart(taken, content, peer->requests.available()) ? Taken::kSkipped
+                                                                    : Taken::kNothing;
     }
     Descriptor file;
     Taken result = Taken::kSkipped;

@@ -435,8 +435,8 @@ namespace {
 /* Copies a record's content into the ring, and publishes the parts that more will follow. */
 class Placing {
   public:
-    Placing(RingWriter *ring, int socket, uint8_t *at, size_t content, bool waits)
-        : ring_(ring), socket_(socket), at_(at), left_(content), packetDue_(waits) {}
+    Placing(RingWriter *ring, int socket, uint8_t *at, size_t content, bool readerWaits)
+        : ring_(ring), socket_(socket), at_(at), left_(content), packetDue_(readerWaits) {}
 
     /* 0, or an error number. */
     int add(const void *bytes, size_t length) {
@@ -478,7 +478,7 @@ class Placing {
 }  // namespace
 
 int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body, const void *list,
-                bool waits) {
+                bool readerWaits) {
     const size_t content = size_t{head->bodyLength} + head->listLength;
     Descriptor file;
     if (content > kRingLimit) {
@@ -502,7 +502,7 @@ int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body
     }
     memcpy(at, head, sizeof(*head));
     if (!file.isOpen()) {
-        Placing placing(ring, socket, at + sizeof(*head), content, waits);
+        Placing placing(ring, socket, at + sizeof(*head), content, readerWaits);
         error = placing.add(body, head->bodyLength);
         error = error != 0 ? error : placing.add(list, head->listLength);
     }

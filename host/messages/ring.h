@@ -139,10 +139,10 @@ class RingWriter {
      * takes no more descriptors. */
     int reserve(int socket, uint32_t size, uint8_t **at);
 
-    /* True when the reader sleeps and wants a packet. */
+    /* Shows the reader what is reserved; true when the reader sleeps and wants a packet. */
     bool publish() { return publishPart(reserved_); }
 
-    /* Publishes no more than the next `size` bytes, a multiple of 8, of what is reserved. */
+    /* The same for the next `size` bytes, a multiple of 8, of what is reserved. */
     bool publishPart(uint32_t size);
 
     /* Has the reader taken everything? */
@@ -168,10 +168,10 @@ class RingWriter {
 
 /* Puts a record where it is to be published next: body and list into the ring, or into a file that
  * goes ahead through the socket. Of a large one all parts but the last are published here, the first of
- * them with a packet where the reader `waits` in the socket. 0, or an error number: as of reserve, EPIPE
+ * them with a packet when `readerWaits` in the socket. 0, or an error number: as of reserve, EPIPE
  * when the reader is gone. */
 int placeRecord(RingWriter *ring, int socket, RecordHead *head, const void *body, const void *list,
-                bool waits);
+                bool readerWaits);
 
 class RingReader {
   public:
@@ -180,9 +180,9 @@ class RingReader {
     void begin(const Segment &first) { segment_ = first; }
 
     /* Copies the next record's head, and says where in the ring its content is: as many bytes as the
-     * head says are there, or with kPart those that hasCome() counts. The record stays until pass(). */
+     * head says are there, or with kPart those that available() counts. The record stays until pass(). */
     Look look(RecordHead *head, const uint8_t **content);
-    uint32_t hasCome() const { return seen_ - read_ - uint32_t{sizeof(RecordHead)}; }
+    uint32_t available() const { return seen_ - read_ - uint32_t{sizeof(RecordHead)}; }
     void pass();
 
     /* After kSegment: goes on in the file. */

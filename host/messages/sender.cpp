@@ -432,22 +432,21 @@ Arrival awaitAnswer(Connection *connection, const RecordHead &head, Deadline *de
                 return arrival;
             }
         }
-        RecordHead found;
+        RecordHead found = {};
         const RingReader::Look look = ring.look(&found, &content);
         const bool isPart = look == RingReader::Look::kPart;
-        *fault = isPart || look == RingReader::Look::kRecord
-                     ? faultOfHead(found)
-                     : "its ring or memory file cannot be used";
-        if (hasBegun && memcmp(&answer->record, &found, sizeof(found)) != 0) {
+        const bool hasHead = isPart || look == RingReader::Look::kRecord;
+        *fault = hasHead ? faultOfHead(found) : "its ring or memory file cannot be used";
+        if (hasHead && hasBegun && memcmp(&answer->record, &found, sizeof(found)) != 0) {
             *fault = "its record was changed while it came";
         }
-        const bool isRecord = (isPart || look == RingReader::Look::kRecord) && *fault == nullptr;
+        const bool isRecord = hasHead && *fault == nullptr;
         if (isRecord) {
             answer->record = found;
         }
         if (isRecord && isPart) {
             hasBegun = found.serial == head.serial;
-            waits = !hasBegun || !takePart(answer, content, ring.hasCome());
+            waits = !hasBegun || !takePart(answer, content, ring.available());
             continue;
         }
         const bool needsFile = look == RingReader::Look::kSegment ||

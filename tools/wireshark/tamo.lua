@@ -59,7 +59,8 @@ tamo.experts = { unsuccessful }
 
 -- ---- requests and answers ----
 
-local requests -- by the sender's process, queue and serial: the frame in which it was sent last
+local requests -- by the sender's process, serial and queue, with and without its thread, which the
+               -- receiver's events do not tell: the frame in which it was sent last
 local times, request_of, response_of -- by frame
 
 function tamo.init()
@@ -71,16 +72,17 @@ local function link(frame, event)
     local kind = event.kind
     local is_senders = kind == SENT or kind == ANSWERED or kind == FAILED
     local sender = is_senders and event.pid or event.sender_pid
-    local key = sender .. "/" .. event.serial .. "/" .. event.queue
+    local process_key = sender .. "/" .. event.serial .. "/" .. event.queue
+    local thread_key = event.tid .. "/" .. process_key
     times[frame] = event.time
     if event.serial == 0 then
         return
     end
     if kind == SENT then
-        requests[key] = frame
+        requests[process_key], requests[thread_key] = frame, frame
         return
     end
-    local request = requests[key]
+    local request = requests[is_senders and thread_key or process_key]
     request_of[frame] = request
     if request and is_senders then
         response_of[request] = frame
