@@ -66,7 +66,8 @@ std::future<uint32_t> sendInThread(Bytes body, uint32_t msgId = 1) {
 
 TEST_F(Messages, BodiesOfEverySizeCrossBothWays) {
     const Server server(kQueue);
-    for (uint32_t size : {0U, 1U, 32768U - kHead, 32769U - kHead, 65536U, kMaxData}) {
+    for (uint32_t size : {0U, 1U, 32768U - kHead, 32769U - kHead, 65536U, 131073U - kHead, 576001U,
+                          1310720U - kHead, kMaxData}) {
         Bytes data = pattern(size);
         const Exchange exchange(kQueue, bodyOf(increment, size, data));
         ASSERT_EQ(exchange.result, TAMO_HOST_OK) << size;
@@ -80,7 +81,7 @@ TEST_F(Messages, BodiesOfEverySizeCrossBothWays) {
 
 TEST_F(Messages, AResultListCrossesAndBothSidesReleaseTheirOwn) {
     const Server server(kQueue);
-    for (uint32_t size : {0U, 1152U, 40000U, kLargestList}) {
+    for (uint32_t size : {0U, 1152U, 40000U, 300000U, kLargestList}) {
         const Exchange exchange(kQueue, bodyOf(answerWithList, size, Bytes(kBlock)), 2);
         ASSERT_EQ(exchange.result, TAMO_HOST_OK) << size;
         ASSERT_EQ(listSizeOf(exchange.response), size);
